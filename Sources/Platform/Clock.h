@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace zk {
+
+/// Nanoseconds on a clock that only runs forward, from an origin of the system's choice.
+std::uint64_t monotonicNanoseconds();
+
+/// The same clock, some milliseconds behind and cheaper to read.
+std::uint64_t coarseMonotonicNanoseconds();
+
+/// Microseconds of UTC since 1970.
+std::int64_t wallClockMicroseconds();
+
+/// UTC as year-month-dayThour:minute:second.millisecondsZ, 24 octets, written to `to`.
+/// `microseconds` since 1970; the fraction is rounded down to milliseconds.
+inline constexpr std::size_t timestampLength = 24;
+void writeTimestamp(char* to, std::int64_t microseconds);
+
+/// UTC as "2026-01-31 23:59:59 +0000". `microseconds` since 1970.
+std::string dateText(std::int64_t microseconds);
+
+}  // namespace zk

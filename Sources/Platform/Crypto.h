@@ -1,0 +1,22 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "Platform/Bytes.h"
+
+namespace zk {
+
+using MD5Digest = std::array<std::uint8_t, 16>;
+using SHA1Digest = std::array<std::uint8_t, 20>;
+
+MD5Digest md5(ByteView data);
+
+/// HMAC-SHA1 (RFC 2104) of the parts in order, as if they stood in one piece.
+SHA1Digest hmacSHA1(ByteView key, std::initializer_list<ByteView> parts);
+
+/// Compares without telling by its duration where the first difference is. False for spans of
+/// different sizes.
+bool equalInConstantTime(ByteView a, ByteView b);
+
+}  // namespace zk

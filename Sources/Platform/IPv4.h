@@ -1,0 +1,35 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Platform/Bytes.h"
+
+namespace zk {
+
+using IPv4Octets = std::array<std::uint8_t, 4>;
+
+/// The octets of a dotted-quad text, read leniently: pieces between dots that are empty or not a
+/// decimal number of 0 to 255 are left out, and exactly four must remain. Absent otherwise.
+std::optional<IPv4Octets> parseIPv4(std::string_view text);
+
+/// Whether `text` is a dotted quad in the strict form of inet_pton.
+bool isDottedQuad(const std::string& text);
+
+/// The octets in decimal, joined by dots, without leading zeros. At most 15 characters, so the
+/// text never lives on the heap. `octets` points at four.
+std::string formatIPv4(const std::uint8_t* octets);
+
+/// The socket address of a dotted-quad text and a port; 0.0.0.0 for any other text.
+sockaddr_in socketAddress(const std::string& ip, std::uint16_t port);
+
+/// The address and the port of a socket address, in the form that travels between modules.
+std::string addressText(const sockaddr_in& address);
+std::uint16_t portNumber(const sockaddr_in& address);
+
+}  // namespace zk

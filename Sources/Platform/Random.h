@@ -1,0 +1,25 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+
+namespace zk {
+
+/// Fills `out` from the system's cryptographically secure source. Returns 0, or the system's error
+/// number, with `out` untouched. At most 256 octets.
+int randomBytes(std::span<std::uint8_t> out);
+
+/// Hands out secure random octets in small portions at one system call per 256 of them. Every
+/// octet is handed out once. One thread at a time.
+class RandomPool {
+ public:
+  /// `out`: at most 256 octets. On failure of the source `out` is left as it was.
+  void fill(std::span<std::uint8_t> out);
+
+ private:
+  std::array<std::uint8_t, 256> octets_;
+  std::size_t used_ = octets_.size();
+};
+
+}  // namespace zk

@@ -1,0 +1,119 @@
+#include "ZelkorTURN/TURNMessage.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace zk {
+namespace {
+
+constexpr std::size_t roundedUp(std::size_t length) { return (length + 3) & ~std::size_t{3}; }
+
+}  // namespace
+
+TURNAttribute TURNMessage::Attributes::Iterator::operator*() const {
+  return {readUInt16(rest_, 0), rest_.subspan(attributeHeaderSize, readUInt16(rest_, 2))};
+}
+
+TURNMessage::Attributes::Iterator& TURNMessage::Attributes::Iterator::operator++() {
+  rest_ = rest_.subspan(attributeHeaderSize + roundedUp(readUInt16(rest_, 2)));
+  return *this;
+}
+
+TURNMessage::Attributes::Iterator TURNMessage::Attributes::Iterator::operator++(int) {
+  const Iterator before = *this;
+  ++*this;
+  return before;
+}
+
+TURNMessage::TURNMessage(std::uint16_t withMethod, TURNClass withClass,
+                         const TransactionID& withTxID, std::size_t attributeRoom)
+    : method(withMethod), klass(withClass), txID(withTxID) {
+  if (method >= 0x1000) {
+    std::abort();
+  }
+  section_.reserve(attributeRoom);
+}
+
+std::optional<ByteView> TURNMessage::first(std::uint16_t type) const {
+  for (const TURNAttribute attribute : attributes()) {
+    if (attribute.type == type) {
+      return attribute.value;
+    }
+  }
+  return std::nullopt;
+}
+
+void TURNMessage::append(std::uint16_t type, ByteView value) {
+  const std::size_t at = section_.size();
+  const std::size_t size = at + attributeHeaderSize + roundedUp(value.size());
+  if (size > largestAttributeSection) {
+    throw std::length_error("STUN attribute section over 65535 octets");
+  }
+  section_.resize(at + attributeHeaderSize);
+  writeUInt16(&section_[at], type);
+  writeUInt16(&section_[at + 2], static_cast<std::uint16_t>(value.size()));
+  section_.insert(section_.end(), value.begin(), value.end());
+  section_.resize(size);
+}
+
+std::array<std::uint8_t, TURNMessage::headerSize> TURNMessage::header(
+    std::size_t sectionLength) const {
+  // 0 0 M11 .. M7 C1 M6 M5 M4 C0 M3 .. M0
+  const auto bits = static_cast<unsigned>(klass);
+  const unsigned type = (method & 0xF80U) << 2 | (bits & 0b10) << 7 | (method & 0x070U) << 1 |
+                        (bits & 0b01) << 4 | (method & 0x00FU);
+  std::array<std::uint8_t, headerSize> header;
+  writeUInt16(&header[0], static_cast<std::uint16_t>(type));
+  writeUInt16(&header[2], static_cast<std::uint16_t>(sectionLength));
+  std::copy(magicCookie.begin(), magicCookie.end(), header.begin() + 4);
+  std::copy(txID.begin(), txID.end(), header.begin() + 8);
+  return header;
+}
+
+Bytes TURNMessage::encode() const {
+  const auto head = header(section_.size());
+  Bytes wire;
+  wire.reserve(head.size() + section_.size());
+  wire.insert(wire.end(), head.begin(), head.end());
+  wire.insert(wire.end(), section_.begin(), section_.end());
+  return wire;
+}
+
+std::optional<TURNMessage> TURNMessage::decode(ByteView datagram) {
+  if (datagram.size() < headerSize ||
+      !std::equal(magicCookie.begin(), magicCookie.end(), datagram.begin() + 4) ||
+      datagram[0] > 0x3F) {
+    return std::nullopt;
+  }
+  const unsigned byte0 = datagram[0];
+  const unsigned byte1 = datagram[1];
+  const std::size_t length = readUInt16(datagram, 2);
+  if (datagram.size() < headerSize + length) {
+    return std::nullopt;
+  }
+  TransactionID txID;
+  std::copy_n(datagram.begin() + 8, txID.size(), txID.begin());
+  TURNMessage message(
+      static_cast<std::uint16_t>((byte0 << 6 & 0xF80) | (byte1 >> 1 & 0x70) | (byte1 & 0x0F)),
+      static_cast<TURNClass>((byte0 & 1) << 1 | (byte1 >> 4 & 1)), txID, roundedUp(length));
+
+  ByteView rest = datagram.subspan(headerSize, length);
+  while (rest.size() >= attributeHeaderSize) {
+    const std::size_t valueLength = readUInt16(rest, 2);
+    if (attributeHeaderSize + valueLength > rest.size()) {
+      return std::nullopt;
+    }
+    // A section of 65533 to 65535 octets whose last padding was left out has no padded form that
+    // fits a length field. No datagram holds that much.
+    if (message.section_.size() + attributeHeaderSize + roundedUp(valueLength) >
+        largestAttributeSection) {
+      return std::nullopt;
+    }
+    message.append(readUInt16(rest, 0), rest.subspan(attributeHeaderSize, valueLength));
+    rest = rest.subspan(std::min(rest.size(), attributeHeaderSize + roundedUp(valueLength)));
+  }
+  return message;
+}
+
+}  // namespace zk

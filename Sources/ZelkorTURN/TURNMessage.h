@@ -1,0 +1,127 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <iterator>
+#include <optional>
+
+#include "Platform/Bytes.h"
+
+namespace zk {
+
+/// STUN methods of TURN (RFC 5766 section 13).
+namespace TURNMethod {
+inline constexpr std::uint16_t allocate = 0x003;
+inline constexpr std::uint16_t refresh = 0x004;
+inline constexpr std::uint16_t send = 0x006;
+inline constexpr std::uint16_t dataMsg = 0x007;
+inline constexpr std::uint16_t createPermission = 0x008;
+inline constexpr std::uint16_t channelBind = 0x009;
+}  // namespace TURNMethod
+
+/// Attribute types (RFC 5389 section 18.2, RFC 5766 section 14). Nothing else is read or written:
+/// neither FINGERPRINT nor SOFTWARE nor ALTERNATE-SERVER.
+namespace TURNAttr {
+inline constexpr std::uint16_t username = 0x0006;
+inline constexpr std::uint16_t messageIntegrity = 0x0008;
+inline constexpr std::uint16_t errorCode = 0x0009;
+inline constexpr std::uint16_t channelNumber = 0x000C;
+inline constexpr std::uint16_t lifetime = 0x000D;
+inline constexpr std::uint16_t xorPeerAddress = 0x0012;
+inline constexpr std::uint16_t data = 0x0013;
+inline constexpr std::uint16_t realm = 0x0014;
+inline constexpr std::uint16_t nonce = 0x0015;
+inline constexpr std::uint16_t xorRelayedAddress = 0x0016;
+inline constexpr std::uint16_t requestedTransport = 0x0019;
+inline constexpr std::uint16_t xorMappedAddress = 0x0020;
+}  // namespace TURNAttr
+
+/// Message classes; the values are the class bits C1 C0 (RFC 5389 section 6).
+enum class TURNClass : std::uint8_t {
+  request = 0b00,
+  indication = 0b01,
+  successResponse = 0b10,
+  errorResponse = 0b11,
+};
+
+using TransactionID = std::array<std::uint8_t, 12>;
+
+/// One attribute of a message: its type and its value without padding. The value belongs to the
+/// message.
+struct TURNAttribute {
+  std::uint16_t type = 0;
+  ByteView value;
+};
+
+/// One STUN or TURN message (RFC 5389 section 6): a plain value. Attribute values are opaque here.
+///
+/// The attributes are kept as the attribute section that goes on the wire, so that a message with
+/// any number of them costs one allocation, and what is signed is what is sent.
+class TURNMessage {
+ public:
+  static constexpr std::size_t headerSize = 20;
+  static constexpr std::size_t attributeHeaderSize = 4;
+  static constexpr std::array<std::uint8_t, 4> magicCookie{0x21, 0x12, 0xA4, 0x42};
+  /// What fits the 16-bit length field of the header.
+  static constexpr std::size_t largestAttributeSection = 65535;
+
+  /// The attributes in wire order, duplicates and unknown types included.
+  class Attributes {
+   public:
+    class Iterator {
+     public:
+      using value_type = TURNAttribute;
+      using difference_type = std::ptrdiff_t;
+      explicit Iterator(ByteView rest) : rest_(rest) {}
+      TURNAttribute operator*() const;
+      Iterator& operator++();
+      Iterator operator++(int);
+      bool operator==(std::default_sentinel_t) const { return rest_.empty(); }
+
+     private:
+      ByteView rest_;
+    };
+    explicit Attributes(ByteView section) : section_(section) {}
+    Iterator begin() const { return Iterator(section_); }
+    std::default_sentinel_t end() const { return {}; }
+
+   private:
+    ByteView section_;
+  };
+
+  std::uint16_t method;
+  TURNClass klass;
+  TransactionID txID;
+
+  /// A message without attributes. A method of 0x1000 or more is a programming error and stops the
+  /// process. `attributeRoom`: octets of attribute section to reserve.
+  TURNMessage(std::uint16_t withMethod, TURNClass withClass, const TransactionID& withTxID,
+              std::size_t attributeRoom = 0);
+
+  Attributes attributes() const { return Attributes(section_); }
+  /// The value of the first attribute of that type; absent when there is none.
+  std::optional<ByteView> first(std::uint16_t type) const;
+  /// Adds an attribute behind the others. Throws std::length_error when the attribute section would
+  /// pass 65535 octets, so that what encode() writes always has a true length field.
+  void append(std::uint16_t type, ByteView value);
+
+  /// The attribute section as it stands on the wire: type, length, value, zero padding to 4.
+  ByteView attributeSection() const { return section_; }
+  /// The header in front of an attribute section of that length, which may count attributes that
+  /// are yet to come.
+  std::array<std::uint8_t, headerSize> header(std::size_t sectionLength) const;
+
+  /// The wire form.
+  Bytes encode() const;
+  /// The message in one datagram; absent when it is not an acceptable one, with no reason given.
+  /// Octets behind the declared length are ignored, and so is padding that is missing at the end.
+  static std::optional<TURNMessage> decode(ByteView datagram);
+
+  /// Same header fields, same attributes in the same order.
+  bool operator==(const TURNMessage&) const = default;
+
+ private:
+  Bytes section_;
+};
+
+}  // namespace zk

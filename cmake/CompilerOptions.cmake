@@ -1,0 +1,29 @@
+# Warnings, sanitizers and hardening for every target of the project.
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+if(ZK_WARNINGS_AS_ERRORS)
+  add_compile_options(-Werror)
+endif()
+
+if(ZK_SANITIZE)
+  add_compile_options(-fsanitize=${ZK_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${ZK_SANITIZE})
+endif()
+
+# The daemon reads what strangers send: whatever the compiler and the linker can make harder to
+# abuse, they do. _FORTIFY_SOURCE needs optimisation and gets in the sanitizers' way.
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+include(CheckPIESupported)
+check_pie_supported()
+add_compile_options(-fstack-protector-strong)
+add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+include(CheckCXXCompilerFlag)
+check_cxx_compiler_flag(-fcf-protection=full ZK_HAS_CF_PROTECTION)
+if(ZK_HAS_CF_PROTECTION)
+  add_compile_options(-fcf-protection=full)
+endif()
+if(NOT ZK_SANITIZE)
+  add_compile_options($<$<CONFIG:Release>:-U_FORTIFY_SOURCE>
+                      $<$<CONFIG:Release>:-D_FORTIFY_SOURCE=2>
+                      $<$<CONFIG:Release>:-D_GLIBCXX_ASSERTIONS>)
+endif()
