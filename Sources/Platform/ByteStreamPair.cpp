@@ -1,11 +1,11 @@
 #include "Platform/ByteStreamPair.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+
+#include <poll.h>
+#include <sys/socket.h>
 
 #include "Platform/Sockets.h"
 
@@ -30,7 +30,9 @@ std::unique_ptr<ByteStreamPair> ByteStreamPair::create(int socket) {
   return std::unique_ptr<ByteStreamPair>(new ByteStreamPair(socket));
 }
 
-ByteStreamPair::~ByteStreamPair() { close(); }
+ByteStreamPair::~ByteStreamPair() {
+  close();
+}
 
 void ByteStreamPair::open() {
   const int error = pendingError(socket_);

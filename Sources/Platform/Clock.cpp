@@ -32,9 +32,13 @@ void writeDigits(char* to, int digits, int value) {
 
 }  // namespace
 
-std::uint64_t monotonicNanoseconds() { return nanosecondsOf(CLOCK_MONOTONIC); }
+std::uint64_t monotonicNanoseconds() {
+  return nanosecondsOf(CLOCK_MONOTONIC);
+}
 
-std::uint64_t coarseMonotonicNanoseconds() { return nanosecondsOf(CLOCK_MONOTONIC_COARSE); }
+std::uint64_t coarseMonotonicNanoseconds() {
+  return nanosecondsOf(CLOCK_MONOTONIC_COARSE);
+}
 
 std::int64_t wallClockMicroseconds() {
   timespec now{};

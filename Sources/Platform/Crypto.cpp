@@ -1,12 +1,12 @@
 #include "Platform/Crypto.h"
 
+#include <cstdlib>
+#include <memory>
+
+#include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/params.h>
-#include <openssl/core_names.h>
-
-#include <cstdlib>
-#include <memory>
 
 namespace zk {
 namespace {
@@ -52,8 +52,7 @@ SHA1Digest hmacSHA1(ByteView key, std::initializer_list<ByteView> parts) {
   SHA1Digest digest;
   std::size_t length = 0;
   const Context context(EVP_MAC_CTX_dup(hmacTemplate()));
-  require(context != nullptr &&
-          EVP_MAC_init(context.get(), key.data(), key.size(), nullptr) == 1);
+  require(context != nullptr && EVP_MAC_init(context.get(), key.data(), key.size(), nullptr) == 1);
   for (const ByteView part : parts) {
     require(EVP_MAC_update(context.get(), part.data(), part.size()) == 1);
   }

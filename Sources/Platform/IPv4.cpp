@@ -1,9 +1,9 @@
 #include "Platform/IPv4.h"
 
-#include <arpa/inet.h>
-
 #include <charconv>
 #include <cstring>
+
+#include <arpa/inet.h>
 
 namespace zk {
 
@@ -37,15 +37,21 @@ bool isDottedQuad(const std::string& text) {
 }
 
 std::string formatIPv4(const std::uint8_t* octets) {
-  char text[16];
-  char* at = text;
+  std::string text;
   for (int i = 0; i < 4; ++i) {
+    const unsigned octet = octets[i];
     if (i > 0) {
-      *at++ = '.';
+      text += '.';
     }
-    at = std::to_chars(at, text + sizeof text, octets[i]).ptr;
+    if (octet >= 100) {
+      text += static_cast<char>('0' + octet / 100);
+    }
+    if (octet >= 10) {
+      text += static_cast<char>('0' + octet / 10 % 10);
+    }
+    text += static_cast<char>('0' + octet % 10);
   }
-  return {text, static_cast<std::size_t>(at - text)};
+  return text;
 }
 
 sockaddr_in socketAddress(const std::string& ip, std::uint16_t port) {
@@ -62,6 +68,8 @@ std::string addressText(const sockaddr_in& address) {
   return formatIPv4(octets);
 }
 
-std::uint16_t portNumber(const sockaddr_in& address) { return ntohs(address.sin_port); }
+std::uint16_t portNumber(const sockaddr_in& address) {
+  return ntohs(address.sin_port);
+}
 
 }  // namespace zk

@@ -1,12 +1,12 @@
 #pragma once
 
-#include <netinet/in.h>
-
 #include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include <netinet/in.h>
 
 #include "Platform/Bytes.h"
 

@@ -1,5 +1,7 @@
 #include "Platform/LogFile.h"
 
+#include <cerrno>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,10 +21,18 @@ void writeText(int file, std::string_view text) {
 
 }  // namespace
 
-int openLogFile(const char* path, mode_t mode, LogPosition position) {
-  const int append = position == LogPosition::append ? O_APPEND : 0;
-  const int file = open(
-      path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | append, mode);
+int openLogFile(const char* path, LogPosition position, LogFileMode mode) {
+  const int flags = O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY |
+                    (position == LogPosition::append ? O_APPEND : 0);
+  // Creating is a second step: in a sticky directory the system may refuse O_CREAT on a file of
+  // somebody else's that can be written.
+  int file = open(path, flags);
+  if (file < 0 && errno == ENOENT) {
+    file = open(path, flags | O_CREAT | O_EXCL, mode.bits);
+    if (file >= 0 && mode.ignoresUmask) {
+      fchmod(file, mode.bits);
+    }
+  }
   struct stat status {};
   if (file >= 0 && (fstat(file, &status) != 0 || !S_ISREG(status.st_mode))) {
     close(file);
@@ -34,8 +44,8 @@ int openLogFile(const char* path, mode_t mode, LogPosition position) {
   return file;
 }
 
-void appendToFile(const char* path, mode_t mode, std::string_view text) {
-  const int file = openLogFile(path, mode, LogPosition::append);
+void appendToFile(const char* path, std::string_view text, LogFileMode mode) {
+  const int file = openLogFile(path, LogPosition::append, mode);
   if (file >= 0) {
     writeText(file, text);
     close(file);
@@ -63,7 +73,7 @@ void KeptLogFile::reopenIfReplaced() {
       atPath.st_ino == ours.st_ino && atPath.st_dev == ours.st_dev) {
     return;
   }
-  const int opened = openLogFile(path_, 0666, LogPosition::append);
+  const int opened = openLogFile(path_, LogPosition::append);
   if (kept < 0) {
     file_ = opened;
   } else if (opened >= 0) {

@@ -1,25 +1,31 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstdint>
 #include <string>
 #include <string_view>
+
+#include <sys/types.h>
 
 namespace zk {
 
 /// Whether a freshly opened log file appends by itself or writes on from where its end was.
 enum class LogPosition { append, endAtOpening };
 
-/// Opens a log file for writing, creating it with `mode` (less the umask) when there is none. -1
-/// when that fails. Log paths lie in a directory that everybody can write: a link, a pipe or a
-/// device in the file's place is refused, as it would send the lines, or hang the caller, where
-/// somebody else chose.
-int openLogFile(const char* path, mode_t mode, LogPosition position);
+/// Permission bits of a log file that is created: the default for new files, or bits that hold
+/// whatever the umask says.
+struct LogFileMode {
+  mode_t bits = 0666;
+  bool ignoresUmask = false;
+};
+
+/// Opens a log file for writing, creating it when there is none. -1 when that fails. Log paths lie
+/// in a directory that everybody can write: a link, a pipe or a device in the file's place is
+/// refused, as it would send the lines, or hang the caller, where somebody else chose.
+int openLogFile(const char* path, LogPosition position, LogFileMode mode = {});
 
 /// Opens `path`, writes `text` at its end in one write, and closes it. Failures drop the text.
-void appendToFile(const char* path, mode_t mode, std::string_view text);
+void appendToFile(const char* path, std::string_view text, LogFileMode mode = {});
 
 /// A log file whose descriptor is kept between lines, since opening and closing it would cost
 /// several times the line itself. That the path names another file by now (the log was removed,

@@ -1,9 +1,5 @@
 #include "Platform/MainLoop.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <unistd.h>
-
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -11,6 +7,10 @@
 #include <map>
 #include <mutex>
 #include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
 
 namespace zk {
 namespace {
@@ -22,8 +22,8 @@ int wakeUpReader = -1;
 std::array<std::atomic<bool>, NSIG> raised{};
 
 std::mutex actionsLock;
-std::vector<std::function<void()>> actions;             // guarded by actionsLock
-std::map<int, std::function<void()>> handlers;          // the loop's thread only
+std::vector<std::function<void()>> actions;     // guarded by actionsLock
+std::map<int, std::function<void()>> handlers;  // the loop's thread only
 
 void wakeUp() {
   const std::uint8_t octet = 0;

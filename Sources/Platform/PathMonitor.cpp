@@ -1,12 +1,5 @@
 #include "Platform/PathMonitor.h"
 
-#include <linux/if_arp.h>
-#include <linux/netlink.h>
-#include <linux/rtnetlink.h>
-#include <linux/if.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -15,6 +8,13 @@
 #include <mutex>
 #include <optional>
 #include <string_view>
+
+#include <linux/if.h>
+#include <linux/if_arp.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "Platform/Sockets.h"
 

@@ -1,6 +1,7 @@
 #include "Platform/Process.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -20,6 +21,10 @@ void raiseDescriptorLimit() {
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
   }
+}
+
+void returnFreedMemory() {
+  malloc_trim(0);
 }
 
 }  // namespace zk

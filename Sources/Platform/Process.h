@@ -11,4 +11,7 @@ void tidyInheritedDescriptors();
 /// soft limit of 1024 would end it at about 500 of them.
 void raiseDescriptorLimit();
 
+/// Gives memory that was freed back to the system, after a structure has shrunk by much.
+void returnFreedMemory();
+
 }  // namespace zk

@@ -1,9 +1,9 @@
 #include "Platform/Random.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
+
+#include <unistd.h>
 
 namespace zk {
 

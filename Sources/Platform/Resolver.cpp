@@ -1,9 +1,9 @@
 #include "Platform/Resolver.h"
 
-#include <netdb.h>
-
 #include <algorithm>
 #include <cstring>
+
+#include <netdb.h>
 
 namespace zk {
 namespace {
@@ -15,7 +15,10 @@ Resolution resolve(const std::string& host, const std::string& port, int family,
   hints.ai_socktype = type;
   hints.ai_protocol = protocol;
   addrinfo* list = nullptr;
-  const int code = getaddrinfo(host.c_str(), port.c_str(), &hints, &list);
+  // The resolver would read a name with a NUL in it as the shorter name in front of the NUL.
+  const int code = host.find('\0') == std::string::npos
+                       ? getaddrinfo(host.c_str(), port.c_str(), &hints, &list)
+                       : EAI_NONAME;
   Resolution result;
   if (code == 0) {
     for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <string>
 #include <vector>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 namespace zk {
 

@@ -1,25 +1,29 @@
 #include "Platform/Sockets.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
 #include <net/if.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <system_error>
-
 #include "Platform/Clock.h"
 
 namespace zk {
 
-std::string errorText(int error) { return std::generic_category().message(error); }
+std::string errorText(int error) {
+  return std::generic_category().message(error);
+}
 
 int openSocket(int family, int type, int protocol) {
   return socket(family, type | SOCK_CLOEXEC, protocol);
 }
 
-int openUDPSocket() { return openSocket(AF_INET, SOCK_DGRAM, IPPROTO_UDP); }
+int openUDPSocket() {
+  return openSocket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+}
 
 bool bindSocket(int socket, const sockaddr_in& address) {
   return bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
@@ -37,7 +41,9 @@ bool pinToInterface(int socket, unsigned interfaceIndex) {
   return setsockopt(socket, SOL_SOCKET, SO_BINDTOIFINDEX, &index, sizeof index) == 0;
 }
 
-unsigned interfaceIndex(const std::string& name) { return if_nametoindex(name.c_str()); }
+unsigned interfaceIndex(const std::string& name) {
+  return if_nametoindex(name.c_str());
+}
 
 std::ptrdiff_t sendDatagram(int socket, ByteView datagram, const sockaddr_in& to) {
   ssize_t sent = 0;
@@ -48,9 +54,13 @@ std::ptrdiff_t sendDatagram(int socket, ByteView datagram, const sockaddr_in& to
   return sent;
 }
 
-void shutdownSocket(int socket) { shutdown(socket, SHUT_RDWR); }
+void shutdownSocket(int socket) {
+  shutdown(socket, SHUT_RDWR);
+}
 
-void closeSocket(int socket) { close(socket); }
+void closeSocket(int socket) {
+  close(socket);
+}
 
 int pollSocket(int socket, short events, int milliseconds) {
   const std::uint64_t deadline =

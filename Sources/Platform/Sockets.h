@@ -1,9 +1,9 @@
 #pragma once
 
-#include <netinet/in.h>
-
 #include <cstdint>
 #include <string>
+
+#include <netinet/in.h>
 
 #include "Platform/Bytes.h"
 

@@ -19,8 +19,8 @@ class Task {
   Task() = default;
 
   template <typename F>
-    requires(!std::is_same_v<std::remove_cvref_t<F>, Task>)
-  Task(F&& function) {  // NOLINT: implicit, as with std::function
+  requires(!std::is_same_v<std::remove_cvref_t<F>, Task>)
+      Task(F&& function) {  // NOLINT: implicit, as with std::function
     using Stored = std::remove_cvref_t<F>;
     static_assert(sizeof(Stored) <= capacity, "raise Task::capacity");
     static_assert(alignof(Stored) <= alignof(std::max_align_t));

@@ -1,11 +1,11 @@
 #include "Platform/UDPConnection.h"
 
-#include <sys/socket.h>
-
 #include <cerrno>
 #include <mutex>
 #include <system_error>
 #include <thread>
+
+#include <sys/socket.h>
 
 #include "Platform/Resolver.h"
 #include "Platform/Sockets.h"
@@ -61,7 +61,9 @@ UDPConnection::UDPConnection(std::string host, std::uint16_t port)
   shared_->port = port;
 }
 
-UDPConnection::~UDPConnection() { cancel(); }
+UDPConnection::~UDPConnection() {
+  cancel();
+}
 
 void UDPConnection::start(std::shared_ptr<SerialQueue> queue, StateHandler handler) {
   shared_->queue = std::move(queue);
@@ -92,32 +94,36 @@ void UDPConnection::send(Bytes datagram, SendHandler completion) {
 void UDPConnection::receive(ReceiveHandler handler) {
   const std::lock_guard guard(shared_->lock);
   if (shared_->cancelled) {
-    shared_->queue->async([report = std::move(handler)] {
-      report(std::nullopt, errorText(ECANCELED));
-    });
+    shared_->queue->async(
+        [report = std::move(handler)] { report(std::nullopt, errorText(ECANCELED)); });
     return;
   }
   // The thread borrows what it needs: it is joined before any of it goes.
   const int socket = shared_->socket;
-  shared_->receiver = startThread(
-      "zk.udp.receive", [socket, queue = shared_->queue, report = std::move(handler)] {
-        Bytes datagram(largestDatagram);
-        ssize_t received = 0;
-        do {
-          received = recv(socket, datagram.data(), datagram.size(), 0);
-        } while (received < 0 && errno == EINTR);
-        Error error;
-        std::optional<Bytes> data;
-        if (received < 0) {
-          error = errorText(errno);
-        } else {
-          datagram.resize(static_cast<std::size_t>(received));
-          data = std::move(datagram);
-        }
-        queue->async([report, data = std::move(data), error = std::move(error)] {
-          report(data, error);
+  try {
+    shared_->receiver =
+        startThread("zk.udp.receive", [socket, queue = shared_->queue, report = handler] {
+          Bytes datagram(largestDatagram);
+          ssize_t received = 0;
+          do {
+            received = recv(socket, datagram.data(), datagram.size(), 0);
+          } while (received < 0 && errno == EINTR);
+          Error error;
+          std::optional<Bytes> data;
+          if (received < 0) {
+            error = errorText(errno);
+          } else {
+            datagram.resize(static_cast<std::size_t>(received));
+            data = std::move(datagram);
+          }
+          queue->async(
+              [report, data = std::move(data), error = std::move(error)] { report(data, error); });
         });
-      });
+  } catch (const std::system_error& error) {
+    shared_->queue->async([report = std::move(handler), text = errorText(error.code().value())] {
+      report(std::nullopt, text);
+    });
+  }
 }
 
 void UDPConnection::cancel() {

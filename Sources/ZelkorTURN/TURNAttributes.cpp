@@ -41,10 +41,10 @@ std::optional<Address> decodeXorAddress(ByteView value) {
 }
 
 Bytes encodeErrorCode(const ErrorCode& error) {
-  Bytes value{0, 0, static_cast<std::uint8_t>(error.code / 100),
-              static_cast<std::uint8_t>(error.code % 100)};
-  const ByteView reason = bytesOf(error.reason);
-  value.insert(value.end(), reason.begin(), reason.end());
+  Bytes value(4 + error.reason.size());
+  value[2] = static_cast<std::uint8_t>(error.code / 100);
+  value[3] = static_cast<std::uint8_t>(error.code % 100);
+  std::copy(error.reason.begin(), error.reason.end(), value.begin() + 4);
   return value;
 }
 
@@ -55,7 +55,9 @@ std::optional<int> decodeErrorCode(ByteView value) {
   return value[2] * 100 + value[3];
 }
 
-bool isUDPTransport(ByteView value) { return !value.empty() && value[0] == protocolUDP; }
+bool isUDPTransport(ByteView value) {
+  return !value.empty() && value[0] == protocolUDP;
+}
 
 std::optional<std::uint32_t> decodeLifetime(ByteView value) {
   if (value.size() < 4) {

@@ -1,8 +1,8 @@
 #include "ZelkorTURN/TURNAuth.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
+
+#include <fmt/format.h>
 
 #include "Platform/Random.h"
 #include "ZelkorTURN/TURNAttributes.h"

@@ -7,7 +7,9 @@
 namespace zk {
 namespace {
 
-constexpr std::size_t roundedUp(std::size_t length) { return (length + 3) & ~std::size_t{3}; }
+constexpr std::size_t roundedUp(std::size_t length) {
+  return (length + 3) & ~std::size_t{3};
+}
 
 }  // namespace
 

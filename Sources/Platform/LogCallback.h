@@ -1,0 +1,25 @@
+#pragma once
+
+#include <functional>
+#include <iterator>
+#include <string_view>
+
+#include <fmt/format.h>
+
+namespace zk {
+
+/// Takes one line of a diagnostic log, without its line feed. Absent means no logging. The line
+/// lives as long as the call.
+using LogCallback = std::function<void(std::string_view)>;
+
+/// Formats a line, in place for the usual lengths, and hands it to `callback` when there is one.
+template <typename... Args>
+void logLine(const LogCallback& callback, fmt::format_string<Args...> format, Args&&... args) {
+  if (callback) {
+    fmt::memory_buffer line;
+    fmt::format_to(std::back_inserter(line), format, std::forward<Args>(args)...);
+    callback({line.data(), line.size()});
+  }
+}
+
+}  // namespace zk

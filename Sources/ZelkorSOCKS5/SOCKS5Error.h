@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <string>
+
+namespace zk {
+
+/// What can go wrong between this machine and the proxy: the error type of the control connection,
+/// the probe and the relays. what() is description().
+class SOCKS5Error : public std::exception {
+ public:
+  enum class Kind {
+    connectionFailed,      // resolution, connect, streams, reads and writes, time limits
+    authFailed,            // method negotiation, RFC 1929 status
+    udpAssociateRejected,  // REP other than 0x00
+    protocolError,         // a version or address type that is not accepted
+    stunTimeout,           // no STUN answer came back through the relay
+    stunMalformed,         // the relay's answer could not be unwrapped or parsed
+  };
+
+  static SOCKS5Error connectionFailed(const std::string& text);
+  static SOCKS5Error authFailed(const std::string& text);
+  static SOCKS5Error udpAssociateRejected(std::uint8_t replyCode);
+  static SOCKS5Error protocolError(const std::string& text);
+  static SOCKS5Error stunTimeout();
+  static SOCKS5Error stunMalformed();
+
+  Kind kind() const { return kind_; }
+  /// One line for people and logs. Never holds a credential.
+  const std::string& description() const { return description_; }
+  const char* what() const noexcept override { return description_.c_str(); }
+
+ private:
+  SOCKS5Error(Kind kind, std::string description)
+      : kind_(kind), description_(std::move(description)) {}
+
+  Kind kind_;
+  std::string description_;
+};
+
+}  // namespace zk

@@ -1,0 +1,64 @@
+#include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
+
+#include <fmt/format.h>
+
+#include "Platform/IPv4.h"
+#include "Platform/UTF8.h"
+
+namespace zk {
+
+Bytes SOCKS5UDPFrame::wrap(ByteView payload, std::string_view toPeerIP, std::uint16_t peerPort) {
+  const IPv4Octets octets = parseIPv4(toPeerIP).value_or(IPv4Octets{});
+  std::array<std::uint8_t, headerSize> header{
+      0, 0, 0, SOCKS5AddressType::ipv4, octets[0], octets[1], octets[2], octets[3]};
+  writeUInt16(&header[8], peerPort);
+  Bytes frame;
+  frame.reserve(header.size() + payload.size());
+  frame.insert(frame.end(), header.begin(), header.end());
+  frame.insert(frame.end(), payload.begin(), payload.end());
+  return frame;
+}
+
+std::optional<SOCKS5UDPFrame::Unwrapped> SOCKS5UDPFrame::unwrap(ByteView datagram) {
+  if (datagram.size() < headerSize) {
+    return std::nullopt;
+  }
+  const std::uint8_t type = datagram[3];
+  std::size_t addressAt = 4;
+  std::size_t addressLength = 0;
+  switch (type) {
+    case SOCKS5AddressType::ipv4:
+      addressLength = 4;
+      break;
+    case SOCKS5AddressType::domainName:
+      addressAt = 5;
+      addressLength = datagram[4];
+      break;
+    case SOCKS5AddressType::ipv6:
+      addressLength = 16;
+      break;
+    default:
+      return std::nullopt;
+  }
+  const std::size_t portAt = addressAt + addressLength;
+  if (datagram.size() < portAt + 2) {
+    return std::nullopt;
+  }
+  const ByteView address = datagram.subspan(addressAt, addressLength);
+  return Unwrapped{datagram.subspan(portAt + 2),
+                   type == SOCKS5AddressType::ipv4   ? formatIPv4(address.data())
+                   : type == SOCKS5AddressType::ipv6 ? ipv6Text(address)
+                                                     : domainNameText(address),
+                   readUInt16(datagram, portAt)};
+}
+
+std::string ipv6Text(ByteView octets) {
+  return fmt::format("{:02x}", fmt::join(octets.begin(), octets.end(), ":"));
+}
+
+std::string domainNameText(ByteView octets) {
+  const std::string_view text(reinterpret_cast<const char*>(octets.data()), octets.size());
+  return isValidUTF8(text) ? std::string(text) : std::string();
+}
+
+}  // namespace zk

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Platform/Bytes.h"
+
+namespace zk {
+
+/// The header in front of every datagram of a UDP association (RFC 1928 section 7). Pure, any
+/// thread.
+namespace SOCKS5UDPFrame {
+
+inline constexpr std::size_t headerSize = 10;  // of what wrap() writes
+
+/// Header and payload, in one allocation. A peer address that parseIPv4() does not accept is
+/// written as 0.0.0.0.
+Bytes wrap(ByteView payload, std::string_view toPeerIP, std::uint16_t peerPort);
+
+struct Unwrapped {
+  ByteView payload;   // within the datagram; possibly empty
+  std::string srcIP;  // dotted quad, a domain name, or sixteen colon-separated hex pairs
+  std::uint16_t srcPort = 0;
+};
+
+/// What a datagram from the proxy's relay carries; absent when it is malformed. RSV and FRAG are
+/// not looked at. The payload lives as long as `datagram`.
+std::optional<Unwrapped> unwrap(ByteView datagram);
+
+}  // namespace SOCKS5UDPFrame
+
+/// Address types of RFC 1928 section 5.
+namespace SOCKS5AddressType {
+inline constexpr std::uint8_t ipv4 = 0x01;
+inline constexpr std::uint8_t domainName = 0x03;
+inline constexpr std::uint8_t ipv6 = 0x04;
+}  // namespace SOCKS5AddressType
+
+/// Sixteen octets as two lowercase hexadecimal digits each, joined by ":"; not the compressed
+/// notation.
+std::string ipv6Text(ByteView octets);
+
+/// The octets as UTF-8 text; empty when they are not valid UTF-8.
+std::string domainNameText(ByteView octets);
+
+}  // namespace zk

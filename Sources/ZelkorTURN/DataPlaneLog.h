@@ -1,0 +1,28 @@
+#pragma once
+
+#include <iterator>
+#include <string_view>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace zk {
+
+/// The log of the data plane, /tmp/zkturnd-dp.log: one line per event, without a time stamp, in the
+/// file when the call returns. Any thread. Its own failures are nobody's business.
+namespace DataPlaneLog {
+
+/// Appends `text`, which ends in a line feed, in one write.
+void append(std::string_view text);
+
+/// Formats one line and appends it.
+template <typename... Args>
+void line(fmt::format_string<Args...> format, Args&&... args) {
+  fmt::memory_buffer text;
+  fmt::format_to(std::back_inserter(text), format, std::forward<Args>(args)...);
+  text.push_back('\n');
+  append({text.data(), text.size()});
+}
+
+}  // namespace DataPlaneLog
+}  // namespace zk

@@ -1,0 +1,197 @@
+#include "ZelkorTURN/SOCKS5Relay.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <fmt/format.h>
+#include <sys/socket.h>
+
+#include "Platform/IPv4.h"
+#include "Platform/Resolver.h"
+#include "Platform/Sockets.h"
+#include "Platform/Thread.h"
+#include "ZelkorSOCKS5/InterfaceScope.h"
+#include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
+#include "ZelkorTURN/DataPlaneLog.h"
+#include "ZelkorTURN/EgressProbe.h"
+
+namespace zk {
+namespace {
+
+constexpr int egressProbeSeconds = 8;
+constexpr std::size_t largestDatagram = 65536;
+
+sockaddr_in resolveRelay(const std::string& host, std::uint16_t port) {
+  const Resolution resolution = resolveUDPv4(host, std::to_string(port));
+  if (resolution.addresses.empty()) {
+    throw SOCKS5Error::connectionFailed(
+        fmt::format("relay getaddrinfo({}:{}): {}", host, port, resolution.error));
+  }
+  sockaddr_in address{};
+  std::memcpy(&address, &resolution.addresses.front().address, sizeof address);
+  return address;
+}
+
+// A UDP socket towards `relayHost`, bound to an ephemeral port and pinned as InterfaceScope says.
+int openRelaySocket(const std::string& relayHost) {
+  const int fd = openUDPSocket();
+  if (fd < 0) {
+    throw SOCKS5Error::connectionFailed("socket: " + errorText(errno));
+  }
+  InterfaceScope::bind(fd, relayHost);
+  if (!bindSocket(fd, socketAddress("0.0.0.0", 0))) {
+    const int error = errno;
+    closeSocket(fd);
+    throw SOCKS5Error::connectionFailed("bind relay socket: " + errorText(error));
+  }
+  return fd;
+}
+
+}  // namespace
+
+SOCKS5Relay::SOCKS5Relay(std::string proxyHost, std::int64_t proxyPort,
+                         std::optional<std::string> username, std::optional<std::string> password)
+    : proxyHost_(std::move(proxyHost)),
+      proxyPort_(proxyPort),
+      username_(std::move(username)),
+      password_(std::move(password)) {}
+
+RelayedAddress SOCKS5Relay::open() {
+  {
+    const std::lock_guard guard(lock_);
+    if (udpFD_ >= 0) {
+      throw SOCKS5Error::connectionFailed("relay already open");
+    }
+  }
+  // Until it is stored, the control connection closes itself when something below throws.
+  auto control =
+      std::make_unique<SOCKS5Control>(proxyHost_, proxyPort_, username_, password_, connectTimeout);
+  control->connect();
+  const auto [relayHost, relayPort] = control->performHandshakeAndUDPAssociate();
+  const sockaddr_in relayAddr = resolveRelay(relayHost, relayPort);
+  const int fd = openRelaySocket(relayHost);
+  {
+    const std::lock_guard guard(lock_);
+    control_ = std::move(control);
+    udpFD_ = fd;
+    relayAddr_ = relayAddr;
+    isClosed_ = false;
+  }
+
+  std::string egressIP = probeEgressIP(fd, relayAddr, relayHost, egressProbeSeconds);
+  if (egressIP.empty()) {
+    {
+      const std::lock_guard guard(lock_);
+      udpFD_ = -1;
+      isClosed_ = true;
+      control.swap(control_);
+    }
+    control->close();
+    closeSocket(fd);
+    throw SOCKS5Error::connectionFailed("egress probe failed — fail-closed (no gateway fallback)");
+  }
+  return {std::move(egressIP), relayPort};
+}
+
+void SOCKS5Relay::send(ByteView payload, const std::string& toPeerIP, std::uint16_t peerPort) {
+  int fd = -1;
+  sockaddr_in relayAddr{};
+  {
+    const std::lock_guard guard(lock_);
+    fd = udpFD_;
+    relayAddr = relayAddr_;
+  }
+  if (fd < 0) {
+    throw SOCKS5Error::connectionFailed("relay socket not open");
+  }
+  const std::ptrdiff_t sent =
+      sendDatagram(fd, SOCKS5UDPFrame::wrap(payload, toPeerIP, peerPort), relayAddr);
+  const int error = errno;
+  DataPlaneLog::line("SEND fd={} → {}:{} {}B sendto={}", fd, toPeerIP, peerPort, payload.size(),
+                     sent);
+  if (sent < 0) {
+    throw SOCKS5Error::connectionFailed("sendto relay: " + errorText(error));
+  }
+}
+
+void SOCKS5Relay::receive(Handler handler) {
+  const int fd = liveSocket();
+  if (fd < 0) {
+    return;
+  }
+  DataPlaneLog::line("RECV-THREAD start fd={}", fd);
+  const std::lock_guard guard(lock_);
+  receiveThread_ = startThread(
+      "zk.socks5relay.recv",
+      [self = shared_from_this(), run = std::move(handler)] { self->receiveLoop(run); });
+}
+
+void SOCKS5Relay::receiveLoop(const Handler& handler) {
+  // Not filled with zeros: an idle relay then costs none of these pages.
+  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(largestDatagram);
+  for (int fd = liveSocket(); fd >= 0; fd = liveSocket()) {
+    if (!receiveOne(fd, {buffer.get(), largestDatagram}, handler)) {
+      return;
+    }
+  }
+}
+
+// Whether the loop is to go on.
+bool SOCKS5Relay::receiveOne(int fd, std::span<std::uint8_t> buffer, const Handler& handler) {
+  const ssize_t received = recv(fd, buffer.data(), buffer.size(), 0);
+  const int error = errno;
+  DataPlaneLog::line("RECV recvfrom n={}", received);
+  if (received < 0) {
+    return error != EINVAL && error != EBADF;
+  }
+  // Also how a shut-down socket shows: it gives empty datagrams.
+  if (liveSocket() < 0) {
+    return false;
+  }
+  const auto datagram = ByteView(buffer).first(static_cast<std::size_t>(received));
+  const auto frame = SOCKS5UDPFrame::unwrap(datagram);
+  if (!frame) {
+    DataPlaneLog::line("RECV unwrap FAILED {}B (DROPPED)", datagram.size());
+    return true;
+  }
+  DataPlaneLog::line("RECV unwrap OK from {}:{} {}B → handler", frame->srcIP, frame->srcPort,
+                     frame->payload.size());
+  handler(frame->payload, frame->srcIP, frame->srcPort);
+  return true;
+}
+
+int SOCKS5Relay::liveSocket() {
+  const std::lock_guard guard(lock_);
+  return isClosed_ ? -1 : udpFD_;
+}
+
+void SOCKS5Relay::close() {
+  int fd = -1;
+  std::unique_ptr<SOCKS5Control> control;
+  std::thread receiver;
+  {
+    const std::lock_guard guard(lock_);
+    if (isClosed_) {
+      return;
+    }
+    isClosed_ = true;
+    std::swap(fd, udpFD_);
+    control.swap(control_);
+    receiver.swap(receiveThread_);
+  }
+  if (control) {
+    control->close();
+  }
+  if (fd >= 0) {
+    shutdownSocket(fd);
+  }
+  if (receiver.joinable()) {
+    receiver.join();
+  }
+  // Last: a thread about to receive must not find the number in somebody else's hands.
+  if (fd >= 0) {
+    closeSocket(fd);
+  }
+}
+
+}  // namespace zk

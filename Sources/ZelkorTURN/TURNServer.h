@@ -1,0 +1,140 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+
+#include <netinet/in.h>
+
+#include "Platform/Clock.h"
+#include "Platform/LogCallback.h"
+#include "Platform/Random.h"
+#include "Platform/SerialQueue.h"
+#include "ZelkorTURN/Allocation.h"
+#include "ZelkorTURN/RelayInterfaces.h"
+
+namespace zk {
+
+/// start() on a server that runs or has been stopped.
+class TURNServerError : public std::exception {
+ public:
+  static TURNServerError alreadyStartedOrStopped() { return {}; }
+  const char* what() const noexcept override { return "alreadyStartedOrStopped"; }
+};
+
+/// A failed system call of start(): its errno value, and in what() the name of the call, ": " and
+/// the system's text.
+class POSIXError : public std::exception {
+ public:
+  POSIXError(const std::string& call, int code);
+  int code() const { return code_; }
+  const char* what() const noexcept override { return description_.c_str(); }
+
+ private:
+  int code_;
+  std::string description_;
+};
+
+/// The TURN service of local clients: UDP on 127.0.0.1, one relay per client.
+///
+/// A receive thread takes datagrams from the socket and queues them; the serial queue does all
+/// protocol work, the opening of relays included, which blocks it. Started once, stopped once.
+/// Held by shared pointers: threads and queued work hold the server weakly. Destruction does not
+/// close the socket, stop() does.
+class TURNServer : public std::enable_shared_from_this<TURNServer> {
+ public:
+  /// Nanoseconds on a clock that only runs forward.
+  using MonotonicClock = std::function<std::uint64_t()>;
+
+  TURNServer(Credentials credentials, std::string realm,
+             std::shared_ptr<TURNRelayFactory> relayFactory,
+             MonotonicClock clock = monotonicNanoseconds);
+
+  /// Where diagnostics go; set before start(). Called from the caller of start(), the receive
+  /// thread and the serial queue, at the same time.
+  LogCallback debugLog;
+
+  /// Binds the socket and starts serving. Throws TURNServerError, POSIXError, or std::system_error
+  /// when there is no thread to be had; nothing is left open then.
+  void start();
+
+  /// Ends the receive thread, then closes every relay and the socket. Any number of times, from any
+  /// thread but the receive thread and the serial queue.
+  void stop();
+
+  /// The UDP port that start() bound; 0 before.
+  std::uint16_t boundPort() const { return boundPort_; }
+
+ private:
+  friend class PerClientRelayProxy;
+  friend struct TURNServerAccess;  // fuzzing and tests reach the dispatch without the socket
+
+  // What the two queues of datagrams may hold at most, in octets, each datagram counting for
+  // queueOverhead more. Opening a relay blocks the serial queue for seconds; what a flood sends
+  // meanwhile is dropped beyond this, as a socket's buffer would drop it.
+  static constexpr std::size_t queueLimit = 32 << 20;
+  static constexpr std::size_t queueOverhead = 256;
+
+  // TURNServer.cpp: the socket, the receive thread, the way onto the queue.
+  void recvLoop();
+  void queueDatagram(ByteView datagram, const sockaddr_in& sender);
+  bool reserveQueueRoom(std::size_t octets);
+  void releaseQueueRoom(std::size_t octets);
+  std::uint32_t now() const;
+  void sendToClient(ByteView message, const FiveTuple& client) const;
+
+  // TURNServerDispatch.cpp: from clients towards peers. On the serial queue.
+  void dispatch(ByteView datagram, const FiveTuple& client);
+  void handleSTUN(ByteView datagram, const FiveTuple& client);
+  void handleSendIndication(const TURNMessage& message, const FiveTuple& client);
+  void handleChannelData(ByteView datagram, const FiveTuple& client);
+  void sendThroughRelay(const FiveTuple& client, ByteView payload, const std::string& peerIP,
+                        std::uint16_t peerPort);
+
+  // TURNServerRelays.cpp: relays, and from peers towards clients. On the serial queue, but for
+  // deliverFromRelay(), which a relay's receive thread calls.
+  using Relay = std::shared_ptr<TURNRelay>;
+  RelayedAddress allocateRelayForCurrentClient();
+  std::pair<Relay, RelayedAddress> openRelay(const FiveTuple& client);
+  void releaseUnusedRelays(const FiveTuple& client, bool allocated);
+  void releaseRelay(const FiveTuple& client);
+  void deliverFromRelay(ByteView payload, const std::string& peerIP, std::uint16_t peerPort,
+                        const FiveTuple& client);
+  void deliverFromRelayOnQueue(const Bytes& payload, const std::string& peerIP,
+                               std::uint16_t peerPort, const FiveTuple& client);
+
+  const Credentials credentials_;
+  const std::string realm_;
+  const std::shared_ptr<TURNRelayFactory> relayFactory_;
+  const MonotonicClock clock_;
+
+  // Written by start() before there is a second thread.
+  std::atomic<std::uint16_t> boundPort_{0};
+  std::uint64_t startTime_ = 0;  // the origin of the server clock
+  std::thread recvThread_;
+
+  std::mutex stopFlag_;  // guards isStopped_ and serverFD_ where they go together
+  bool isStopped_ = false;
+  std::atomic<int> serverFD_{-1};  // -1 when there is none; the queue reads it without the lock
+
+  std::atomic<std::size_t> queuedOctets_{0};
+
+  // Touched on the serial queue only, which is why none of it has a lock.
+  std::unique_ptr<AllocationTable> allocationTable_;
+  std::unordered_map<FiveTuple, Relay> relayMap_;
+  // The client whose request the table is handling right now.
+  std::optional<FiveTuple> currentAllocatingClient_;
+  RandomPool transactionIDs_;
+
+  // Last, so that it goes first: its pending work may still look at the rest.
+  SerialQueue serialQ_{"zk.turn.server"};
+};
+
+}  // namespace zk

@@ -1,0 +1,130 @@
+// What the server does with a datagram from a client, on its serial queue.
+
+#include "ZelkorTURN/TURNServer.h"
+
+namespace zk {
+namespace {
+
+constexpr std::size_t channelHeaderSize = 4;
+
+const char* nameOf(TURNClass klass) {
+  switch (klass) {
+    case TURNClass::request:
+      return "request";
+    case TURNClass::indication:
+      return "indication";
+    case TURNClass::successResponse:
+      return "successResponse";
+    case TURNClass::errorResponse:
+      break;
+  }
+  return "errorResponse";
+}
+
+void logAnswer(const LogCallback& debugLog, const TURNMessage& answer) {
+  if (!debugLog) {
+    return;
+  }
+  std::string error;
+  if (answer.klass == TURNClass::errorResponse) {
+    const auto value = answer.first(TURNAttr::errorCode);
+    if (const auto code = value ? TURNAttributes::decodeErrorCode(*value) : std::nullopt) {
+      error = fmt::format(" err={}", *code);
+    }
+  }
+  logLine(debugLog, "tx method=0x{:03x} class={}{}{}", answer.method, nameOf(answer.klass), error,
+          answer.first(TURNAttr::xorRelayedAddress) ? " [has XOR-RELAYED-ADDRESS]" : "");
+}
+
+}  // namespace
+
+void TURNServer::dispatch(ByteView datagram, const FiveTuple& client) {
+  switch (datagram[0] >> 6) {
+    case 0b00:
+      handleSTUN(datagram, client);
+      break;
+    case 0b01:
+      handleChannelData(datagram, client);
+      break;
+    default:
+      break;  // not for this protocol; the receive thread has logged it
+  }
+}
+
+void TURNServer::handleSTUN(ByteView datagram, const FiveTuple& client) {
+  const auto message = TURNMessage::decode(datagram);
+  if (!message) {
+    logLine(debugLog, "stun: decode FAILED for {}B datagram from {}:{}", datagram.size(),
+            client.clientIP, client.clientPort);
+    return;
+  }
+  logLine(debugLog, "stun method=0x{:03x} class={} from {}:{}", message->method,
+          nameOf(message->klass), client.clientIP, client.clientPort);
+  if (message->method == TURNMethod::send && message->klass == TURNClass::indication) {
+    handleSendIndication(*message, client);
+    return;
+  }
+
+  currentAllocatingClient_ = client;
+  const auto answers = allocationTable_->handle(*message, client, datagram, credentials_, now());
+  currentAllocatingClient_.reset();
+
+  bool allocated = false;
+  for (const TURNMessage& answer : answers) {
+    logAnswer(debugLog, answer);
+    sendToClient(answer.encode(), client);
+    allocated = allocated || (answer.method == TURNMethod::allocate &&
+                              answer.klass == TURNClass::successResponse);
+  }
+  releaseUnusedRelays(client, allocated);
+}
+
+void TURNServer::handleSendIndication(const TURNMessage& message, const FiveTuple& client) {
+  const auto peerValue = message.first(TURNAttr::xorPeerAddress);
+  const auto peer = peerValue ? TURNAttributes::decodeXorAddress(*peerValue) : std::nullopt;
+  const auto payload = message.first(TURNAttr::data);
+  if (!peer || !payload) {
+    return;
+  }
+  const Allocation* const allocation = allocationTable_->allocation(client);
+  if (allocation != nullptr && !allocation->isExpired(now())) {
+    sendThroughRelay(client, *payload, peer->ip, peer->port);
+  }
+}
+
+// ChannelData: RFC 5766 section 11.4.
+void TURNServer::handleChannelData(ByteView datagram, const FiveTuple& client) {
+  if (datagram.size() < channelHeaderSize) {
+    return;
+  }
+  const std::uint16_t number = readUInt16(datagram, 0);
+  const std::size_t length = readUInt16(datagram, 2);
+  if (datagram.size() < channelHeaderSize + length) {
+    return;
+  }
+  const Allocation* const allocation = allocationTable_->allocation(client);
+  if (allocation == nullptr || allocation->isExpired(now())) {
+    return;
+  }
+  // No other number than 0x4000 to 0x7FFF ever gets into the map.
+  const auto channel = allocation->channels.find(number);
+  if (channel != allocation->channels.end()) {
+    sendThroughRelay(client, datagram.subspan(channelHeaderSize, length), channel->second.ip,
+                     channel->second.port);
+  }
+}
+
+void TURNServer::sendThroughRelay(const FiveTuple& client, ByteView payload,
+                                  const std::string& peerIP, std::uint16_t peerPort) {
+  const auto relay = relayMap_.find(client);
+  if (relay == relayMap_.end()) {
+    return;
+  }
+  try {
+    relay->second->send(payload, peerIP, peerPort);
+  } catch (const std::exception&) {
+    // The relay has logged it, and a datagram may be lost.
+  }
+}
+
+}  // namespace zk

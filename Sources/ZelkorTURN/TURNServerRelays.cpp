@@ -1,0 +1,178 @@
+// How the server opens, keeps and releases one relay per client, and what it does with a datagram
+// that a relay received.
+
+#include <algorithm>
+
+#include "Platform/IPv4.h"
+#include "ZelkorSOCKS5/InterfaceScope.h"
+#include "ZelkorTURN/PerClientRelayProxy.h"
+#include "ZelkorTURN/SOCKS5Relay.h"
+#include "ZelkorTURN/TURNServer.h"
+
+namespace zk {
+namespace {
+
+// A pinned attempt may run into a network that leads nowhere; a client must not wait long for it.
+constexpr double pinnedConnectTimeout = 3.0;  // seconds
+
+// Expired allocations are kept this long, for a client that comes back late with a Refresh.
+constexpr std::uint32_t graceAfterExpiry = 300;  // seconds
+
+// InterfaceScope::modeOverride for as long as this lives, and absent again after.
+class ScopeOverride {
+ public:
+  explicit ScopeOverride(bool viaDefault) { InterfaceScope::modeOverride = viaDefault; }
+  ~ScopeOverride() { InterfaceScope::modeOverride.reset(); }
+  ScopeOverride(const ScopeOverride&) = delete;
+  ScopeOverride& operator=(const ScopeOverride&) = delete;
+};
+
+// Opens the relay. An address that no client can be told (the host name of a proxy, say) is a
+// failure too.
+RelayedAddress open(TURNRelay& relay, bool viaDefault) {
+  const ScopeOverride override(viaDefault);
+  RelayedAddress address = relay.allocateRelay();
+  if (!isDottedQuad(address.ip)) {
+    relay.close();
+    throw SOCKS5Error::connectionFailed("relayed address is not IPv4: " + address.ip);
+  }
+  return address;
+}
+
+Bytes channelData(std::uint16_t channel, ByteView payload) {
+  Bytes message;
+  message.reserve(4 + payload.size());
+  message.resize(4);
+  writeUInt16(&message[0], channel);
+  writeUInt16(&message[2], static_cast<std::uint16_t>(payload.size()));
+  message.insert(message.end(), payload.begin(), payload.end());
+  return message;
+}
+
+}  // namespace
+
+RelayedAddress PerClientRelayProxy::allocateRelay() {
+  const auto server = server_.lock();
+  if (!server) {
+    throw AllocationError::relayCapacityExceeded();
+  }
+  return server->allocateRelayForCurrentClient();
+}
+
+RelayedAddress TURNServer::allocateRelayForCurrentClient() {
+  if (!currentAllocatingClient_) {
+    throw AllocationError::relayCapacityExceeded();
+  }
+  const FiveTuple client = *currentAllocatingClient_;
+  const auto [relay, address] = openRelay(client);
+  releaseRelay(client);  // one that this one replaces
+  try {
+    relay->receive([weak = weak_from_this(), client](ByteView payload, const std::string& peerIP,
+                                                     std::uint16_t peerPort) {
+      if (const auto server = weak.lock()) {
+        server->deliverFromRelay(payload, peerIP, peerPort, client);
+      }
+    });
+  } catch (...) {
+    relay->close();
+    throw;
+  }
+  relayMap_[client] = relay;
+  return address;
+}
+
+// Two rungs: pinned to the physical interface, then by the default route.
+std::pair<TURNServer::Relay, RelayedAddress> TURNServer::openRelay(const FiveTuple& client) {
+  logLine(debugLog, "relay OPEN attempt for {}:{}…", client.clientIP, client.clientPort);
+  try {
+    Relay relay = relayFactory_->makeRelay(client);
+    if (auto* const socks5 = dynamic_cast<SOCKS5Relay*>(relay.get())) {
+      socks5->connectTimeout = pinnedConnectTimeout;
+    }
+    RelayedAddress address = open(*relay, false);
+    logLine(debugLog, "relay OPEN ok (en0) ip={} port={}", address.ip, address.port);
+    return {std::move(relay), std::move(address)};
+  } catch (const std::exception& error) {
+    logLine(debugLog, "relay OPEN en0 failed ({}) → retry via-default (full-tunnel VPN)",
+            error.what());
+  }
+  try {
+    Relay relay = relayFactory_->makeRelay(client);
+    RelayedAddress address = open(*relay, true);
+    logLine(debugLog, "relay OPEN ok (via-default) ip={} port={}", address.ip, address.port);
+    return {std::move(relay), std::move(address)};
+  } catch (const std::exception& error) {
+    logLine(debugLog, "relay OPEN FAILED both rungs: {}", error.what());
+    throw;
+  }
+}
+
+// After every handled message. A relay costs a descriptor or two, a thread and an association at
+// the proxy; none of them outlives its use.
+void TURNServer::releaseUnusedRelays(const FiveTuple& client, bool allocated) {
+  if (allocationTable_->allocation(client) == nullptr) {
+    releaseRelay(client);
+  }
+  const std::uint32_t time = now();
+  if (allocated && time > graceAfterExpiry) {
+    for (const FiveTuple& expired : allocationTable_->sweepExpired(time - graceAfterExpiry)) {
+      releaseRelay(expired);
+    }
+  }
+}
+
+void TURNServer::releaseRelay(const FiveTuple& client) {
+  if (const auto entry = relayMap_.extract(client)) {
+    entry.mapped()->close();
+  }
+}
+
+void TURNServer::deliverFromRelay(ByteView payload, const std::string& peerIP,
+                                  std::uint16_t peerPort, const FiveTuple& client) {
+  if (!reserveQueueRoom(payload.size())) {
+    return;
+  }
+  serialQ_.async([weak = weak_from_this(), bytes = Bytes(payload.begin(), payload.end()),
+                  ip = peerIP, peerPort, to = client] {
+    if (const auto server = weak.lock()) {
+      server->releaseQueueRoom(bytes.size());
+      server->deliverFromRelayOnQueue(bytes, ip, peerPort, to);
+    }
+  });
+}
+
+void TURNServer::deliverFromRelayOnQueue(const Bytes& payload, const std::string& peerIP,
+                                         std::uint16_t peerPort, const FiveTuple& client) {
+  logLine(debugLog, "relay rx {}B from {}:{} → client {}:{}", payload.size(), peerIP, peerPort,
+          client.clientIP, client.clientPort);
+  const Allocation* const allocation = allocationTable_->allocation(client);
+  if (allocation == nullptr || allocation->isExpired(now())) {
+    logLine(debugLog, "relay rx DROP: no allocation or expired for {}:{}", client.clientIP,
+            client.clientPort);
+    return;
+  }
+  const auto& channels = allocation->channels;
+  const auto channel = std::find_if(channels.begin(), channels.end(), [&](const auto& entry) {
+    return entry.second.port == peerPort && entry.second.ip == peerIP;
+  });
+  if (channel != channels.end()) {
+    sendToClient(channelData(channel->first, payload), client);
+    return;
+  }
+  const auto peerAddress = TURNAttributes::encodeXorAddress(peerIP, peerPort);
+  if (!peerAddress || !isDottedQuad(peerIP)) {
+    logLine(debugLog, "relay rx DROP: peer address is not IPv4 for {}:{}", client.clientIP,
+            client.clientPort);
+    return;
+  }
+  TransactionID txID{};
+  transactionIDs_.fill(txID);
+  const std::size_t attributeRoom =
+      2 * TURNMessage::attributeHeaderSize + peerAddress->size() + payload.size() + 3;
+  TURNMessage indication(TURNMethod::dataMsg, TURNClass::indication, txID, attributeRoom);
+  indication.append(TURNAttr::xorPeerAddress, *peerAddress);
+  indication.append(TURNAttr::data, payload);
+  sendToClient(indication.encode(), client);
+}
+
+}  // namespace zk

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace zk {
+
+/// The SOCKS5 proxy through which all relayed traffic leaves.
+struct ProxyConfig {
+  std::string host;
+  std::int64_t port = 0;  // as given; a bad one shows as a proxy that cannot be reached
+  std::string user;       // empty: none is offered
+  std::string pass;       // empty: none is offered
+};
+
+/// The whole configuration: the proxy, and the one credential that local clients must present.
+struct Config {
+  ProxyConfig proxy;
+  std::string realm;
+  std::string username;
+  std::string credential;  // the password that goes with username
+};
+
+/// Why a line is not a configuration: one line that names the key by its path and never holds a
+/// value, since the values are secrets.
+class ConfigError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Decodes one line of UTF-8: a JSON object with all eight keys. Throws ConfigError.
+Config decodeConfig(std::string_view line);
+
+/// Reads the first line of standard input and decodes it. On any failure it prints the error line
+/// and ends the process, so there is nothing for the caller to handle.
+Config readConfig();
+
+}  // namespace zk
