@@ -9,8 +9,8 @@ namespace zk::loopback {
 struct DaemonConfig {
   std::string proxyHost = "127.0.0.1";
   std::int64_t proxyPort = 0;
-  std::string proxyUser;  // empty: none is offered
-  std::string proxyPassword;
+  std::string proxyUser{};  // empty: none is offered
+  std::string proxyPassword{};
   std::string username = "alice";
   std::string credential = "wonderland";
   std::string realm = "zkturnd.test";

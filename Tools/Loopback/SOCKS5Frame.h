@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 
 #include <netinet/in.h>
@@ -8,8 +9,14 @@
 
 namespace zk::loopback {
 
-/// The header of RFC 1928 section 7 with an IPv4 address, then `payload`: what a proxy's relay
-/// sends to its client. Tests that want another header build it themselves.
+/// The octets of a header with an IPv4 address.
+inline constexpr std::size_t socks5HeaderSize = 10;
+
+/// Writes the header of RFC 1928 section 7 with an IPv4 address to `to`.
+void writeSOCKS5Header(std::uint8_t* to, const sockaddr_in& address);
+
+/// That header, then `payload`: what a proxy's relay sends to its client. Tests that want another
+/// header build it themselves.
 Bytes socks5Frame(const sockaddr_in& address, ByteView payload);
 
 /// What a client sent to the relay.

@@ -36,16 +36,16 @@ struct SOCKS5Login {
 /// How the proxy behaves. The default is a correct proxy without authentication.
 struct SOCKS5Script {
   /// Asks for this user name and password (RFC 1929) and accepts no other.
-  std::optional<SOCKS5Login> login;
+  std::optional<SOCKS5Login> login{};
 
   /// Octets sent in place of the proper answers. The conversation goes on by what they say: with a
   /// greeting reply that picks method 2 a username/password message is read next.
-  std::optional<Bytes> greetingReply;
-  std::optional<Bytes> authReply;
-  std::optional<Bytes> associateReply;
+  std::optional<Bytes> greetingReply{};
+  std::optional<Bytes> authReply{};
+  std::optional<Bytes> associateReply{};
   /// Changes the proper answer to UDP ASSOCIATE, for what depends on the port in its last two
   /// octets. Runs on the proxy's thread.
-  std::function<Bytes(Bytes)> editAssociateReply;
+  std::function<Bytes(Bytes)> editAssociateReply{};
 
   /// REP of the answer to UDP ASSOCIATE. Anything but 0 makes no association, and the connection is
   /// closed behind the answer.
@@ -53,9 +53,9 @@ struct SOCKS5Script {
   /// ATYP and BND.ADDR of that answer: the octets of the address as they go on the wire, without
   /// the length octet of a domain name. Absent: the relay's true IPv4 address.
   std::uint8_t announceType = 0x01;
-  std::optional<Bytes> announceAddress;
+  std::optional<Bytes> announceAddress{};
   /// BND.PORT; absent: the relay's true port.
-  std::optional<std::uint16_t> announcePort;
+  std::optional<std::uint16_t> announcePort{};
 
   void announceIPv4(const std::string& dottedQuad);
   void announceDomain(const std::string& name);
@@ -63,10 +63,10 @@ struct SOCKS5Script {
 
   /// `onAccept` has no answer to send: all actions that would send one go on with the conversation,
   /// except `silence` and `half`, which read and record but never answer.
-  SOCKS5Step onAccept;
-  SOCKS5Step onGreeting;
-  SOCKS5Step onAuth;
-  SOCKS5Step onAssociate;
+  SOCKS5Step onAccept{};
+  SOCKS5Step onGreeting{};
+  SOCKS5Step onAuth{};
+  SOCKS5Step onAssociate{};
 
   /// What becomes of a frame that a client sends to its relay.
   enum class Relay {
@@ -78,7 +78,7 @@ struct SOCKS5Script {
               // look like STUN are forwarded, so that an egress address can be found
   };
   Relay relay = Relay::forward;
-  std::vector<Bytes> garbage;
+  std::vector<Bytes> garbage{};
   /// Keeps a copy of every frame that clients send, for SOCKS5Server::frames().
   bool recordFrames = false;
 };

@@ -83,7 +83,7 @@ class SOCKS5Server {
 
  private:
   struct State;
-  const std::unique_ptr<State> state_;
+  std::unique_ptr<State> state_;
   std::uint16_t port_ = 0;
 };
 

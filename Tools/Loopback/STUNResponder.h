@@ -15,8 +15,8 @@ namespace zk::loopback {
 struct STUNScript {
   /// The address to report; absent: the true source of the request. The port is the source's
   /// unless `mappedPort` is given.
-  std::optional<std::string> mappedIP;
-  std::optional<std::uint16_t> mappedPort;
+  std::optional<std::string> mappedIP{};
+  std::optional<std::uint16_t> mappedPort{};
 
   enum class Answer {
     normal,            // a success response with one XOR-MAPPED-ADDRESS

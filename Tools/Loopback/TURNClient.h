@@ -20,14 +20,14 @@ struct TURNCredentials {
   std::string username = "alice";
   std::string password = "wonderland";
   /// Absent: the realm that the server's challenge names.
-  std::optional<std::string> realm;
+  std::optional<std::string> realm{};
 };
 
 /// The outcome of one request.
 struct TURNAnswer {
-  std::optional<TURNMessage> message;  // absent when nothing came in time
-  Bytes datagram;                      // the same as received
-  bool integrityVerified = false;      // its MESSAGE-INTEGRITY fits the client's key
+  std::optional<TURNMessage> message{};  // absent when nothing came in time
+  Bytes datagram{};                      // the same as received
+  bool integrityVerified = false;        // its MESSAGE-INTEGRITY fits the client's key
 
   /// A success response that was signed with the right key.
   bool success() const;

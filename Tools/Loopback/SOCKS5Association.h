@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+
+#include <netinet/in.h>
+
+#include "Loopback/SOCKS5Core.h"
+#include "Platform/Bytes.h"
+
+namespace zk::loopback {
+
+/// One UDP association of the kit's proxy: a socket towards the client and one towards peers. The
+/// loop's thread only.
+class SOCKS5Association {
+ public:
+  /// Opens and watches the sockets. Throws std::system_error.
+  SOCKS5Association(SOCKS5Core& core, std::size_t number);
+  /// Closes them.
+  ~SOCKS5Association();
+  SOCKS5Association(const SOCKS5Association&) = delete;
+  SOCKS5Association& operator=(const SOCKS5Association&) = delete;
+
+  /// Where the client sends to.
+  sockaddr_in relayAddress() const;
+  /// Where peers see it come from.
+  sockaddr_in egressAddress() const;
+  const std::optional<sockaddr_in>& client() const { return client_; }
+
+  /// One raw datagram to the client. Whether the client is known and the system took it.
+  bool sendToClient(ByteView raw);
+
+ private:
+  void takeFrames();
+  void handleFrame(ByteView frame);
+  void forward(ByteView payload, const sockaddr_in& to);
+  void takeAnswers();
+
+  SOCKS5Core& core_;
+  const std::size_t number_;
+  const int relaySocket_;
+  const int peerSocket_;
+  std::optional<sockaddr_in> client_;
+};
+
+}  // namespace zk::loopback

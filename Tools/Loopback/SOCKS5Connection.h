@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+
+#include "Loopback/SOCKS5Core.h"
+#include "Platform/Bytes.h"
+
+namespace zk::loopback {
+
+/// One control connection of the kit's proxy: the conversation of RFC 1928 and RFC 1929, played by
+/// the script. The loop's thread only.
+class SOCKS5Connection : public std::enable_shared_from_this<SOCKS5Connection> {
+ public:
+  /// Owns `socket`, which is non-blocking.
+  SOCKS5Connection(SOCKS5Core& core, std::size_t number, int socket);
+  /// Closes the socket and ends the association.
+  ~SOCKS5Connection();
+  SOCKS5Connection(const SOCKS5Connection&) = delete;
+  SOCKS5Connection& operator=(const SOCKS5Connection&) = delete;
+
+  void start();
+  /// Leaves the proxy's books, which destroys this object unless the caller holds on to it.
+  void end();
+  /// The same, with RST instead of the end of the stream.
+  void reset();
+
+ private:
+  enum class Phase { greeting, login, request, done };
+
+  void takeOctets();
+  void converse();
+  std::optional<std::size_t> lengthOfMessage() const;
+  void handleGreeting(ByteView message);
+  void handleLogin(ByteView message);
+  void handleRequest(ByteView message);
+  Bytes associate();
+
+  void perform(const SOCKS5Step& step, Bytes answer, bool closeBehind);
+  void dribble(std::chrono::milliseconds pace, std::shared_ptr<const Bytes> answer, std::size_t at,
+               bool closeBehind);
+  void sendOctets(ByteView octets);
+  void answered(bool closeBehind);
+
+  SOCKS5Core& core_;
+  const std::size_t number_;
+  const int socket_;
+  Phase phase_ = Phase::greeting;
+  bool answering_ = false;  // a delayed or dribbling answer is under way
+  bool mute_ = false;
+  bool ended_ = false;
+  Bytes unread_;  // arrived and not yet taken as a message
+  std::optional<std::size_t> association_;
+};
+
+}  // namespace zk::loopback

@@ -1,0 +1,264 @@
+#include "Loopback/TURNClient.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <system_error>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include "Loopback/KitSocket.h"
+#include "Platform/IPv4.h"
+#include "Platform/Sockets.h"
+
+namespace zk::loopback {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Address = TURNAttributes::Address;
+
+constexpr std::uint8_t transportUDP = 17;
+constexpr int challenge = 401;
+constexpr int staleNonce = 438;
+constexpr std::size_t channelHeaderSize = 4;
+
+std::string textOf(std::optional<ByteView> value) {
+  return value ? std::string(value->begin(), value->end()) : std::string();
+}
+
+std::optional<Address> addressIn(const std::optional<TURNMessage>& message, std::uint16_t type) {
+  const auto value = message ? message->first(type) : std::nullopt;
+  return value ? TURNAttributes::decodeXorAddress(*value) : std::nullopt;
+}
+
+void appendPeer(TURNMessage& message, const Address& peer) {
+  if (const auto value = TURNAttributes::encodeXorAddress(peer.ip, peer.port)) {
+    message.append(TURNAttr::xorPeerAddress, *value);
+  }
+}
+
+}  // namespace
+
+bool TURNAnswer::success() const {
+  return message && message->klass == TURNClass::successResponse && integrityVerified;
+}
+
+int TURNAnswer::errorCode() const {
+  const auto value = message ? message->first(TURNAttr::errorCode) : std::nullopt;
+  return value ? TURNAttributes::decodeErrorCode(*value).value_or(0) : 0;
+}
+
+std::optional<Address> TURNAnswer::relayedAddress() const {
+  return addressIn(message, TURNAttr::xorRelayedAddress);
+}
+
+std::optional<Address> TURNAnswer::mappedAddress() const {
+  return addressIn(message, TURNAttr::xorMappedAddress);
+}
+
+std::optional<std::uint32_t> TURNAnswer::lifetime() const {
+  const auto value = message ? message->first(TURNAttr::lifetime) : std::nullopt;
+  return value ? TURNAttributes::decodeLifetime(*value) : std::nullopt;
+}
+
+TURNClient::TURNClient(std::uint16_t serverPort, TURNCredentials credentials)
+    : credentials_(std::move(credentials)),
+      socket_(openBoundUDPSocket("127.0.0.1", 0)),
+      realm_(credentials_.realm.value_or("")) {
+  const sockaddr_in server = socketAddress("127.0.0.1", serverPort);
+  // Connected, so that nobody but the server is heard.
+  if (connect(socket_, reinterpret_cast<const sockaddr*>(&server), sizeof server) < 0) {
+    const int error = errno;
+    closeSocket(socket_);
+    throw std::system_error(error, std::generic_category(), "connect");
+  }
+}
+
+TURNClient::~TURNClient() {
+  closeSocket(socket_);
+}
+
+std::uint16_t TURNClient::localPort() const {
+  return portNumber(localAddress(socket_));
+}
+
+void TURNClient::setRetransmission(Milliseconds interval, int times) {
+  retransmissionInterval_ = interval;
+  retransmissions_ = times;
+}
+
+bool TURNClient::send(ByteView datagram) {
+  const auto sent = ::send(socket_, datagram.data(), datagram.size(), MSG_NOSIGNAL);
+  return sent >= 0 && static_cast<std::size_t>(sent) == datagram.size();
+}
+
+std::optional<Bytes> TURNClient::waitForDatagram(Clock::time_point deadline) {
+  std::array<std::uint8_t, 65536> buffer;
+  for (;;) {
+    const auto count = recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (count >= 0) {
+      return Bytes(buffer.begin(), buffer.begin() + count);
+    }
+    // ECONNREFUSED tells that an earlier datagram found no server; another one may.
+    const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) {
+      return std::nullopt;
+    }
+    pollSocket(socket_, POLLIN, static_cast<int>(left));
+  }
+}
+
+std::optional<Bytes> TURNClient::receive(Milliseconds timeout) {
+  if (!kept_.empty()) {
+    Bytes datagram = std::move(kept_.front());
+    kept_.pop_front();
+    return datagram;
+  }
+  return waitForDatagram(Clock::now() + timeout);
+}
+
+TURNAuth::LongTermKey TURNClient::key() const {
+  return TURNAuth::longTermKey(credentials_.username, realm_, credentials_.password);
+}
+
+TURNAnswer TURNClient::request(const TURNMessage& message) {
+  const Bytes wire = message.encode();
+  const auto deadline = Clock::now() + timeout_;
+  int left = retransmissions_;
+  send(wire);
+  auto nextSend = Clock::now() + retransmissionInterval_;
+  while (Clock::now() < deadline) {
+    auto datagram = waitForDatagram(left > 0 ? std::min(nextSend, deadline) : deadline);
+    if (!datagram) {
+      if (left-- > 0 && Clock::now() < deadline) {
+        send(wire);
+        nextSend = Clock::now() + retransmissionInterval_;
+      }
+      continue;
+    }
+    const auto decoded = TURNMessage::decode(*datagram);
+    if (!decoded || decoded->txID != message.txID || decoded->klass == TURNClass::indication) {
+      kept_.push_back(std::move(*datagram));
+      continue;
+    }
+    TURNAnswer answer{*decoded, std::move(*datagram)};
+    answer.integrityVerified = TURNAuth::verifyMessageIntegrity(answer.datagram, key());
+    return answer;
+  }
+  return {};
+}
+
+TURNAnswer TURNClient::authenticatedRequest(const TURNMessage& message) {
+  const bool first = nonce_.empty();
+  TURNMessage attempt = message;
+  if (!first) {
+    sign(attempt);
+  }
+  TURNAnswer answer = request(attempt);
+  const int error = answer.errorCode();
+  if (error != staleNonce && !(error == challenge && first)) {
+    return answer;
+  }
+  nonce_ = textOf(answer.message->first(TURNAttr::nonce));
+  if (!credentials_.realm) {
+    realm_ = textOf(answer.message->first(TURNAttr::realm));
+  }
+  attempt = message;
+  random_.fill(attempt.txID);
+  sign(attempt);
+  return request(attempt);
+}
+
+TURNMessage TURNClient::makeRequest(std::uint16_t method) {
+  TransactionID transaction{};
+  random_.fill(transaction);
+  return {method, TURNClass::request, transaction};
+}
+
+void TURNClient::sign(TURNMessage& message) const {
+  message.append(TURNAttr::username, bytesOf(credentials_.username));
+  message.append(TURNAttr::realm, bytesOf(realm_));
+  message.append(TURNAttr::nonce, bytesOf(nonce_));
+  TURNAuth::appendMessageIntegrity(message, key());
+}
+
+TURNAnswer TURNClient::allocate() {
+  TURNMessage message = makeRequest(TURNMethod::allocate);
+  message.append(TURNAttr::requestedTransport, Bytes{transportUDP, 0, 0, 0});
+  return authenticatedRequest(message);
+}
+
+TURNAnswer TURNClient::refresh(std::optional<std::uint32_t> lifetime) {
+  TURNMessage message = makeRequest(TURNMethod::refresh);
+  if (lifetime) {
+    std::array<std::uint8_t, 4> value;
+    writeUInt16(&value[0], static_cast<std::uint16_t>(*lifetime >> 16));
+    writeUInt16(&value[2], static_cast<std::uint16_t>(*lifetime));
+    message.append(TURNAttr::lifetime, value);
+  }
+  return authenticatedRequest(message);
+}
+
+TURNAnswer TURNClient::createPermission(const Address& peer) {
+  TURNMessage message = makeRequest(TURNMethod::createPermission);
+  appendPeer(message, peer);
+  return authenticatedRequest(message);
+}
+
+TURNAnswer TURNClient::bindChannel(std::uint16_t number, const Address& peer) {
+  TURNMessage message = makeRequest(TURNMethod::channelBind);
+  std::array<std::uint8_t, 4> value{};  // two octets of number, two reserved
+  writeUInt16(value.data(), number);
+  message.append(TURNAttr::channelNumber, value);
+  appendPeer(message, peer);
+  return authenticatedRequest(message);
+}
+
+bool TURNClient::sendIndication(const Address& peer, ByteView payload) {
+  TransactionID transaction{};
+  random_.fill(transaction);
+  TURNMessage message(TURNMethod::send, TURNClass::indication, transaction, payload.size() + 24);
+  appendPeer(message, peer);
+  message.append(TURNAttr::data, payload);
+  return send(message.encode());
+}
+
+bool TURNClient::sendChannelData(std::uint16_t number, ByteView payload) {
+  Bytes datagram(channelHeaderSize + payload.size());
+  writeUInt16(&datagram[0], number);
+  writeUInt16(&datagram[2], static_cast<std::uint16_t>(payload.size()));
+  std::copy(payload.begin(), payload.end(), datagram.begin() + channelHeaderSize);
+  return send(datagram);
+}
+
+std::optional<TURNData> TURNClient::receiveData(Milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  do {
+    const auto datagram = receive(std::chrono::ceil<Milliseconds>(deadline - Clock::now()));
+    if (!datagram || datagram->empty()) {
+      continue;
+    }
+    if (((*datagram)[0] & 0xC0) == 0x40) {
+      if (datagram->size() < channelHeaderSize ||
+          datagram->size() < channelHeaderSize + readUInt16(*datagram, 2)) {
+        continue;
+      }
+      const auto begin = datagram->begin() + channelHeaderSize;
+      return TURNData{{}, readUInt16(*datagram, 0), {begin, begin + readUInt16(*datagram, 2)}};
+    }
+    const auto message = TURNMessage::decode(*datagram);
+    if (!message || message->method != TURNMethod::dataMsg ||
+        message->klass != TURNClass::indication) {
+      continue;
+    }
+    const auto peer = addressIn(message, TURNAttr::xorPeerAddress);
+    const auto payload = message->first(TURNAttr::data);
+    if (peer && payload) {
+      return TURNData{peer, {}, {payload->begin(), payload->end()}};
+    }
+  } while (Clock::now() < deadline);
+  return std::nullopt;
+}
+
+}  // namespace zk::loopback
