@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -15,6 +16,14 @@ using ByteView = std::span<const std::uint8_t>;
 /// The octets of a text.
 inline ByteView bytesOf(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+/// A header and what follows it in one piece, with one allocation.
+inline Bytes concatenated(ByteView header, ByteView rest) {
+  Bytes whole(header.size() + rest.size());
+  std::copy(header.begin(), header.end(), whole.begin());
+  std::copy(rest.begin(), rest.end(), whole.begin() + static_cast<std::ptrdiff_t>(header.size()));
+  return whole;
 }
 
 /// Two octets at `at`, big-endian. The caller has checked that they are there.

@@ -12,11 +12,7 @@ Bytes SOCKS5UDPFrame::wrap(ByteView payload, std::string_view toPeerIP, std::uin
   std::array<std::uint8_t, headerSize> header{
       0, 0, 0, SOCKS5AddressType::ipv4, octets[0], octets[1], octets[2], octets[3]};
   writeUInt16(&header[8], peerPort);
-  Bytes frame;
-  frame.reserve(header.size() + payload.size());
-  frame.insert(frame.end(), header.begin(), header.end());
-  frame.insert(frame.end(), payload.begin(), payload.end());
-  return frame;
+  return concatenated(header, payload);
 }
 
 std::optional<SOCKS5UDPFrame::Unwrapped> SOCKS5UDPFrame::unwrap(ByteView datagram) {

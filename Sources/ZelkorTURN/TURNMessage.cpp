@@ -73,14 +73,7 @@ std::array<std::uint8_t, TURNMessage::headerSize> TURNMessage::header(
   return header;
 }
 
-Bytes TURNMessage::encode() const {
-  const auto head = header(section_.size());
-  Bytes wire;
-  wire.reserve(head.size() + section_.size());
-  wire.insert(wire.end(), head.begin(), head.end());
-  wire.insert(wire.end(), section_.begin(), section_.end());
-  return wire;
-}
+Bytes TURNMessage::encode() const { return concatenated(header(section_.size()), section_); }
 
 std::optional<TURNMessage> TURNMessage::decode(ByteView datagram) {
   if (datagram.size() < headerSize ||

@@ -39,14 +39,12 @@ RelayedAddress open(TURNRelay& relay, bool viaDefault) {
   return address;
 }
 
+// ChannelData (RFC 5766 section 11.4), without the padding that UDP does not need.
 Bytes channelData(std::uint16_t channel, ByteView payload) {
-  Bytes message;
-  message.reserve(4 + payload.size());
-  message.resize(4);
-  writeUInt16(&message[0], channel);
-  writeUInt16(&message[2], static_cast<std::uint16_t>(payload.size()));
-  message.insert(message.end(), payload.begin(), payload.end());
-  return message;
+  std::array<std::uint8_t, 4> header;
+  writeUInt16(&header[0], channel);
+  writeUInt16(&header[2], static_cast<std::uint16_t>(payload.size()));
+  return concatenated(header, payload);
 }
 
 }  // namespace

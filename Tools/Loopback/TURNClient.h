@@ -62,6 +62,8 @@ class TURNClient {
 
   /// The client's own address, which the server should report as mapped.
   std::uint16_t localPort() const;
+  /// Its socket, for a driver that sends and receives without copies.
+  int socket() const { return socket_; }
 
   /// How long a request waits for its answer; 5 seconds unless set. Opening a relay through a bad
   /// proxy can take the server more than 20.
