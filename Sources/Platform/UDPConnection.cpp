@@ -29,6 +29,10 @@ struct UDPConnection::Shared {
   std::thread receiver;    // guarded by lock
 
   Error connect();
+  bool isCancelled() {
+    const std::lock_guard guard(lock);
+    return cancelled;
+  }
 };
 
 UDPConnection::Error UDPConnection::Shared::connect() {
@@ -101,24 +105,26 @@ void UDPConnection::receive(ReceiveHandler handler) {
   // The thread borrows what it needs: it is joined before any of it goes.
   const int socket = shared_->socket;
   try {
-    shared_->receiver =
-        startThread("zk.udp.receive", [socket, queue = shared_->queue, report = handler] {
-          Bytes datagram(largestDatagram);
-          ssize_t received = 0;
-          do {
-            received = recv(socket, datagram.data(), datagram.size(), 0);
-          } while (received < 0 && errno == EINTR);
-          Error error;
-          std::optional<Bytes> data;
-          if (received < 0) {
-            error = errorText(errno);
-          } else {
-            datagram.resize(static_cast<std::size_t>(received));
-            data = std::move(datagram);
-          }
-          queue->async(
-              [report, data = std::move(data), error = std::move(error)] { report(data, error); });
-        });
+    shared_->receiver = startThread("zk.udp.receive", [borrowed = shared_.get(), socket,
+                                                       queue = shared_->queue, report = handler] {
+      Bytes datagram(largestDatagram);
+      ssize_t received = 0;
+      do {
+        received = recv(socket, datagram.data(), datagram.size(), 0);
+      } while (received < 0 && errno == EINTR);
+      Error error;
+      std::optional<Bytes> data;
+      if (received < 0) {
+        error = errorText(errno);
+      } else if (received == 0 && borrowed->isCancelled()) {
+        error = errorText(ECANCELED);  // a shut-down socket gives an empty datagram
+      } else {
+        datagram.resize(static_cast<std::size_t>(received));
+        data = std::move(datagram);
+      }
+      queue->async(
+          [report, data = std::move(data), error = std::move(error)] { report(data, error); });
+    });
   } catch (const std::system_error& error) {
     shared_->queue->async([report = std::move(handler), text = errorText(error.code().value())] {
       report(std::nullopt, text);
