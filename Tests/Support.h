@@ -1,0 +1,132 @@
+#pragma once
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "Platform/Bytes.h"
+
+namespace zk::test {
+
+/// Octets written as hexadecimal digits; anything else between them is ignored.
+inline Bytes hex(std::string_view digits) {
+  Bytes bytes;
+  int high = -1;
+  for (const char c : digits) {
+    const auto at = std::string_view("0123456789abcdef").find(static_cast<char>(std::tolower(c)));
+    if (at == std::string_view::npos) {
+      continue;
+    }
+    if (high < 0) {
+      high = static_cast<int>(at);
+    } else {
+      bytes.push_back(static_cast<std::uint8_t>(high << 4 | static_cast<int>(at)));
+      high = -1;
+    }
+  }
+  return bytes;
+}
+
+inline Bytes copyOf(ByteView bytes) {
+  return {bytes.begin(), bytes.end()};
+}
+
+inline std::string textOf(ByteView bytes) {
+  return {bytes.begin(), bytes.end()};
+}
+
+/// Looks until `condition` holds or five seconds have passed. Whether it held.
+template <typename Condition>
+bool eventually(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+/// Seconds since it was made.
+class Stopwatch {
+ public:
+  double seconds() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+  }
+
+ private:
+  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+/// A folder of the test's own, gone with it.
+class TemporaryFolder {
+ public:
+  TemporaryFolder() {
+    std::string name = (std::filesystem::temp_directory_path() / "zk-test-XXXXXX").string();
+    path_ = ::mkdtemp(name.data());
+  }
+  ~TemporaryFolder() { std::filesystem::remove_all(path_); }
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+inline std::string contentOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+/// What is appended to a log that other processes write to as well, from now on.
+class LogTail {
+ public:
+  explicit LogTail(std::string path) : path_(std::move(path)), from_(contentOf(path_).size()) {}
+  std::string text() const {
+    const std::string all = contentOf(path_);
+    return all.size() < from_ ? all : all.substr(from_);
+  }
+  bool has(const std::string& piece) const { return text().find(piece) != std::string::npos; }
+
+ private:
+  const std::string path_;
+  const std::size_t from_;
+};
+
+/// An environment variable for as long as this lives. Not while other threads run.
+class Environment {
+ public:
+  Environment(const char* name, const std::string& value) : name_(name) {
+    ::setenv(name, value.c_str(), 1);
+  }
+  ~Environment() { ::unsetenv(name_); }
+  Environment(const Environment&) = delete;
+  Environment& operator=(const Environment&) = delete;
+
+ private:
+  const char* const name_;
+};
+
+inline std::ptrdiff_t entriesIn(const char* folder) {
+  return std::distance(std::filesystem::directory_iterator(folder), {});
+}
+inline std::ptrdiff_t openDescriptors() {
+  return entriesIn("/proc/self/fd");
+}
+inline std::ptrdiff_t runningThreads() {
+  return entriesIn("/proc/self/task");
+}
+
+}  // namespace zk::test
