@@ -33,7 +33,8 @@ std::optional<IPv4Octets> parseIPv4(std::string_view text) {
 
 bool isDottedQuad(const std::string& text) {
   in_addr parsed{};
-  return inet_pton(AF_INET, text.c_str(), &parsed) == 1;
+  // inet_pton() would stop at a zero octet and not see what stands behind it.
+  return text.find('\0') == std::string::npos && inet_pton(AF_INET, text.c_str(), &parsed) == 1;
 }
 
 std::string formatIPv4(const std::uint8_t* octets) {
