@@ -4,6 +4,7 @@
 #include <iterator>
 #include <string_view>
 
+#include <fmt/compile.h>
 #include <fmt/format.h>
 
 namespace zk {
@@ -13,11 +14,13 @@ namespace zk {
 using LogCallback = std::function<void(std::string_view)>;
 
 /// Formats a line, in place for the usual lengths, and hands it to `callback` when there is one.
-template <typename... Args>
-void logLine(const LogCallback& callback, fmt::format_string<Args...> format, Args&&... args) {
+/// `format` is an FMT_COMPILE string: every datagram is worth several lines, and reading a format
+/// anew each time would cost as much as the rest of the line.
+template <typename Format, typename... Args>
+void logLine(const LogCallback& callback, const Format& format, const Args&... args) {
   if (callback) {
     fmt::memory_buffer line;
-    fmt::format_to(std::back_inserter(line), format, std::forward<Args>(args)...);
+    fmt::format_to(std::back_inserter(line), format, args...);
     callback({line.data(), line.size()});
   }
 }

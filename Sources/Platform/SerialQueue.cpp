@@ -27,22 +27,24 @@ struct SerialQueue::State {
   std::mutex lock;
   std::condition_variable wake;
   std::vector<Task> pending;  // guarded by lock
-  bool sleeping = false;      // guarded by lock
-  bool ending = false;        // guarded by lock
-  std::thread worker;         // written once, before anybody else can see it
+  bool busy = false;      // guarded by lock: the worker, or a submitter in its stead, is at work
+  bool sleeping = false;  // guarded by lock: the worker waits to be woken
+  bool ending = false;    // guarded by lock
+  std::thread worker;     // written once, before anybody else can see it
 
   void run() {
     std::vector<Task> batch;
     std::unique_lock guard(lock);
     while (true) {
-      while (pending.empty()) {
-        if (ending) {
+      while (busy || pending.empty()) {
+        if (ending && !busy) {
           return;
         }
         sleeping = true;
         wake.wait(guard, [this] { return !sleeping; });
       }
       batch.swap(pending);
+      busy = true;
       guard.unlock();
       for (Task& task : batch) {
         task();
@@ -50,11 +52,13 @@ struct SerialQueue::State {
       }
       clearKeepingLittle(batch);
       guard.lock();
+      busy = false;
     }
   }
 
-  // Under the lock. Whether the caller has to notify the worker once it has let go of the lock.
-  bool takeWakeUp() { return std::exchange(sleeping, false); }
+  // Under the lock. Whether the caller has to notify the worker once it has let go of the lock. A
+  // submitter that is at work in its stead wakes it when that is done.
+  bool takeWakeUp() { return !busy && std::exchange(sleeping, false); }
 };
 
 SerialQueue::SerialQueue(std::string label)
@@ -82,6 +86,27 @@ void SerialQueue::async(Task task) {
     const std::lock_guard guard(state_->lock);
     state_->pending.push_back(std::move(task));
     wake = state_->takeWakeUp();
+  }
+  if (wake) {
+    state_->wake.notify_one();
+  }
+}
+
+bool SerialQueue::claimIfIdle() {
+  const std::lock_guard guard(state_->lock);
+  if (state_->busy || !state_->pending.empty()) {
+    return false;
+  }
+  state_->busy = true;
+  return true;
+}
+
+void SerialQueue::releaseClaim() {
+  bool wake = false;
+  {
+    const std::lock_guard guard(state_->lock);
+    state_->busy = false;
+    wake = (!state_->pending.empty() || state_->ending) && state_->takeWakeUp();
   }
   if (wake) {
     state_->wake.notify_one();

@@ -74,36 +74,38 @@ std::vector<TURNMessage> AllocationTable::handle(const TURNMessage& message, con
   const bool hasRealm = message.first(TURNAttr::realm).has_value();
   const auto nonceValue = message.first(TURNAttr::nonce);
   if (!hasMI || !hasUsername || !hasRealm || !nonceValue) {
-    logLine(debugLog,
-            "auth: no MESSAGE-INTEGRITY (hasMI={} hasUsername={} hasRealm={} hasNonce={}) → 401",
-            hasMI, hasUsername, hasRealm, nonceValue.has_value());
+    logLine(
+        debugLog,
+        FMT_COMPILE(
+            "auth: no MESSAGE-INTEGRITY (hasMI={} hasUsername={} hasRealm={} hasNonce={}) → 401"),
+        hasMI, hasUsername, hasRealm, nonceValue.has_value());
     return challenge(TURNAttributes::unauthorized);
   }
 
   const auto nonce = TURNAttributes::decodeNonce(*nonceValue);
   if (!nonce) {
-    logLine(debugLog, "auth: nonce attribute missing or non-ASCII → 401");
+    logLine(debugLog, FMT_COMPILE("auth: nonce attribute missing or non-ASCII → 401"));
     return challenge(TURNAttributes::unauthorized);
   }
   const auto issued = issuedNonces_.issueTime(*nonce);
   if (!issued) {
-    logLine(debugLog, "auth: nonce unknown (not in issued set, {} active) → 438",
+    logLine(debugLog, FMT_COMPILE("auth: nonce unknown (not in issued set, {} active) → 438"),
             issuedNonces_.size());
     return challenge(TURNAttributes::staleNonce);
   }
   const std::uint32_t age = now - *issued;
   if (age > NonceBook::timeToLive) {
-    logLine(debugLog, "auth: nonce TTL expired (issued {}s ago) → 438", age);
+    logLine(debugLog, FMT_COMPILE("auth: nonce TTL expired (issued {}s ago) → 438"), age);
     return challenge(TURNAttributes::staleNonce);
   }
 
   const Key key =
       TURNAuth::longTermKey(credentials.username, credentials.realm, credentials.password);
   if (!TURNAuth::verifyMessageIntegrity(rawRequestBytes, key)) {
-    logLine(debugLog, "auth: MI verify FAILED → 401");
+    logLine(debugLog, FMT_COMPILE("auth: MI verify FAILED → 401"));
     return challenge(TURNAttributes::unauthorized);
   }
-  logLine(debugLog, "auth: OK (method=0x{:03x})", message.method);
+  logLine(debugLog, FMT_COMPILE("auth: OK (method=0x{:03x})"), message.method);
   switch (message.method) {
     case TURNMethod::allocate:
       return handleAllocate(message, from, key, now);
@@ -159,7 +161,7 @@ std::vector<TURNMessage> AllocationTable::handleAllocate(const TURNMessage& requ
     if (existing->creatingTxID != request.txID) {
       return failure(request, key, TURNAttributes::allocationMismatch);
     }
-    logLine(debugLog, "allocate retransmit (same txID) → resend success");
+    logLine(debugLog, FMT_COMPILE("allocate retransmit (same txID) → resend success"));
     return granted(existing->relayIP, existing->relayPort);
   }
 

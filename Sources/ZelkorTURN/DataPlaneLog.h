@@ -2,8 +2,8 @@
 
 #include <iterator>
 #include <string_view>
-#include <utility>
 
+#include <fmt/compile.h>
 #include <fmt/format.h>
 
 namespace zk {
@@ -15,11 +15,11 @@ namespace DataPlaneLog {
 /// Appends `text`, which ends in a line feed, in one write.
 void append(std::string_view text);
 
-/// Formats one line and appends it.
-template <typename... Args>
-void line(fmt::format_string<Args...> format, Args&&... args) {
+/// Formats one line, with an FMT_COMPILE string, and appends it.
+template <typename Format, typename... Args>
+void line(const Format& format, const Args&... args) {
   fmt::memory_buffer text;
-  fmt::format_to(std::back_inserter(text), format, std::forward<Args>(args)...);
+  fmt::format_to(std::back_inserter(text), format, args...);
   text.push_back('\n');
   append({text.data(), text.size()});
 }

@@ -73,7 +73,9 @@ std::array<std::uint8_t, TURNMessage::headerSize> TURNMessage::header(
   return header;
 }
 
-Bytes TURNMessage::encode() const { return concatenated(header(section_.size()), section_); }
+Bytes TURNMessage::encode() const {
+  return concatenated(header(section_.size()), section_);
+}
 
 std::optional<TURNMessage> TURNMessage::decode(ByteView datagram) {
   if (datagram.size() < headerSize ||

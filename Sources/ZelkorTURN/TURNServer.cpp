@@ -27,6 +27,13 @@ const char* kindOf(std::uint8_t firstByte) {
   }
 }
 
+// Whether a datagram is ChannelData or a Send indication. Everything else may open or close a
+// relay.
+bool isData(ByteView datagram) {
+  return datagram[0] >> 6 == 0b01 ||
+         (datagram.size() >= 2 && datagram[0] == 0x00 && datagram[1] == 0x16);
+}
+
 }  // namespace
 
 POSIXError::POSIXError(const std::string& call, int code)
@@ -61,7 +68,7 @@ void TURNServer::start() {
       std::make_shared<PerClientRelayProxy>(weak_from_this()), realm_);
   allocationTable_->debugLog = debugLog;
   serverFD_ = fd;
-  logLine(debugLog, "bound 127.0.0.1:{}", boundPort_.load());
+  logLine(debugLog, FMT_COMPILE("bound 127.0.0.1:{}"), boundPort_.load());
   try {
     recvThread_ = startThread("zk.turn.server.recv", [weak = weak_from_this()] {
       if (const auto server = weak.lock()) {
@@ -90,15 +97,18 @@ void TURNServer::recvLoop() {
       return;
     }
     if (received > 0 && liveSocket() >= 0) {
-      queueDatagram({buffer.get(), static_cast<std::size_t>(received)}, sender);
+      submitDatagram({buffer.get(), static_cast<std::size_t>(received)}, sender);
     }
   }
 }
 
-void TURNServer::queueDatagram(ByteView datagram, const sockaddr_in& sender) {
+void TURNServer::submitDatagram(ByteView datagram, const sockaddr_in& sender) {
   FiveTuple client{addressText(sender), portNumber(sender), TransportProtocol::udp};
-  logLine(debugLog, "rx {}B from {}:{} firstByte=0x{:02x} kind={}", datagram.size(),
+  logLine(debugLog, FMT_COMPILE("rx {}B from {}:{} firstByte=0x{:02x} kind={}"), datagram.size(),
           client.clientIP, client.clientPort, datagram[0], kindOf(datagram[0]));
+  if (isData(datagram) && serialQ_.runIfIdle([&] { dispatch(datagram, client); })) {
+    return;
+  }
   if (!reserveQueueRoom(datagram.size())) {
     return;
   }

@@ -44,10 +44,11 @@ class POSIXError : public std::exception {
 
 /// The TURN service of local clients: UDP on 127.0.0.1, one relay per client.
 ///
-/// A receive thread takes datagrams from the socket and queues them; the serial queue does all
-/// protocol work, the opening of relays included, which blocks it. Started once, stopped once.
-/// Held by shared pointers: threads and queued work hold the server weakly. Destruction does not
-/// close the socket, stop() does.
+/// A receive thread takes datagrams from the socket and submits them to the serial queue, which
+/// does all protocol work, the opening of relays included, which blocks it. A client's data, in
+/// either direction, is short work: while the queue is idle the receive thread does it in the
+/// queue's stead. Started once, stopped once. Held by shared pointers: threads and queued work hold
+/// the server weakly. Destruction does not close the socket, stop() does.
 class TURNServer : public std::enable_shared_from_this<TURNServer> {
  public:
   /// Nanoseconds on a clock that only runs forward.
@@ -84,7 +85,7 @@ class TURNServer : public std::enable_shared_from_this<TURNServer> {
 
   // TURNServer.cpp: the socket, the receive thread, the way onto the queue.
   void recvLoop();
-  void queueDatagram(ByteView datagram, const sockaddr_in& sender);
+  void submitDatagram(ByteView datagram, const sockaddr_in& sender);
   bool reserveQueueRoom(std::size_t octets);
   void releaseQueueRoom(std::size_t octets);
   std::uint32_t now() const;
@@ -107,8 +108,8 @@ class TURNServer : public std::enable_shared_from_this<TURNServer> {
   void releaseRelay(const FiveTuple& client);
   void deliverFromRelay(ByteView payload, const std::string& peerIP, std::uint16_t peerPort,
                         const FiveTuple& client);
-  void deliverFromRelayOnQueue(const Bytes& payload, const std::string& peerIP,
-                               std::uint16_t peerPort, const FiveTuple& client);
+  void deliverFromRelayOnQueue(ByteView payload, const std::string& peerIP, std::uint16_t peerPort,
+                               const FiveTuple& client);
 
   const Credentials credentials_;
   const std::string realm_;

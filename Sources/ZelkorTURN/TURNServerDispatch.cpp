@@ -32,7 +32,8 @@ void logAnswer(const LogCallback& debugLog, const TURNMessage& answer) {
       error = fmt::format(" err={}", *code);
     }
   }
-  logLine(debugLog, "tx method=0x{:03x} class={}{}{}", answer.method, nameOf(answer.klass), error,
+  logLine(debugLog, FMT_COMPILE("tx method=0x{:03x} class={}{}{}"), answer.method,
+          nameOf(answer.klass), error,
           answer.first(TURNAttr::xorRelayedAddress) ? " [has XOR-RELAYED-ADDRESS]" : "");
 }
 
@@ -54,11 +55,11 @@ void TURNServer::dispatch(ByteView datagram, const FiveTuple& client) {
 void TURNServer::handleSTUN(ByteView datagram, const FiveTuple& client) {
   const auto message = TURNMessage::decode(datagram);
   if (!message) {
-    logLine(debugLog, "stun: decode FAILED for {}B datagram from {}:{}", datagram.size(),
-            client.clientIP, client.clientPort);
+    logLine(debugLog, FMT_COMPILE("stun: decode FAILED for {}B datagram from {}:{}"),
+            datagram.size(), client.clientIP, client.clientPort);
     return;
   }
-  logLine(debugLog, "stun method=0x{:03x} class={} from {}:{}", message->method,
+  logLine(debugLog, FMT_COMPILE("stun method=0x{:03x} class={} from {}:{}"), message->method,
           nameOf(message->klass), client.clientIP, client.clientPort);
   if (message->method == TURNMethod::send && message->klass == TURNClass::indication) {
     handleSendIndication(*message, client);

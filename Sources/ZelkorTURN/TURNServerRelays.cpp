@@ -81,26 +81,29 @@ RelayedAddress TURNServer::allocateRelayForCurrentClient() {
 
 // Two rungs: pinned to the physical interface, then by the default route.
 std::pair<TURNServer::Relay, RelayedAddress> TURNServer::openRelay(const FiveTuple& client) {
-  logLine(debugLog, "relay OPEN attempt for {}:{}…", client.clientIP, client.clientPort);
+  logLine(debugLog, FMT_COMPILE("relay OPEN attempt for {}:{}…"), client.clientIP,
+          client.clientPort);
   try {
     Relay relay = relayFactory_->makeRelay(client);
     if (auto* const socks5 = dynamic_cast<SOCKS5Relay*>(relay.get())) {
       socks5->connectTimeout = pinnedConnectTimeout;
     }
     RelayedAddress address = open(*relay, false);
-    logLine(debugLog, "relay OPEN ok (en0) ip={} port={}", address.ip, address.port);
+    logLine(debugLog, FMT_COMPILE("relay OPEN ok (en0) ip={} port={}"), address.ip, address.port);
     return {std::move(relay), std::move(address)};
   } catch (const std::exception& error) {
-    logLine(debugLog, "relay OPEN en0 failed ({}) → retry via-default (full-tunnel VPN)",
+    logLine(debugLog,
+            FMT_COMPILE("relay OPEN en0 failed ({}) → retry via-default (full-tunnel VPN)"),
             error.what());
   }
   try {
     Relay relay = relayFactory_->makeRelay(client);
     RelayedAddress address = open(*relay, true);
-    logLine(debugLog, "relay OPEN ok (via-default) ip={} port={}", address.ip, address.port);
+    logLine(debugLog, FMT_COMPILE("relay OPEN ok (via-default) ip={} port={}"), address.ip,
+            address.port);
     return {std::move(relay), std::move(address)};
   } catch (const std::exception& error) {
-    logLine(debugLog, "relay OPEN FAILED both rungs: {}", error.what());
+    logLine(debugLog, FMT_COMPILE("relay OPEN FAILED both rungs: {}"), error.what());
     throw;
   }
 }
@@ -127,6 +130,9 @@ void TURNServer::releaseRelay(const FiveTuple& client) {
 
 void TURNServer::deliverFromRelay(ByteView payload, const std::string& peerIP,
                                   std::uint16_t peerPort, const FiveTuple& client) {
+  if (serialQ_.runIfIdle([&] { deliverFromRelayOnQueue(payload, peerIP, peerPort, client); })) {
+    return;
+  }
   if (!reserveQueueRoom(payload.size())) {
     return;
   }
@@ -139,14 +145,14 @@ void TURNServer::deliverFromRelay(ByteView payload, const std::string& peerIP,
   });
 }
 
-void TURNServer::deliverFromRelayOnQueue(const Bytes& payload, const std::string& peerIP,
+void TURNServer::deliverFromRelayOnQueue(ByteView payload, const std::string& peerIP,
                                          std::uint16_t peerPort, const FiveTuple& client) {
-  logLine(debugLog, "relay rx {}B from {}:{} → client {}:{}", payload.size(), peerIP, peerPort,
-          client.clientIP, client.clientPort);
+  logLine(debugLog, FMT_COMPILE("relay rx {}B from {}:{} → client {}:{}"), payload.size(), peerIP,
+          peerPort, client.clientIP, client.clientPort);
   const Allocation* const allocation = allocationTable_->allocation(client);
   if (allocation == nullptr || allocation->isExpired(now())) {
-    logLine(debugLog, "relay rx DROP: no allocation or expired for {}:{}", client.clientIP,
-            client.clientPort);
+    logLine(debugLog, FMT_COMPILE("relay rx DROP: no allocation or expired for {}:{}"),
+            client.clientIP, client.clientPort);
     return;
   }
   const auto& channels = allocation->channels;
@@ -159,8 +165,8 @@ void TURNServer::deliverFromRelayOnQueue(const Bytes& payload, const std::string
   }
   const auto peerAddress = TURNAttributes::encodeXorAddress(peerIP, peerPort);
   if (!peerAddress || !isDottedQuad(peerIP)) {
-    logLine(debugLog, "relay rx DROP: peer address is not IPv4 for {}:{}", client.clientIP,
-            client.clientPort);
+    logLine(debugLog, FMT_COMPILE("relay rx DROP: peer address is not IPv4 for {}:{}"),
+            client.clientIP, client.clientPort);
     return;
   }
   TransactionID txID{};
