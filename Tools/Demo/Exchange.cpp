@@ -52,7 +52,7 @@ ExchangeResult exchange(loopback::TURNClient& client, Form form,
     if (!data) {
       result.lost += underWay.size();
       underWay.clear();
-      if (result.roundTrips.empty()) {
+      if (result.lost > tolerableLoss(count)) {
         break;
       }
       continue;

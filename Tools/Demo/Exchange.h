@@ -30,9 +30,14 @@ struct ExchangeResult {
   std::chrono::microseconds percentile(double share) const;
 };
 
+/// How many of `count` datagrams may be lost before there is no use in sending more.
+constexpr std::size_t tolerableLoss(std::size_t count) {
+  return count / 10;
+}
+
 /// Sends `count` datagrams to an echoing peer, `windowSize` at a time, and checks what comes back
-/// octet by octet. A window of which nothing more comes for two seconds is counted as lost; when
-/// that happens to the very first one, nothing more is sent. Shows a progress bar.
+/// octet by octet. A window of which nothing more comes for two seconds is counted as lost; past
+/// the tolerable loss nothing more is sent. Shows a progress bar.
 ExchangeResult exchange(loopback::TURNClient& client, Form form,
                         const TURNAttributes::Address& peer, std::uint16_t channel,
                         std::size_t count);

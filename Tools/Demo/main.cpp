@@ -160,27 +160,30 @@ void run(const Options& options) {
   }
   loopback::TURNClient client(*port, {around.config.username, around.config.credential});
   const auto relayed = openRelay(client, around, log);
+  requireSuccess(client.createPermission(around.peer), "CreatePermission");
+  requireSuccess(client.bindChannel(channel, around.peer), "ChannelBind");
+  // Some datagrams ahead of all words, so that a proxy that opens a relay and forwards nothing is
+  // told of in one sentence like any other that is of no use.
+  const auto first = exchange(client, Form::sendIndication, around.peer, channel, windowSize);
+  if (first.roundTrips.empty()) {
+    throw Failure(
+        fmt::format("the relay opened, but no datagram came back from {}:{} through {}{}",
+                    around.peer.ip, around.peer.port, around.proxyText,
+                    options.peer ? "" : "; name an echo service that it can reach with --peer"));
+  }
   fmt::print("daemon:           process {}, TURN on 127.0.0.1:{}\n", daemon.pid(), *port);
   fmt::print("proxy:            {}{}\n", around.proxyText,
              options.proxy ? "" : " (the demo's own)");
   fmt::print("peer:             {}:{}{}\n", around.peer.ip, around.peer.port,
              options.peer ? "" : " (the demo's own echo)");
   fmt::print("relayed address:  {}:{}\n", relayed.ip, relayed.port);
-  requireSuccess(client.createPermission(around.peer), "CreatePermission");
-  requireSuccess(client.bindChannel(channel, around.peer), "ChannelBind");
   fmt::print("sending:          {} datagrams of {} octets each way, {} under way at a time\n",
              2 * datagramsPerForm, payloadSize, windowSize);
 
-  std::size_t lost = 0;
+  std::size_t lost = first.lost;
   for (const auto& [form, label] : {std::pair(Form::sendIndication, "Send indications"),
                                     std::pair(Form::channelData, "ChannelData")}) {
     const auto result = exchange(client, form, around.peer, channel, datagramsPerForm);
-    if (result.roundTrips.empty()) {
-      throw Failure(
-          fmt::format("the relay opened, but no datagram came back from {}:{} through {}{}",
-                      around.peer.ip, around.peer.port, around.proxyText,
-                      options.peer ? "" : "; name an echo service that it can reach with --peer"));
-    }
     report(label, result);
     lost += result.lost;
   }
@@ -192,9 +195,10 @@ void run(const Options& options) {
                          : "the daemon did not stop at the end of its input");
   }
   fmt::print("logs:             {} {} {}\n", daemonLog, dataPlaneLog, egressLog);
-  // UDP through a distant proxy may lose some; nothing between here and here does.
-  if (lost > 0 && around.onLoopback && !options.peer) {
-    throw Failure(fmt::format("{} datagrams were lost on the loopback", lost));
+  // UDP through a distant proxy loses some now and then; nothing between here and here does.
+  const bool mayLose = !around.onLoopback || options.peer;
+  if (lost > (mayLose ? tolerableLoss(datagramsPerForm) : 0)) {
+    throw Failure(fmt::format("{} datagrams were lost", lost));
   }
 }
 
