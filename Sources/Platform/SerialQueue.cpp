@@ -14,26 +14,23 @@ namespace {
 // A burst may leave the vectors large; beyond this many items their room is given back.
 constexpr std::size_t keptCapacity = 1024;
 
-void clearKeepingLittle(std::vector<Task>& tasks) {
-  tasks.clear();
-  if (tasks.capacity() > keptCapacity) {
-    std::vector<Task>().swap(tasks);
-  }
-}
+// A submitter does so many batches of others' short work at most before it goes back to its own.
+constexpr int mostBatchesInPlace = 4;
 
 }  // namespace
 
 struct SerialQueue::State {
   std::mutex lock;
   std::condition_variable wake;
-  std::vector<Task> pending;  // guarded by lock
-  bool busy = false;      // guarded by lock: the worker, or a submitter in its stead, is at work
-  bool sleeping = false;  // guarded by lock: the worker waits to be woken
-  bool ending = false;    // guarded by lock
-  std::thread worker;     // written once, before anybody else can see it
+  std::vector<Task> pending;    // guarded by lock
+  std::size_t pendingLong = 0;  // guarded by lock: how many of them are for the worker only
+  bool busy = false;            // guarded by lock: somebody is at work
+  bool sleeping = false;        // guarded by lock: the worker waits to be woken
+  bool ending = false;          // guarded by lock
+  std::vector<Task> batch;      // belongs to whoever is at work
+  std::thread worker;           // written once, before anybody else can see it
 
-  void run() {
-    std::vector<Task> batch;
+  void work() {
     std::unique_lock guard(lock);
     while (true) {
       while (busy || pending.empty()) {
@@ -43,27 +40,36 @@ struct SerialQueue::State {
         sleeping = true;
         wake.wait(guard, [this] { return !sleeping; });
       }
-      batch.swap(pending);
       busy = true;
-      guard.unlock();
-      for (Task& task : batch) {
-        task();
-        task = Task();  // what it captured goes now, not with the batch
-      }
-      clearKeepingLittle(batch);
-      guard.lock();
+      runBatch(guard);
       busy = false;
     }
   }
 
+  // By whoever is at work: runs all that is pending, without the lock, and clears it.
+  void runBatch(std::unique_lock<std::mutex>& guard) {
+    batch.swap(pending);
+    pendingLong = 0;
+    guard.unlock();
+    for (Task& task : batch) {
+      task();
+      task = Task();  // what it captured goes now, not with the batch
+    }
+    batch.clear();
+    if (batch.capacity() > keptCapacity) {
+      std::vector<Task>().swap(batch);
+    }
+    guard.lock();
+  }
+
   // Under the lock. Whether the caller has to notify the worker once it has let go of the lock. A
-  // submitter that is at work in its stead wakes it when that is done.
+  // submitter that is at work in its stead does that at its end.
   bool takeWakeUp() { return !busy && std::exchange(sleeping, false); }
 };
 
 SerialQueue::SerialQueue(std::string label)
     : label_(std::move(label)), state_(std::make_shared<State>()) {
-  state_->worker = startThread(label_, [state = state_] { state->run(); });
+  state_->worker = startThread(label_, [state = state_] { state->work(); });
 }
 
 SerialQueue::~SerialQueue() {
@@ -85,11 +91,24 @@ void SerialQueue::async(Task task) {
   {
     const std::lock_guard guard(state_->lock);
     state_->pending.push_back(std::move(task));
+    ++state_->pendingLong;
     wake = state_->takeWakeUp();
   }
   if (wake) {
     state_->wake.notify_one();
   }
+}
+
+void SerialQueue::asyncShort(Task task) {
+  {
+    const std::lock_guard guard(state_->lock);
+    state_->pending.push_back(std::move(task));
+    if (state_->busy) {
+      return;  // whoever is at work will come to it
+    }
+    state_->busy = true;
+  }
+  drainShortTasks();
 }
 
 bool SerialQueue::claimIfIdle() {
@@ -101,10 +120,18 @@ bool SerialQueue::claimIfIdle() {
   return true;
 }
 
-void SerialQueue::releaseClaim() {
+// By a submitter that is at work: goes on with what is queued as long as it may, and leaves the
+// rest to the worker.
+void SerialQueue::drainShortTasks() {
   bool wake = false;
   {
-    const std::lock_guard guard(state_->lock);
+    std::unique_lock guard(state_->lock);
+    for (int i = 0; i < mostBatchesInPlace; ++i) {
+      if (state_->pending.empty() || state_->pendingLong > 0) {
+        break;
+      }
+      state_->runBatch(guard);
+    }
     state_->busy = false;
     wake = (!state_->pending.empty() || state_->ending) && state_->takeWakeUp();
   }

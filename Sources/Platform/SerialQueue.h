@@ -9,11 +9,14 @@
 namespace zk {
 
 /// Runs work one item at a time, in the order of submission: on a thread of its own that bears the
-/// queue's label, or, for short work and while that thread has nothing to do, on the submitter's.
+/// queue's label, or, when all that is queued is short, on a submitter's thread in its stead.
 ///
-/// The producers' side costs one lock per item, the worker's side one per batch; the worker is
-/// woken only when it sleeps. Destroying the queue runs what is still queued and ends the thread.
-/// A task must not throw.
+/// Handing an item to another thread and waking it costs about as much as sending a datagram. So
+/// the thread of the queue is for work that takes its time, and is woken only when it sleeps; short
+/// work that finds nobody at work is done where it is submitted. One lock per item on the
+/// producers' side, one per batch on the worker's.
+///
+/// Destroying the queue runs what is still queued and ends the thread. A task must not throw.
 class SerialQueue {
  public:
   /// Starts the thread; throws std::system_error when there is none to be had.
@@ -22,19 +25,22 @@ class SerialQueue {
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
-  /// Queues `task` and returns. Any thread, the queue's own included.
+  /// Queues `task` for the queue's thread and returns. Any thread, the queue's own included.
   void async(Task task);
 
-  /// Runs `work` at once and in place when the queue is idle, and tells whether it did. For work
-  /// that is short and waits for nobody: handing a datagram to another thread costs as much as
-  /// sending it. Whoever submits meanwhile queues behind it.
+  /// Queues `task`, which is short and waits for nobody. While nothing but such tasks is queued, a
+  /// thread that submits one may run it, and those that others submit meanwhile, before it returns.
+  void asyncShort(Task task);
+
+  /// Runs `work`, which is short and waits for nobody, at once and in place if the queue is idle,
+  /// and tells whether it did: asyncShort() for a caller that need not make a task of its own data.
   template <typename Work>
   bool runIfIdle(const Work& work) {
     if (!claimIfIdle()) {
       return false;
     }
     work();
-    releaseClaim();
+    drainShortTasks();
     return true;
   }
 
@@ -48,7 +54,7 @@ class SerialQueue {
   struct State;
 
   bool claimIfIdle();
-  void releaseClaim();
+  void drainShortTasks();
 
   const std::string label_;
   // Shared with the worker: when the last owner of the queue lets go of it inside a task, the

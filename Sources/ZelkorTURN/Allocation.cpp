@@ -176,6 +176,9 @@ std::vector<TURNMessage> AllocationTable::handleAllocate(const TURNMessage& requ
   } catch (const std::exception&) {
     return failure(request, key, TURNAttributes::serverError);
   }
+  if (!TURNAttributes::encodeXorAddress(relayed.ip, relayed.port)) {  // nothing to tell the client
+    return failure(request, key, TURNAttributes::serverError);
+  }
   Allocation& created = allocations_[client];
   created.relayIP = relayed.ip;
   created.relayPort = relayed.port;

@@ -106,19 +106,25 @@ void TURNServer::submitDatagram(ByteView datagram, const sockaddr_in& sender) {
   FiveTuple client{addressText(sender), portNumber(sender), TransportProtocol::udp};
   logLine(debugLog, FMT_COMPILE("rx {}B from {}:{} firstByte=0x{:02x} kind={}"), datagram.size(),
           client.clientIP, client.clientPort, datagram[0], kindOf(datagram[0]));
-  if (isData(datagram) && serialQ_.runIfIdle([&] { dispatch(datagram, client); })) {
+  const bool isShort = isData(datagram);
+  if (isShort && serialQ_.runIfIdle([&] { dispatch(datagram, client); })) {
     return;
   }
   if (!reserveQueueRoom(datagram.size())) {
     return;
   }
-  serialQ_.async([weak = weak_from_this(), bytes = Bytes(datagram.begin(), datagram.end()),
-                  client = std::move(client)] {
+  Task task([weak = weak_from_this(), bytes = Bytes(datagram.begin(), datagram.end()),
+             client = std::move(client)] {
     if (const auto server = weak.lock()) {
       server->releaseQueueRoom(bytes.size());
       server->dispatch(bytes, client);
     }
   });
+  if (isShort) {
+    serialQ_.asyncShort(std::move(task));
+  } else {
+    serialQ_.async(std::move(task));
+  }
 }
 
 bool TURNServer::reserveQueueRoom(std::size_t octets) {

@@ -136,8 +136,8 @@ void TURNServer::deliverFromRelay(ByteView payload, const std::string& peerIP,
   if (!reserveQueueRoom(payload.size())) {
     return;
   }
-  serialQ_.async([weak = weak_from_this(), bytes = Bytes(payload.begin(), payload.end()),
-                  ip = peerIP, peerPort, to = client] {
+  serialQ_.asyncShort([weak = weak_from_this(), bytes = Bytes(payload.begin(), payload.end()),
+                       ip = peerIP, peerPort, to = client] {
     if (const auto server = weak.lock()) {
       server->releaseQueueRoom(bytes.size());
       server->deliverFromRelayOnQueue(bytes, ip, peerPort, to);

@@ -18,6 +18,8 @@ using nlohmann::json;
 // mistake or worse, and must not be able to exhaust anything.
 constexpr std::size_t longestLine = 1 << 20;
 constexpr int deepestNesting = 64;
+// Every challenge repeats the realm, and a challenge is one datagram.
+constexpr std::size_t longestRealm = 65000;
 
 json parse(std::string_view line) {
   const auto checkDepth = [](int depth, json::parse_event_t, json&) {
@@ -121,11 +123,15 @@ Config decodeConfig(std::string_view line) {
   if (!proxy.is_object()) {
     wrongType("proxy", "an object", proxy);
   }
-  return {{text(proxy, "host", "proxy."), integer(proxy, "port", "proxy."),
-           text(proxy, "user", "proxy."), text(proxy, "pass", "proxy.")},
-          text(top, "realm"),
-          text(top, "username"),
-          text(top, "credential")};
+  Config config{{text(proxy, "host", "proxy."), integer(proxy, "port", "proxy."),
+                 text(proxy, "user", "proxy."), text(proxy, "pass", "proxy.")},
+                text(top, "realm"),
+                text(top, "username"),
+                text(top, "credential")};
+  if (config.realm.size() > longestRealm) {
+    throw ConfigError(fmt::format("realm is longer than {} octets", longestRealm));
+  }
+  return config;
 }
 
 Config readConfig() {
