@@ -1,0 +1,551 @@
+// The server as clients and peers see it: sequences of datagrams from three clients, datagrams from
+// peers, failing relays, and a clock that moves. The harness signs requests with the right key, or
+// not, and keeps a model of who may do what; every answer and every relayed datagram is held
+// against the model, and every relay must be accounted for after every step.
+
+#include <array>
+#include <map>
+
+#include <sys/socket.h>
+
+#include "Fuzz.h"
+#include "Platform/Sockets.h"
+#include "ZelkorSOCKS5/InterfaceScope.h"
+#include "ZelkorSOCKS5/SOCKS5Error.h"
+#include "ZelkorTURN/TURNServer.h"
+
+namespace zk {
+
+struct TURNServerAccess {
+  TURNServer& server;
+  void dispatch(ByteView datagram, const FiveTuple& from) { server.dispatch(datagram, from); }
+  void drain() {
+    server.serialQ_.sync([] {});
+  }
+  const Allocation* allocation(const FiveTuple& client) const {
+    return server.allocationTable_->allocation(client);
+  }
+  const auto& relays() const { return server.relayMap_; }
+  bool isIdle() const { return !server.currentAllocatingClient_ && server.queuedOctets_ == 0; }
+};
+
+namespace fuzz {
+namespace {
+
+using TURNAttributes::Address;
+
+constexpr std::size_t clientCount = 3;
+constexpr std::size_t largestAnswer = 100;  // of what requests are answered with
+const Credentials credentials{"user", "zk.example", "password"};
+// What relays and peers are called. Only the first ones are addresses that a client can be told.
+const std::array<std::string, 7> names{"198.51.100.1",
+                                       "198.51.100.2",
+                                       "0.0.0.0",
+                                       "proxy.test",
+                                       "",
+                                       "20:01:0d:b8",
+                                       std::string("10.0.0.1\0x", 10)};
+
+struct Datagram {
+  Bytes payload;
+  std::string ip;
+  std::uint16_t port;
+};
+
+// What the relays do next, and what they did.
+struct Script {
+  std::uint8_t faults = 0;  // bit: 1 first rung fails, 2 second, 4 no thread, 8 send fails
+  std::string address = names[0];
+  int openings = 0;
+  std::vector<Datagram> sent;
+};
+
+struct ScriptedRelay final : TURNRelay {
+  explicit ScriptedRelay(Script& itsScript) : script(itsScript) {}
+  Script& script;
+  TURNRelayDataPlane::Handler handler;
+  bool isOpen = false;
+  int closings = 0;
+
+  RelayedAddress allocateRelay() override {
+    const bool isSecond = script.openings++ % 2 == 1;
+    require(InterfaceScope::modeOverride == isSecond, "pinned first, then by the default route");
+    if ((script.faults & (isSecond ? 2 : 1)) != 0) {
+      throw SOCKS5Error::connectionFailed("scripted");
+    }
+    isOpen = true;
+    return {script.address, 40000};
+  }
+  void send(ByteView payload, const std::string& ip, std::uint16_t port) override {
+    require(isOpen && closings == 0, "only an open relay sends");
+    script.sent.push_back({joined({payload}), ip, port});
+    if ((script.faults & 8) != 0) {
+      throw SOCKS5Error::connectionFailed("scripted");
+    }
+  }
+  void receive(Handler itsHandler) override {
+    require(isOpen && closings == 0 && !handler, "receive() once, on an open relay");
+    if ((script.faults & 4) != 0) {
+      throw std::system_error(EAGAIN, std::generic_category());
+    }
+    handler = std::move(itsHandler);
+  }
+  void close() override { ++closings; }
+};
+
+struct ScriptedFactory final : TURNRelayFactory {
+  explicit ScriptedFactory(Script& itsScript) : script(itsScript) {}
+  Script& script;
+  std::vector<std::pair<FiveTuple, std::shared_ptr<ScriptedRelay>>> made;
+  std::shared_ptr<TURNRelay> makeRelay(const FiveTuple& client) override {
+    return made.emplace_back(client, std::make_shared<ScriptedRelay>(script)).second;
+  }
+};
+
+// A client's socket, for the life of the process.
+struct Endpoint {
+  int socket = openUDPSocket();
+  FiveTuple client{"127.0.0.1", 0, TransportProtocol::udp};
+  Endpoint() {
+    require(bindSocket(socket, socketAddress(client.clientIP, 0)), "a client socket can be had");
+    client.clientPort = portNumber(localAddress(socket));
+  }
+  std::optional<Bytes> received() const {
+    static std::array<std::uint8_t, 65536> buffer;
+    const ssize_t size = recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    return size < 0 ? std::nullopt : std::optional(Bytes(buffer.begin(), buffer.begin() + size));
+  }
+};
+
+// What a client must have by now.
+struct Model {
+  std::uint32_t expiry = 0;
+  TransactionID txID{};
+  std::string relayIP;
+  std::map<std::uint16_t, Address> channels;
+};
+
+class World {
+ public:
+  World() {
+    server_->debugLog = [](std::string_view line) {
+      require(line.find('\n') == std::string_view::npos, "the log gets one line at a time");
+    };
+    server_->start();
+  }
+
+  ~World() {
+    server_->stop();
+    for (const auto& [client, relay] : factory_->made) {
+      require(relay->closings == (relay->isOpen ? 1 : 0), "stop() leaves no relay open");
+    }
+    require(access_.relays().empty(), "stop() forgets the relays");
+    requireSilence();
+  }
+
+  void step(Input& input) {
+    const std::uint8_t choice = input.octet();
+    const std::size_t who = (choice >> 4) % clientCount;
+    switch (choice % 8) {
+      case 0:
+        time_ += input.number() * (choice < 0x80 ? second : second / 1024);
+        break;
+      case 1: {
+        const ByteView raw = input.take(input.octet());
+        fromClient(who, raw.empty() ? Bytes(1) : joined({raw}), false);
+        break;
+      }
+      case 2: {
+        TURNMessage message(TURNMethod::send, TURNClass::indication, {choice});
+        appendAttributes(message, input);
+        fromClient(who, message.encode(), false);
+        break;
+      }
+      case 3: {
+        Bytes datagram{0x40, input.octet(), 0, input.octet()};
+        append(datagram, input.take(input.octet()));
+        fromClient(who, datagram, false);
+        break;
+      }
+      case 4:
+        fromPeer(who, input);
+        break;
+      case 5:
+        script_.faults = input.octet();
+        script_.address = names[(script_.faults >> 4) % names.size()];
+        break;
+      default:
+        request(who, input);
+        break;
+    }
+    checkState();
+  }
+
+ private:
+  static const Endpoint& endpoint(std::size_t who) {
+    static const std::array<Endpoint, clientCount> endpoints;
+    return endpoints[who];
+  }
+
+  std::uint32_t now() const { return static_cast<std::uint32_t>((time_ - start_) / second); }
+  bool isAlive(std::size_t who) const { return models_[who] && models_[who]->expiry >= now(); }
+
+  void requireSilence() const {
+    for (std::size_t who = 0; who < clientCount; ++who) {
+      require(!endpoint(who).received(), "nothing is sent that is not due");
+    }
+  }
+
+  // Attributes of the input's choice: good ones that fit each other, and any value of any kind.
+  static void appendAttributes(TURNMessage& message, Input& input) {
+    for (std::size_t left = input.octet() % 6; left > 0; --left) {
+      const std::uint8_t kind = input.octet();
+      const std::uint8_t detail = input.octet();
+      switch (kind % 6) {
+        case 0:
+          message.append(TURNAttr::requestedTransport, Bytes{17, 0, 0, 0});
+          break;
+        case 1:
+          message.append(TURNAttr::xorPeerAddress,
+                         *TURNAttributes::encodeXorAddress(names[detail & 1], detail >> 5));
+          break;
+        case 2:
+          message.append(TURNAttr::channelNumber, Bytes{0x40, detail, 0, 0});
+          break;
+        case 3:
+          message.append(TURNAttr::lifetime, Bytes{0, 0, detail, input.octet()});
+          break;
+        case 4:
+          message.append(TURNAttr::data, input.take(detail));
+          break;
+        default:
+          message.append(kind, input.take(detail % 16));
+          break;
+      }
+    }
+  }
+
+  void request(std::size_t who, Input& input) {
+    constexpr std::array<std::uint16_t, 8> methods{
+        TURNMethod::allocate,    TURNMethod::allocate, TURNMethod::refresh,
+        TURNMethod::channelBind, TURNMethod::refresh,  TURNMethod::createPermission,
+        TURNMethod::channelBind, TURNMethod::dataMsg};
+    const std::uint8_t kind = input.octet();
+    const std::uint8_t flaw = input.octet();
+    if (nonces_.empty()) {
+      fromClient(who, TURNMessage(TURNMethod::allocate, TURNClass::request, {}).encode(), false);
+    }
+    TransactionID txID{++transactions_, flaw};
+    if ((kind & 0x80) != 0 && models_[who]) {
+      txID = models_[who]->txID;
+    }
+    TURNMessage message(methods[kind % 8], static_cast<TURNClass>(kind >> 3 & 3), txID);
+    message.append(TURNAttr::username, bytesOf("anybody"));
+    if (flaw != 1) {
+      message.append(TURNAttr::realm, bytesOf(credentials.realm));
+    }
+    const bool wantsOld = flaw == 2 || flaw == 3;
+    message.append(TURNAttr::nonce, bytesOf(flaw == 4   ? "0123456789abcdef0123456789abcdef"
+                                            : flaw == 5 ? "\xC3"
+                                            : wantsOld  ? nonces_.begin()->first
+                                                        : latestNonce_));
+    appendAttributes(message, input);
+    auto key = TURNAuth::longTermKey(credentials.username, credentials.realm, credentials.password);
+    key[0] ^= flaw == 6;
+    bool isGenuine = flaw != 6 && !message.first(TURNAttr::messageIntegrity);
+    TURNAuth::appendMessageIntegrity(message, key);
+    Bytes datagram = message.encode();
+    if (flaw == 7) {
+      datagram[input.number() % datagram.size()] ^= std::max<std::uint8_t>(input.octet(), 1);
+      isGenuine = false;
+    }
+    if (flaw == 8) {
+      datagram.push_back(0);  // behind the message, where nothing counts
+    }
+    fromClient(who, datagram, isGenuine);
+  }
+
+  void fromClient(std::size_t who, const Bytes& datagram, bool isGenuine) {
+    script_.sent.clear();
+    script_.openings = 0;
+    access_.dispatch(datagram, endpoint(who).client);
+    const auto message = TURNMessage::decode(datagram);
+    const bool isSend =
+        message && message->method == TURNMethod::send && message->klass == TURNClass::indication;
+    const auto due = isSend ? dueOf(who, *message) : dueOf(who, datagram);
+    require(script_.sent.size() == (due ? 1 : 0), "just what a live allocation allows is relayed");
+    if (due) {
+      const Datagram& sent = script_.sent[0];
+      require(sent.payload == due->payload && sent.ip == due->ip && sent.port == due->port,
+              "a datagram is relayed as it is, to its peer");
+    }
+    if (message && !isSend) {
+      const auto answer = endpoint(who).received();
+      require(answer && answer->size() <= largestAnswer, "one answer, and a small one");
+      const auto decoded = TURNMessage::decode(*answer);
+      require(decoded.has_value(), "an answer decodes");
+      checkAnswer(who, *message, *decoded, *answer, isGenuine);
+    }
+    requireSilence();
+  }
+
+  std::optional<Datagram> dueOf(std::size_t who, const TURNMessage& indication) const {
+    const auto peer = indication.first(TURNAttr::xorPeerAddress);
+    const auto address = peer ? TURNAttributes::decodeXorAddress(*peer) : std::nullopt;
+    const auto data = indication.first(TURNAttr::data);
+    if (!address || !data || !isAlive(who)) {
+      return std::nullopt;
+    }
+    return Datagram{joined({*data}), address->ip, address->port};
+  }
+
+  std::optional<Datagram> dueOf(std::size_t who, ByteView datagram) const {
+    if (datagram.size() < 4 || datagram.size() < 4U + readUInt16(datagram, 2) || !isAlive(who)) {
+      return std::nullopt;
+    }
+    const auto channel = models_[who]->channels.find(readUInt16(datagram, 0));
+    if (channel == models_[who]->channels.end()) {
+      return std::nullopt;
+    }
+    return Datagram{joined({datagram.subspan(4, readUInt16(datagram, 2))}), channel->second.ip,
+                    channel->second.port};
+  }
+
+  // The error that the gate must answer, 0 when the request passes.
+  int gateError(const TURNMessage& message, bool isGenuine) const {
+    const auto nonce = message.first(TURNAttr::nonce);
+    if (!nonce || !message.first(TURNAttr::username) || !message.first(TURNAttr::realm) ||
+        !message.first(TURNAttr::messageIntegrity) ||
+        std::any_of(nonce->begin(), nonce->end(), [](auto octet) { return octet > 127; })) {
+      return 401;
+    }
+    const auto issued = nonces_.find(std::string(textOf(*nonce)));
+    return issued == nonces_.end() || now() - issued->second > 300 ? 438 : isGenuine ? 0 : 401;
+  }
+
+  // The error that a request which passed the gate must be answered with. 0 for success, which
+  // changes the model.
+  int outcome(std::size_t who, const TURNMessage& message) {
+    auto& model = models_[who];
+    const auto lifetime = message.first(TURNAttr::lifetime);
+    const auto number = message.first(TURNAttr::channelNumber);
+    const auto peer = message.first(TURNAttr::xorPeerAddress);
+    switch (message.method) {
+      case TURNMethod::allocate: {
+        if (model) {
+          return model->txID == message.txID ? 0 : 437;
+        }
+        const auto transport = message.first(TURNAttr::requestedTransport);
+        if (!transport || transport->empty() || (*transport)[0] != 17) {
+          return 442;
+        }
+        if ((script_.faults & 4) != 0 || (script_.faults & 3) == 3 ||
+            !isDottedQuad(script_.address)) {
+          return 500;
+        }
+        model = Model{now() + 600, message.txID, script_.address, {}};
+        return 0;
+      }
+      case TURNMethod::refresh:
+        if (!model) {
+          return 437;
+        }
+        granted_ = lifetime && lifetime->size() >= 4
+                       ? std::min(*TURNAttributes::decodeLifetime(*lifetime), 3600U)
+                       : 600;
+        model->expiry = now() + granted_;
+        if (granted_ == 0) {
+          model.reset();
+        }
+        return 0;
+      case TURNMethod::createPermission:
+        return isAlive(who) ? 0 : 437;
+      case TURNMethod::channelBind: {
+        const auto address = peer ? TURNAttributes::decodeXorAddress(*peer) : std::nullopt;
+        if (!isAlive(who)) {
+          return 437;
+        }
+        if (!number || number->size() < 2 || (*number)[0] >> 6 != 1 || !address) {
+          return 400;
+        }
+        model->channels[readUInt16(*number, 0)] = *address;
+        return 0;
+      }
+      default:
+        return 400;
+    }
+  }
+
+  void checkAnswer(std::size_t who, const TURNMessage& message, const TURNMessage& answer,
+                   ByteView wire, bool isGenuine) {
+    const int challenge = gateError(message, isGenuine);
+    const int error = challenge != 0 ? challenge : outcome(who, message);
+    const auto code = answer.first(TURNAttr::errorCode);
+    require(
+        answer.method == message.method && answer.txID == message.txID &&
+            answer.klass == (error == 0 ? TURNClass::successResponse : TURNClass::errorResponse) &&
+            (code ? TURNAttributes::decodeErrorCode(*code) : 0) == error,
+        "the answer is the one that the request and the state call for");
+    const auto key =
+        TURNAuth::longTermKey(credentials.username, credentials.realm, credentials.password);
+    if (challenge != 0) {
+      const auto nonce = answer.first(TURNAttr::nonce);
+      const auto realm = answer.first(TURNAttr::realm);
+      require(nonce && nonce->size() == 32 && realm && textOf(*realm) == credentials.realm &&
+                  !answer.first(TURNAttr::messageIntegrity),
+              "a challenge holds realm and nonce and is not signed");
+      latestNonce_ = textOf(*nonce);
+      require(nonces_.emplace(latestNonce_, now()).second, "a nonce is new");
+      return;
+    }
+    require(TURNAuth::verifyMessageIntegrity(wire, key), "an answer to a client is signed");
+    const auto lifetime = answer.first(TURNAttr::lifetime);
+    const auto seconds = lifetime ? TURNAttributes::decodeLifetime(*lifetime) : std::nullopt;
+    if (error == 0 && message.method == TURNMethod::refresh) {
+      require(seconds == granted_, "Refresh grants at most an hour");
+    }
+    if (error == 0 && message.method == TURNMethod::allocate) {
+      const auto relayed = answer.first(TURNAttr::xorRelayedAddress);
+      const auto mapped = answer.first(TURNAttr::xorMappedAddress);
+      require(
+          seconds == 600U && relayed && mapped &&
+              TURNAttributes::decodeXorAddress(*relayed)->ip == models_[who]->relayIP &&
+              TURNAttributes::decodeXorAddress(*mapped)->port == endpoint(who).client.clientPort,
+          "Allocate tells both addresses and the lifetime");
+      for (auto& model : models_) {
+        if (model && model->expiry + 300 < now()) {
+          model.reset();  // swept
+        }
+      }
+    }
+  }
+
+  void fromPeer(std::size_t who, Input& input) {
+    const std::string& ip = names[input.octet() % names.size()];
+    const std::uint16_t port = input.octet() % 8;
+    const std::uint8_t size = input.octet();
+    const Bytes payload(size < 0xF0 ? size : size * 255U, size);
+    const auto entry = access_.relays().find(endpoint(who).client);
+    if (entry == access_.relays().end()) {
+      return;
+    }
+    static_cast<ScriptedRelay&>(*entry->second).handler(payload, ip, port);
+    access_.drain();
+    const auto datagram = endpoint(who).received();
+    std::vector<std::uint16_t> bound;
+    if (isAlive(who)) {
+      for (const auto& [number, peer] : models_[who]->channels) {
+        if (peer.ip == ip && peer.port == port) {
+          bound.push_back(number);
+        }
+      }
+    }
+    require(datagram.has_value() == (isAlive(who) && isDottedQuad(ip)),
+            "a peer reaches just the client of a live allocation");
+    if (datagram && !bound.empty()) {
+      require(std::count(bound.begin(), bound.end(), readUInt16(*datagram, 0)) == 1 &&
+                  readUInt16(*datagram, 2) == payload.size() &&
+                  areEqual(ByteView(*datagram).subspan(4), payload),
+              "a peer with a channel speaks through it");
+    } else if (datagram) {
+      const auto indication = TURNMessage::decode(*datagram);
+      require(indication && indication->method == TURNMethod::dataMsg &&
+                  indication->klass == TURNClass::indication,
+              "a peer without a channel speaks by Data indications");
+      const auto peer = TURNAttributes::decodeXorAddress(
+          indication->first(TURNAttr::xorPeerAddress).value_or(ByteView()));
+      const auto data = indication->first(TURNAttr::data);
+      require(peer && peer->ip == ip && peer->port == port && data && areEqual(*data, payload),
+              "a Data indication tells the peer and the payload");
+    }
+    requireSilence();
+  }
+
+  // What must hold after every step.
+  void checkState() const {
+    require(!InterfaceScope::modeOverride, "no override outlives an opening");
+    require(access_.isIdle(), "nothing is left of the datagram");
+    std::size_t alive = 0;
+    for (const auto& [client, relay] : factory_->made) {
+      const auto entry = access_.relays().find(client);
+      const bool isHeld = entry != access_.relays().end() && entry->second == relay;
+      require(relay->closings == (relay->isOpen && !isHeld ? 1 : 0),
+              "a relay is open just while its client holds it, and closed once");
+      alive += isHeld ? 1 : 0;
+    }
+    require(alive == access_.relays().size(), "no relay from elsewhere");
+    for (std::size_t who = 0; who < clientCount; ++who) {
+      const Allocation* const held = access_.allocation(endpoint(who).client);
+      const auto& model = models_[who];
+      require((held != nullptr) == model.has_value(), "an allocation just where there must be one");
+      require(access_.relays().contains(endpoint(who).client) == model.has_value(),
+              "a relay just where there is an allocation");
+      require(!model || (held->lifetimeExpiry == model->expiry &&
+                         held->channels.size() == model->channels.size()),
+              "an allocation holds what was granted");
+    }
+  }
+
+  static constexpr std::uint64_t second = 1'000'000'000;  // nanoseconds
+  static constexpr std::uint64_t start_ = 123'456'789'012;
+
+  std::uint64_t time_ = start_;
+  Script script_;
+  const std::shared_ptr<ScriptedFactory> factory_ = std::make_shared<ScriptedFactory>(script_);
+  const std::shared_ptr<TURNServer> server_ = std::make_shared<TURNServer>(
+      credentials, credentials.realm, factory_, [this] { return time_; });
+  TURNServerAccess access_{*server_};
+
+  std::array<std::optional<Model>, clientCount> models_;
+  std::map<std::string, std::uint32_t> nonces_;  // all there were, and when
+  std::string latestNonce_;
+  std::uint8_t transactions_ = 0;
+  std::uint32_t granted_ = 0;
+};
+
+}  // namespace
+
+void run(ByteView bytes) {
+  World world;
+  for (Input input(bytes); !input.isEmpty();) {
+    world.step(input);
+  }
+}
+
+std::vector<Bytes> seeds() {
+  // Steps as World::step() reads them, for client 0 unless said otherwise.
+  const Bytes allocate{6, 0, 0, 1, 0, 0};
+  const Bytes allocateByOther{0x16, 0, 0, 1, 0, 0};
+  const Bytes retransmit{6, 0x80, 0, 1, 0, 0};
+  const Bytes bind{6, 3, 0, 2, 2, 1, 1, 0};  // channel 0x4001 to the first peer, port 0
+  const Bytes permit{6, 5, 0, 1, 1, 0};
+  const Bytes refresh{6, 2, 0, 0};
+  const Bytes release{6, 2, 0, 1, 3, 0, 0};
+  const Bytes badKey{6, 2, 6, 0};
+  const Bytes oldNonce{6, 2, 2, 0};
+  const Bytes changed{6, 2, 7, 0, 0, 30, 1};
+  const Bytes indication{2, 2, 1, 0, 4, 2, 'h', 'i'};
+  const Bytes channelData{3, 1, 2, 2, 'h', 'i'};
+  const Bytes peer{4, 0, 0, 5};
+  const Bytes hugePeer{4, 1, 3, 0xFF};
+  const Bytes wait299{0, 0x01, 0x2B};
+  const Bytes wait601{0, 0x02, 0x59};
+  const Bytes noFaults{5, 0};
+  const Bytes data = joined({indication, channelData, peer, hugePeer});
+  std::vector<Bytes> all{
+      joined({allocate, bind, permit, data, refresh, release, data, allocate}),
+      joined({allocate, retransmit, allocate, wait299, data, wait299, oldNonce, refresh, data}),
+      joined({allocate, bind, wait601, data, refresh, refresh, data, wait601, wait601,
+              allocateByOther, allocateByOther, data}),
+      joined({badKey, oldNonce, changed, allocate, badKey, changed, release, release}),
+      joined({Bytes{1, 4, 0x40, 1, 0, 0}, Bytes{1, 1, 0xFF}, Bytes{1, 1, 0}, allocate, data})};
+  for (std::uint8_t faults = 1; faults < 0x70; faults = static_cast<std::uint8_t>(faults * 2 + 1)) {
+    all.push_back(joined({Bytes{5, faults}, allocate, data, noFaults, allocate, data}));
+  }
+  all.push_back(joined({Bytes{5, 0x60}, allocate, data, noFaults, allocate, data}));
+  all.push_back(joined({Bytes{5, 9}, allocate, data, Bytes{5, 4}, release, allocate, data}));
+  return all;
+}
+
+}  // namespace fuzz
+}  // namespace zk
