@@ -121,7 +121,7 @@ void debugLogLine(benchmark::State& state) {
   const std::string path = std::filesystem::temp_directory_path() / "zkturnd-microbench.log";
   {
     DebugLog log(path.c_str());
-    const LogCallback callback = [&](std::string_view line) { log.append(line); };
+    const LogCallback callback = [&](std::string_view line) { log.appendDebugLog(line); };
     const std::string client = "127.0.0.1";
     const Heap heap(state);
     for (auto _ : state) {
@@ -138,8 +138,8 @@ BENCHMARK(debugLogLine);
 void dataPlaneLogLine(benchmark::State& state) {
   const Heap heap(state);
   for (auto _ : state) {
-    DataPlaneLog::line(FMT_COMPILE("SEND fd={} → {}:{} {}B sendto={}"), 7, peer, 3478, payloadSize,
-                       payloadSize + 10);
+    zkDPLog(FMT_COMPILE("SEND fd={} → {}:{} {}B sendto={}"), 7, peer, 3478, payloadSize,
+            payloadSize + 10);
   }
 }
 BENCHMARK(dataPlaneLogLine);

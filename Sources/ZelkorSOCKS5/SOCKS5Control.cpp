@@ -78,6 +78,14 @@ Attempt tryAddress(const ResolvedAddress& address, const std::string& host,
   return {socket, {}};
 }
 
+// A credential's length has one octet.
+void requireSendable(const char* name, const std::string& credential) {
+  if (credential.size() > longestCredential) {
+    throw SOCKS5Error::authFailed(
+        fmt::format("{} is {} octets long, at most 255 can be sent", name, credential.size()));
+  }
+}
+
 }  // namespace
 
 SOCKS5Control::SOCKS5Control(std::string host, std::int64_t port,
@@ -126,6 +134,10 @@ void SOCKS5Control::connect(std::optional<bool> viaDefault) {
 }
 
 SOCKS5Control::RelayEndpoint SOCKS5Control::performHandshakeAndUDPAssociate() {
+  if (hasCredentials()) {
+    requireSendable("user name", *username_);
+    requireSendable("password", *password_);
+  }
   // Method selection, RFC 1928 section 3.
   writeAll(hasCredentials() ? Bytes{version, 2, noAuthentication, usernamePassword}
                             : Bytes{version, 1, noAuthentication});
@@ -162,16 +174,10 @@ void SOCKS5Control::authenticate() {
     throw SOCKS5Error::authFailed("server wants auth but none provided");
   }
   Bytes request{subnegotiationVersion};
-  const auto appendField = [&request](const char* name, const std::string& value) {
-    if (value.size() > longestCredential) {
-      throw SOCKS5Error::authFailed(
-          fmt::format("{} is {} octets long, at most 255 can be sent", name, value.size()));
-    }
-    request.push_back(static_cast<std::uint8_t>(value.size()));
-    request.insert(request.end(), value.begin(), value.end());
-  };
-  appendField("user name", *username_);
-  appendField("password", *password_);
+  for (const std::string& field : {*username_, *password_}) {
+    request.push_back(static_cast<std::uint8_t>(field.size()));
+    request.insert(request.end(), field.begin(), field.end());
+  }
   writeAll(request);
 
   const Bytes answer = readExactly(2);

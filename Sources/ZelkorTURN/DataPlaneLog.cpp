@@ -4,7 +4,7 @@
 
 namespace zk {
 
-void DataPlaneLog::append(std::string_view text) {
+void appendToDataPlaneLog(std::string_view text) {
   static KeptLogFile file("/tmp/zkturnd-dp.log");
   file.append(text);
 }

@@ -8,21 +8,19 @@
 
 namespace zk {
 
-/// The log of the data plane, /tmp/zkturnd-dp.log: one line per event, without a time stamp, in the
-/// file when the call returns. Any thread. Its own failures are nobody's business.
-namespace DataPlaneLog {
+/// Appends `text`, which ends in a line feed, to the log of the data plane, /tmp/zkturnd-dp.log, in
+/// one write; it is in the file on return. Any thread. The log's own failures are nobody's
+/// business.
+void appendToDataPlaneLog(std::string_view text);
 
-/// Appends `text`, which ends in a line feed, in one write.
-void append(std::string_view text);
-
-/// Formats one line, with an FMT_COMPILE string, and appends it.
+/// Writes one line to the log of the data plane: no time stamp, one line per event. `format` is an
+/// FMT_COMPILE string.
 template <typename Format, typename... Args>
-void line(const Format& format, const Args&... args) {
-  fmt::memory_buffer text;
-  fmt::format_to(std::back_inserter(text), format, args...);
-  text.push_back('\n');
-  append({text.data(), text.size()});
+void zkDPLog(const Format& format, const Args&... args) {
+  fmt::memory_buffer line;
+  fmt::format_to(std::back_inserter(line), format, args...);
+  line.push_back('\n');
+  appendToDataPlaneLog({line.data(), line.size()});
 }
 
-}  // namespace DataPlaneLog
 }  // namespace zk

@@ -107,8 +107,8 @@ void SOCKS5Relay::send(ByteView payload, const std::string& toPeerIP, std::uint1
   const std::ptrdiff_t sent =
       sendDatagram(fd, SOCKS5UDPFrame::wrap(payload, toPeerIP, peerPort), relayAddr);
   const int error = errno;
-  DataPlaneLog::line(FMT_COMPILE("SEND fd={} → {}:{} {}B sendto={}"), fd, toPeerIP, peerPort,
-                     payload.size(), sent);
+  zkDPLog(FMT_COMPILE("SEND fd={} → {}:{} {}B sendto={}"), fd, toPeerIP, peerPort, payload.size(),
+          sent);
   if (sent < 0) {
     throw SOCKS5Error::connectionFailed("sendto relay: " + errorText(error));
   }
@@ -119,7 +119,7 @@ void SOCKS5Relay::receive(Handler handler) {
   if (fd < 0) {
     return;
   }
-  DataPlaneLog::line(FMT_COMPILE("RECV-THREAD start fd={}"), fd);
+  zkDPLog(FMT_COMPILE("RECV-THREAD start fd={}"), fd);
   const std::lock_guard guard(lock_);
   receiveThread_ = startThread(
       "zk.socks5relay.recv",
@@ -140,7 +140,7 @@ void SOCKS5Relay::receiveLoop(const Handler& handler) {
 bool SOCKS5Relay::receiveOne(int fd, std::span<std::uint8_t> buffer, const Handler& handler) {
   const ssize_t received = recv(fd, buffer.data(), buffer.size(), 0);
   const int error = errno;
-  DataPlaneLog::line(FMT_COMPILE("RECV recvfrom n={}"), received);
+  zkDPLog(FMT_COMPILE("RECV recvfrom n={}"), received);
   if (received < 0) {
     return error != EINVAL && error != EBADF;
   }
@@ -151,11 +151,11 @@ bool SOCKS5Relay::receiveOne(int fd, std::span<std::uint8_t> buffer, const Handl
   const auto datagram = ByteView(buffer).first(static_cast<std::size_t>(received));
   const auto frame = SOCKS5UDPFrame::unwrap(datagram);
   if (!frame) {
-    DataPlaneLog::line(FMT_COMPILE("RECV unwrap FAILED {}B (DROPPED)"), datagram.size());
+    zkDPLog(FMT_COMPILE("RECV unwrap FAILED {}B (DROPPED)"), datagram.size());
     return true;
   }
-  DataPlaneLog::line(FMT_COMPILE("RECV unwrap OK from {}:{} {}B → handler"), frame->srcIP,
-                     frame->srcPort, frame->payload.size());
+  zkDPLog(FMT_COMPILE("RECV unwrap OK from {}:{} {}B → handler"), frame->srcIP, frame->srcPort,
+          frame->payload.size());
   handler(frame->payload, frame->srcIP, frame->srcPort);
   return true;
 }

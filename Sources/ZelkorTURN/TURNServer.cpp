@@ -36,8 +36,8 @@ bool isData(ByteView datagram) {
 
 }  // namespace
 
-POSIXError::POSIXError(const std::string& call, int code)
-    : code_(code), description_(call + ": " + errorText(code)) {}
+POSIXError::POSIXError(const std::string& prefix, int code)
+    : code_(code), description_(prefix + errorText(code)) {}
 
 TURNServer::TURNServer(Credentials credentials, std::string realm,
                        std::shared_ptr<TURNRelayFactory> relayFactory, MonotonicClock clock)
@@ -55,12 +55,12 @@ void TURNServer::start() {
   }
   const int fd = openUDPSocket();
   if (fd < 0) {
-    throw POSIXError("socket", errno);
+    throw POSIXError("socket: ", errno);
   }
   if (!bindSocket(fd, socketAddress("127.0.0.1", 0))) {
     const int error = errno;
     closeSocket(fd);
-    throw POSIXError("bind", error);
+    throw POSIXError("bind: ", error);
   }
   boundPort_ = portNumber(localAddress(fd));
   startTime_ = clock_();

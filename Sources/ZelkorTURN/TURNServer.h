@@ -29,11 +29,11 @@ class TURNServerError : public std::exception {
   const char* what() const noexcept override { return "alreadyStartedOrStopped"; }
 };
 
-/// A failed system call of start(): its errno value, and in what() the name of the call, ": " and
+/// A failed system call of start(): its errno value, and in what() a prefix that names the call and
 /// the system's text.
 class POSIXError : public std::exception {
  public:
-  POSIXError(const std::string& call, int code);
+  POSIXError(const std::string& prefix, int code);
   int code() const { return code_; }
   const char* what() const noexcept override { return description_.c_str(); }
 

@@ -29,7 +29,7 @@ DebugLog::~DebugLog() {
   }
 }
 
-void DebugLog::append(std::string_view message) {
+void DebugLog::appendDebugLog(std::string_view message) {
   if (file_ < 0) {
     return;
   }

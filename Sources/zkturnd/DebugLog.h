@@ -25,7 +25,7 @@ class DebugLog {
   DebugLog& operator=(const DebugLog&) = delete;
 
   /// Adds one line. Any thread. Returns at once, unless the disk is megabytes behind.
-  void append(std::string_view message);
+  void appendDebugLog(std::string_view message);
 
   /// Returns when every line of before has been written.
   void flush();

@@ -56,9 +56,10 @@ int main() {
                                                             presentUnlessEmpty(config.proxy.pass));
   const auto server = std::make_shared<TURNServer>(
       Credentials{config.username, config.realm, config.credential}, config.realm, factory);
-  server->debugLog = [&debugLog](std::string_view line) { debugLog.append(line); };
-  debugLog.append(fmt::format("zkturnd start proxy={}:{} realm={} user={}", config.proxy.host,
-                              config.proxy.port, config.realm, config.username));
+  server->debugLog = [&debugLog](std::string_view line) { debugLog.appendDebugLog(line); };
+  debugLog.appendDebugLog(fmt::format("zkturnd start proxy={}:{} realm={} user={}",
+                                      config.proxy.host, config.proxy.port, config.realm,
+                                      config.username));
   try {
     server->start();
   } catch (const std::exception& error) {
