@@ -174,7 +174,8 @@ void SOCKS5Control::authenticate() {
     throw SOCKS5Error::authFailed("server wants auth but none provided");
   }
   Bytes request{subnegotiationVersion};
-  for (const std::string& field : {*username_, *password_}) {
+  for (const std::string_view field :
+       {std::string_view(*username_), std::string_view(*password_)}) {
     request.push_back(static_cast<std::uint8_t>(field.size()));
     request.insert(request.end(), field.begin(), field.end());
   }
