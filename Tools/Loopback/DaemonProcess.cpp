@@ -46,7 +46,7 @@ std::vector<std::string> mergedEnvironment(const std::map<std::string, std::stri
     }
   }
   for (const auto& [name, value] : extra) {
-    merged.push_back(name + "=" + value);
+    merged.push_back(std::string(name).append("=").append(value));
   }
   return merged;
 }
@@ -55,6 +55,7 @@ std::vector<std::string> mergedEnvironment(const std::map<std::string, std::stri
 int spawn(pid_t& pid, const std::string& binary, std::vector<std::string> environment, int input,
           int output) {
   std::vector<char*> variables;
+  variables.reserve(environment.size() + 1);
   for (std::string& entry : environment) {
     variables.push_back(entry.data());
   }

@@ -258,8 +258,9 @@ void SOCKS5Connection::perform(const SOCKS5Step& step, Bytes answer, bool closeB
   core_.loop.after(step.delay, act);
 }
 
-void SOCKS5Connection::dribble(std::chrono::milliseconds pace, std::shared_ptr<const Bytes> answer,
-                               std::size_t at, bool closeBehind) {
+void SOCKS5Connection::dribble(std::chrono::milliseconds pace,
+                               const std::shared_ptr<const Bytes>& answer, std::size_t at,
+                               bool closeBehind) {
   if (at < answer->size()) {
     sendOctets(ByteView(*answer).subspan(at, 1));
   }

@@ -38,8 +38,8 @@ class SOCKS5Connection : public std::enable_shared_from_this<SOCKS5Connection> {
   Bytes associate();
 
   void perform(const SOCKS5Step& step, Bytes answer, bool closeBehind);
-  void dribble(std::chrono::milliseconds pace, std::shared_ptr<const Bytes> answer, std::size_t at,
-               bool closeBehind);
+  void dribble(std::chrono::milliseconds pace, const std::shared_ptr<const Bytes>& answer,
+               std::size_t at, bool closeBehind);
   void sendOctets(ByteView octets);
   void answered(bool closeBehind);
 
