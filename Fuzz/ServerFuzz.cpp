@@ -3,16 +3,11 @@
 // not, and keeps a model of who may do what; every answer and every relayed datagram is held
 // against the model, and every relay must be accounted for after every step.
 
-#include <array>
-#include <map>
-
 #include <sys/socket.h>
 
-#include "Fuzz.h"
 #include "Platform/Sockets.h"
-#include "ZelkorSOCKS5/InterfaceScope.h"
-#include "ZelkorSOCKS5/SOCKS5Error.h"
-#include "ZelkorTURN/TURNServer.h"
+#include "ScriptedRelay.h"
+#include "ServerModel.h"
 
 namespace zk {
 
@@ -32,75 +27,9 @@ struct TURNServerAccess {
 namespace fuzz {
 namespace {
 
-using TURNAttributes::Address;
-
-constexpr std::size_t clientCount = 3;
+constexpr std::size_t clientCount = ServerModel::clientCount;
 constexpr std::size_t largestAnswer = 100;  // of what requests are answered with
 const Credentials credentials{"user", "zk.example", "password"};
-// What relays and peers are called. Only the first ones are addresses that a client can be told.
-const std::array<std::string, 7> names{"198.51.100.1",
-                                       "198.51.100.2",
-                                       "0.0.0.0",
-                                       "proxy.test",
-                                       "",
-                                       "20:01:0d:b8",
-                                       std::string("10.0.0.1\0x", 10)};
-
-struct Datagram {
-  Bytes payload;
-  std::string ip;
-  std::uint16_t port;
-};
-
-// What the relays do next, and what they did.
-struct Script {
-  std::uint8_t faults = 0;  // bit: 1 first rung fails, 2 second, 4 no thread, 8 send fails
-  std::string address = names[0];
-  int openings = 0;
-  std::vector<Datagram> sent;
-};
-
-struct ScriptedRelay final : TURNRelay {
-  explicit ScriptedRelay(Script& itsScript) : script(itsScript) {}
-  Script& script;
-  TURNRelayDataPlane::Handler handler;
-  bool isOpen = false;
-  int closings = 0;
-
-  RelayedAddress allocateRelay() override {
-    const bool isSecond = script.openings++ % 2 == 1;
-    require(InterfaceScope::modeOverride == isSecond, "pinned first, then by the default route");
-    if ((script.faults & (isSecond ? 2 : 1)) != 0) {
-      throw SOCKS5Error::connectionFailed("scripted");
-    }
-    isOpen = true;
-    return {script.address, 40000};
-  }
-  void send(ByteView payload, const std::string& ip, std::uint16_t port) override {
-    require(isOpen && closings == 0, "only an open relay sends");
-    script.sent.push_back({joined({payload}), ip, port});
-    if ((script.faults & 8) != 0) {
-      throw SOCKS5Error::connectionFailed("scripted");
-    }
-  }
-  void receive(Handler itsHandler) override {
-    require(isOpen && closings == 0 && !handler, "receive() once, on an open relay");
-    if ((script.faults & 4) != 0) {
-      throw std::system_error(EAGAIN, std::generic_category());
-    }
-    handler = std::move(itsHandler);
-  }
-  void close() override { ++closings; }
-};
-
-struct ScriptedFactory final : TURNRelayFactory {
-  explicit ScriptedFactory(Script& itsScript) : script(itsScript) {}
-  Script& script;
-  std::vector<std::pair<FiveTuple, std::shared_ptr<ScriptedRelay>>> made;
-  std::shared_ptr<TURNRelay> makeRelay(const FiveTuple& client) override {
-    return made.emplace_back(client, std::make_shared<ScriptedRelay>(script)).second;
-  }
-};
 
 // A client's socket, for the life of the process.
 struct Endpoint {
@@ -115,14 +44,6 @@ struct Endpoint {
     const ssize_t size = recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT);
     return size < 0 ? std::nullopt : std::optional(Bytes(buffer.begin(), buffer.begin() + size));
   }
-};
-
-// What a client must have by now.
-struct Model {
-  std::uint32_t expiry = 0;
-  TransactionID txID{};
-  std::string relayIP;
-  std::map<std::uint16_t, Address> channels;
 };
 
 class World {
@@ -149,6 +70,7 @@ class World {
     switch (choice % 8) {
       case 0:
         time_ += input.number() * (choice < 0x80 ? second : second / 1024);
+        model_.now = static_cast<std::uint32_t>((time_ - start_) / second);
         break;
       case 1: {
         const ByteView raw = input.take(input.octet());
@@ -186,9 +108,6 @@ class World {
     static const std::array<Endpoint, clientCount> endpoints;
     return endpoints[who];
   }
-
-  std::uint32_t now() const { return static_cast<std::uint32_t>((time_ - start_) / second); }
-  bool isAlive(std::size_t who) const { return models_[who] && models_[who]->expiry >= now(); }
 
   void requireSilence() const {
     for (std::size_t who = 0; who < clientCount; ++who) {
@@ -232,12 +151,12 @@ class World {
         TURNMethod::channelBind, TURNMethod::dataMsg};
     const std::uint8_t kind = input.octet();
     const std::uint8_t flaw = input.octet();
-    if (nonces_.empty()) {
+    if (model_.nonces.empty()) {
       fromClient(who, TURNMessage(TURNMethod::allocate, TURNClass::request, {}).encode(), false);
     }
     TransactionID txID{++transactions_, flaw};
-    if ((kind & 0x80) != 0 && models_[who]) {
-      txID = models_[who]->txID;
+    if ((kind & 0x80) != 0 && model_.clients[who]) {
+      txID = model_.clients[who]->txID;
     }
     TURNMessage message(methods[kind % 8], static_cast<TURNClass>(kind >> 3 & 3), txID);
     message.append(TURNAttr::username, bytesOf("anybody"));
@@ -247,7 +166,7 @@ class World {
     const bool wantsOld = flaw == 2 || flaw == 3;
     message.append(TURNAttr::nonce, bytesOf(flaw == 4   ? "0123456789abcdef0123456789abcdef"
                                             : flaw == 5 ? "\xC3"
-                                            : wantsOld  ? nonces_.begin()->first
+                                            : wantsOld  ? model_.nonces.begin()->first
                                                         : latestNonce_));
     appendAttributes(message, input);
     auto key = TURNAuth::longTermKey(credentials.username, credentials.realm, credentials.password);
@@ -272,7 +191,7 @@ class World {
     const auto message = TURNMessage::decode(datagram);
     const bool isSend =
         message && message->method == TURNMethod::send && message->klass == TURNClass::indication;
-    const auto due = isSend ? dueOf(who, *message) : dueOf(who, datagram);
+    const auto due = isSend ? model_.dueOf(who, *message) : model_.dueOf(who, datagram);
     require(script_.sent.size() == (due ? 1 : 0), "just what a live allocation allows is relayed");
     if (due) {
       const Datagram& sent = script_.sent[0];
@@ -289,97 +208,10 @@ class World {
     requireSilence();
   }
 
-  std::optional<Datagram> dueOf(std::size_t who, const TURNMessage& indication) const {
-    const auto peer = indication.first(TURNAttr::xorPeerAddress);
-    const auto address = peer ? TURNAttributes::decodeXorAddress(*peer) : std::nullopt;
-    const auto data = indication.first(TURNAttr::data);
-    if (!address || !data || !isAlive(who)) {
-      return std::nullopt;
-    }
-    return Datagram{joined({*data}), address->ip, address->port};
-  }
-
-  std::optional<Datagram> dueOf(std::size_t who, ByteView datagram) const {
-    if (datagram.size() < 4 || datagram.size() < 4U + readUInt16(datagram, 2) || !isAlive(who)) {
-      return std::nullopt;
-    }
-    const auto channel = models_[who]->channels.find(readUInt16(datagram, 0));
-    if (channel == models_[who]->channels.end()) {
-      return std::nullopt;
-    }
-    return Datagram{joined({datagram.subspan(4, readUInt16(datagram, 2))}), channel->second.ip,
-                    channel->second.port};
-  }
-
-  // The error that the gate must answer, 0 when the request passes.
-  int gateError(const TURNMessage& message, bool isGenuine) const {
-    const auto nonce = message.first(TURNAttr::nonce);
-    if (!nonce || !message.first(TURNAttr::username) || !message.first(TURNAttr::realm) ||
-        !message.first(TURNAttr::messageIntegrity) ||
-        std::any_of(nonce->begin(), nonce->end(), [](auto octet) { return octet > 127; })) {
-      return 401;
-    }
-    const auto issued = nonces_.find(std::string(textOf(*nonce)));
-    return issued == nonces_.end() || now() - issued->second > 300 ? 438 : isGenuine ? 0 : 401;
-  }
-
-  // The error that a request which passed the gate must be answered with. 0 for success, which
-  // changes the model.
-  int outcome(std::size_t who, const TURNMessage& message) {
-    auto& model = models_[who];
-    const auto lifetime = message.first(TURNAttr::lifetime);
-    const auto number = message.first(TURNAttr::channelNumber);
-    const auto peer = message.first(TURNAttr::xorPeerAddress);
-    switch (message.method) {
-      case TURNMethod::allocate: {
-        if (model) {
-          return model->txID == message.txID ? 0 : 437;
-        }
-        const auto transport = message.first(TURNAttr::requestedTransport);
-        if (!transport || transport->empty() || (*transport)[0] != 17) {
-          return 442;
-        }
-        if ((script_.faults & 4) != 0 || (script_.faults & 3) == 3 ||
-            !isDottedQuad(script_.address)) {
-          return 500;
-        }
-        model = Model{now() + 600, message.txID, script_.address, {}};
-        return 0;
-      }
-      case TURNMethod::refresh:
-        if (!model) {
-          return 437;
-        }
-        granted_ = lifetime && lifetime->size() >= 4
-                       ? std::min(*TURNAttributes::decodeLifetime(*lifetime), 3600U)
-                       : 600;
-        model->expiry = now() + granted_;
-        if (granted_ == 0) {
-          model.reset();
-        }
-        return 0;
-      case TURNMethod::createPermission:
-        return isAlive(who) ? 0 : 437;
-      case TURNMethod::channelBind: {
-        const auto address = peer ? TURNAttributes::decodeXorAddress(*peer) : std::nullopt;
-        if (!isAlive(who)) {
-          return 437;
-        }
-        if (!number || number->size() < 2 || (*number)[0] >> 6 != 1 || !address) {
-          return 400;
-        }
-        model->channels[readUInt16(*number, 0)] = *address;
-        return 0;
-      }
-      default:
-        return 400;
-    }
-  }
-
   void checkAnswer(std::size_t who, const TURNMessage& message, const TURNMessage& answer,
                    ByteView wire, bool isGenuine) {
-    const int challenge = gateError(message, isGenuine);
-    const int error = challenge != 0 ? challenge : outcome(who, message);
+    const int challenge = model_.gateError(message, isGenuine);
+    const int error = challenge != 0 ? challenge : model_.outcome(who, message, script_);
     const auto code = answer.first(TURNAttr::errorCode);
     require(
         answer.method == message.method && answer.txID == message.txID &&
@@ -395,28 +227,24 @@ class World {
                   !answer.first(TURNAttr::messageIntegrity),
               "a challenge holds realm and nonce and is not signed");
       latestNonce_ = textOf(*nonce);
-      require(nonces_.emplace(latestNonce_, now()).second, "a nonce is new");
+      require(model_.nonces.emplace(latestNonce_, model_.now).second, "a nonce is new");
       return;
     }
     require(TURNAuth::verifyMessageIntegrity(wire, key), "an answer to a client is signed");
     const auto lifetime = answer.first(TURNAttr::lifetime);
     const auto seconds = lifetime ? TURNAttributes::decodeLifetime(*lifetime) : std::nullopt;
     if (error == 0 && message.method == TURNMethod::refresh) {
-      require(seconds == granted_, "Refresh grants at most an hour");
+      require(seconds == model_.granted, "Refresh grants at most an hour");
     }
     if (error == 0 && message.method == TURNMethod::allocate) {
       const auto relayed = answer.first(TURNAttr::xorRelayedAddress);
       const auto mapped = answer.first(TURNAttr::xorMappedAddress);
       require(
           seconds == 600U && relayed && mapped &&
-              TURNAttributes::decodeXorAddress(*relayed)->ip == models_[who]->relayIP &&
+              TURNAttributes::decodeXorAddress(*relayed)->ip == model_.clients[who]->relayIP &&
               TURNAttributes::decodeXorAddress(*mapped)->port == endpoint(who).client.clientPort,
           "Allocate tells both addresses and the lifetime");
-      for (auto& model : models_) {
-        if (model && model->expiry + 300 < now()) {
-          model.reset();  // swept
-        }
-      }
+      model_.sweep();
     }
   }
 
@@ -433,14 +261,14 @@ class World {
     access_.drain();
     const auto datagram = endpoint(who).received();
     std::vector<std::uint16_t> bound;
-    if (isAlive(who)) {
-      for (const auto& [number, peer] : models_[who]->channels) {
+    if (model_.isAlive(who)) {
+      for (const auto& [number, peer] : model_.clients[who]->channels) {
         if (peer.ip == ip && peer.port == port) {
           bound.push_back(number);
         }
       }
     }
-    require(datagram.has_value() == (isAlive(who) && isDottedQuad(ip)),
+    require(datagram.has_value() == (model_.isAlive(who) && isDottedQuad(ip)),
             "a peer reaches just the client of a live allocation");
     if (datagram && !bound.empty()) {
       require(std::count(bound.begin(), bound.end(), readUInt16(*datagram, 0)) == 1 &&
@@ -476,7 +304,7 @@ class World {
     require(alive == access_.relays().size(), "no relay from elsewhere");
     for (std::size_t who = 0; who < clientCount; ++who) {
       const Allocation* const held = access_.allocation(endpoint(who).client);
-      const auto& model = models_[who];
+      const auto& model = model_.clients[who];
       require((held != nullptr) == model.has_value(), "an allocation just where there must be one");
       require(access_.relays().contains(endpoint(who).client) == model.has_value(),
               "a relay just where there is an allocation");
@@ -496,11 +324,9 @@ class World {
       credentials, credentials.realm, factory_, [this] { return time_; });
   TURNServerAccess access_{*server_};
 
-  std::array<std::optional<Model>, clientCount> models_;
-  std::map<std::string, std::uint32_t> nonces_;  // all there were, and when
+  ServerModel model_;
   std::string latestNonce_;
   std::uint8_t transactions_ = 0;
-  std::uint32_t granted_ = 0;
 };
 
 }  // namespace
