@@ -45,12 +45,16 @@ Expected expectedOutcome(ByteView answers, const Text& user, const Text& passwor
     return outcome;
   };
 
+  if (user && password && (user->size() > 255 || password->size() > 255)) {
+    outcome.sent.clear();
+    return fails(Kind::authFailed);  // there is no way to send them
+  }
   const Bytes choice = next(2);
   if (isSilent || choice[0] != 5) {
     return fails(Kind::protocolError);
   }
   if (choice[1] == 2) {
-    if (!user || !password || user->size() > 255 || password->size() > 255) {
+    if (!user || !password) {
       return fails(Kind::authFailed);
     }
     append(outcome.sent, Bytes{1, static_cast<std::uint8_t>(user->size())});
