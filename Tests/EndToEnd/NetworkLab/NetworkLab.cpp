@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -11,7 +10,6 @@
 #include <future>
 #include <stdexcept>
 #include <system_error>
-#include <thread>
 
 #include <fcntl.h>
 #include <linux/if_ether.h>
@@ -33,46 +31,45 @@
 namespace zk::lab {
 namespace {
 
-// The source address of an answer may belong to another interface than the one that it comes in
-// on, as it does with any VPN: no reverse path filter. No IPv6: its neighbour discovery is noise.
-constexpr const char* vocabulary = R"(
-host() {
-  ip netns del $1 2>/dev/null || :  # what a test has left that could not finish
+namespace fs = std::filesystem;
+
+// An answer may come in on another interface than the one that the routes name for its source, as
+// with any VPN: no reverse path filter. No IPv6: its neighbour discovery is noise.
+constexpr const char* vocabulary = R"(set -e
+host() {  # NAME
+  ip netns del $1 2>/dev/null || :  # left by a test that could not finish
   ip netns add $1
-  ip netns exec $1 sh -e -c '
-    cd /proc/sys/net
-    for of in all default; do
-      echo 1 >ipv6/conf/$of/disable_ipv6
-      echo 0 >ipv4/conf/$of/rp_filter
-    done'
+  ip netns exec $1 sh -ec 'cd /proc/sys/net; for of in all default; do
+    echo 1 >ipv6/conf/$of/disable_ipv6; echo 0 >ipv4/conf/$of/rp_filter; done'
   ip -n $1 link set lo up
 }
-# link HOST INTERFACE ADDRESS  HOST INTERFACE ADDRESS
-link() {
+link() {  # HOST INTERFACE ADDRESS HOST INTERFACE ADDRESS; an address can be "none"
   ip link add $2 netns $1 type veth peer name $5 netns $4
-  [ $3 = none ] || ip -n $1 addr add $3/24 dev $2
-  ip -n $4 addr add $6/24 dev $5
-  ip -n $1 link set $2 up
-  ip -n $4 link set $5 up
+  end $1 $2 $3; end $4 $5 $6
 }
+end() {  # HOST INTERFACE ADDRESS
+  [ $3 = none ] || ip -n $1 addr add $3/24 dev $2
+  ip -n $1 link set $2 up
+}
+route() { ip -n home route add "$@"; }
+bridge() {  # INTERFACE ADDRESS PORT, at home
+  ip -n home link add $1 type bridge mcast_snooping 0  # it would say so to all neighbours
+  end home $1 $2; ip -n home link set $3 master $1
+}
+trafficTakes() { ip -n home route get 10.2.0.2 | grep -q "dev $1 "; }
 )";
 
-constexpr const char* allButHome = R"(
+constexpr const char* hosts = R"(
 for name in home router proxy internet; do host $name; done
 ip netns exec router sh -c 'echo 1 >/proc/sys/net/ipv4/ip_forward'
-link proxy inner 10.2.0.2 router toproxy 10.2.0.1
-link proxy outer 203.0.113.2 internet toproxy 203.0.113.1
+link proxy inner 10.2.0.2 router proxy 10.2.0.1
+link proxy outer 203.0.113.2 internet proxy 203.0.113.1
 ip -n proxy route add 10.0.0.0/8 via 10.2.0.1
 ip -n proxy route add default via 203.0.113.1
-for peer in 11 12 13; do ip -n internet addr add 198.51.100.$peer/32 dev lo; done
+for peer in 11 12 13; do ip -n internet addr add 198.51.100.$peer dev lo; done
 )";
 
-constexpr const char* bothEndsOfVPN = R"(
-ip -n home addr add 10.8.0.2/24 dev vpn
-ip -n router addr add 10.8.0.1/24 dev vpn
-ip -n home link set vpn up
-ip -n router link set vpn up
-)";
+constexpr const char* bothEndsOfVPN = "end home vpn 10.8.0.2; end router vpn 10.8.0.1\n";
 
 constexpr const char* proxySettings = R"(
 logoutput: /tmp/danted.log
@@ -91,7 +88,12 @@ constexpr const char* asNobody =
     "exec setpriv --reuid=65534 --regid=65534 --clear-groups --inh-caps=-all --bounding-set=-all "
     "--no-new-privs /run/zkturnd\n";
 
-constexpr const char* probe = R"(
+constexpr const char* startProxy =
+    "ip netns exec proxy danted -D -f /run/danted.conf -p /run/danted.pid\n";
+
+// What the lab is made of, once each.
+constexpr const char* probe = R"(set -e
+for tool in ip danted setpriv; do command -v $tool >/dev/null; done
 ip netns add try
 ip -n try link add veth0 type veth peer name veth1
 ip -n try tuntap add tun0 mode tun
@@ -109,25 +111,30 @@ void writeFile(const std::string& path, const std::string& text) {
   std::ofstream(path) << text;
 }
 
-std::string prepareMachine(const std::string& daemon) {
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("lab", "/run", "tmpfs", 0, "mode=0755") != 0) {
-    return "cannot mount: " + errorText(errno);
+void run(const std::string& script) {
+  if (std::system(script.c_str()) != 0) {
+    throw std::runtime_error("failed: " + script);
   }
-  std::filesystem::copy_file(daemon, "/run/zkturnd");  // may lie where nobody can read, or in /tmp
+}
+
+void mountEmpty(const char* folder, const char* type, const char* options) {
+  if (mount("lab", folder, type, 0, options) != 0) {
+    fail(folder);
+  }
+}
+
+void prepareMachine(const std::string& daemon) {
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    fail("/");  // what follows would be mounted for the whole system
+  }
+  mountEmpty("/run", "tmpfs", "mode=0755");
+  fs::copy_file(daemon, "/run/zkturnd");  // it may lie where nobody can read, or in /tmp
+  mountEmpty("/tmp", "tmpfs", "mode=1777");
+  mountEmpty("/proc", "proc", nullptr);
+  writeFile("/run/danted.conf", proxySettings);
   writeFile("/run/zkturnd-as-nobody", asNobody);
-  std::filesystem::permissions("/run/zkturnd-as-nobody", std::filesystem::perms(0755));
-  if (mount("lab", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
-      mount("lab", "/proc", "proc", 0, nullptr) != 0) {
-    return "cannot mount: " + errorText(errno);
-  }
-  try {
-    run("for tool in ip danted setpriv; do command -v $tool >/dev/null; done");
-    run(probe);
-  } catch (const std::exception& error) {
-    return error.what();
-  }
-  return {};
+  fs::permissions("/run/zkturnd-as-nobody", fs::perms(0755));
+  run(probe);
 }
 
 int openTun() {
@@ -141,14 +148,19 @@ int openTun() {
   return tun;
 }
 
-Packet parsePacket(std::string link, std::uint16_t etherType, ByteView packet) {
-  Packet parsed{std::move(link), etherType, {}, {}, 0};
-  if (etherType == ETH_P_IP && packet.size() >= 20) {
-    parsed.protocol = packet[9];
-    parsed.source = formatIPv4(&packet[12]);
-    parsed.destination = formatIPv4(&packet[16]);
+int openRecorder() {
+  const int recorder = openSocket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK, htons(ETH_P_ALL));
+  if (recorder < 0 || setsockopt(recorder, SOL_SOCKET, SO_RCVBUFFORCE, &recorderBuffer,
+                                 sizeof recorderBuffer) != 0) {
+    fail("recorder");
   }
-  return parsed;
+  return recorder;
+}
+
+Packet parsePacket(std::string link, std::uint16_t etherType, ByteView packet) {
+  const bool isIPv4 = etherType == ETH_P_IP && packet.size() >= 20;
+  return {std::move(link), etherType, isIPv4 ? packet[9] : std::uint8_t{0},
+          isIPv4 ? formatIPv4(&packet[16]) : ""};
 }
 
 }  // namespace
@@ -166,22 +178,21 @@ std::string enterPrivateMachine(const std::string& daemon) {
   }
   // The child is the first process of its machine: with it, everything ends that it has started.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  return prepareMachine(daemon);
-}
-
-void run(const std::string& script) {
-  if (std::system(("set -e\n" + script).c_str()) != 0) {
-    throw std::runtime_error("failed: " + script);
+  try {
+    prepareMachine(daemon);
+  } catch (const std::exception& error) {
+    return error.what();
   }
+  return {};
 }
 
 NetworkLab::NetworkLab(const std::string& homeScript) {
-  run(std::string(vocabulary) + allButHome);
-  in("home", [this] { vpnAtHome_ = openTun(); });
+  run(std::string(vocabulary) + hosts);
+  in("router", [this] { recorder_ = openRecorder(); });
   in("router", [this] { vpnAtRouter_ = openTun(); });
+  in("home", [this] { vpnAtHome_ = openTun(); });
   run(std::string(vocabulary) + bothEndsOfVPN + homeScript);
-  openRecorder();
-  startProxy();
+  run(startProxy);
   loop_ = std::make_unique<loopback::EventLoop>("lab");
   loop_->sync([this] {
     loop_->watch(recorder_, [this] { recordWire(); });
@@ -195,9 +206,11 @@ NetworkLab::~NetworkLab() {
   for (const int descriptor : {recorder_, vpnAtHome_, vpnAtRouter_}) {
     close(descriptor);
   }
-  kill(proxy_, SIGTERM);  // to the first of its processes, which ends the others
-  waitpid(proxy_, nullptr, 0);
-  run("for name in home router proxy internet; do ip netns del $name; done");
+  pid_t proxy = -1;
+  if (std::ifstream("/run/danted.pid") >> proxy) {
+    kill(proxy, SIGTERM);  // the first of its processes, which ends the others
+    waitpid(proxy, nullptr, 0);
+  }
 }
 
 void NetworkLab::in(const std::string& host, const std::function<void()>& work) {
@@ -216,6 +229,14 @@ void NetworkLab::setForwarding(bool forwards) {
   loop_->sync([&] { forwards_ = forwards; });
 }
 
+void NetworkLab::cutWire() {
+  run("ip -n router rule add pref 10 iif wire blackhole");
+}
+
+void NetworkLab::dropUDPOnWire() {
+  run("ip -n router rule add pref 10 iif wire ipproto udp blackhole");
+}
+
 std::vector<Packet> NetworkLab::packets() {
   std::vector<Packet> packets;
   tpacket_stats statistics{};
@@ -230,41 +251,6 @@ std::vector<Packet> NetworkLab::packets() {
     throw std::runtime_error("the recorder has lost packets");
   }
   return packets;
-}
-
-void NetworkLab::startProxy() {
-  writeFile("/run/danted.conf", proxySettings);
-  in("proxy", [this] {
-    proxy_ = fork();
-    if (proxy_ == 0) {
-      execlp("danted", "danted", "-f", "/run/danted.conf", "-p", "/run/danted.pid", nullptr);
-      _exit(127);
-    }
-  });
-  in("proxy", [] {
-    const sockaddr_in address = socketAddress(proxyInner, proxyPort);
-    for (int attempt = 0; attempt < 100; ++attempt) {
-      const int socket = openSocket(AF_INET, SOCK_STREAM, 0);
-      const int result =
-          connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-      closeSocket(socket);
-      if (result == 0) {
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    fail("the proxy does not start");
-  });
-}
-
-void NetworkLab::openRecorder() {
-  in("router", [this] {
-    recorder_ = openSocket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK, htons(ETH_P_ALL));
-    if (recorder_ < 0 || setsockopt(recorder_, SOL_SOCKET, SO_RCVBUFFORCE, &recorderBuffer,
-                                    sizeof recorderBuffer) != 0) {
-      fail("recorder");
-    }
-  });
 }
 
 void NetworkLab::recordWire() {

@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
-
 #include "Loopback/EventLoop.h"
 
 namespace zk::lab {
@@ -21,36 +19,31 @@ namespace zk::lab {
 /// could not be done, and is empty if it could. Before any thread is started.
 std::string enterPrivateMachine(const std::string& daemon);
 
-/// Runs a script of the shell. Throws std::runtime_error when a command in it fails.
-void run(const std::string& script);
-
-/// A packet that left home, as it was seen on the first hop.
+/// A packet that left home, as it was seen at the other end of its link.
 struct Packet {
-  std::string link;  // "wire", "wire2", or "vpn"
-  std::uint16_t etherType = 0;
-  std::string source;       // the rest is of IPv4 packets only
-  std::string destination;  // dotted quad
-  std::uint8_t protocol = 0;
+  std::string link;  // "wire", "wire2" or "vpn"
+  std::uint16_t etherType;
+  std::uint8_t protocol;    // of IPv4 packets
+  std::string destination;  // of IPv4 packets
 };
 
-/// A network with five hosts on two links, in network namespaces:
+/// A network with five hosts, each a network namespace:
 ///
-///   home ---wire--- router ---- proxy ---- internet
-///     \---- vpn ----/             danted     STUN server, peers
+///   home --- wire, wire2 --- router --- proxy --- internet
+///      `-------- vpn --------'          (Dante)   (STUN server, peers)
 ///
 /// The VPN is a tun device at home that this process holds. It records what it gets, and carries it
-/// to the router once it is told to. At home there is no more than the namespace: the tests say
-/// which interfaces it has. What leaves it on a wire is recorded by the router.
+/// to the router once it is told to. What leaves home by a wire is recorded by the router.
 class NetworkLab {
  public:
   static constexpr const char* proxyInner = "10.2.0.2";      // where home reaches the proxy
   static constexpr const char* proxyPublic = "203.0.113.2";  // where it goes on from
   static constexpr std::uint16_t proxyPort = 1080;
-  static constexpr const char* farSide = "203.0.113.1";  // the internet's own address
+  static constexpr const char* internet = "203.0.113.1";
+  static constexpr const char* peers[] = {"198.51.100.11", "198.51.100.12", "198.51.100.13"};
 
-  /// Builds the network, runs `homeScript` to equip the home, and starts the proxy. The script may
-  /// say `link HOST INTERFACE ADDRESS HOST INTERFACE ADDRESS` for a cable, up and with a /24 at
-  /// both ends; an address can be `none`.
+  /// Builds the network and starts the proxy. `homeScript` equips the home, in shell and with the
+  /// vocabulary that stands in the source file.
   explicit NetworkLab(const std::string& homeScript);
   ~NetworkLab();
   NetworkLab(const NetworkLab&) = delete;
@@ -62,24 +55,21 @@ class NetworkLab {
 
   /// Whether the VPN carries packets to the router. It does not at first.
   void setForwarding(bool forwards);
-  /// Makes the router drop what comes in on the wire, all of it or UDP only, without a word.
-  void cutWire() { run("ip -n router rule add pref 10 iif wire blackhole"); }
-  void dropUDPOnWire() { run("ip -n router rule add pref 10 iif wire ipproto udp blackhole"); }
+  /// Makes the router drop without a word what comes in on the wire, or the UDP of it.
+  void cutWire();
+  void dropUDPOnWire();
 
-  /// All packets that have left home so far. Throws when the recorder lost any.
+  /// All packets that have left home so far. Throws when the recorder has lost any.
   std::vector<Packet> packets();
 
  private:
-  void startProxy();
-  void openRecorder();
   void recordWire();
   void recordVPN();
   void carryBack();
 
-  pid_t proxy_ = -1;
+  int recorder_ = -1;
   int vpnAtHome_ = -1;
   int vpnAtRouter_ = -1;
-  int recorder_ = -1;
   // These belong to the loop's thread.
   bool forwards_ = false;
   std::vector<Packet> packets_;
