@@ -90,19 +90,26 @@ inline void writeFile(const std::string& path, const std::string& content) {
   std::ofstream(path, std::ios::binary) << content;
 }
 
-/// What is appended to a log that other processes write to as well, from now on.
+/// What is appended, from now on, to a log that other processes write to as well.
 class LogTail {
  public:
-  explicit LogTail(std::string path) : path_(std::move(path)), from_(contentOf(path_).size()) {}
+  explicit LogTail(std::string path) : path_(std::move(path)), from_(size()) {}
   std::string text() const {
-    const std::string all = contentOf(path_);
-    return all.size() < from_ ? all : all.substr(from_);
+    std::ifstream file(path_, std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(size() < from_ ? 0 : from_));  // 0: a new file by now
+    return {std::istreambuf_iterator<char>(file), {}};
   }
   bool has(const std::string& piece) const { return text().find(piece) != std::string::npos; }
 
  private:
+  std::uintmax_t size() const {
+    std::error_code none;
+    const auto octets = std::filesystem::file_size(path_, none);
+    return none ? 0 : octets;
+  }
+
   const std::string path_;
-  const std::size_t from_;
+  const std::uintmax_t from_;
 };
 
 /// An environment variable for as long as this lives. Not while other threads run.
@@ -119,14 +126,19 @@ class Environment {
   const char* const name_;
 };
 
-inline std::ptrdiff_t entriesIn(const char* folder) {
-  return std::distance(std::filesystem::directory_iterator(folder), {});
-}
-inline std::ptrdiff_t openDescriptors() {
-  return entriesIn("/proc/self/fd");
-}
 inline std::ptrdiff_t runningThreads() {
-  return entriesIn("/proc/self/task");
+  return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+/// But for the log of the data plane, which is kept open from its first line on.
+inline std::ptrdiff_t openDescriptors() {
+  std::ptrdiff_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code none;
+    const auto target = std::filesystem::read_symlink(entry, none).string();
+    count += target.starts_with("/tmp/zkturnd-dp.log") ? 0 : 1;
+  }
+  return count;
 }
 
 }  // namespace zk::test
