@@ -92,14 +92,16 @@ constexpr const char* startProxy =
     "ip netns exec proxy danted -D -f /run/danted.conf -p /run/danted.pid\n";
 
 // What the lab is made of, once each.
-constexpr const char* probe = R"(set -e
-for tool in ip danted setpriv; do command -v $tool >/dev/null; done
-ip netns add try
-ip -n try link add veth0 type veth peer name veth1
-ip -n try tuntap add tun0 mode tun
-ip -n try rule add iif veth0 ipproto udp blackhole
-ip netns del try
-)";
+constexpr const char* needs[] = {
+    "command -v ip >/dev/null",
+    "command -v danted >/dev/null",
+    "command -v setpriv >/dev/null",
+    "ip netns add try",
+    "ip -n try link add veth0 type veth peer name veth1",
+    "ip -n try tuntap add tun0 mode tun",
+    "ip -n try rule add iif veth0 ipproto udp blackhole",
+    "ip netns del try",
+};
 
 constexpr int recorderBuffer = 64 << 20;
 
@@ -134,7 +136,9 @@ void prepareMachine(const std::string& daemon) {
   writeFile("/run/danted.conf", proxySettings);
   writeFile("/run/zkturnd-as-nobody", asNobody);
   fs::permissions("/run/zkturnd-as-nobody", fs::perms(0755));
-  run(probe);
+  for (const char* const need : needs) {
+    run(need);
+  }
 }
 
 int openTun() {
