@@ -355,6 +355,8 @@ std::vector<Bytes> seeds() {
   const Bytes peer{4, 0, 0, 5};
   const Bytes hugePeer{4, 1, 3, 0xFF};
   const Bytes wait299{0, 0x01, 0x2B};
+  const Bytes wait300{0, 0x01, 0x2C};
+  const Bytes wait1{0, 0x00, 0x01};
   const Bytes wait601{0, 0x02, 0x59};
   const Bytes noFaults{5, 0};
   const Bytes data = joined({indication, channelData, peer, hugePeer});
@@ -363,6 +365,8 @@ std::vector<Bytes> seeds() {
       joined({allocate, retransmit, allocate, wait299, data, wait299, oldNonce, refresh, data}),
       joined({allocate, bind, wait601, data, refresh, refresh, data, wait601, wait601,
               allocateByOther, allocateByOther, data}),
+      joined({allocate, wait300, refresh, wait1, refresh, refresh, wait300, wait300, data, wait1,
+              data}),
       joined({badKey, oldNonce, changed, allocate, badKey, changed, release, release}),
       joined({Bytes{1, 4, 0x40, 1, 0, 0}, Bytes{1, 1, 0xFF}, Bytes{1, 1, 0}, allocate, data})};
   for (std::uint8_t faults = 1; faults < 0x70; faults = static_cast<std::uint8_t>(faults * 2 + 1)) {
