@@ -277,6 +277,9 @@ TEST(FaultTest, ALateSTUNAnswerIsNotTakenForTheNextOne) {
 }
 
 TEST(FaultTest, RunningOutOfDescriptorsInTheMiddleOfAnOpening) {
+  if (sanitized) {
+    GTEST_SKIP() << "sanitizers need descriptors for their own checks";
+  }
   const auto rig = Rig::ready();
   const auto steady = rig->allocated();
   ASSERT_TRUE(echoes(*steady, rig->peer, bytes("before")));
@@ -289,7 +292,7 @@ TEST(FaultTest, RunningOutOfDescriptorsInTheMiddleOfAnOpening) {
   for (const std::size_t more : {0U, 1U}) {
     const rlimit few{descriptors + more, enough.rlim_max};
     ASSERT_EQ(prlimit(rig->daemon.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
-    EXPECT_EQ(newcomer->allocate().errorCode(), 500) << more;
+    ASSERT_EQ(newcomer->allocate().errorCode(), 500) << more;
     EXPECT_TRUE(echoes(*steady, rig->peer, bytes("meanwhile")));
     EXPECT_EQ(rig->daemon.descriptorCount(), descriptors) << more;
   }
