@@ -12,11 +12,8 @@ endif()
 
 # The daemon reads what strangers send: whatever the compiler and the linker can make harder to
 # abuse, they do. _FORTIFY_SOURCE needs optimisation and gets in the sanitizers' way.
-set(CMAKE_POSITION_INDEPENDENT_CODE ON)
-include(CheckPIESupported)
-check_pie_supported()
-add_compile_options(-fstack-protector-strong)
-add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+add_compile_options(-fPIE -fstack-protector-strong)
+add_link_options(-pie -Wl,-z,relro,-z,now,-z,noexecstack)
 include(CheckCXXCompilerFlag)
 check_cxx_compiler_flag(-fcf-protection=full ZK_HAS_CF_PROTECTION)
 if(ZK_HAS_CF_PROTECTION)
