@@ -1,5 +1,6 @@
 #include "Platform/LogFile.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include <fcntl.h>
@@ -20,6 +21,12 @@ void writeText(int file, std::string_view text) {
 }
 
 }  // namespace
+
+void keepOnOneLine(std::span<char> message) {
+  std::replace_if(
+      message.begin(), message.end(),
+      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '?');
+}
 
 int openLogFile(const char* path, LogPosition position, LogFileMode mode) {
   const int flags = O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY |

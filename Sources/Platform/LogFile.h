@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -11,6 +12,10 @@ namespace zk {
 
 /// Whether a freshly opened log file appends by itself or writes on from where its end was.
 enum class LogPosition { append, endAtOpening };
+
+/// Puts "?" in the place of control characters, so that one message stays one line. Messages hold
+/// texts of strangers: a proxy names peers by octets of its choice, and must not write our logs.
+void keepOnOneLine(std::span<char> message);
 
 /// Permission bits of a log file that is created: the default for new files, or bits that hold
 /// whatever the umask says.

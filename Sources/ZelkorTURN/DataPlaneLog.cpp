@@ -1,7 +1,5 @@
 #include "ZelkorTURN/DataPlaneLog.h"
 
-#include "Platform/LogFile.h"
-
 namespace zk {
 
 void appendToDataPlaneLog(std::string_view text) {

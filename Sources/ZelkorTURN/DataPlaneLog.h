@@ -6,6 +6,8 @@
 #include <fmt/compile.h>
 #include <fmt/format.h>
 
+#include "Platform/LogFile.h"
+
 namespace zk {
 
 /// Appends `text`, which ends in a line feed, to the log of the data plane, /tmp/zkturnd-dp.log, in
@@ -19,6 +21,7 @@ template <typename Format, typename... Args>
 void zkDPLog(const Format& format, const Args&... args) {
   fmt::memory_buffer line;
   fmt::format_to(std::back_inserter(line), format, args...);
+  keepOnOneLine({line.data(), line.size()});
   line.push_back('\n');
   appendToDataPlaneLog({line.data(), line.size()});
 }

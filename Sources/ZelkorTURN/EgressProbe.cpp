@@ -55,9 +55,10 @@ std::map<std::string, std::string>& egressCache() {  // guarded by egressCacheLo
 }
 
 void plog(std::string_view line) {
-  appendToFile("/tmp/zk-egress.log",
-               fmt::format("{} [egress-probe] {}\n", dateText(wallClockMicroseconds()), line),
-               {.bits = 0666, .ignoresUmask = true});
+  std::string text = fmt::format("{} [egress-probe] {}", dateText(wallClockMicroseconds()), line);
+  keepOnOneLine(text);
+  text += '\n';
+  appendToFile("/tmp/zk-egress.log", text, {.bits = 0666, .ignoresUmask = true});
 }
 
 std::vector<std::string_view> split(std::string_view text, char separator) {

@@ -43,6 +43,7 @@ void DebugLog::appendDebugLog(std::string_view message) {
     writeTimestamp(&pending_[at], now);
     pending_ += ' ';
     pending_ += message;
+    keepOnOneLine(std::span(pending_).subspan(at));
     pending_ += '\n';
     schedule = !isScheduled_;
     isScheduled_ = true;

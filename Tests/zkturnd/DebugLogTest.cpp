@@ -56,6 +56,18 @@ TEST(DebugLog, AddsStampedLinesToWhatIsThere) {
             (std::vector<std::string>{"first → \"line\"", "", "third"}));
 }
 
+TEST(DebugLog, KeepsAMessageOnOneLine) {
+  const test::TemporaryFolder folder;
+  const std::string path = folder / "log";
+  const std::int64_t start = wallClockMicroseconds();
+  {
+    DebugLog log(path.c_str());
+    log.appendDebugLog("from evil\nforged\r\x1b[2J:1");
+  }
+  EXPECT_EQ(messagesIn(contentOf(path), start),
+            std::vector<std::string>{"from evil?forged??[2J:1"});
+}
+
 TEST(DebugLog, WritesSoonWithoutBeingAsked) {
   const test::TemporaryFolder folder;
   const std::string path = folder / "log";
