@@ -4,6 +4,7 @@
 #include <map>
 
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include "EndToEnd/Rig.h"
@@ -68,7 +69,7 @@ TEST(DaemonTest, StopsInOrderOnSIGTERMOnly) {
   const auto rig = Rig::ready();
   const auto client = rig->allocated();
   rig->daemon.terminate();
-  EXPECT_EQ(rig->daemon.waitExit(milliseconds(1000)), 0);
+  EXPECT_EQ(rig->daemon.waitExit(milliseconds(sanitized ? 5000 : 1000)), 0);
 
   for (const int signal : {SIGINT, SIGHUP}) {
     const auto other = Rig::ready();
@@ -188,6 +189,17 @@ TEST(DaemonTest, KeepsNoDescriptorOfItsParentAndLeavesNoneToAChild) {
       EXPECT_TRUE(std::stoul(word, nullptr, 8) & O_CLOEXEC) << number << " → " << target;
     }
   }
+}
+
+TEST(DaemonTest, RaisesItsDescriptorLimit) {
+  const TemporaryFolder folder;
+  DaemonProcess daemon(folder.script("ulimit -S -n 64; exec " ZK_DAEMON));
+  daemon.write(DaemonConfig().line());
+  ASSERT_TRUE(daemon.waitReady(patience));
+  rlimit limit{};
+  ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
+  EXPECT_GT(limit.rlim_max, 64U);
+  EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
 }
 
 TEST(DaemonTest, NamesItsThreads) {

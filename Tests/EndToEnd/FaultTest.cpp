@@ -233,13 +233,17 @@ TEST(FaultTest, STUNAnswersThatAreNoUse) {
     script.mappedIP = egressIP;
     return [script] {
       const auto rig = Rig::ready({}, script);
+      std::this_thread::sleep_for(aMoment);  // it is ready a little before it has settled
+      const std::size_t descriptors = rig->daemon.descriptorCount();
       const auto client = rig->client();
       const auto answer = client->allocate();
       client->receiveData(aMoment);  // the second of two answers goes where all datagrams go
       const bool usable = answer.success() && answer.relayedAddress()->ip == egressIP &&
                           echoes(*client, rig->peer, bytes("hello"));
-      EXPECT_EQ(rig->proxy.counts().openAssociations, usable ? 1U : 0U);
+      EXPECT_TRUE(
+          becomesTrue([&] { return rig->proxy.counts().openAssociations == (usable ? 1U : 0U); }));
       EXPECT_TRUE(usable || answer.errorCode() == 500) << "fails closed or not at all";
+      EXPECT_TRUE(usable || rig->daemon.descriptorCount() == descriptors);
       return usable;
     };
   };
@@ -286,7 +290,6 @@ TEST(FaultTest, RunningOutOfDescriptorsInTheMiddleOfAnOpening) {
   const std::size_t descriptors = rig->daemon.descriptorCount();
   rlimit enough{};
   ASSERT_EQ(prlimit(rig->daemon.pid(), RLIMIT_NOFILE, nullptr, &enough), 0);
-  EXPECT_EQ(enough.rlim_cur, enough.rlim_max) << "it raises the soft limit itself";
   const auto newcomer = rig->client();
   // Its numbers are without a gap: so many more can be opened.
   for (const std::size_t more : {0U, 1U}) {

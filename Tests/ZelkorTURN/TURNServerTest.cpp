@@ -266,6 +266,23 @@ TEST_F(AllocatedTest, KeepsTheOrderOfOneClient) {
   }
 }
 
+// Requests and data may be dealt with on different threads.
+TEST_F(AllocatedTest, DataDoesNotOvertakeARequest) {
+  for (std::uint16_t number = 0x4000; number < 0x4000 + 200; ++number) {
+    TURNMessage bind = client->makeRequest(TURNMethod::channelBind);
+    std::array<std::uint8_t, 4> value{};
+    writeUInt16(value.data(), number);
+    bind.append(TURNAttr::channelNumber, value);
+    bind.append(TURNAttr::xorPeerAddress, *TURNAttributes::encodeXorAddress(peer.ip, peer.port));
+    client->sign(bind);
+    client->send(bind.encode());
+    client->sendChannelData(number, bytes("at once"));
+    ASSERT_TRUE(client->receive(patience));
+  }
+  fence(*client);
+  EXPECT_EQ(relay->sent().size(), 200U);
+}
+
 TEST_F(AllocatedTest, DeliversByChannelWhereOneIsBoundToThatPeer) {
   bindChannel(0x4001, peer);
   const auto delivered = [&](const std::string& ip, std::uint16_t port) {
