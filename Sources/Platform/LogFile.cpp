@@ -39,6 +39,9 @@ int openLogFile(const char* path, LogPosition position, LogFileMode mode) {
     if (file >= 0 && mode.ignoresUmask) {
       fchmod(file, mode.bits);
     }
+    if (file < 0 && errno == EEXIST) {
+      file = open(path, flags);  // somebody else was first
+    }
   }
   struct stat status {};
   if (file >= 0 && (fstat(file, &status) != 0 || !S_ISREG(status.st_mode))) {
@@ -68,6 +71,8 @@ void KeptLogFile::append(std::string_view text) {
   const int file = file_;
   if (file >= 0) {
     writeText(file, text);
+  } else {
+    appendToFile(path_, text);  // another thread may be about to open it for good
   }
 }
 
