@@ -1,3 +1,4 @@
+#include <barrier>
 #include <csignal>
 #include <functional>
 #include <thread>
@@ -156,6 +157,28 @@ TEST(KeptLogFile, StartsOnceTheFileCanBeOpened) {
   EXPECT_LT(secondsUntil(log, [&] { return fs::exists(path); }), 1.0);
   log.append("line\n");
   EXPECT_TRUE(contentOf(path).ends_with("again\nline\n"));
+}
+
+TEST(KeptLogFile, LosesNoLineOfThreadsThatStartTogether) {
+  const test::TemporaryFolder folder;
+  const std::string path = folder / "log";
+  constexpr std::size_t rounds = 200;
+  constexpr std::size_t writers = 4;
+  for (std::size_t round = 0; round < rounds; ++round) {
+    KeptLogFile log(path.c_str());
+    std::barrier start(writers);
+    std::vector<std::thread> threads;
+    for (std::size_t writer = 0; writer < writers; ++writer) {
+      threads.emplace_back([&] {
+        start.arrive_and_wait();
+        log.append("line\n");
+      });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+  }
+  EXPECT_EQ(contentOf(path).size(), rounds * writers * 5);
 }
 
 TEST(KeptLogFile, LosesAndMixesNoLineOfManyThreadsWhileTheFileIsReplaced) {

@@ -35,7 +35,7 @@ TEST(PathMonitor, ReportsOnceOnItsQueueAndNotAfterCancel) {
   std::thread::id worker;
   queue.sync([&] { worker = std::this_thread::get_id(); });
   EXPECT_EQ(reports, 1);
-  EXPECT_EQ(reporter, worker);
+  EXPECT_TRUE(reporter == worker);
   EXPECT_EQ(count, availableInterfaces().size());
 
   std::promise<void> gate;

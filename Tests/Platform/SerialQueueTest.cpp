@@ -123,5 +123,74 @@ TEST(SerialQueue, ReleasesWhatATaskCapturedBeforeTheNextOneRuns) {
   EXPECT_TRUE(wasReleased);
 }
 
+// All ways onto the queue at once: each producer's items keep their order, and no two run together.
+TEST(SerialQueue, KeepsOrderAndExclusionHoweverWorkIsSubmitted) {
+  constexpr int producers = 4;
+  constexpr int perProducer = 5000;
+  std::array<int, producers> next{};  // the queue's
+  std::atomic<bool> inside = false;
+  {
+    SerialQueue queue("zk.test.mixed");
+    std::vector<std::thread> all;
+    for (std::size_t producer = 0; producer < producers; ++producer) {
+      all.emplace_back([&, producer] {
+        for (int i = 0; i < perProducer; ++i) {
+          const auto work = [&, producer, i] {
+            EXPECT_FALSE(inside.exchange(true));
+            EXPECT_EQ(next[producer]++, i);
+            inside = false;
+          };
+          if (i % 7 == 0) {
+            queue.async(work);
+          } else if (i % 3 == 0 || !queue.runIfIdle(work)) {
+            queue.asyncShort(work);
+          }
+        }
+      });
+    }
+    for (std::thread& thread : all) {
+      thread.join();
+    }
+  }
+  for (const int count : next) {
+    EXPECT_EQ(count, perProducer);
+  }
+}
+
+TEST(SerialQueue, DoesShortWorkInPlaceUnlessSomethingElseIsUnderWay) {
+  SerialQueue queue("zk.test.short");
+  std::thread::id worker;
+  queue.sync([&] { worker = std::this_thread::get_id(); });
+  std::thread::id ranOn;
+  const auto note = [&] { ranOn = std::this_thread::get_id(); };
+  ASSERT_TRUE(test::eventually([&] { return queue.runIfIdle(note); }));
+  EXPECT_TRUE(ranOn == std::this_thread::get_id());
+
+  std::promise<void> gate;
+  std::promise<void> started;
+  queue.async([&] {
+    started.set_value();
+    gate.get_future().wait();
+  });
+  started.get_future().wait();
+  EXPECT_FALSE(queue.runIfIdle(note));
+  queue.asyncShort(note);  // returns, though the queue is held up
+  gate.set_value();
+  queue.sync([] {});
+  EXPECT_TRUE(ranOn == worker);
+
+  // What is queued from inside goes to the worker, which must not sleep through it.
+  for (int i = 0; i < 500; ++i) {
+    std::promise<std::thread::id> after;
+    const auto submit = [&] { queue.async([&] { after.set_value(std::this_thread::get_id()); }); };
+    if (!queue.runIfIdle(submit)) {
+      queue.asyncShort(submit);
+    }
+    auto result = after.get_future();
+    ASSERT_EQ(result.wait_for(10s), std::future_status::ready) << i;
+    EXPECT_TRUE(result.get() == worker);
+  }
+}
+
 }  // namespace
 }  // namespace zk
