@@ -15,8 +15,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "EndToEnd/NetworkLab/NetworkLab.h"
 #include "EndToEnd/Rig.h"
+#include "NetworkLab/NetworkLab.h"
 #include "Platform/IPv4.h"
 #include "Platform/Sockets.h"
 #include "ZelkorSOCKS5/InterfaceScope.h"

@@ -1,4 +1,4 @@
-#include "EndToEnd/NetworkLab/NetworkLab.h"
+#include "NetworkLab/NetworkLab.h"
 
 #include <array>
 #include <cerrno>
