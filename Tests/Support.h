@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -38,6 +40,14 @@ inline Bytes copyOf(ByteView bytes) {
 
 inline std::string textOf(ByteView bytes) {
   return {bytes.begin(), bytes.end()};
+}
+
+/// Whether `text` begins like `shape`, in which # stands for a digit and all else for itself.
+inline bool beginsLike(std::string_view text, std::string_view shape) {
+  return text.size() >= shape.size() &&
+         std::equal(shape.begin(), shape.end(), text.begin(), [](char wanted, char found) {
+           return wanted == '#' ? found >= '0' && found <= '9' : found == wanted;
+         });
 }
 
 /// Looks until `condition` holds or five seconds have passed. Whether it held.

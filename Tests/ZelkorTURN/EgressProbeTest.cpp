@@ -1,5 +1,4 @@
 #include <future>
-#include <regex>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -96,9 +95,7 @@ TEST(EgressProbe, TakesTheAddressOfTheFirstAnswerAndLogsItsSteps) {
         std::string("✓ egress discovered = 198.51.100.9 (via 127.0.0.1)")}) {
     EXPECT_NE(lines.find(" [egress-probe] " + line + '\n'), std::string::npos) << line;
   }
-  EXPECT_TRUE(std::regex_search(
-      lines.substr(0, lines.find('\n')),
-      std::regex(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000 \[egress-probe\] ENTER)")));
+  EXPECT_TRUE(test::beginsLike(lines, "####-##-## ##:##:## +0000 [egress-probe] ENTER"));
 }
 
 // One window of 1.5 seconds for all of them: what is no answer of this target is passed over.
