@@ -15,17 +15,25 @@ namespace {
 // Half a second: the coarse clock and the writer's own pace add to it, and the promise is one.
 constexpr std::uint64_t lookInterval = 500'000'000;
 
+// `file` appends by itself. pwrite() then appends like write(), whatever the offset says, and does
+// without the lock of the file position, for which threads that write at the same time would queue.
 void writeText(int file, std::string_view text) {
   // A full disk loses the line. There is nobody to tell.
-  [[maybe_unused]] const ssize_t written = write(file, text.data(), text.size());
+  [[maybe_unused]] const ssize_t written = pwrite(file, text.data(), text.size(), 0);
 }
 
 }  // namespace
 
 void keepOnOneLine(std::span<char> message) {
-  std::replace_if(
-      message.begin(), message.end(),
-      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '?');
+  const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; };
+  // Hardly any message has one, and a look without stores or branches is many octets at a time.
+  bool any = false;
+  for (const char c : message) {
+    any |= isControl(c);
+  }
+  if (any) {
+    std::replace_if(message.begin(), message.end(), isControl, '?');
+  }
 }
 
 int openLogFile(const char* path, LogPosition position, LogFileMode mode) {

@@ -73,8 +73,8 @@ RelayedAddress SOCKS5Relay::open() {
   {
     const std::lock_guard guard(lock_);
     control_ = std::move(control);
-    udpFD_ = fd;
     relayAddr_ = relayAddr;
+    udpFD_ = fd;
     isClosed_ = false;
   }
 
@@ -94,18 +94,12 @@ RelayedAddress SOCKS5Relay::open() {
 }
 
 void SOCKS5Relay::send(ByteView payload, const std::string& toPeerIP, std::uint16_t peerPort) {
-  int fd = -1;
-  sockaddr_in relayAddr{};
-  {
-    const std::lock_guard guard(lock_);
-    fd = udpFD_;
-    relayAddr = relayAddr_;
-  }
+  const int fd = udpFD_;
   if (fd < 0) {
     throw SOCKS5Error::connectionFailed("relay socket not open");
   }
   const std::ptrdiff_t sent =
-      sendDatagram(fd, SOCKS5UDPFrame::wrap(payload, toPeerIP, peerPort), relayAddr);
+      sendDatagram(fd, SOCKS5UDPFrame::wrap(payload, toPeerIP, peerPort), relayAddr_);
   const int error = errno;
   zkDPLog(FMT_COMPILE("SEND fd={} → {}:{} {}B sendto={}"), fd, toPeerIP, peerPort, payload.size(),
           sent);
@@ -115,7 +109,7 @@ void SOCKS5Relay::send(ByteView payload, const std::string& toPeerIP, std::uint1
 }
 
 void SOCKS5Relay::receive(Handler handler) {
-  const int fd = liveSocket();
+  const int fd = udpFD_;
   if (fd < 0) {
     return;
   }
@@ -129,7 +123,7 @@ void SOCKS5Relay::receive(Handler handler) {
 void SOCKS5Relay::receiveLoop(const Handler& handler) {
   // Not filled with zeros: an idle relay then costs none of these pages.
   const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(largestDatagram);
-  for (int fd = liveSocket(); fd >= 0; fd = liveSocket()) {
+  for (int fd = udpFD_; fd >= 0; fd = udpFD_) {
     if (!receiveOne(fd, {buffer.get(), largestDatagram}, handler)) {
       return;
     }
@@ -145,7 +139,7 @@ bool SOCKS5Relay::receiveOne(int fd, std::span<std::uint8_t> buffer, const Handl
     return error != EINVAL && error != EBADF;
   }
   // Also how a shut-down socket shows: it gives empty datagrams.
-  if (liveSocket() < 0) {
+  if (udpFD_ < 0) {
     return false;
   }
   const auto datagram = ByteView(buffer).first(static_cast<std::size_t>(received));
@@ -160,11 +154,6 @@ bool SOCKS5Relay::receiveOne(int fd, std::span<std::uint8_t> buffer, const Handl
   return true;
 }
 
-int SOCKS5Relay::liveSocket() {
-  const std::lock_guard guard(lock_);
-  return isClosed_ ? -1 : udpFD_;
-}
-
 void SOCKS5Relay::close() {
   int fd = -1;
   std::unique_ptr<SOCKS5Control> control;
@@ -175,7 +164,7 @@ void SOCKS5Relay::close() {
       return;
     }
     isClosed_ = true;
-    std::swap(fd, udpFD_);
+    fd = udpFD_.exchange(-1);
     control.swap(control_);
     receiver.swap(receiveThread_);
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -46,21 +47,19 @@ class SOCKS5Relay final : public TURNRelay, public std::enable_shared_from_this<
  private:
   void receiveLoop(const Handler& handler);
   bool receiveOne(int fd, std::span<std::uint8_t> buffer, const Handler& handler);
-  /// The socket, or -1 once the relay is closed.
-  int liveSocket();
 
   const std::string proxyHost_;
   const std::int64_t proxyPort_;
   const std::optional<std::string> username_;
   const std::optional<std::string> password_;
 
-  // Guards everything below. Held to copy fields and to start the thread, never across a call on
-  // the socket or a callback.
+  // Guards everything below, but for reading udpFD_ and, behind that, relayAddr_. Held to copy
+  // fields and to start the thread, never across a call on the socket or a callback.
   std::mutex lock_;
   std::unique_ptr<SOCKS5Control> control_;  // present while the relay is open
-  int udpFD_ = -1;
+  sockaddr_in relayAddr_{};     // where every datagram goes: the proxy's UDP relay; set once
+  std::atomic<int> udpFD_{-1};  // -1 before open(), where it follows relayAddr_, and after close()
   bool isClosed_ = false;
-  sockaddr_in relayAddr_{};  // where every datagram goes: the proxy's UDP relay
   std::thread receiveThread_;
 };
 

@@ -84,11 +84,8 @@ void TURNServer::start() {
 
 void TURNServer::recvLoop() {
   const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(largestDatagram);
-  const auto liveSocket = [this] {
-    const std::lock_guard guard(stopFlag_);
-    return isStopped_ ? -1 : serverFD_.load();
-  };
-  for (int fd = liveSocket(); fd >= 0; fd = liveSocket()) {
+  // stop() takes the descriptor away, so that there is no flag to look at besides.
+  for (int fd = serverFD_; fd >= 0; fd = serverFD_) {
     sockaddr_in sender{};
     socklen_t length = sizeof sender;
     const ssize_t received = recvfrom(fd, buffer.get(), largestDatagram, 0,
@@ -96,7 +93,7 @@ void TURNServer::recvLoop() {
     if (received < 0 && (errno == EBADF || errno == EINVAL || errno == ENOTSOCK)) {
       return;
     }
-    if (received > 0 && liveSocket() >= 0) {
+    if (received > 0 && serverFD_ >= 0) {
       submitDatagram({buffer.get(), static_cast<std::size_t>(received)}, sender);
     }
   }

@@ -56,7 +56,7 @@ class TURNServer : public std::enable_shared_from_this<TURNServer> {
 
   TURNServer(Credentials credentials, std::string realm,
              std::shared_ptr<TURNRelayFactory> relayFactory,
-             MonotonicClock clock = monotonicNanoseconds);
+             MonotonicClock clock = coarseMonotonicNanoseconds);
 
   /// Where diagnostics go; set before start(). Called from the caller of start(), the receive
   /// thread and the serial queue, at the same time.
@@ -121,9 +121,9 @@ class TURNServer : public std::enable_shared_from_this<TURNServer> {
   std::uint64_t startTime_ = 0;  // the origin of the server clock
   std::thread recvThread_;
 
-  std::mutex stopFlag_;  // guards isStopped_ and serverFD_ where they go together
+  std::mutex stopFlag_;  // guards isStopped_, and serverFD_ where they go together
   bool isStopped_ = false;
-  std::atomic<int> serverFD_{-1};  // -1 when there is none; the queue reads it without the lock
+  std::atomic<int> serverFD_{-1};  // -1 when there is none; read without the lock
 
   std::atomic<std::size_t> queuedOctets_{0};
 
