@@ -70,7 +70,7 @@ TEST(MessageIntegrity, RefusesAFingerprintAddedAfterSigning) {
   Bytes message = hex(fingerprinted);
   EXPECT_FALSE(TURNAuth::verifyMessageIntegrity(message, key));
   // Without it the signature fits: the refusal was for the FINGERPRINT.
-  message.resize(message.size() - 8);
+  message.erase(message.end() - 8, message.end());
   writeUInt16(&message[2], 0x50);
   EXPECT_TRUE(TURNAuth::verifyMessageIntegrity(message, key));
 }
