@@ -214,7 +214,9 @@ TEST(FaultTest, ARelayThatSendsNonsense) {
     ASSERT_TRUE(echoes(*client, rig->peer, bytes("between"), 0x4000)) << sent;
   }
   closeSocket(blaster);
-  EXPECT_LT(rig->daemon.residentKilobytes(), memory + 4096);
+  if (!sanitized) {  // which keep freed memory for a while
+    EXPECT_LT(rig->daemon.residentKilobytes(), memory + 4096);
+  }
   EXPECT_TRUE(echoes(*other, rig->peer, bytes("after")));
   if (tmp.mounted()) {
     std::ifstream log("/tmp/zkturnd-dp.log");
