@@ -15,7 +15,7 @@ bool randomSourceFails = false;
 }
 
 // In place of the system's, so that a test can make it fail.
-extern "C" int getentropy(void* buffer, std::size_t length) noexcept {
+extern "C" int getentropy(void* buffer, std::size_t length) {
   if (randomSourceFails || length > 256) {
     errno = EIO;
     return -1;
