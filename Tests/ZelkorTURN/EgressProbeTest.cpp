@@ -137,10 +137,12 @@ TEST(EgressProbe, GivesEachTargetItsWindowAndIgnoresTheLateAnswerOfAnother) {
 // Each kind of bad answer on an association of its own, all at once.
 TEST(EgressProbe, FailsClosedOnBadAnswersWithinItsTime) {
   struct Case {
-    Answer answer;
-    SOCKS5Script::Relay relay = SOCKS5Script::Relay::forward;
-    Association association{};
-    STUNResponder stun{};
+    explicit Case(Answer how, SOCKS5Script::Relay through = SOCKS5Script::Relay::forward)
+        : answer(how), relay(through) {}
+    const Answer answer;
+    const SOCKS5Script::Relay relay;
+    Association association;
+    STUNResponder stun;
   };
   std::vector<std::unique_ptr<Case>> cases;
   std::string list;
