@@ -148,7 +148,7 @@ TEST(EgressProbe, FailsClosedOnBadAnswersWithinItsTime) {
   std::string list;
   for (const Answer answer :
        {Answer::silence, Answer::wrongTransaction, Answer::error, Answer::truncated}) {
-    cases.push_back(std::make_unique<Case>(answer));
+    cases.push_back(std::make_unique<Case>(answer, SOCKS5Script::Relay::forward));
   }
   cases.push_back(std::make_unique<Case>(Answer::normal, SOCKS5Script::Relay::dropAll));
   STUNResponder unused;
