@@ -24,8 +24,7 @@ struct Stamp {
 
 class Load {
  public:
-  Load(const std::vector<Endpoint>& endpoints, std::size_t payload)
-      : endpoints_(endpoints), payload_(payload) {
+  Load(const std::vector<Endpoint>& endpoints, std::size_t payload) : endpoints_(endpoints) {
     static std::uint32_t runs = 0;
     run_ = ++runs;
     for (const Endpoint& endpoint : endpoints) {
@@ -128,7 +127,6 @@ class Load {
   }
 
   const std::vector<Endpoint>& endpoints_;
-  const std::size_t payload_;
   std::uint32_t run_ = 0;
   std::vector<Bytes> frames_;
   int poll_ = -1;
