@@ -137,8 +137,13 @@ class Environment {
 };
 
 inline std::ptrdiff_t runningThreads() {
-  // A sanitizer may start a thread of its own when the program starts its first.
-  [[maybe_unused]] static const bool started = (std::thread([] {}).join(), true);
+  // A sanitizer may start a thread of its own when the program starts its first, and a thread that
+  // has been joined is still listed for a moment.
+  [[maybe_unused]] static const bool settled = [] {
+    std::thread([] {}).join();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    return true;
+  }();
   return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
