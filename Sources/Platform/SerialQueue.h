@@ -16,7 +16,8 @@ namespace zk {
 /// work that finds nobody at work is done where it is submitted. One lock per item on the
 /// producers' side, one per batch on the worker's.
 ///
-/// Destroying the queue runs what is still queued and ends the thread. A task must not throw.
+/// Destroying the queue runs what is still queued and ends the thread; a task of async() may do it,
+/// a short one must not. A task must not throw.
 class SerialQueue {
  public:
   /// Starts the thread; throws std::system_error when there is none to be had.
