@@ -64,9 +64,10 @@ class Floor final : public Contestant {
 
 class Daemon final : public Contestant {
  public:
-  Daemon(std::uint16_t farPort, DaemonForm form, unsigned clients)
-      : daemon_(ZK_DAEMON, {{"ZK_STUN_IPS", "127.0.0.1:3478"}}) {
-    name_ = form == DaemonForm::channelData ? "zkturnd, ChannelData" : "zkturnd, indications";
+  Daemon(std::uint16_t farPort, DaemonForm form, unsigned clients, const std::string& binary)
+      : daemon_(binary.empty() ? ZK_DAEMON : binary, {{"ZK_STUN_IPS", "127.0.0.1:3478"}}) {
+    name_ = (binary.empty() ? "zkturnd" : binary) +
+            (form == DaemonForm::channelData ? ", ChannelData" : ", indications");
     pid_ = daemon_.pid();
     loopback::SOCKS5Script script;
     script.announcePort = farPort;
@@ -239,8 +240,9 @@ std::unique_ptr<Contestant> makeFloor(std::uint16_t farPort) {
   return std::make_unique<Floor>(farPort);
 }
 
-std::unique_ptr<Contestant> makeDaemon(std::uint16_t farPort, DaemonForm form, unsigned clients) {
-  return std::make_unique<Daemon>(farPort, form, clients);
+std::unique_ptr<Contestant> makeDaemon(std::uint16_t farPort, DaemonForm form, unsigned clients,
+                                       const std::string& binary) {
+  return std::make_unique<Daemon>(farPort, form, clients, binary);
 }
 
 std::vector<std::unique_ptr<Contestant>> makeProxies(std::uint16_t farPort) {

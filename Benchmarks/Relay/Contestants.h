@@ -33,9 +33,10 @@ enum class DaemonForm { channelData, indications };
 /// The forwarder of Floor.h, in a process of its own.
 std::unique_ptr<Contestant> makeFloor(std::uint16_t farPort);
 
-/// The daemon with `clients` allocations through a proxy whose relay is the far side itself.
-std::unique_ptr<Contestant> makeDaemon(std::uint16_t farPort, DaemonForm form,
-                                       unsigned clients = 1);
+/// The daemon with `clients` allocations through a proxy whose relay is the far side itself. An
+/// empty `binary` is the daemon of this build; another one bears its path in its name.
+std::unique_ptr<Contestant> makeDaemon(std::uint16_t farPort, DaemonForm form, unsigned clients = 1,
+                                       const std::string& binary = {});
 
 /// The SOCKS5 servers that are installed, each with one association.
 std::vector<std::unique_ptr<Contestant>> makeProxies(std::uint16_t farPort);

@@ -24,7 +24,8 @@ struct Stamp {
 
 class Load {
  public:
-  Load(const std::vector<Endpoint>& endpoints, std::size_t payload) : endpoints_(endpoints) {
+  Load(const std::vector<Endpoint>& endpoints, std::size_t payload, unsigned burst)
+      : endpoints_(endpoints), burst_(burst) {
     static std::uint32_t runs = 0;
     run_ = ++runs;
     for (const Endpoint& endpoint : endpoints) {
@@ -81,7 +82,10 @@ class Load {
     const Stamp stamp{monotonicNanoseconds(), run_, 0};
     std::memcpy(&frame[endpoints_[next_].payloadAt], &stamp, sizeof stamp);
     send(endpoints_[next_].socket, frame.data(), frame.size(), 0);
-    next_ = (next_ + 1) % endpoints_.size();
+    if (++sentInBurst_ >= burst_) {
+      sentInBurst_ = 0;
+      next_ = (next_ + 1) % endpoints_.size();
+    }
   }
 
   // The number of round trips that ended; 0 when nothing came for too long.
@@ -93,7 +97,9 @@ class Load {
     const int ready = epoll_wait(poll_, events.data(), events.size(), lossMilliseconds);
     unsigned back = 0;
     for (int i = 0; i < ready; ++i) {
-      back += receiveOne(events[static_cast<std::size_t>(i)].data.u64, MSG_DONTWAIT) ? 1 : 0;
+      while (receiveOne(events[static_cast<std::size_t>(i)].data.u64, MSG_DONTWAIT)) {
+        ++back;
+      }
     }
     return back;
   }
@@ -127,10 +133,12 @@ class Load {
   }
 
   const std::vector<Endpoint>& endpoints_;
+  const unsigned burst_;
   std::uint32_t run_ = 0;
   std::vector<Bytes> frames_;
   int poll_ = -1;
   std::size_t next_ = 0;
+  unsigned sentInBurst_ = 0;
   std::array<std::uint8_t, 65536> buffer_{};
   std::vector<float> times_;
   LoadResult result_;
@@ -139,8 +147,8 @@ class Load {
 }  // namespace
 
 LoadResult runLoad(const std::vector<Endpoint>& endpoints, std::size_t payload,
-                   unsigned outstanding, std::chrono::milliseconds duration) {
-  return Load(endpoints, std::max(payload, sizeof(Stamp))).run(outstanding, duration);
+                   unsigned outstanding, std::chrono::milliseconds duration, unsigned burst) {
+  return Load(endpoints, std::max(payload, sizeof(Stamp)), burst).run(outstanding, duration);
 }
 
 }  // namespace zk::bench

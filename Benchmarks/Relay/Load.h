@@ -28,8 +28,9 @@ struct LoadResult {
 };
 
 /// Keeps `outstanding` round trips of `payload` octets (16 at least) under way for `duration`,
-/// spread over the endpoints in turn. What does not come back within a fifth of a second is lost.
+/// spread over the endpoints in turn, `burst` at a time. What does not come back within a fifth of
+/// a second is lost.
 LoadResult runLoad(const std::vector<Endpoint>& endpoints, std::size_t payload,
-                   unsigned outstanding, std::chrono::milliseconds duration);
+                   unsigned outstanding, std::chrono::milliseconds duration, unsigned burst = 1);
 
 }  // namespace zk::bench

@@ -21,7 +21,7 @@ double medianOf(const std::vector<Measurement>& rounds, Figure figure) {
 }
 
 // One bar with its label and its figure.
-std::string bar(const Series& series, double floor, double perMicrosecond, int y) {
+std::string bar(const Series& series, const Series& floor, double perMicrosecond, int y) {
   const double cpu = series.cpuMicroseconds();
   const char* const colour = series.name == "floor"               ? "#9aa5b1"
                              : series.name.starts_with("zkturnd") ? "#1f77b4"
@@ -31,17 +31,18 @@ std::string bar(const Series& series, double floor, double perMicrosecond, int y
       "<text x=\"190\" y=\"{}\" text-anchor=\"end\">{}</text>"
       "<rect x=\"200\" y=\"{}\" width=\"{:.1f}\" height=\"22\" fill=\"{}\"/>"
       "<text x=\"{:.1f}\" y=\"{}\">{:.2f} µs, {:.2f} × floor</text>\n",
-      y + 16, series.name, y, width, colour, 208 + width, y + 16, cpu, cpu / floor);
+      y + 16, series.name, y, width, colour, 208 + width, y + 16, cpu,
+      ratio(series, floor, cpuMicrosecondsOf));
 }
 
 }  // namespace
 
 double Series::cpuMicroseconds() const {
-  return medianOf(rounds, [](const Measurement& m) { return m.cpuMicroseconds; });
+  return medianOf(rounds, cpuMicrosecondsOf);
 }
 
 double Series::p50() const {
-  return medianOf(rounds, [](const Measurement& m) { return m.load.p50; });
+  return medianOf(rounds, p50Of);
 }
 
 double Series::p99() const {
@@ -76,6 +77,22 @@ double median(std::vector<double> values) {
   return *middle;
 }
 
+double ratio(const Series& series, const Series& base, double (*figure)(const Measurement&)) {
+  std::vector<double> ratios;
+  for (std::size_t i = 0; i < std::min(series.rounds.size(), base.rounds.size()); ++i) {
+    ratios.push_back(figure(series.rounds[i]) / figure(base.rounds[i]));
+  }
+  return median(std::move(ratios));
+}
+
+double cpuMicrosecondsOf(const Measurement& round) {
+  return round.cpuMicroseconds;
+}
+
+double p50Of(const Measurement& round) {
+  return round.load.p50;
+}
+
 const Series& find(const std::vector<Series>& all, const std::string& name, std::size_t payload,
                    unsigned outstanding) {
   for (const Series& series : all) {
@@ -91,10 +108,10 @@ std::string table(const std::vector<Series>& all) {
       "| octets | outstanding | relay | CPU µs/datagram | × floor | round trips/s | p50 µs | "
       "p99 µs | losses | resident KiB |\n|--:|--:|:--|--:|--:|--:|--:|--:|--:|--:|\n";
   for (const Series& series : all) {
-    const double floor = find(all, "floor", series.payload, series.outstanding).cpuMicroseconds();
+    const Series& floor = find(all, "floor", series.payload, series.outstanding);
     text += fmt::format("| {} | {} | {} | {:.2f} | {:.2f} | {:.0f} | {:.0f} | {:.0f} | {} | {} |\n",
                         series.payload, series.outstanding, series.name, series.cpuMicroseconds(),
-                        series.cpuMicroseconds() / floor, series.roundTripsPerSecond(),
+                        ratio(series, floor, cpuMicrosecondsOf), series.roundTripsPerSecond(),
                         series.p50(), series.p99(), series.losses(), series.residentKilobytes());
   }
   return text;
@@ -110,7 +127,7 @@ std::string chart(const std::vector<Series>& all, std::size_t payload, unsigned 
       most = std::max(most, series.cpuMicroseconds());
     }
   }
-  const double floor = find(all, "floor", payload, outstanding).cpuMicroseconds();
+  const Series& floor = find(all, "floor", payload, outstanding);
   const double perMicrosecond = 400 / most;
   const int height = 80 + 34 * static_cast<int>(shown.size());
   std::string svg = fmt::format(

@@ -34,6 +34,13 @@ struct Series {
 
 double median(std::vector<double> values);
 
+/// How a figure of `series` compares to that of `base`: the median of the ratios of rounds that
+/// were measured next to each other, so that what the machine did meanwhile bears on both alike.
+double ratio(const Series& series, const Series& base, double (*figure)(const Measurement&));
+
+double cpuMicrosecondsOf(const Measurement& round);
+double p50Of(const Measurement& round);
+
 /// The table in Markdown: one row per series, ratios to the floor under the same load.
 std::string table(const std::vector<Series>& all);
 

@@ -31,35 +31,60 @@ std::optional<IPv4Octets> parseIPv4(std::string_view text) {
   return octets;
 }
 
-bool isDottedQuad(const std::string& text) {
-  in_addr parsed{};
-  // inet_pton() would stop at a zero octet and not see what stands behind it.
-  return text.find('\0') == std::string::npos && inet_pton(AF_INET, text.c_str(), &parsed) == 1;
+namespace {
+
+// As inet_pton() has it: four decimal numbers of 0 to 255 without leading zeros. Read here because
+// inet_pton() wants a terminated text, would not see what stands behind a zero octet, and is called
+// for every datagram.
+std::optional<IPv4Octets> parseDottedQuad(std::string_view text) {
+  IPv4Octets octets{};
+  std::size_t at = 0;
+  for (std::size_t i = 0; i < octets.size(); ++i) {
+    if (i > 0 && (at == text.size() || text[at++] != '.')) {
+      return std::nullopt;
+    }
+    const std::size_t start = at;
+    unsigned value = 0;
+    while (at < text.size() && text[at] >= '0' && text[at] <= '9' && at - start < 3) {
+      value = value * 10 + static_cast<unsigned>(text[at++] - '0');
+    }
+    if (at == start || value > 255 || (at - start > 1 && text[start] == '0')) {
+      return std::nullopt;
+    }
+    octets[i] = static_cast<std::uint8_t>(value);
+  }
+  return at == text.size() ? std::optional(octets) : std::nullopt;
+}
+
+}  // namespace
+
+bool isDottedQuad(std::string_view text) {
+  return parseDottedQuad(text).has_value();
 }
 
 std::string formatIPv4(const std::uint8_t* octets) {
-  std::string text;
+  std::array<char, 16> text;
+  std::size_t length = 0;
   for (int i = 0; i < 4; ++i) {
     const unsigned octet = octets[i];
-    if (i > 0) {
-      text += '.';
-    }
     if (octet >= 100) {
-      text += static_cast<char>('0' + octet / 100);
+      text[length++] = static_cast<char>('0' + octet / 100);
     }
     if (octet >= 10) {
-      text += static_cast<char>('0' + octet / 10 % 10);
+      text[length++] = static_cast<char>('0' + octet / 10 % 10);
     }
-    text += static_cast<char>('0' + octet % 10);
+    text[length++] = static_cast<char>('0' + octet % 10);
+    text[length++] = '.';
   }
-  return text;
+  return {text.data(), length - 1};
 }
 
-sockaddr_in socketAddress(const std::string& ip, std::uint16_t port) {
+sockaddr_in socketAddress(std::string_view ip, std::uint16_t port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
-  inet_pton(AF_INET, ip.c_str(), &address.sin_addr);
+  const IPv4Octets octets = parseDottedQuad(ip).value_or(IPv4Octets{});
+  std::memcpy(&address.sin_addr, octets.data(), octets.size());
   return address;
 }
 

@@ -19,14 +19,14 @@ using IPv4Octets = std::array<std::uint8_t, 4>;
 std::optional<IPv4Octets> parseIPv4(std::string_view text);
 
 /// Whether `text` is a dotted quad in the strict form of inet_pton.
-bool isDottedQuad(const std::string& text);
+bool isDottedQuad(std::string_view text);
 
 /// The octets in decimal, joined by dots, without leading zeros. At most 15 characters, so the
 /// text never lives on the heap. `octets` points at four.
 std::string formatIPv4(const std::uint8_t* octets);
 
 /// The socket address of a dotted-quad text and a port; 0.0.0.0 for any other text.
-sockaddr_in socketAddress(const std::string& ip, std::uint16_t port);
+sockaddr_in socketAddress(std::string_view ip, std::uint16_t port);
 
 /// The address and the port of a socket address, in the form that travels between modules.
 std::string addressText(const sockaddr_in& address);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -22,16 +23,34 @@ void writeText(int file, std::string_view text) {
   [[maybe_unused]] const ssize_t written = pwrite(file, text.data(), text.size(), 0);
 }
 
+bool isControl(char c) {
+  return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+}
+
+// Eight octets at a time, without branches; the last eight may overlap those before.
+bool hasControl(std::span<const char> text) {
+  constexpr std::uint64_t ones = 0x0101010101010101;
+  constexpr std::uint64_t high = 0x80 * ones;
+  const auto look = [&](std::size_t at) {
+    std::uint64_t octets = 0;
+    std::memcpy(&octets, &text[at], sizeof octets);
+    const std::uint64_t deletes = octets ^ (0x7F * ones);
+    return (((octets - 0x20 * ones) & ~octets) | ((deletes - ones) & ~deletes)) & high;
+  };
+  if (text.size() < sizeof(std::uint64_t)) {
+    return std::any_of(text.begin(), text.end(), isControl);
+  }
+  std::uint64_t found = look(text.size() - sizeof(std::uint64_t));
+  for (std::size_t at = 0; at + sizeof(std::uint64_t) <= text.size(); at += sizeof(std::uint64_t)) {
+    found |= look(at);
+  }
+  return found != 0;
+}
+
 }  // namespace
 
 void keepOnOneLine(std::span<char> message) {
-  const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; };
-  // Hardly any message has one, and a look without stores or branches is many octets at a time.
-  bool any = false;
-  for (const char c : message) {
-    any |= isControl(c);
-  }
-  if (any) {
+  if (hasControl(message)) {
     std::replace_if(message.begin(), message.end(), isControl, '?');
   }
 }

@@ -2,9 +2,9 @@
 
 namespace zk {
 
-void appendToDataPlaneLog(std::string_view text) {
+void appendToDataPlaneLog(std::string_view lines) {
   static KeptLogFile file("/tmp/zkturnd-dp.log");
-  file.append(text);
+  file.append(lines);
 }
 
 }  // namespace zk

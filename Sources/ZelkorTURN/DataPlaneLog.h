@@ -10,20 +10,34 @@
 
 namespace zk {
 
-/// Appends `text`, which ends in a line feed, to the log of the data plane, /tmp/zkturnd-dp.log, in
-/// one write; it is in the file on return. Any thread. The log's own failures are nobody's
-/// business.
-void appendToDataPlaneLog(std::string_view text);
+/// Appends `lines`, each of which ends in a line feed, to the log of the data plane,
+/// /tmp/zkturnd-dp.log, in one write; they are in the file on return. Any thread. The log's own
+/// failures are nobody's business.
+void appendToDataPlaneLog(std::string_view lines);
 
-/// Writes one line to the log of the data plane: no time stamp, one line per event. `format` is an
-/// FMT_COMPILE string.
+/// The lines that one event is worth, so that they cost one write: no time stamp, one line each.
+class DataPlaneLines {
+ public:
+  /// `format` is an FMT_COMPILE string.
+  template <typename Format, typename... Args>
+  void add(const Format& format, const Args&... args) {
+    const std::size_t at = text_.size();
+    fmt::format_to(std::back_inserter(text_), format, args...);
+    keepOnOneLine({text_.data() + at, text_.size() - at});
+    text_.push_back('\n');
+  }
+  void write() const { appendToDataPlaneLog({text_.data(), text_.size()}); }
+
+ private:
+  fmt::memory_buffer text_;
+};
+
+/// Writes one line to the log of the data plane.
 template <typename Format, typename... Args>
 void zkDPLog(const Format& format, const Args&... args) {
-  fmt::memory_buffer line;
-  fmt::format_to(std::back_inserter(line), format, args...);
-  keepOnOneLine({line.data(), line.size()});
-  line.push_back('\n');
-  appendToDataPlaneLog({line.data(), line.size()});
+  DataPlaneLines line;
+  line.add(format, args...);
+  line.write();
 }
 
 }  // namespace zk

@@ -121,10 +121,11 @@ void SOCKS5Relay::receive(Handler handler) {
 }
 
 void SOCKS5Relay::receiveLoop(const Handler& handler) {
-  // Not filled with zeros: an idle relay then costs none of these pages.
-  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(largestDatagram);
+  // On the stack and not filled with zeros: a datagram then lies on the page that the thread uses
+  // anyway, and an idle relay costs none of the others.
+  std::array<std::uint8_t, largestDatagram> buffer;
   for (int fd = udpFD_; fd >= 0; fd = udpFD_) {
-    if (!receiveOne(fd, {buffer.get(), largestDatagram}, handler)) {
+    if (!receiveOne(fd, buffer, handler)) {
       return;
     }
   }
@@ -134,22 +135,23 @@ void SOCKS5Relay::receiveLoop(const Handler& handler) {
 bool SOCKS5Relay::receiveOne(int fd, std::span<std::uint8_t> buffer, const Handler& handler) {
   const ssize_t received = recv(fd, buffer.data(), buffer.size(), 0);
   const int error = errno;
-  zkDPLog(FMT_COMPILE("RECV recvfrom n={}"), received);
-  if (received < 0) {
-    return error != EINVAL && error != EBADF;
-  }
-  // Also how a shut-down socket shows: it gives empty datagrams.
-  if (udpFD_ < 0) {
-    return false;
+  DataPlaneLines lines;
+  lines.add(FMT_COMPILE("RECV recvfrom n={}"), received);
+  // A shut-down socket shows by empty datagrams.
+  if (received < 0 || udpFD_ < 0) {
+    lines.write();
+    return received < 0 && error != EINVAL && error != EBADF;
   }
   const auto datagram = ByteView(buffer).first(static_cast<std::size_t>(received));
   const auto frame = SOCKS5UDPFrame::unwrap(datagram);
   if (!frame) {
-    zkDPLog(FMT_COMPILE("RECV unwrap FAILED {}B (DROPPED)"), datagram.size());
+    lines.add(FMT_COMPILE("RECV unwrap FAILED {}B (DROPPED)"), datagram.size());
+    lines.write();
     return true;
   }
-  zkDPLog(FMT_COMPILE("RECV unwrap OK from {}:{} {}B → handler"), frame->srcIP, frame->srcPort,
-          frame->payload.size());
+  lines.add(FMT_COMPILE("RECV unwrap OK from {}:{} {}B → handler"), frame->srcIP, frame->srcPort,
+            frame->payload.size());
+  lines.write();
   handler(frame->payload, frame->srcIP, frame->srcPort);
   return true;
 }

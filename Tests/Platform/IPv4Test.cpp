@@ -1,3 +1,6 @@
+#include <random>
+
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include "Platform/IPv4.h"
@@ -42,7 +45,30 @@ TEST(IPv4, FormatsWithoutLeadingZerosAndReadsBack) {
   EXPECT_EQ(portNumber(socketAddress("127.0.0.1", 4660)), 4660);
   EXPECT_EQ(socketAddress("127.0.0.1", 0x1234).sin_port, htons(0x1234));
   EXPECT_EQ(addressText(socketAddress("proxy.example", 1)), "0.0.0.0");
-  for (const char* const text : {"10..0.0.1", "10.0.0", "10.0.0.1 ", "::1", "localhost", ""}) {
+}
+
+TEST(IPv4, IsStrictAboutDottedQuadsAsTheSystemIs) {
+  const auto systemSays = [](const std::string& text) {
+    in_addr address{};
+    return inet_pton(AF_INET, text.c_str(), &address) == 1;
+  };
+  std::mt19937 random(7);
+  const std::string characters = "0125.69 x";
+  int accepted = 0;
+  for (int i = 0; i < 200'000; ++i) {
+    std::string text = "10.0.0.1";
+    for (int change = 0; change < 3; ++change) {
+      text[random() % text.size()] = characters[random() % characters.size()];
+      if (random() % 3 == 0) {
+        text.insert(random() % text.size(), 1, characters[random() % characters.size()]);
+      }
+    }
+    accepted += isDottedQuad(text) ? 1 : 0;
+    ASSERT_EQ(isDottedQuad(text), systemSays(text)) << text;
+  }
+  EXPECT_GT(accepted, 1000);
+  for (const std::string& text : {std::string("10.0.0.1\0", 9), std::string("10.0.0.1\0x", 10),
+                                  std::string("::1"), std::string("localhost"), std::string()}) {
     EXPECT_FALSE(isDottedQuad(text)) << text;
   }
 }

@@ -20,6 +20,23 @@ using namespace std::chrono_literals;
 using test::contentOf;
 namespace fs = std::filesystem;
 
+TEST(KeepOnOneLine, ReplacesControlCharactersWhereverTheyStandAndNothingElse) {
+  for (std::size_t length = 1; length < 40; ++length) {
+    for (std::size_t at = 0; at < length; ++at) {
+      for (int value = 0; value < 256; ++value) {
+        std::string text(length, '\xFF');
+        text[at] = static_cast<char>(value);
+        std::string expected = text;
+        if (value < 0x20 || value == 0x7F) {
+          expected[at] = '?';
+        }
+        keepOnOneLine(text);
+        ASSERT_EQ(text, expected) << value << " at " << at << " of " << length;
+      }
+    }
+  }
+}
+
 TEST(OpenLogFile, RefusesWhateverIsNoRegularFileWithoutWaiting) {
   const test::TemporaryFolder folder;
   test::writeFile(folder / "victim", "untouched");
