@@ -60,6 +60,9 @@ void FarSide::run() {
     if (n <= 0) {
       continue;
     }
+    if (static_cast<std::size_t>(n) == SOCKS5UDPFrame::headerSize + spoiledSize) {
+      buffer[3] = 0x7F;  // the address type
+    }
     const ByteView datagram(buffer, static_cast<std::size_t>(n));
     const Bytes answer = stunAnswer(datagram);
     sendDatagram(socket_, answer.empty() ? datagram : ByteView(answer), sender);

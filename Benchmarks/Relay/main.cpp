@@ -11,6 +11,7 @@
 #include "ChildProcess.h"
 #include "Contestants.h"
 #include "FarSide.h"
+#include "Flood.h"
 #include "Floor.h"
 #include "Loopback/DaemonConfig.h"
 #include "Loopback/DaemonProcess.h"
@@ -27,8 +28,8 @@ using namespace std::chrono_literals;
 constexpr unsigned manyClients = 500;
 
 struct Options {
-  int rounds = 7;
-  std::chrono::milliseconds perRun{700};
+  int rounds = 21;
+  std::chrono::milliseconds perRun{200};
   std::uint64_t endurance = 10'000'000;  // datagrams
   bool withProxies = true;
   std::vector<std::string> beside;  // other builds of the daemon
@@ -137,6 +138,40 @@ void compareMany(const Options& options, std::uint16_t farPort, Verdict& verdict
                 " KiB");
 }
 
+Measurement measureFlood(const Contestant& daemon, const FloodKind& kind) {
+  constexpr std::uint64_t count = 15'000;
+  const auto before = cpuTimeWithChildren(daemon.pid());
+  const auto datagrams = static_cast<double>(flood(daemon, kind, count));
+  const auto used = cpuTimeWithChildren(daemon.pid()) - before;
+  Measurement result;
+  result.cpuMicroseconds = std::chrono::duration<double, std::micro>(used).count() / datagrams;
+  return result;
+}
+
+/// Whether bad input costs more than good input: datagrams that are dropped more than relayed ones,
+/// bad requests more than good ones.
+void compareFloods(const Options& options, std::uint16_t farPort, Verdict& verdict) {
+  const auto daemon = makeDaemon(farPort, DaemonForm::channelData);
+  const std::vector<FloodKind> kinds = badInput(*daemon);
+  const FloodKind good = goodRequest(*daemon);
+  Series relaying;
+  Series answering;
+  std::vector<Series> flooding(kinds.size());
+  for (int round = 0; round < options.rounds; ++round) {
+    relaying.rounds.push_back(measure(*daemon, loads[0], options.perRun));
+    answering.rounds.push_back(measureFlood(*daemon, good));
+    for (std::size_t i = 0; i < kinds.size(); ++i) {
+      flooding[i].rounds.push_back(measureFlood(*daemon, kinds[i]));
+    }
+  }
+  for (std::size_t i = 0; i < kinds.size(); ++i) {
+    const bool isRequest = kinds[i].path == FloodKind::Path::answered;
+    verdict.check(fmt::format("CPU per datagram in a flood of {}, × that of {}", kinds[i].name,
+                              isRequest ? "good requests" : "relaying"),
+                  ratio(flooding[i], isRequest ? answering : relaying, cpuMicrosecondsOf), 1.0, "");
+  }
+}
+
 /// Milliseconds from the signed Allocate request to its answer.
 void measureOpening(std::uint16_t farPort, Verdict& verdict) {
   loopback::SOCKS5Script script;
@@ -218,6 +253,7 @@ bool run(const Options& options) {
   Verdict verdict;
   judge(all, verdict);
   compareMany(options, farSide.port(), verdict);
+  compareFloods(options, farSide.port(), verdict);
   measureOpening(farSide.port(), verdict);
   if (options.endurance > 0) {
     measureEndurance(options, farSide.port(), verdict);

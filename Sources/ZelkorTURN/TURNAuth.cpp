@@ -54,9 +54,12 @@ std::string makeNonce() {
   if (const int status = randomBytes(octets); status != 0) {
     throw TURNAuthError::randomGenerationFailed(status);
   }
+  constexpr std::string_view digits = "0123456789abcdef";
   std::string nonce;
+  nonce.reserve(2 * octets.size());
   for (const std::uint8_t octet : octets) {
-    fmt::format_to(std::back_inserter(nonce), "{:02x}", octet);
+    nonce += digits[octet >> 4];
+    nonce += digits[octet & 0x0F];
   }
   return nonce;
 }

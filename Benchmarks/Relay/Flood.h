@@ -1,0 +1,36 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "Contestants.h"
+
+namespace zk::bench {
+
+/// One way to bother the daemon.
+struct FloodKind {
+  enum class Path {
+    dropped,   // from a local process, and not worth an answer
+    answered,  // from a local process; a request
+    byProxy,   // comes to the proxy through the daemon, and spoiled back
+  };
+  std::string name;
+  Bytes datagram;  // what the daemon gets of it
+  Path path;
+};
+
+/// What a stranger may send: octets of no protocol, broken messages, data that belongs to nobody,
+/// requests without credentials or with a wrong signature, and what a proxy may send.
+std::vector<FloodKind> badInput(const Contestant& daemon);
+
+/// A request with a right signature, which the bad ones compare to.
+FloodKind goodRequest(const Contestant& daemon);
+
+/// Sends `count` datagrams of that kind through `daemon`, a daemon with one channel, in bursts that
+/// fit any socket's buffer: a round trip on the channel follows each of them. Returns how many
+/// datagrams the daemon got in all, those of the round trips included. Throws when one of these is
+/// lost.
+std::uint64_t flood(const Contestant& daemon, const FloodKind& kind, std::uint64_t count);
+
+}  // namespace zk::bench
