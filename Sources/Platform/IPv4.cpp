@@ -7,30 +7,6 @@
 
 namespace zk {
 
-std::optional<IPv4Octets> parseIPv4(std::string_view text) {
-  IPv4Octets octets{};
-  std::size_t count = 0;
-  while (!text.empty()) {
-    const std::size_t dot = text.find('.');
-    const std::string_view piece = text.substr(0, dot);
-    text = dot == std::string_view::npos ? std::string_view{} : text.substr(dot + 1);
-
-    std::uint8_t octet = 0;
-    const auto [end, error] = std::from_chars(piece.data(), piece.data() + piece.size(), octet);
-    if (error != std::errc{} || end != piece.data() + piece.size()) {
-      continue;
-    }
-    if (count == octets.size()) {
-      return std::nullopt;
-    }
-    octets[count++] = octet;
-  }
-  if (count != octets.size()) {
-    return std::nullopt;
-  }
-  return octets;
-}
-
 namespace {
 
 // As inet_pton() has it: four decimal numbers of 0 to 255 without leading zeros. Read here because
@@ -57,6 +33,33 @@ std::optional<IPv4Octets> parseDottedQuad(std::string_view text) {
 }
 
 }  // namespace
+
+std::optional<IPv4Octets> parseIPv4(std::string_view text) {
+  if (const auto strict = parseDottedQuad(text)) {
+    return strict;  // nearly always
+  }
+  IPv4Octets octets{};
+  std::size_t count = 0;
+  while (!text.empty()) {
+    const std::size_t dot = text.find('.');
+    const std::string_view piece = text.substr(0, dot);
+    text = dot == std::string_view::npos ? std::string_view{} : text.substr(dot + 1);
+
+    std::uint8_t octet = 0;
+    const auto [end, error] = std::from_chars(piece.data(), piece.data() + piece.size(), octet);
+    if (error != std::errc{} || end != piece.data() + piece.size()) {
+      continue;
+    }
+    if (count == octets.size()) {
+      return std::nullopt;
+    }
+    octets[count++] = octet;
+  }
+  if (count != octets.size()) {
+    return std::nullopt;
+  }
+  return octets;
+}
 
 bool isDottedQuad(std::string_view text) {
   return parseDottedQuad(text).has_value();

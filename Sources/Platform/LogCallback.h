@@ -1,8 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
-#include <iterator>
 #include <string_view>
+#include <type_traits>
 
 #include <fmt/compile.h>
 #include <fmt/format.h>
@@ -13,14 +14,31 @@ namespace zk {
 /// lives as long as the call.
 using LogCallback = std::function<void(std::string_view)>;
 
+/// Appends to `out` what `format`, an FMT_COMPILE string, says of `args`: integers, characters and
+/// texts. Every datagram is worth several lines. Reading a format anew each time would cost as much
+/// as the rest of a line, and so would asking for room before each character of it.
+template <typename Format, typename... Args>
+void appendFormatted(fmt::memory_buffer& out, const Format& format, const Args&... args) {
+  constexpr std::size_t longestInteger = 20;
+  [[maybe_unused]] const auto longest = [](const auto& argument) {
+    if constexpr (std::is_convertible_v<decltype(argument), std::string_view>) {
+      return std::string_view(argument).size();
+    } else {
+      return longestInteger;
+    }
+  };
+  const std::size_t at = out.size();
+  out.resize(at + fmt::string_view(format).size() + (std::size_t{0} + ... + longest(args)));
+  const char* const end = fmt::format_to(out.data() + at, format, args...);
+  out.resize(static_cast<std::size_t>(end - out.data()));
+}
+
 /// Formats a line, in place for the usual lengths, and hands it to `callback` when there is one.
-/// `format` is an FMT_COMPILE string: every datagram is worth several lines, and reading a format
-/// anew each time would cost as much as the rest of the line.
 template <typename Format, typename... Args>
 void logLine(const LogCallback& callback, const Format& format, const Args&... args) {
   if (callback) {
     fmt::memory_buffer line;
-    fmt::format_to(std::back_inserter(line), format, args...);
+    appendFormatted(line, format, args...);
     callback({line.data(), line.size()});
   }
 }

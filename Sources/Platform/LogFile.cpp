@@ -27,30 +27,34 @@ bool isControl(char c) {
   return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
 }
 
-// Eight octets at a time, without branches; the last eight may overlap those before.
-bool hasControl(std::span<const char> text) {
-  constexpr std::uint64_t ones = 0x0101010101010101;
-  constexpr std::uint64_t high = 0x80 * ones;
-  const auto look = [&](std::size_t at) {
-    std::uint64_t octets = 0;
-    std::memcpy(&octets, &text[at], sizeof octets);
-    const std::uint64_t deletes = octets ^ (0x7F * ones);
-    return (((octets - 0x20 * ones) & ~octets) | ((deletes - ones) & ~deletes)) & high;
-  };
-  if (text.size() < sizeof(std::uint64_t)) {
-    return std::any_of(text.begin(), text.end(), isControl);
-  }
-  std::uint64_t found = look(text.size() - sizeof(std::uint64_t));
-  for (std::size_t at = 0; at + sizeof(std::uint64_t) <= text.size(); at += sizeof(std::uint64_t)) {
-    found |= look(at);
-  }
-  return found != 0;
-}
-
 }  // namespace
 
+// Eight octets at a time, without branches; the last eight may overlap those before. Of octets
+// below 0x80, those below 0x20 get the high bit by the subtraction, and 0x7F by the addition.
+// Carries spread from octets of 0xFF only, and may make it look closer for nothing.
+bool holdsControl(std::string_view text) {
+  constexpr std::size_t step = sizeof(std::uint64_t);
+  constexpr std::uint64_t ones = 0x0101010101010101;
+  const auto suspicious = [](const char* at) {
+    std::uint64_t octets = 0;
+    std::memcpy(&octets, at, step);
+    return ((octets - 0x20 * ones) | (octets + ones)) & ~octets & 0x80 * ones;
+  };
+  if (text.size() >= step) {
+    const char* const last = text.data() + text.size() - step;
+    std::uint64_t found = suspicious(last);
+    for (const char* at = text.data(); at < last; at += step) {
+      found |= suspicious(at);
+    }
+    if (found == 0) {
+      return false;
+    }
+  }
+  return std::any_of(text.begin(), text.end(), isControl);
+}
+
 void keepOnOneLine(std::span<char> message) {
-  if (hasControl(message)) {
+  if (holdsControl({message.data(), message.size()})) {
     std::replace_if(message.begin(), message.end(), isControl, '?');
   }
 }

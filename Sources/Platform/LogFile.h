@@ -17,6 +17,9 @@ enum class LogPosition { append, endAtOpening };
 /// texts of strangers: a proxy names peers by octets of its choice, and must not write our logs.
 void keepOnOneLine(std::span<char> message);
 
+/// Whether keepOnOneLine() would change `text`.
+bool holdsControl(std::string_view text);
+
 /// Permission bits of a log file that is created: the default for new files, or bits that hold
 /// whatever the umask says.
 struct LogFileMode {

@@ -7,12 +7,17 @@
 
 namespace zk {
 
-Bytes SOCKS5UDPFrame::wrap(ByteView payload, std::string_view toPeerIP, std::uint16_t peerPort) {
+std::array<std::uint8_t, SOCKS5UDPFrame::headerSize> SOCKS5UDPFrame::header(
+    std::string_view toPeerIP, std::uint16_t peerPort) {
   const IPv4Octets octets = parseIPv4(toPeerIP).value_or(IPv4Octets{});
   std::array<std::uint8_t, headerSize> header{
       0, 0, 0, SOCKS5AddressType::ipv4, octets[0], octets[1], octets[2], octets[3]};
   writeUInt16(&header[8], peerPort);
-  return concatenated(header, payload);
+  return header;
+}
+
+Bytes SOCKS5UDPFrame::wrap(ByteView payload, std::string_view toPeerIP, std::uint16_t peerPort) {
+  return concatenated(header(toPeerIP, peerPort), payload);
 }
 
 std::optional<SOCKS5UDPFrame::Unwrapped> SOCKS5UDPFrame::unwrap(ByteView datagram) {

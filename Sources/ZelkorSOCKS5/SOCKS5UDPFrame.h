@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -15,8 +16,10 @@ namespace SOCKS5UDPFrame {
 
 inline constexpr std::size_t headerSize = 10;  // of what wrap() writes
 
-/// Header and payload, in one allocation. A peer address that parseIPv4() does not accept is
-/// written as 0.0.0.0.
+/// The header. A peer address that parseIPv4() does not accept is written as 0.0.0.0.
+std::array<std::uint8_t, headerSize> header(std::string_view toPeerIP, std::uint16_t peerPort);
+
+/// Header and payload, in one allocation.
 Bytes wrap(ByteView payload, std::string_view toPeerIP, std::uint16_t peerPort);
 
 struct Unwrapped {

@@ -1,11 +1,12 @@
 #pragma once
 
-#include <iterator>
 #include <string_view>
+#include <type_traits>
 
 #include <fmt/compile.h>
 #include <fmt/format.h>
 
+#include "Platform/LogCallback.h"
 #include "Platform/LogFile.h"
 
 namespace zk {
@@ -22,13 +23,23 @@ class DataPlaneLines {
   template <typename Format, typename... Args>
   void add(const Format& format, const Args&... args) {
     const std::size_t at = text_.size();
-    fmt::format_to(std::back_inserter(text_), format, args...);
-    keepOnOneLine({text_.data() + at, text_.size() - at});
+    appendFormatted(text_, format, args...);
+    if ((... || breaksLine(args))) {
+      keepOnOneLine({text_.data() + at, text_.size() - at});
+    }
     text_.push_back('\n');
   }
   void write() const { appendToDataPlaneLog({text_.data(), text_.size()}); }
 
  private:
+  template <typename Arg>
+  static bool breaksLine(const Arg& argument) {
+    if constexpr (std::is_convertible_v<const Arg&, std::string_view>) {
+      return holdsControl(argument);
+    }
+    return false;
+  }
+
   fmt::memory_buffer text_;
 };
 

@@ -98,8 +98,9 @@ void SOCKS5Relay::send(ByteView payload, const std::string& toPeerIP, std::uint1
   if (fd < 0) {
     throw SOCKS5Error::connectionFailed("relay socket not open");
   }
+  DatagramBuffer frame;
   const std::ptrdiff_t sent =
-      sendDatagram(fd, SOCKS5UDPFrame::wrap(payload, toPeerIP, peerPort), relayAddr_);
+      sendDatagram(fd, frame.join(SOCKS5UDPFrame::header(toPeerIP, peerPort), payload), relayAddr_);
   const int error = errno;
   zkDPLog(FMT_COMPILE("SEND fd={} → {}:{} {}B sendto={}"), fd, toPeerIP, peerPort, payload.size(),
           sent);

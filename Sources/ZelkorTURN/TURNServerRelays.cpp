@@ -39,12 +39,12 @@ RelayedAddress open(TURNRelay& relay, bool viaDefault) {
   return address;
 }
 
-// ChannelData (RFC 5766 section 11.4), without the padding that UDP does not need.
-Bytes channelData(std::uint16_t channel, ByteView payload) {
+// The header of ChannelData (RFC 5766 section 11.4). UDP needs no padding behind the payload.
+std::array<std::uint8_t, 4> channelDataHeader(std::uint16_t channel, ByteView payload) {
   std::array<std::uint8_t, 4> header;
   writeUInt16(&header[0], channel);
   writeUInt16(&header[2], static_cast<std::uint16_t>(payload.size()));
-  return concatenated(header, payload);
+  return header;
 }
 
 }  // namespace
@@ -160,7 +160,8 @@ void TURNServer::deliverFromRelayOnQueue(ByteView payload, const std::string& pe
     return entry.second.port == peerPort && entry.second.ip == peerIP;
   });
   if (channel != channels.end()) {
-    sendToClient(channelData(channel->first, payload), client);
+    DatagramBuffer datagram;
+    sendToClient(datagram.join(channelDataHeader(channel->first, payload), payload), client);
     return;
   }
   const auto peerAddress = TURNAttributes::encodeXorAddress(peerIP, peerPort);
