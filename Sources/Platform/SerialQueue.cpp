@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "Platform/BriefLock.h"
 #include "Platform/Semaphore.h"
 #include "Platform/Thread.h"
 
@@ -31,7 +32,7 @@ struct SerialQueue::State {
   std::thread worker;           // written once, before anybody else can see it
 
   void work() {
-    std::unique_lock guard(lock);
+    auto guard = lockBriefly(lock);
     while (true) {
       while (busy || pending.empty()) {
         if (ending && !busy) {
@@ -59,7 +60,7 @@ struct SerialQueue::State {
     if (batch.capacity() > keptCapacity) {
       std::vector<Task>().swap(batch);
     }
-    guard.lock();
+    guard = lockBriefly(lock);
   }
 
   // Under the lock. Whether the caller has to notify the worker once it has let go of the lock. A
@@ -74,7 +75,7 @@ SerialQueue::SerialQueue(std::string label)
 
 SerialQueue::~SerialQueue() {
   {
-    const std::lock_guard guard(state_->lock);
+    const auto guard = lockBriefly(state_->lock);
     state_->ending = true;
     state_->takeWakeUp();
   }
@@ -89,7 +90,7 @@ SerialQueue::~SerialQueue() {
 void SerialQueue::async(Task task) {
   bool wake = false;
   {
-    const std::lock_guard guard(state_->lock);
+    const auto guard = lockBriefly(state_->lock);
     state_->pending.push_back(std::move(task));
     ++state_->pendingLong;
     wake = state_->takeWakeUp();
@@ -101,7 +102,7 @@ void SerialQueue::async(Task task) {
 
 void SerialQueue::asyncShort(Task task) {
   {
-    const std::lock_guard guard(state_->lock);
+    const auto guard = lockBriefly(state_->lock);
     state_->pending.push_back(std::move(task));
     if (state_->busy) {
       return;  // whoever is at work will come to it
@@ -112,7 +113,7 @@ void SerialQueue::asyncShort(Task task) {
 }
 
 bool SerialQueue::claimIfIdle() {
-  const std::lock_guard guard(state_->lock);
+  const auto guard = lockBriefly(state_->lock);
   if (state_->busy || !state_->pending.empty()) {
     return false;
   }
@@ -125,7 +126,7 @@ bool SerialQueue::claimIfIdle() {
 void SerialQueue::drainShortTasks() {
   bool wake = false;
   {
-    std::unique_lock guard(state_->lock);
+    auto guard = lockBriefly(state_->lock);
     for (int i = 0; i < mostBatchesInPlace; ++i) {
       if (state_->pending.empty() || state_->pendingLong > 0) {
         break;

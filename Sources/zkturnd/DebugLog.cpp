@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include "Platform/BriefLock.h"
 #include "Platform/Clock.h"
 #include "Platform/LogFile.h"
 
@@ -33,18 +34,20 @@ void DebugLog::appendDebugLog(std::string_view message) {
   if (file_ < 0) {
     return;
   }
-  const std::int64_t now = wallClockMicroseconds();
+  char stamp[timestampLength + 1];
+  writeTimestamp(stamp, wallClockMicroseconds());
+  stamp[timestampLength] = ' ';
+  std::string repaired;
+  if (holdsControl(message)) {
+    repaired = message;
+    keepOnOneLine(repaired);
+    message = repaired;
+  }
   bool schedule = false;
   {
-    std::unique_lock guard(lock_);
+    auto guard = lockBriefly(lock_);
     hasRoom_.wait(guard, [this] { return pending_.size() < mostPending; });
-    const std::size_t at = pending_.size();
-    pending_.resize(at + timestampLength);
-    writeTimestamp(&pending_[at], now);
-    pending_ += ' ';
-    pending_ += message;
-    keepOnOneLine(std::span(pending_).subspan(at));
-    pending_ += '\n';
+    pending_.append(stamp, sizeof stamp).append(message) += '\n';
     schedule = !isScheduled_;
     isScheduled_ = true;
   }
@@ -62,7 +65,7 @@ void DebugLog::flush() {
 
 void DebugLog::writeBatch() {
   {
-    const std::lock_guard guard(lock_);
+    const auto guard = lockBriefly(lock_);
     batch_.swap(pending_);
     isScheduled_ = false;
   }
