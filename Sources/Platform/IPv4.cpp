@@ -6,7 +6,6 @@
 #include <arpa/inet.h>
 
 namespace zk {
-
 namespace {
 
 // As inet_pton() has it: four decimal numbers of 0 to 255 without leading zeros. Read here because

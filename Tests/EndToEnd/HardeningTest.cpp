@@ -42,22 +42,22 @@ class HardeningTest : public testing::Test {
   }
 
   std::vector<Elf64_Phdr> segments(std::uint32_t type) const {
-    std::vector<Elf64_Phdr> found;
-    for (std::size_t i = 0; i < header_.e_phnum; ++i) {
-      const auto segment = at<Elf64_Phdr>(header_.e_phoff + i * sizeof(Elf64_Phdr));
-      if (segment.p_type == type) {
-        found.push_back(segment);
-      }
-    }
-    return found;
+    return entriesOf<Elf64_Phdr>(header_.e_phoff, header_.e_phnum,
+                                 [&](const Elf64_Phdr& entry) { return entry.p_type == type; });
   }
 
   std::vector<Elf64_Shdr> sections(std::uint32_t type) const {
-    std::vector<Elf64_Shdr> found;
-    for (std::size_t i = 0; i < header_.e_shnum; ++i) {
-      const auto section = at<Elf64_Shdr>(header_.e_shoff + i * sizeof(Elf64_Shdr));
-      if (section.sh_type == type) {
-        found.push_back(section);
+    return entriesOf<Elf64_Shdr>(header_.e_shoff, header_.e_shnum,
+                                 [&](const Elf64_Shdr& entry) { return entry.sh_type == type; });
+  }
+
+  template <typename Entry, typename Wanted>
+  std::vector<Entry> entriesOf(std::size_t offset, std::size_t count, const Wanted& wanted) const {
+    std::vector<Entry> found;
+    for (std::size_t i = 0; i < count; ++i) {
+      const auto entry = at<Entry>(offset + i * sizeof(Entry));
+      if (wanted(entry)) {
+        found.push_back(entry);
       }
     }
     return found;
