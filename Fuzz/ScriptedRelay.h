@@ -51,9 +51,11 @@ struct ScriptedRelay final : TURNRelay {
     isOpen = true;
     return {script.address, 40000};
   }
-  void send(ByteView payload, const std::string& ip, std::uint16_t port) override {
+  void sendAll(std::span<const PeerDatagram> datagrams) override {
     require(isOpen && closings == 0, "only an open relay sends");
-    script.sent.push_back({joined({payload}), ip, port});
+    for (const auto& [payload, ip, port] : datagrams) {
+      script.sent.push_back({joined({payload}), ip, port});
+    }
     if ((script.faults & 8) != 0) {
       throw SOCKS5Error::connectionFailed("scripted");
     }

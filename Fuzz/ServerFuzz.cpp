@@ -13,7 +13,10 @@ namespace zk {
 
 struct TURNServerAccess {
   TURNServer& server;
-  void dispatch(ByteView datagram, const FiveTuple& from) { server.dispatch(datagram, from); }
+  void dispatch(ByteView datagram, const FiveTuple& from) {
+    const TURNServer::ClientDatagram one{datagram, from};
+    server.dispatchAll({&one, 1});
+  }
   void drain() {
     server.serialQ_.sync([] {});
   }
@@ -257,7 +260,8 @@ class World {
     if (entry == access_.relays().end()) {
       return;
     }
-    static_cast<ScriptedRelay&>(*entry->second).handler(payload, ip, port);
+    const PeerDatagram one{payload, ip, port};
+    static_cast<ScriptedRelay&>(*entry->second).handler({&one, 1});
     access_.drain();
     const auto datagram = endpoint(who).received();
     std::vector<std::uint16_t> bound;

@@ -28,28 +28,6 @@ inline Bytes concatenated(ByteView header, ByteView rest) {
   return whole;
 }
 
-/// A datagram put together in place, on the stack of whoever sends it: a header and a payload. What
-/// is not written costs nothing.
-class DatagramBuffer {
- public:
-  /// The largest payload of a UDP datagram over IPv4, rounded up, is room for any header with it.
-  static constexpr std::size_t capacity = 65536;
-
-  /// Header and payload in one piece, to be used as long as this lives. Payloads that do not fit
-  /// the room, which no socket would send either, are cut.
-  ByteView join(ByteView header, ByteView payload) {
-    payload = payload.first(std::min(payload.size(), capacity - header.size()));
-    std::memcpy(octets_.data(), header.data(), header.size());
-    if (!payload.empty()) {
-      std::memcpy(octets_.data() + header.size(), payload.data(), payload.size());
-    }
-    return {octets_.data(), header.size() + payload.size()};
-  }
-
- private:
-  std::array<std::uint8_t, capacity> octets_;
-};
-
 /// Two octets at `at`, big-endian. The caller has checked that they are there.
 inline std::uint16_t readUInt16(ByteView bytes, std::size_t at) {
   return static_cast<std::uint16_t>(bytes[at] << 8 | bytes[at + 1]);

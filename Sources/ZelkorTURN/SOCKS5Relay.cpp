@@ -1,5 +1,6 @@
 #include "ZelkorTURN/SOCKS5Relay.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -19,7 +20,6 @@ namespace zk {
 namespace {
 
 constexpr int egressProbeSeconds = 8;
-constexpr std::size_t largestDatagram = 65536;
 
 sockaddr_in resolveRelay(const std::string& host, std::uint16_t port) {
   const Resolution resolution = resolveUDPv4(host, std::to_string(port));
@@ -93,18 +93,28 @@ RelayedAddress SOCKS5Relay::open() {
   return {std::move(egressIP), relayPort};
 }
 
-void SOCKS5Relay::send(ByteView payload, const std::string& toPeerIP, std::uint16_t peerPort) {
+void SOCKS5Relay::sendAll(std::span<const PeerDatagram> datagrams) {
   const int fd = udpFD_;
   if (fd < 0) {
     throw SOCKS5Error::connectionFailed("relay socket not open");
   }
-  DatagramBuffer frame;
-  const std::ptrdiff_t sent =
-      sendDatagram(fd, frame.join(SOCKS5UDPFrame::header(toPeerIP, peerPort), payload), relayAddr_);
-  const int error = errno;
-  zkDPLog(FMT_COMPILE("SEND fd={} → {}:{} {}B sendto={}"), fd, toPeerIP, peerPort, payload.size(),
-          sent);
-  if (sent < 0) {
+  int error = 0;  // of the first that was refused
+  DatagramSender sender;
+  while (!datagrams.empty()) {
+    const auto burst = datagrams.first(std::min(datagrams.size(), mostPerCall));
+    datagrams = datagrams.subspan(burst.size());
+    for (const PeerDatagram& datagram : burst) {
+      sender.add(SOCKS5UDPFrame::header(datagram.peerIP, datagram.peerPort), datagram.payload,
+                 relayAddr_);
+    }
+    const auto outcomes = sender.send(fd);
+    for (std::size_t i = 0; i < burst.size(); ++i) {
+      zkDPLog(FMT_COMPILE("SEND fd={} → {}:{} {}B sendto={}"), fd, burst[i].peerIP,
+              burst[i].peerPort, burst[i].payload.size(), outcomes[i].sent);
+      error = error != 0 ? error : outcomes[i].error;
+    }
+  }
+  if (error != 0) {
     throw SOCKS5Error::connectionFailed("sendto relay: " + errorText(error));
   }
 }
@@ -122,38 +132,47 @@ void SOCKS5Relay::receive(Handler handler) {
 }
 
 void SOCKS5Relay::receiveLoop(const Handler& handler) {
-  // On the stack and not filled with zeros: a datagram then lies on the page that the thread uses
-  // anyway, and an idle relay costs none of the others.
-  std::array<std::uint8_t, largestDatagram> buffer;
+  DatagramReceiver receiver;
+  std::vector<PeerDatagram> burst;
+  burst.reserve(mostPerCall);
   for (int fd = udpFD_; fd >= 0; fd = udpFD_) {
-    if (!receiveOne(fd, buffer, handler)) {
+    burst.clear();
+    if (!receiveBurst(fd, receiver, burst)) {
       return;
+    }
+    if (!burst.empty()) {
+      handler(burst);
     }
   }
 }
 
 // Whether the loop is to go on.
-bool SOCKS5Relay::receiveOne(int fd, std::span<std::uint8_t> buffer, const Handler& handler) {
-  const ssize_t received = recv(fd, buffer.data(), buffer.size(), 0);
+bool SOCKS5Relay::receiveBurst(int fd, DatagramReceiver& receiver,
+                               std::vector<PeerDatagram>& burst) const {
+  const int received = receiver.receive(fd);
   const int error = errno;
-  DataPlaneLines lines;
-  lines.add(FMT_COMPILE("RECV recvfrom n={}"), received);
-  // A shut-down socket shows by empty datagrams.
-  if (received < 0 || udpFD_ < 0) {
-    lines.write();
-    return received < 0 && error != EINVAL && error != EBADF;
+  if (received < 0) {
+    zkDPLog(FMT_COMPILE("RECV recvfrom n={}"), received);
+    return error != EINVAL && error != EBADF;
   }
-  const auto datagram = ByteView(buffer).first(static_cast<std::size_t>(received));
-  const auto frame = SOCKS5UDPFrame::unwrap(datagram);
-  if (!frame) {
-    lines.add(FMT_COMPILE("RECV unwrap FAILED {}B (DROPPED)"), datagram.size());
+  for (std::size_t i = 0; i < static_cast<std::size_t>(received); ++i) {
+    const ByteView datagram = receiver.datagram(i);
+    DataPlaneLines lines;
+    lines.add(FMT_COMPILE("RECV recvfrom n={}"), datagram.size());
+    if (udpFD_ < 0) {  // a shut-down socket shows by empty datagrams
+      lines.write();
+      return false;
+    }
+    auto frame = SOCKS5UDPFrame::unwrap(datagram);
+    if (frame) {
+      lines.add(FMT_COMPILE("RECV unwrap OK from {}:{} {}B → handler"), frame->srcIP,
+                frame->srcPort, frame->payload.size());
+      burst.push_back({frame->payload, std::move(frame->srcIP), frame->srcPort});
+    } else {
+      lines.add(FMT_COMPILE("RECV unwrap FAILED {}B (DROPPED)"), datagram.size());
+    }
     lines.write();
-    return true;
   }
-  lines.add(FMT_COMPILE("RECV unwrap OK from {}:{} {}B → handler"), frame->srcIP, frame->srcPort,
-            frame->payload.size());
-  lines.write();
-  handler(frame->payload, frame->srcIP, frame->srcPort);
   return true;
 }
 

@@ -7,9 +7,11 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <netinet/in.h>
 
+#include "Platform/Datagrams.h"
 #include "ZelkorSOCKS5/SOCKS5Control.h"
 #include "ZelkorTURN/RelayInterfaces.h"
 
@@ -36,9 +38,9 @@ class SOCKS5Relay final : public TURNRelay, public std::enable_shared_from_this<
   RelayedAddress open();
 
   RelayedAddress allocateRelay() override { return open(); }
-  /// Any thread. Throws SOCKS5Error when the relay is not open or the system refuses the datagram;
+  /// Any thread. Throws SOCKS5Error when the relay is not open or the system refuses a datagram;
   /// the relay stays usable.
-  void send(ByteView payload, const std::string& toPeerIP, std::uint16_t peerPort) override;
+  void sendAll(std::span<const PeerDatagram> datagrams) override;
   /// Does nothing unless the relay is open.
   void receive(Handler handler) override;
   /// Waits for the receive thread to end. Idempotent. Not from the handler.
@@ -46,7 +48,7 @@ class SOCKS5Relay final : public TURNRelay, public std::enable_shared_from_this<
 
  private:
   void receiveLoop(const Handler& handler);
-  bool receiveOne(int fd, std::span<std::uint8_t> buffer, const Handler& handler);
+  bool receiveBurst(int fd, DatagramReceiver& receiver, std::vector<PeerDatagram>& burst) const;
 
   const std::string proxyHost_;
   const std::int64_t proxyPort_;

@@ -1,10 +1,10 @@
 #include "ZelkorTURN/TURNServer.h"
 
 #include <cerrno>
-#include <vector>
 
 #include <sys/socket.h>
 
+#include "Platform/Datagrams.h"
 #include "Platform/IPv4.h"
 #include "Platform/Sockets.h"
 #include "Platform/Thread.h"
@@ -13,7 +13,6 @@
 namespace zk {
 namespace {
 
-constexpr std::size_t largestDatagram = 65536;
 constexpr std::uint64_t nanosecondsPerSecond = 1'000'000'000;
 
 const char* kindOf(std::uint8_t firstByte) {
@@ -33,6 +32,27 @@ bool isData(ByteView datagram) {
   return datagram[0] >> 6 == 0b01 ||
          (datagram.size() >= 2 && datagram[0] == 0x00 && datagram[1] == 0x16);
 }
+
+// The datagrams of a burst with their octets, when the receive buffers are needed for the next.
+template <typename Datagram>
+class KeptBurst {
+ public:
+  explicit KeptBurst(std::span<const Datagram> burst) : datagrams_(burst.begin(), burst.end()) {
+    for (const Datagram& datagram : burst) {
+      octets_.insert(octets_.end(), datagram.payload.begin(), datagram.payload.end());
+    }
+    ByteView rest = octets_;
+    for (Datagram& datagram : datagrams_) {
+      datagram.payload = rest.first(datagram.payload.size());
+      rest = rest.subspan(datagram.payload.size());
+    }
+  }
+  std::span<const Datagram> datagrams() const { return datagrams_; }
+
+ private:
+  std::vector<Datagram> datagrams_;  // their payloads lie in octets_
+  Bytes octets_;
+};
 
 }  // namespace
 
@@ -83,38 +103,71 @@ void TURNServer::start() {
 }
 
 void TURNServer::recvLoop() {
-  const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(largestDatagram);
+  DatagramReceiver receiver;
+  std::vector<ClientDatagram> data;
+  data.reserve(mostPerCall);
   // stop() takes the descriptor away, so that there is no flag to look at besides.
   for (int fd = serverFD_; fd >= 0; fd = serverFD_) {
-    sockaddr_in sender{};
-    socklen_t length = sizeof sender;
-    const ssize_t received = recvfrom(fd, buffer.get(), largestDatagram, 0,
-                                      reinterpret_cast<sockaddr*>(&sender), &length);
+    const int received = receiver.receive(fd);
     if (received < 0 && (errno == EBADF || errno == EINVAL || errno == ENOTSOCK)) {
       return;
     }
-    if (received > 0 && serverFD_ >= 0) {
-      submitDatagram({buffer.get(), static_cast<std::size_t>(received)}, sender);
+    data.clear();
+    for (int i = 0; i < received && serverFD_ >= 0; ++i) {
+      const ByteView datagram = receiver.datagram(static_cast<std::size_t>(i));
+      if (datagram.empty()) {
+        continue;
+      }
+      const sockaddr_in& sender = receiver.sender(static_cast<std::size_t>(i));
+      ClientDatagram arrival{datagram,
+                             {addressText(sender), portNumber(sender), TransportProtocol::udp}};
+      logLine(debugLog, FMT_COMPILE("rx {}B from {}:{} firstByte=0x{:02x} kind={}"),
+              datagram.size(), arrival.client.clientIP, arrival.client.clientPort, datagram[0],
+              kindOf(datagram[0]));
+      if (isData(datagram)) {
+        data.push_back(std::move(arrival));
+      } else {
+        submitFromClients(data, true);
+        data.clear();
+        submitFromClients({&arrival, 1}, false);
+      }
     }
+    submitFromClients(data, true);
   }
 }
 
-void TURNServer::submitDatagram(ByteView datagram, const sockaddr_in& sender) {
-  FiveTuple client{addressText(sender), portNumber(sender), TransportProtocol::udp};
-  logLine(debugLog, FMT_COMPILE("rx {}B from {}:{} firstByte=0x{:02x} kind={}"), datagram.size(),
-          client.clientIP, client.clientPort, datagram[0], kindOf(datagram[0]));
-  const bool isShort = isData(datagram);
-  if (isShort && serialQ_.runIfIdle([&] { dispatch(datagram, client); })) {
+void TURNServer::submitFromClients(std::span<const ClientDatagram> burst, bool isData) {
+  submit(burst, isData, [](TURNServer& server, std::span<const ClientDatagram> datagrams) {
+    server.dispatchAll(datagrams);
+  });
+}
+
+void TURNServer::deliverFromRelay(std::span<const PeerDatagram> burst, const FiveTuple& client) {
+  submit(burst, true,
+         [client = FiveTuple(client)](TURNServer& server, std::span<const PeerDatagram> datagrams) {
+           server.deliverFromRelayOnQueue(datagrams, client);
+         });
+}
+
+// Has the queue run `handler` on a burst: at once and in place when the work is short and the queue
+// idle, with a copy later otherwise.
+template <typename Datagram, typename Handler>
+void TURNServer::submit(std::span<const Datagram> burst, bool isShort, const Handler& handler) {
+  if (burst.empty() || (isShort && serialQ_.runIfIdle([&] { handler(*this, burst); }))) {
     return;
   }
-  if (!reserveQueueRoom(datagram.size())) {
+  std::size_t room = 0;
+  for (const Datagram& datagram : burst) {
+    room += datagram.payload.size() + queueOverhead;
+  }
+  if (queuedOctets_.fetch_add(room, std::memory_order_relaxed) + room > queueLimit) {
+    queuedOctets_.fetch_sub(room, std::memory_order_relaxed);
     return;
   }
-  Task task([weak = weak_from_this(), bytes = Bytes(datagram.begin(), datagram.end()),
-             client = std::move(client)] {
+  Task task([weak = weak_from_this(), room, handler = Handler(handler), kept = KeptBurst(burst)] {
     if (const auto server = weak.lock()) {
-      server->releaseQueueRoom(bytes.size());
-      server->dispatch(bytes, client);
+      server->queuedOctets_.fetch_sub(room, std::memory_order_relaxed);
+      handler(*server, kept.datagrams());
     }
   });
   if (isShort) {
@@ -122,19 +175,6 @@ void TURNServer::submitDatagram(ByteView datagram, const sockaddr_in& sender) {
   } else {
     serialQ_.async(std::move(task));
   }
-}
-
-bool TURNServer::reserveQueueRoom(std::size_t octets) {
-  const std::size_t cost = octets + queueOverhead;
-  if (queuedOctets_.fetch_add(cost, std::memory_order_relaxed) + cost <= queueLimit) {
-    return true;
-  }
-  releaseQueueRoom(octets);
-  return false;
-}
-
-void TURNServer::releaseQueueRoom(std::size_t octets) {
-  queuedOctets_.fetch_sub(octets + queueOverhead, std::memory_order_relaxed);
 }
 
 std::uint32_t TURNServer::now() const {
@@ -145,6 +185,13 @@ void TURNServer::sendToClient(ByteView message, const FiveTuple& client) const {
   const int fd = serverFD_;
   if (fd >= 0) {
     sendDatagram(fd, message, socketAddress(client.clientIP, client.clientPort));
+  }
+}
+
+void TURNServer::sendToClients(DatagramSender& sender) const {
+  const int fd = serverFD_;
+  if (fd >= 0) {
+    sender.send(fd);
   }
 }
 

@@ -7,13 +7,16 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 #include <netinet/in.h>
 
 #include "Platform/Clock.h"
+#include "Platform/Datagrams.h"
 #include "Platform/LogCallback.h"
 #include "Platform/Random.h"
 #include "Platform/SerialQueue.h"
@@ -83,33 +86,40 @@ class TURNServer : public std::enable_shared_from_this<TURNServer> {
   static constexpr std::size_t queueLimit = 32 << 20;
   static constexpr std::size_t queueOverhead = 256;
 
-  // TURNServer.cpp: the socket, the receive thread, the way onto the queue.
+  // A datagram from a client.
+  struct ClientDatagram {
+    ByteView payload;
+    FiveTuple client;
+  };
+
+  // TURNServer.cpp: the socket, and the way onto the queue, on the receive threads.
   void recvLoop();
-  void submitDatagram(ByteView datagram, const sockaddr_in& sender);
-  bool reserveQueueRoom(std::size_t octets);
-  void releaseQueueRoom(std::size_t octets);
+  void submitFromClients(std::span<const ClientDatagram> burst, bool isData);
+  void deliverFromRelay(std::span<const PeerDatagram> burst, const FiveTuple& client);
+  template <typename Datagram, typename Handler>
+  void submit(std::span<const Datagram> burst, bool isShort, const Handler& handler);
   std::uint32_t now() const;
   void sendToClient(ByteView message, const FiveTuple& client) const;
+  void sendToClients(DatagramSender& sender) const;
 
-  // TURNServerDispatch.cpp: from clients towards peers. On the serial queue.
+  // TURNServerDispatch.cpp: from clients towards peers. On the serial queue. A burst is either data
+  // or one request.
+  void dispatchAll(std::span<const ClientDatagram> burst);
   void dispatch(ByteView datagram, const FiveTuple& client);
   void handleSTUN(ByteView datagram, const FiveTuple& client);
-  void handleSendIndication(const TURNMessage& message, const FiveTuple& client);
+  void handleSendIndication(TURNMessage message, const FiveTuple& client);
   void handleChannelData(ByteView datagram, const FiveTuple& client);
-  void sendThroughRelay(const FiveTuple& client, ByteView payload, const std::string& peerIP,
-                        std::uint16_t peerPort);
+  void sendThroughRelay(const FiveTuple& client, ByteView payload, TURNAttributes::Address peer);
+  void sendGathered();
 
-  // TURNServerRelays.cpp: relays, and from peers towards clients. On the serial queue, but for
-  // deliverFromRelay(), which a relay's receive thread calls.
+  // TURNServerRelays.cpp: relays, and from peers towards clients. On the serial queue.
   using Relay = std::shared_ptr<TURNRelay>;
   RelayedAddress allocateRelayForCurrentClient();
   std::pair<Relay, RelayedAddress> openRelay(const FiveTuple& client);
   void releaseUnusedRelays(const FiveTuple& client, bool allocated);
   void releaseRelay(const FiveTuple& client);
-  void deliverFromRelay(ByteView payload, const std::string& peerIP, std::uint16_t peerPort,
-                        const FiveTuple& client);
-  void deliverFromRelayOnQueue(ByteView payload, const std::string& peerIP, std::uint16_t peerPort,
-                               const FiveTuple& client);
+  void deliverFromRelayOnQueue(std::span<const PeerDatagram> burst, const FiveTuple& client);
+  std::optional<Bytes> dataIndication(const PeerDatagram& datagram);
 
   const Credentials credentials_;
   const std::string realm_;
@@ -133,6 +143,10 @@ class TURNServer : public std::enable_shared_from_this<TURNServer> {
   // The client whose request the table is handling right now.
   std::optional<FiveTuple> currentAllocatingClient_;
   RandomPool transactionIDs_;
+  // What the burst at hand has for one relay so far; empty between bursts.
+  std::vector<PeerDatagram> gathered_;
+  std::vector<TURNMessage> gatheredFrom_;  // which payloads may lie in
+  TURNRelay* gatheredFor_ = nullptr;
 
   // Last, so that it goes first: its pending work may still look at the rest.
   SerialQueue serialQ_{"zk.turn.server"};

@@ -39,6 +39,13 @@ void logAnswer(const LogCallback& debugLog, const TURNMessage& answer) {
 
 }  // namespace
 
+void TURNServer::dispatchAll(std::span<const ClientDatagram> burst) {
+  for (const ClientDatagram& datagram : burst) {
+    dispatch(datagram.payload, datagram.client);
+  }
+  sendGathered();
+}
+
 void TURNServer::dispatch(ByteView datagram, const FiveTuple& client) {
   switch (datagram[0] >> 6) {
     case 0b00:
@@ -53,7 +60,7 @@ void TURNServer::dispatch(ByteView datagram, const FiveTuple& client) {
 }
 
 void TURNServer::handleSTUN(ByteView datagram, const FiveTuple& client) {
-  const auto message = TURNMessage::decode(datagram);
+  auto message = TURNMessage::decode(datagram);
   if (!message) {
     logLine(debugLog, FMT_COMPILE("stun: decode FAILED for {}B datagram from {}:{}"),
             datagram.size(), client.clientIP, client.clientPort);
@@ -62,7 +69,7 @@ void TURNServer::handleSTUN(ByteView datagram, const FiveTuple& client) {
   logLine(debugLog, FMT_COMPILE("stun method=0x{:03x} class={} from {}:{}"), message->method,
           nameOf(message->klass), client.clientIP, client.clientPort);
   if (message->method == TURNMethod::send && message->klass == TURNClass::indication) {
-    handleSendIndication(*message, client);
+    handleSendIndication(std::move(*message), client);
     return;
   }
 
@@ -80,16 +87,17 @@ void TURNServer::handleSTUN(ByteView datagram, const FiveTuple& client) {
   releaseUnusedRelays(client, allocated);
 }
 
-void TURNServer::handleSendIndication(const TURNMessage& message, const FiveTuple& client) {
+void TURNServer::handleSendIndication(TURNMessage message, const FiveTuple& client) {
   const auto peerValue = message.first(TURNAttr::xorPeerAddress);
-  const auto peer = peerValue ? TURNAttributes::decodeXorAddress(*peerValue) : std::nullopt;
+  auto peer = peerValue ? TURNAttributes::decodeXorAddress(*peerValue) : std::nullopt;
   const auto payload = message.first(TURNAttr::data);
   if (!peer || !payload) {
     return;
   }
   const Allocation* const allocation = allocationTable_->allocation(client);
   if (allocation != nullptr && !allocation->isExpired(now())) {
-    sendThroughRelay(client, *payload, peer->ip, peer->port);
+    sendThroughRelay(client, *payload, std::move(*peer));
+    gatheredFrom_.push_back(std::move(message));
   }
 }
 
@@ -110,22 +118,35 @@ void TURNServer::handleChannelData(ByteView datagram, const FiveTuple& client) {
   // No other number than 0x4000 to 0x7FFF ever gets into the map.
   const auto channel = allocation->channels.find(number);
   if (channel != allocation->channels.end()) {
-    sendThroughRelay(client, datagram.subspan(channelHeaderSize, length), channel->second.ip,
-                     channel->second.port);
+    sendThroughRelay(client, datagram.subspan(channelHeaderSize, length), channel->second);
   }
 }
 
+// Together with what else the burst has for the same relay.
 void TURNServer::sendThroughRelay(const FiveTuple& client, ByteView payload,
-                                  const std::string& peerIP, std::uint16_t peerPort) {
+                                  TURNAttributes::Address peer) {
   const auto relay = relayMap_.find(client);
   if (relay == relayMap_.end()) {
     return;
   }
-  try {
-    relay->second->send(payload, peerIP, peerPort);
-  } catch (const std::exception&) {
-    // The relay has logged it, and a datagram may be lost.
+  if (gatheredFor_ != relay->second.get()) {
+    sendGathered();
+    gatheredFor_ = relay->second.get();
   }
+  gathered_.push_back({payload, std::move(peer.ip), peer.port});
+}
+
+void TURNServer::sendGathered() {
+  if (gatheredFor_ != nullptr) {
+    try {
+      gatheredFor_->sendAll(gathered_);
+    } catch (const std::exception&) {
+      // The relay has logged it, and a datagram may be lost.
+    }
+  }
+  gatheredFor_ = nullptr;
+  gathered_.clear();
+  gatheredFrom_.clear();
 }
 
 }  // namespace zk

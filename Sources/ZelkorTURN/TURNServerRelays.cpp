@@ -1,8 +1,7 @@
 // How the server opens, keeps and releases one relay per client, and what it does with a datagram
 // that a relay received.
 
-#include <algorithm>
-
+#include "Platform/Datagrams.h"
 #include "Platform/IPv4.h"
 #include "ZelkorSOCKS5/InterfaceScope.h"
 #include "ZelkorTURN/PerClientRelayProxy.h"
@@ -39,6 +38,17 @@ RelayedAddress open(TURNRelay& relay, bool viaDefault) {
   return address;
 }
 
+// The channel that the client has bound to a peer.
+std::optional<std::uint16_t> channelOf(const Allocation& allocation, const std::string& peerIP,
+                                       std::uint16_t peerPort) {
+  for (const auto& [number, peer] : allocation.channels) {
+    if (peer.port == peerPort && peer.ip == peerIP) {
+      return number;
+    }
+  }
+  return std::nullopt;
+}
+
 // The header of ChannelData (RFC 5766 section 11.4). UDP needs no padding behind the payload.
 std::array<std::uint8_t, 4> channelDataHeader(std::uint16_t channel, ByteView payload) {
   std::array<std::uint8_t, 4> header;
@@ -65,10 +75,9 @@ RelayedAddress TURNServer::allocateRelayForCurrentClient() {
   const auto [relay, address] = openRelay(client);
   releaseRelay(client);  // one that this one replaces
   try {
-    relay->receive([weak = weak_from_this(), client](ByteView payload, const std::string& peerIP,
-                                                     std::uint16_t peerPort) {
+    relay->receive([weak = weak_from_this(), client](std::span<const PeerDatagram> burst) {
       if (const auto server = weak.lock()) {
-        server->deliverFromRelay(payload, peerIP, peerPort, client);
+        server->deliverFromRelay(burst, client);
       }
     });
   } catch (...) {
@@ -128,56 +137,52 @@ void TURNServer::releaseRelay(const FiveTuple& client) {
   }
 }
 
-void TURNServer::deliverFromRelay(ByteView payload, const std::string& peerIP,
-                                  std::uint16_t peerPort, const FiveTuple& client) {
-  if (serialQ_.runIfIdle([&] { deliverFromRelayOnQueue(payload, peerIP, peerPort, client); })) {
-    return;
-  }
-  if (!reserveQueueRoom(payload.size())) {
-    return;
-  }
-  serialQ_.asyncShort([weak = weak_from_this(), bytes = Bytes(payload.begin(), payload.end()),
-                       ip = peerIP, peerPort, to = client] {
-    if (const auto server = weak.lock()) {
-      server->releaseQueueRoom(bytes.size());
-      server->deliverFromRelayOnQueue(bytes, ip, peerPort, to);
+void TURNServer::deliverFromRelayOnQueue(std::span<const PeerDatagram> burst,
+                                         const FiveTuple& client) {
+  const Allocation* const allocation = allocationTable_->allocation(client);
+  const bool isAlive = allocation != nullptr && !allocation->isExpired(now());
+  const sockaddr_in clientAddress = socketAddress(client.clientIP, client.clientPort);
+  DatagramSender sender;
+  std::array<Bytes, mostPerCall> indications;
+  for (const PeerDatagram& datagram : burst) {
+    const auto& [payload, peerIP, peerPort] = datagram;
+    logLine(debugLog, FMT_COMPILE("relay rx {}B from {}:{} → client {}:{}"), payload.size(), peerIP,
+            peerPort, client.clientIP, client.clientPort);
+    if (!isAlive) {
+      logLine(debugLog, FMT_COMPILE("relay rx DROP: no allocation or expired for {}:{}"),
+              client.clientIP, client.clientPort);
+      continue;
     }
-  });
+    if (sender.isFull()) {
+      sendToClients(sender);
+    }
+    if (const auto channel = channelOf(*allocation, peerIP, peerPort)) {
+      sender.add(channelDataHeader(*channel, payload), payload, clientAddress);
+    } else if (auto indication = dataIndication(datagram)) {
+      Bytes& kept = indications[sender.size()] = std::move(*indication);
+      sender.add({}, kept, clientAddress);
+    } else {
+      logLine(debugLog, FMT_COMPILE("relay rx DROP: peer address is not IPv4 for {}:{}"),
+              client.clientIP, client.clientPort);
+    }
+  }
+  sendToClients(sender);
 }
 
-void TURNServer::deliverFromRelayOnQueue(ByteView payload, const std::string& peerIP,
-                                         std::uint16_t peerPort, const FiveTuple& client) {
-  logLine(debugLog, FMT_COMPILE("relay rx {}B from {}:{} → client {}:{}"), payload.size(), peerIP,
-          peerPort, client.clientIP, client.clientPort);
-  const Allocation* const allocation = allocationTable_->allocation(client);
-  if (allocation == nullptr || allocation->isExpired(now())) {
-    logLine(debugLog, FMT_COMPILE("relay rx DROP: no allocation or expired for {}:{}"),
-            client.clientIP, client.clientPort);
-    return;
-  }
-  const auto& channels = allocation->channels;
-  const auto channel = std::find_if(channels.begin(), channels.end(), [&](const auto& entry) {
-    return entry.second.port == peerPort && entry.second.ip == peerIP;
-  });
-  if (channel != channels.end()) {
-    DatagramBuffer datagram;
-    sendToClient(datagram.join(channelDataHeader(channel->first, payload), payload), client);
-    return;
-  }
-  const auto peerAddress = TURNAttributes::encodeXorAddress(peerIP, peerPort);
-  if (!peerAddress || !isDottedQuad(peerIP)) {
-    logLine(debugLog, FMT_COMPILE("relay rx DROP: peer address is not IPv4 for {}:{}"),
-            client.clientIP, client.clientPort);
-    return;
+// A Data indication (RFC 5766 section 10.4). Absent when the peer has no IPv4 address.
+std::optional<Bytes> TURNServer::dataIndication(const PeerDatagram& datagram) {
+  const auto peerAddress = TURNAttributes::encodeXorAddress(datagram.peerIP, datagram.peerPort);
+  if (!peerAddress || !isDottedQuad(datagram.peerIP)) {
+    return std::nullopt;
   }
   TransactionID txID{};
   transactionIDs_.fill(txID);
   const std::size_t attributeRoom =
-      2 * TURNMessage::attributeHeaderSize + peerAddress->size() + payload.size() + 3;
+      2 * TURNMessage::attributeHeaderSize + peerAddress->size() + datagram.payload.size() + 3;
   TURNMessage indication(TURNMethod::dataMsg, TURNClass::indication, txID, attributeRoom);
   indication.append(TURNAttr::xorPeerAddress, *peerAddress);
-  indication.append(TURNAttr::data, payload);
-  sendToClient(indication.encode(), client);
+  indication.append(TURNAttr::data, datagram.payload);
+  return indication.encode();
 }
 
 }  // namespace zk

@@ -192,6 +192,7 @@ TEST(SOCKS5Control, HandsOnTheRelayAddressOrItsOwnHostInPlaceOfNone) {
 }
 
 TEST(SOCKS5Control, EndsEveryWaitAtItsDeadline) {
+  constexpr double tolerance = 3;  // on a busy machine; what a wait without end would not keep
   const SOCKS5Step tooSlow{Action::dribble, 0ms, 80ms};
   const SOCKS5Step late{Action::answer, 600ms};
   for (const SOCKS5Step& step :
@@ -204,14 +205,14 @@ TEST(SOCKS5Control, EndsEveryWaitAtItsDeadline) {
       const Outcome outcome = converse(script, shortLimit, "alice", "secret");
       EXPECT_EQ(outcome.error, "TCP connect to proxy failed: read timeout");
       EXPECT_GE(outcome.seconds, shortLimit);
-      EXPECT_LT(outcome.seconds, shortLimit + 0.5);
+      EXPECT_LT(outcome.seconds, shortLimit + tolerance);
     }
   }
   SOCKS5Script script;  // octets that keep coming do not extend the limit of a read
   script.onAssociate = tooSlow;
   const Outcome outcome = converse(script, shortLimit);
   EXPECT_EQ(outcome.error, "TCP connect to proxy failed: read timeout");
-  EXPECT_LT(outcome.seconds, shortLimit + 0.5);
+  EXPECT_LT(outcome.seconds, shortLimit + tolerance);
 }
 
 TEST(SOCKS5Control, PutsTogetherAnswersThatComeInPieces) {

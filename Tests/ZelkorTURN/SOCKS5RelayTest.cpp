@@ -3,6 +3,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <sstream>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -35,9 +36,11 @@ class Inbox {
     int port = 0;
   };
   TURNRelay::Handler handler() {
-    return [this](ByteView payload, const std::string& ip, std::uint16_t port) {
+    return [this](std::span<const PeerDatagram> burst) {
       const std::lock_guard guard(lock_);
-      datagrams_.push_back({test::copyOf(payload), ip, port});
+      for (const auto& [payload, ip, port] : burst) {
+        datagrams_.push_back({test::copyOf(payload), ip, port});
+      }
       arrived_.notify_all();
     };
   }
@@ -75,7 +78,8 @@ class Relay : public testing::Test {
   ~Relay() override {
     relay_->close();
     EXPECT_TRUE(nothingIsLeft());
-    EXPECT_EQ(test::runningThreads(), threads_);
+    // The system lists a thread a moment longer than it takes to join it.
+    EXPECT_TRUE(test::eventually([&] { return test::runningThreads() == threads_; }));
   }
   // Of relays, on either side.
   bool nothingIsLeft() {
@@ -177,6 +181,40 @@ TEST_F(Relay, ThrowsAndLogsWhatTheSystemRefusesAndStaysUsable) {
   EXPECT_TRUE(test::eventually([&] { return peer_.received() == 1; }));
 }
 
+TEST_F(Relay, SendsABurstInOrderWithoutWhatTheSystemRefuses) {
+  relay_->open();
+  relay_->receive(inbox_.handler());
+  std::vector<Bytes> payloads;
+  for (std::size_t i = 1; i <= 20; ++i) {
+    payloads.emplace_back(i == 3 || i == 17 ? 65500 : i);
+  }
+  std::vector<PeerDatagram> burst;
+  for (const Bytes& payload : payloads) {
+    burst.push_back({payload, peer_.ip(), peer_.port()});
+  }
+  EXPECT_EQ(failureOf([&] { relay_->sendAll(burst); }),
+            "TCP connect to proxy failed: sendto relay: " + errorText(EMSGSIZE));
+  std::string lines;
+  for (const Bytes& payload : payloads) {
+    const bool isRefused = payload.size() == 65500;
+    if (!isRefused) {
+      EXPECT_EQ(inbox_.next().payload, payload);
+    }
+    lines += fmt::format("SEND → {} {}B sendto={}\n", peerText(), payload.size(),
+                         isRefused ? -1 : static_cast<int>(payload.size()) + 10);
+  }
+  EXPECT_TRUE(inbox_.isEmpty());
+  // Lines of the receive thread stand in between.
+  std::istringstream log(dataPlaneLog_.text());
+  std::string sends;
+  for (std::string line; std::getline(log, line);) {
+    if (line.find("SEND fd=") == 0 && line.find(peerText()) != std::string::npos) {
+      sends += "SEND " + line.substr(line.find("→")) + "\n";
+    }
+  }
+  EXPECT_EQ(sends, lines);
+}
+
 TEST_F(Relay, SendsNothingAndLogsNothingUnlessOpen) {
   EXPECT_EQ(sendFailure(), notOpen);
   relay_->receive(inbox_.handler());  // starts nothing either
@@ -185,7 +223,7 @@ TEST_F(Relay, SendsNothingAndLogsNothingUnlessOpen) {
   relay_->close();
   EXPECT_EQ(sendFailure(), notOpen);
   relay_->receive(inbox_.handler());
-  EXPECT_EQ(test::runningThreads(), threads_);
+  EXPECT_TRUE(test::eventually([&] { return test::runningThreads() == threads_; }));
   EXPECT_FALSE(dataPlaneLog_.has(peerText()));
 }
 
@@ -217,7 +255,7 @@ TEST_F(Relay, CloseWaitsForTheReceiveThreadAndMayBeRepeated) {
   auto token = std::make_shared<int>(0);
   const std::weak_ptr<int> watch = token;
   std::atomic<int> running = 0;
-  relay_->receive([&running, kept = std::move(token)](ByteView, const std::string&, std::uint16_t) {
+  relay_->receive([&running, kept = std::move(token)](std::span<const PeerDatagram>) {
     ++running;
     std::this_thread::sleep_for(100ms);
     --running;

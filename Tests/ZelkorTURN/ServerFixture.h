@@ -111,13 +111,16 @@ class ScriptedRelay final : public TURNRelay {
     return {plan_.ip, plan_.port};
   }
 
-  void send(ByteView payload, const std::string& toPeerIP, std::uint16_t peerPort) override {
+  void sendAll(std::span<const PeerDatagram> datagrams) override {
     if (InterfaceScope::modeOverride) {
       overrideLeftBehind = true;
     }
     {
       const std::lock_guard guard(lock_);
-      sent_.push_back({{payload.begin(), payload.end()}, toPeerIP, peerPort});
+      bursts_.push_back(datagrams.size());
+      for (const auto& [payload, ip, port] : datagrams) {
+        sent_.push_back({{payload.begin(), payload.end()}, ip, port});
+      }
     }
     if (plan_.sendFails) {
       throw std::runtime_error("refused");
@@ -136,8 +139,9 @@ class ScriptedRelay final : public TURNRelay {
 
   /// A datagram from a peer, on the test's thread as if it were the relay's own.
   void arrive(ByteView payload, const std::string& ip, std::uint16_t port) {
-    handler()(payload, ip, port);
+    arrive({{payload, ip, port}});
   }
+  void arrive(const std::vector<PeerDatagram>& burst) { handler()(burst); }
 
   Handler handler() const {
     const std::lock_guard guard(lock_);
@@ -147,6 +151,12 @@ class ScriptedRelay final : public TURNRelay {
   std::vector<Sent> sent() const {
     const std::lock_guard guard(lock_);
     return sent_;
+  }
+
+  /// How many datagrams each call of sendAll() had.
+  std::vector<std::size_t> bursts() const {
+    const std::lock_guard guard(lock_);
+    return bursts_;
   }
 
   /// What InterfaceScope::modeOverride was then.
@@ -164,6 +174,7 @@ class ScriptedRelay final : public TURNRelay {
   std::optional<bool> overrideWhileOpening_;
   Handler handler_;
   std::vector<Sent> sent_;
+  std::vector<std::size_t> bursts_;
 };
 
 class ScriptedFactory final : public TURNRelayFactory {

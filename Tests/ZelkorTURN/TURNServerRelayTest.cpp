@@ -144,7 +144,6 @@ TEST_F(TURNServerRelayTest, RefreshWithLifetimeZeroReleasesTheRelay) {
   ASSERT_TRUE(client.allocate().success());
   ASSERT_TRUE(other.allocate().success());
   const auto relay = factory->relay(0);
-  const auto late = relay->handler();
   ASSERT_TRUE(client.refresh(0).success());
   fence(client);
   EXPECT_EQ(relay->closed, 1);
@@ -152,7 +151,7 @@ TEST_F(TURNServerRelayTest, RefreshWithLifetimeZeroReleasesTheRelay) {
   client.sendIndication(peer, bytes("x"));
   fence(client);
   EXPECT_TRUE(relay->sent().empty());
-  late(bytes("on its way already"), peer.ip, peer.port);
+  relay->arrive(bytes("on its way already"), peer.ip, peer.port);
   EXPECT_TRUE(
       log->waitFor("relay rx DROP: no allocation or expired for 127.0.0.1:" + portOf(client)));
 
@@ -195,16 +194,15 @@ TEST_F(TURNServerRelayTest, StopClosesEveryRelayOnce) {
     clients.push_back(std::make_unique<TURNClient>(server->boundPort()));
     ASSERT_TRUE(clients.back()->allocate().success());
   }
-  const auto handler = factory->relay(3)->handler();
   server->stop();
   server->stop();
   for (std::size_t i = 0; i < clients.size(); ++i) {
     EXPECT_EQ(factory->relay(i)->closed, 1) << i;
   }
-  handler(bytes("late"), peer.ip, peer.port);
+  factory->relay(3)->arrive(bytes("late"), peer.ip, peer.port);
   EXPECT_FALSE(clients[3]->receive(aMoment));
   server = std::make_shared<TURNServer>(Credentials{}, "", factory);
-  handler(bytes("later still, with the server gone"), peer.ip, peer.port);
+  factory->relay(3)->arrive(bytes("later still, with the server gone"), peer.ip, peer.port);
 }
 
 // A slow proxy blocks the queue for seconds. What others send meanwhile is kept, in order, but not
@@ -233,6 +231,8 @@ TEST_F(TURNServerRelayTest, AFloodDuringAnOpeningIsBounded) {
       client.sendChannelData(0x4001, large);
       ASSERT_TRUE(log->waitFor("rx 60004B", (flood - 1) * 300 + i + 1));
     }
+    client.send(Bytes{0xFF});  // its line says that what came before it is queued
+    ASSERT_TRUE(log->waitFor("kind=unknown", flood));
     for (std::size_t i = 0; i < 1000; ++i) {
       relay->arrive(large, "192.0.2.1", 1);
     }

@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "Support.h"
 #include "ZelkorTURN/ServerFixture.h"
 #include "ZelkorTURN/TURNServer.h"
 
@@ -248,7 +249,7 @@ TEST_F(AllocatedTest, CarriesTheLargestDatagrams) {
 
 TEST_F(AllocatedTest, KeepsTheOrderOfOneClient) {
   bindChannel(0x4001, peer);
-  constexpr std::uint16_t rounds = 400;
+  constexpr std::uint16_t rounds = 200;  // a socket's buffer holds them all
   for (std::uint16_t i = 0; i < rounds; ++i) {
     std::array<std::uint8_t, 2> number{};
     writeUInt16(number.data(), i);
@@ -264,6 +265,78 @@ TEST_F(AllocatedTest, KeepsTheOrderOfOneClient) {
   for (std::uint16_t i = 0; i < rounds; ++i) {
     ASSERT_EQ(readUInt16(sent[i].payload, 0), i);
   }
+}
+
+// What has arrived while the receive thread was busy is taken, and passed on, together.
+TEST_F(TURNServerTest, PassesOnTogetherWhatArrivesTogether) {
+  std::promise<void> gate;
+  const std::shared_future<void> opened = gate.get_future().share();
+  server->debugLog = [&, log = log](std::string_view line) {
+    log->append(line);
+    if (line.find("kind=unknown") != std::string::npos) {
+      opened.wait();
+    }
+  };
+  server->start();
+  TURNClient one(server->boundPort());
+  TURNClient two(server->boundPort());
+  const TURNClient::Address peer{"198.51.100.7", 4711};
+  const TURNClient::Address other{"198.51.100.8", 4712};
+  for (TURNClient* const client : {&one, &two}) {
+    ASSERT_TRUE(client->allocate().success());
+    ASSERT_TRUE(client->bindChannel(0x4001, peer).success());
+  }
+  one.send(Bytes{0xFF});
+  ASSERT_TRUE(log->waitFor("kind=unknown"));
+  one.sendChannelData(0x4001, bytes("1"));
+  one.sendIndication(other, bytes("2"));
+  one.sendIndication(other, bytes("3"));
+  two.sendChannelData(0x4001, bytes("4"));
+  one.send({});                             // no datagram of the protocol, and no end to the burst
+  one.sendChannelData(0x4002, bytes("x"));  // bound to nothing yet
+  one.sendChannelData(0x4001, bytes("5"));
+  one.send(one.makeRequest(TURNMethod::refresh).encode());
+  // The second call of the system.
+  one.sendChannelData(0x4001, bytes("6"));
+  two.sendIndication(other, bytes("7"));
+  two.sendChannelData(0x4001, bytes("8"));
+  gate.set_value();
+  fence(one);
+  fence(two);
+
+  const auto sentBy = [&](std::size_t number) {
+    std::string text;
+    for (const auto& [payload, ip, port] : factory->relay(number)->sent()) {
+      text += textOf(payload) + (port == other.port && ip == other.ip ? "other " : " ");
+    }
+    return text;
+  };
+  EXPECT_EQ(sentBy(0), "1 2other 3other 5 6 ");
+  EXPECT_EQ(sentBy(1), "4 7other 8 ");
+  EXPECT_EQ(factory->relay(0)->bursts(), (std::vector<std::size_t>{3, 1, 1}));
+  EXPECT_EQ(factory->relay(1)->bursts(), (std::vector<std::size_t>{1, 2}));
+}
+
+// Also when there are more of them than one call of the system takes.
+TEST_F(AllocatedTest, DeliversTogetherWhatArrivesTogether) {
+  bindChannel(0x4001, peer);
+  std::vector<PeerDatagram> burst;
+  const std::string payloads = "abcdefghijklmnopqrstuvwxyz";
+  const std::vector<std::string> peers{peer.ip, "203.0.113.1", "2001:db8::1"};
+  for (std::size_t i = 0; i < payloads.size(); ++i) {
+    burst.push_back({bytesOf(std::string_view(payloads).substr(i, 1)), peers[i % 3], peer.port});
+  }
+  relay->arrive(burst);
+  for (std::size_t i = 0; i < payloads.size(); ++i) {
+    if (i % 3 != 2) {
+      const auto back = client->receiveData(patience);
+      ASSERT_TRUE(back);
+      EXPECT_EQ(textOf(back->payload), payloads.substr(i, 1));
+      EXPECT_EQ(back->channel.has_value(), i % 3 == 0);
+    }
+  }
+  EXPECT_EQ(log->count("relay rx 1B"), payloads.size());
+  EXPECT_EQ(log->count("relay rx DROP: peer address is not IPv4"), payloads.size() / 3);
 }
 
 // Requests and data may be dealt with on different threads.

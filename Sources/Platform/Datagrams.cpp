@@ -1,0 +1,57 @@
+#include "Platform/Datagrams.h"
+
+#include <cassert>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace zk {
+
+DatagramReceiver::DatagramReceiver() {
+  for (std::size_t i = 0; i < mostPerCall; ++i) {
+    vectors_[i] = {buffers_[i].data(), buffers_[i].size()};
+    messages_[i] = {};
+    messages_[i].msg_hdr.msg_name = &senders_[i];
+    messages_[i].msg_hdr.msg_iov = &vectors_[i];
+    messages_[i].msg_hdr.msg_iovlen = 1;
+  }
+}
+
+int DatagramReceiver::receive(int socket) {
+  for (mmsghdr& message : messages_) {
+    message.msg_hdr.msg_namelen = sizeof(sockaddr_in);
+  }
+  return recvmmsg(socket, messages_.data(), mostPerCall, MSG_WAITFORONE, nullptr);
+}
+
+void DatagramSender::add(ByteView header, ByteView payload, const sockaddr_in& to) {
+  assert(!isFull() && header.size() <= headerRoom);
+  std::memcpy(headers_[count_].data(), header.data(), header.size());
+  receivers_[count_] = to;
+  vectors_[count_] = {iovec{headers_[count_].data(), header.size()},
+                      iovec{const_cast<std::uint8_t*>(payload.data()), payload.size()}};
+  messages_[count_] = {};
+  messages_[count_].msg_hdr.msg_name = &receivers_[count_];
+  messages_[count_].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+  messages_[count_].msg_hdr.msg_iov = vectors_[count_].data();
+  messages_[count_].msg_hdr.msg_iovlen = vectors_[count_].size();
+  ++count_;
+}
+
+std::span<const DatagramSender::Outcome> DatagramSender::send(int socket) {
+  const std::size_t count = std::exchange(count_, 0);
+  for (std::size_t next = 0; next < count;) {
+    const int sent =
+        sendmmsg(socket, &messages_[next], static_cast<unsigned>(count - next), MSG_NOSIGNAL);
+    if (sent > 0) {
+      for (int i = 0; i < sent; ++i, ++next) {
+        outcomes_[next] = {static_cast<std::ptrdiff_t>(messages_[next].msg_len), 0};
+      }
+    } else if (errno != EINTR) {  // the first was refused; for any other the call returns earlier
+      outcomes_[next++] = {-1, errno};
+    }
+  }
+  return {outcomes_.data(), count};
+}
+
+}  // namespace zk
