@@ -1,5 +1,6 @@
 #include "ZelkorTURN/TURNServer.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include <sys/socket.h>
@@ -104,42 +105,49 @@ void TURNServer::start() {
 
 void TURNServer::recvLoop() {
   DatagramReceiver receiver;
-  std::vector<ClientDatagram> data;
-  data.reserve(mostPerCall);
+  std::vector<ClientDatagram> burst;
+  burst.reserve(mostPerCall);
+  sockaddr_in last{};  // who sent the last datagram, and as a client: mostly the next one's too
+  FiveTuple client;
   // stop() takes the descriptor away, so that there is no flag to look at besides.
   for (int fd = serverFD_; fd >= 0; fd = serverFD_) {
     const int received = receiver.receive(fd);
     if (received < 0 && (errno == EBADF || errno == EINVAL || errno == ENOTSOCK)) {
       return;
     }
-    data.clear();
+    burst.clear();
     for (int i = 0; i < received && serverFD_ >= 0; ++i) {
       const ByteView datagram = receiver.datagram(static_cast<std::size_t>(i));
+      const sockaddr_in& sender = receiver.sender(static_cast<std::size_t>(i));
       if (datagram.empty()) {
         continue;
       }
-      const sockaddr_in& sender = receiver.sender(static_cast<std::size_t>(i));
-      ClientDatagram arrival{datagram,
-                             {addressText(sender), portNumber(sender), TransportProtocol::udp}};
-      logLine(debugLog, FMT_COMPILE("rx {}B from {}:{} firstByte=0x{:02x} kind={}"),
-              datagram.size(), arrival.client.clientIP, arrival.client.clientPort, datagram[0],
-              kindOf(datagram[0]));
-      if (isData(datagram)) {
-        data.push_back(std::move(arrival));
-      } else {
-        submitFromClients(data, true);
-        data.clear();
-        submitFromClients({&arrival, 1}, false);
+      if (sender.sin_port != last.sin_port || sender.sin_addr.s_addr != last.sin_addr.s_addr) {
+        last = sender;
+        client = {addressText(sender), portNumber(sender), TransportProtocol::udp};
       }
+      logLine(debugLog, FMT_COMPILE("rx {}B from {}:{} firstByte=0x{:02x} kind={}"),
+              datagram.size(), client.clientIP, client.clientPort, datagram[0],
+              kindOf(datagram[0]));
+      burst.push_back({datagram, client});
     }
-    submitFromClients(data, true);
+    submitFromClients(burst);
   }
 }
 
-void TURNServer::submitFromClients(std::span<const ClientDatagram> burst, bool isData) {
-  submit(burst, isData, [](TURNServer& server, std::span<const ClientDatagram> datagrams) {
+// Data that follows on each other goes together, everything else by itself.
+void TURNServer::submitFromClients(std::span<const ClientDatagram> burst) {
+  const auto dispatchThem = [](TURNServer& server, std::span<const ClientDatagram> datagrams) {
     server.dispatchAll(datagrams);
-  });
+  };
+  while (!burst.empty()) {
+    const auto other = std::find_if(burst.begin(), burst.end(),
+                                    [](const auto& datagram) { return !isData(datagram.payload); });
+    const auto data = burst.first(static_cast<std::size_t>(other - burst.begin()));
+    const std::size_t taken = std::max<std::size_t>(data.size(), 1);
+    submit(burst.first(taken), !data.empty(), dispatchThem);
+    burst = burst.subspan(taken);
+  }
 }
 
 void TURNServer::deliverFromRelay(std::span<const PeerDatagram> burst, const FiveTuple& client) {
@@ -153,7 +161,7 @@ void TURNServer::deliverFromRelay(std::span<const PeerDatagram> burst, const Fiv
 // idle, with a copy later otherwise.
 template <typename Datagram, typename Handler>
 void TURNServer::submit(std::span<const Datagram> burst, bool isShort, const Handler& handler) {
-  if (burst.empty() || (isShort && serialQ_.runIfIdle([&] { handler(*this, burst); }))) {
+  if (isShort && serialQ_.runIfIdle([&] { handler(*this, burst); })) {
     return;
   }
   std::size_t room = 0;

@@ -92,9 +92,16 @@ class TURNServer : public std::enable_shared_from_this<TURNServer> {
     FiveTuple client;
   };
 
+  // Where a client's data goes; both present, or neither when it goes nowhere.
+  struct Route {
+    FiveTuple client;
+    const Allocation* allocation = nullptr;
+    TURNRelay* relay = nullptr;
+  };
+
   // TURNServer.cpp: the socket, and the way onto the queue, on the receive threads.
   void recvLoop();
-  void submitFromClients(std::span<const ClientDatagram> burst, bool isData);
+  void submitFromClients(std::span<const ClientDatagram> burst);
   void deliverFromRelay(std::span<const PeerDatagram> burst, const FiveTuple& client);
   template <typename Datagram, typename Handler>
   void submit(std::span<const Datagram> burst, bool isShort, const Handler& handler);
@@ -109,7 +116,7 @@ class TURNServer : public std::enable_shared_from_this<TURNServer> {
   void handleSTUN(ByteView datagram, const FiveTuple& client);
   void handleSendIndication(TURNMessage message, const FiveTuple& client);
   void handleChannelData(ByteView datagram, const FiveTuple& client);
-  void sendThroughRelay(const FiveTuple& client, ByteView payload, TURNAttributes::Address peer);
+  const Route& routeOf(const FiveTuple& client);
   void sendGathered();
 
   // TURNServerRelays.cpp: relays, and from peers towards clients. On the serial queue.
@@ -143,10 +150,10 @@ class TURNServer : public std::enable_shared_from_this<TURNServer> {
   // The client whose request the table is handling right now.
   std::optional<FiveTuple> currentAllocatingClient_;
   RandomPool transactionIDs_;
-  // What the burst at hand has for one relay so far; empty between bursts.
+  // What the burst at hand has from one client so far, and its way. Nothing between bursts.
+  std::optional<Route> route_;
   std::vector<PeerDatagram> gathered_;
-  std::vector<TURNMessage> gatheredFrom_;  // which payloads may lie in
-  TURNRelay* gatheredFor_ = nullptr;
+  std::vector<TURNMessage> gatheredMessages_;  // which payloads may lie in
 
   // Last, so that it goes first: its pending work may still look at the rest.
   SerialQueue serialQ_{"zk.turn.server"};

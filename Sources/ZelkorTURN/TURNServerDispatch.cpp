@@ -91,14 +91,11 @@ void TURNServer::handleSendIndication(TURNMessage message, const FiveTuple& clie
   const auto peerValue = message.first(TURNAttr::xorPeerAddress);
   auto peer = peerValue ? TURNAttributes::decodeXorAddress(*peerValue) : std::nullopt;
   const auto payload = message.first(TURNAttr::data);
-  if (!peer || !payload) {
+  if (!peer || !payload || routeOf(client).relay == nullptr) {
     return;
   }
-  const Allocation* const allocation = allocationTable_->allocation(client);
-  if (allocation != nullptr && !allocation->isExpired(now())) {
-    sendThroughRelay(client, *payload, std::move(*peer));
-    gatheredFrom_.push_back(std::move(message));
-  }
+  gathered_.push_back({*payload, std::move(peer->ip), peer->port});
+  gatheredMessages_.push_back(std::move(message));
 }
 
 // ChannelData: RFC 5766 section 11.4.
@@ -111,42 +108,42 @@ void TURNServer::handleChannelData(ByteView datagram, const FiveTuple& client) {
   if (datagram.size() < channelHeaderSize + length) {
     return;
   }
-  const Allocation* const allocation = allocationTable_->allocation(client);
-  if (allocation == nullptr || allocation->isExpired(now())) {
+  const Allocation* const allocation = routeOf(client).allocation;
+  if (allocation == nullptr) {
     return;
   }
   // No other number than 0x4000 to 0x7FFF ever gets into the map.
   const auto channel = allocation->channels.find(number);
   if (channel != allocation->channels.end()) {
-    sendThroughRelay(client, datagram.subspan(channelHeaderSize, length), channel->second);
+    const auto& [ip, port] = channel->second;
+    gathered_.push_back({datagram.subspan(channelHeaderSize, length), ip, port});
   }
 }
 
-// Together with what else the burst has for the same relay.
-void TURNServer::sendThroughRelay(const FiveTuple& client, ByteView payload,
-                                  TURNAttributes::Address peer) {
-  const auto relay = relayMap_.find(client);
-  if (relay == relayMap_.end()) {
-    return;
-  }
-  if (gatheredFor_ != relay->second.get()) {
+// Looked up once for what a burst has from one client in a row: data changes nothing in the tables.
+const TURNServer::Route& TURNServer::routeOf(const FiveTuple& client) {
+  if (!route_ || route_->client != client) {
     sendGathered();
-    gatheredFor_ = relay->second.get();
+    const Allocation* const allocation = allocationTable_->allocation(client);
+    const auto relay = relayMap_.find(client);
+    const bool leadsOn =
+        allocation != nullptr && !allocation->isExpired(now()) && relay != relayMap_.end();
+    route_ = leadsOn ? Route{client, allocation, relay->second.get()} : Route{client};
   }
-  gathered_.push_back({payload, std::move(peer.ip), peer.port});
+  return *route_;
 }
 
 void TURNServer::sendGathered() {
-  if (gatheredFor_ != nullptr) {
+  if (!gathered_.empty()) {
     try {
-      gatheredFor_->sendAll(gathered_);
+      route_->relay->sendAll(gathered_);
     } catch (const std::exception&) {
       // The relay has logged it, and a datagram may be lost.
     }
   }
-  gatheredFor_ = nullptr;
+  route_.reset();
   gathered_.clear();
-  gatheredFrom_.clear();
+  gatheredMessages_.clear();
 }
 
 }  // namespace zk
