@@ -1,7 +1,7 @@
 // The server as clients and peers see it: sequences of datagrams from three clients, datagrams from
-// peers, failing relays, and a clock that moves. The harness signs requests with the right key, or
-// not, and keeps a model of who may do what; every answer and every relayed datagram is held
-// against the model, and every relay must be accounted for after every step.
+// peers, alone and in bursts, failing relays, and a clock that moves. The harness signs requests
+// with the right key, or not, and keeps a model of who may do what; every answer and every relayed
+// datagram is held against the model, and every relay must be accounted for after every step.
 
 #include <sys/socket.h>
 
@@ -13,9 +13,12 @@ namespace zk {
 
 struct TURNServerAccess {
   TURNServer& server;
-  void dispatch(ByteView datagram, const FiveTuple& from) {
-    const TURNServer::ClientDatagram one{datagram, from};
-    server.dispatchAll({&one, 1});
+  void dispatch(const std::vector<std::pair<FiveTuple, Bytes>>& burst) {
+    std::vector<TURNServer::ClientDatagram> datagrams;
+    for (const auto& [client, datagram] : burst) {
+      datagrams.push_back({datagram, client});
+    }
+    server.dispatchAll(datagrams);
   }
   void drain() {
     server.serialQ_.sync([] {});
@@ -70,6 +73,10 @@ class World {
   void step(Input& input) {
     const std::uint8_t choice = input.octet();
     const std::size_t who = (choice >> 4) % clientCount;
+    const bool isFollowed = (choice & 0x08) != 0;  // by more data, all in one burst
+    if (choice % 8 != 2 && choice % 8 != 3) {
+      passOn();
+    }
     switch (choice % 8) {
       case 0:
         time_ += input.number() * (choice < 0x80 ? second : second / 1024);
@@ -83,13 +90,13 @@ class World {
       case 2: {
         TURNMessage message(TURNMethod::send, TURNClass::indication, {choice});
         appendAttributes(message, input);
-        fromClient(who, message.encode(), false);
+        gathered_.emplace_back(who, message.encode());
         break;
       }
       case 3: {
         Bytes datagram{0x40, input.octet(), 0, input.octet()};
         append(datagram, input.take(input.octet()));
-        fromClient(who, datagram, false);
+        gathered_.emplace_back(who, datagram);
         break;
       }
       case 4:
@@ -102,6 +109,9 @@ class World {
       default:
         request(who, input);
         break;
+    }
+    if (!isFollowed) {
+      passOn();
     }
     checkState();
   }
@@ -187,21 +197,40 @@ class World {
     fromClient(who, datagram, isGenuine);
   }
 
-  void fromClient(std::size_t who, const Bytes& datagram, bool isGenuine) {
+  static bool isSend(const TURNMessage& message) {
+    return message.method == TURNMethod::send && message.klass == TURNClass::indication;
+  }
+
+  // Hands over what is gathered in one burst.
+  void passOn() {
     script_.sent.clear();
     script_.openings = 0;
-    access_.dispatch(datagram, endpoint(who).client);
-    const auto message = TURNMessage::decode(datagram);
-    const bool isSend =
-        message && message->method == TURNMethod::send && message->klass == TURNClass::indication;
-    const auto due = isSend ? model_.dueOf(who, *message) : model_.dueOf(who, datagram);
-    require(script_.sent.size() == (due ? 1 : 0), "just what a live allocation allows is relayed");
-    if (due) {
-      const Datagram& sent = script_.sent[0];
-      require(sent.payload == due->payload && sent.ip == due->ip && sent.port == due->port,
-              "a datagram is relayed as it is, to its peer");
+    std::vector<std::pair<FiveTuple, Bytes>> burst;
+    std::vector<Datagram> due;
+    for (const auto& [who, datagram] : gathered_) {
+      burst.emplace_back(endpoint(who).client, datagram);
+      const auto message = TURNMessage::decode(datagram);
+      const auto its =
+          message && isSend(*message) ? model_.dueOf(who, *message) : model_.dueOf(who, datagram);
+      if (its) {
+        due.push_back(*its);
+      }
     }
-    if (message && !isSend) {
+    gathered_.clear();
+    access_.dispatch(burst);
+    require(script_.sent.size() == due.size(), "just what a live allocation allows is relayed");
+    for (std::size_t i = 0; i < due.size(); ++i) {
+      const Datagram& sent = script_.sent[i];
+      require(sent.payload == due[i].payload && sent.ip == due[i].ip && sent.port == due[i].port,
+              "a datagram is relayed as it is, to its peer, in its turn");
+    }
+  }
+
+  void fromClient(std::size_t who, const Bytes& datagram, bool isGenuine) {
+    gathered_.emplace_back(who, datagram);
+    passOn();
+    const auto message = TURNMessage::decode(datagram);
+    if (message && !isSend(*message)) {
       const auto answer = endpoint(who).received();
       require(answer && answer->size() <= largestAnswer, "one answer, and a small one");
       const auto decoded = TURNMessage::decode(*answer);
@@ -253,16 +282,26 @@ class World {
 
   void fromPeer(std::size_t who, Input& input) {
     const std::string& ip = names[input.octet() % names.size()];
-    const std::uint16_t port = input.octet() % 8;
+    const std::uint8_t detail = input.octet();
+    const std::uint16_t port = detail % 8;
     const std::uint8_t size = input.octet();
     const Bytes payload(size < 0xF0 ? size : size * 255U, size);
     const auto entry = access_.relays().find(endpoint(who).client);
     if (entry == access_.relays().end()) {
       return;
     }
-    const PeerDatagram one{payload, ip, port};
-    static_cast<ScriptedRelay&>(*entry->second).handler({&one, 1});
+    // Several of them, as long as the client's socket has room.
+    const std::vector<PeerDatagram> burst(size < 0xF0 ? 1 + detail / 16 : 1, {payload, ip, port});
+    static_cast<ScriptedRelay&>(*entry->second).handler(burst);
     access_.drain();
+    for (std::size_t i = 0; i < burst.size(); ++i) {
+      checkDelivery(who, burst[i]);
+    }
+    requireSilence();
+  }
+
+  void checkDelivery(std::size_t who, const PeerDatagram& arrival) {
+    const auto& [payload, ip, port] = arrival;
     const auto datagram = endpoint(who).received();
     std::vector<std::uint16_t> bound;
     if (model_.isAlive(who)) {
@@ -290,7 +329,6 @@ class World {
       require(peer && peer->ip == ip && peer->port == port && data && areEqual(*data, payload),
               "a Data indication tells the peer and the payload");
     }
-    requireSilence();
   }
 
   // What must hold after every step.
@@ -330,6 +368,7 @@ class World {
 
   ServerModel model_;
   std::string latestNonce_;
+  std::vector<std::pair<std::size_t, Bytes>> gathered_;  // data of clients, by whom
   std::uint8_t transactions_ = 0;
 };
 

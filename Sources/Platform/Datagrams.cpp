@@ -1,8 +1,8 @@
 #include "Platform/Datagrams.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 namespace zk {
@@ -26,7 +26,7 @@ int DatagramReceiver::receive(int socket) {
 
 void DatagramSender::add(ByteView header, ByteView payload, const sockaddr_in& to) {
   assert(!isFull() && header.size() <= headerRoom);
-  std::memcpy(headers_[count_].data(), header.data(), header.size());
+  std::copy(header.begin(), header.end(), headers_[count_].begin());
   receivers_[count_] = to;
   vectors_[count_] = {iovec{headers_[count_].data(), header.size()},
                       iovec{const_cast<std::uint8_t*>(payload.data()), payload.size()}};

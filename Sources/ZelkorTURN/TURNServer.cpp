@@ -27,11 +27,13 @@ const char* kindOf(std::uint8_t firstByte) {
   }
 }
 
-// Whether a datagram is ChannelData or a Send indication. Everything else may open or close a
-// relay.
-bool isData(ByteView datagram) {
-  return datagram[0] >> 6 == 0b01 ||
-         (datagram.size() >= 2 && datagram[0] == 0x00 && datagram[1] == 0x16);
+// Whether a datagram may be a message that opens or closes a relay. Data cannot, which is
+// ChannelData and Send indications, nor can what is no message at all.
+bool mayBeRequest(ByteView datagram) {
+  constexpr auto cookie = TURNMessage::magicCookie;
+  return datagram.size() >= TURNMessage::headerSize && datagram[0] >> 6 == 0b00 &&
+         !(datagram[0] == 0x00 && datagram[1] == 0x16) &&
+         std::equal(cookie.begin(), cookie.end(), datagram.begin() + 4);
 }
 
 // The datagrams of a burst with their octets, when the receive buffers are needed for the next.
@@ -135,17 +137,18 @@ void TURNServer::recvLoop() {
   }
 }
 
-// Data that follows on each other goes together, everything else by itself.
+// Requests go each by itself, and what stands between them together.
 void TURNServer::submitFromClients(std::span<const ClientDatagram> burst) {
   const auto dispatchThem = [](TURNServer& server, std::span<const ClientDatagram> datagrams) {
     server.dispatchAll(datagrams);
   };
   while (!burst.empty()) {
-    const auto other = std::find_if(burst.begin(), burst.end(),
-                                    [](const auto& datagram) { return !isData(datagram.payload); });
-    const auto data = burst.first(static_cast<std::size_t>(other - burst.begin()));
-    const std::size_t taken = std::max<std::size_t>(data.size(), 1);
-    submit(burst.first(taken), !data.empty(), dispatchThem);
+    const auto request = std::find_if(burst.begin(), burst.end(), [](const auto& datagram) {
+      return mayBeRequest(datagram.payload);
+    });
+    const auto before = static_cast<std::size_t>(request - burst.begin());
+    const std::size_t taken = std::max<std::size_t>(before, 1);
+    submit(burst.first(taken), before > 0, dispatchThem);
     burst = burst.subspan(taken);
   }
 }

@@ -109,8 +109,8 @@ class TURNServer : public std::enable_shared_from_this<TURNServer> {
   void sendToClient(ByteView message, const FiveTuple& client) const;
   void sendToClients(DatagramSender& sender) const;
 
-  // TURNServerDispatch.cpp: from clients towards peers. On the serial queue. A burst is either data
-  // or one request.
+  // TURNServerDispatch.cpp: from clients towards peers. On the serial queue. A burst is one
+  // request, or has none.
   void dispatchAll(std::span<const ClientDatagram> burst);
   void dispatch(ByteView datagram, const FiveTuple& client);
   void handleSTUN(ByteView datagram, const FiveTuple& client);
