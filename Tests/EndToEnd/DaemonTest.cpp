@@ -194,15 +194,19 @@ TEST(DaemonTest, KeepsNoDescriptorOfItsParentAndLeavesNoneToAChild) {
   }
 }
 
-TEST(DaemonTest, RaisesItsDescriptorLimit) {
+TEST(DaemonTest, MakesDoWithSmallLimits) {
   const TemporaryFolder folder;
-  DaemonProcess daemon(folder.script("ulimit -S -n 64; exec " ZK_DAEMON));
+  DaemonProcess daemon(folder.script("ulimit -S -n 64; ulimit -S -s 512; exec " ZK_DAEMON));
   daemon.write(DaemonConfig().line());
-  ASSERT_TRUE(daemon.waitReady(patience));
+  const auto port = daemon.waitReady(patience);
+  ASSERT_TRUE(port);
   rlimit limit{};
   ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
   EXPECT_GT(limit.rlim_max, 64U);
   EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
+  // Its threads come by the stack they need.
+  TURNClient client(*port);
+  EXPECT_EQ(client.allocate().errorCode(), 500);
 }
 
 TEST(DaemonTest, NamesItsThreads) {
