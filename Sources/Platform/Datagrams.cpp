@@ -7,19 +7,19 @@
 
 namespace zk {
 
-DatagramReceiver::DatagramReceiver() {
+DatagramReceiver::DatagramReceiver(Senders senders) : notesSenders_(senders == Senders::noted) {
   for (std::size_t i = 0; i < mostPerCall; ++i) {
     vectors_[i] = {buffers_[i].data(), buffers_[i].size()};
     messages_[i] = {};
-    messages_[i].msg_hdr.msg_name = &senders_[i];
+    messages_[i].msg_hdr.msg_name = notesSenders_ ? &senders_[i] : nullptr;
     messages_[i].msg_hdr.msg_iov = &vectors_[i];
     messages_[i].msg_hdr.msg_iovlen = 1;
   }
 }
 
 int DatagramReceiver::receive(int socket) {
-  for (mmsghdr& message : messages_) {
-    message.msg_hdr.msg_namelen = sizeof(sockaddr_in);
+  for (std::size_t i = 0; notesSenders_ && i < mostPerCall; ++i) {
+    messages_[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
   }
   return recvmmsg(socket, messages_.data(), mostPerCall, MSG_WAITFORONE, nullptr);
 }

@@ -21,7 +21,9 @@ inline constexpr std::size_t mostPerCall = 8;
 /// large; the room that no datagram has used yet costs no memory.
 class DatagramReceiver {
  public:
-  DatagramReceiver();
+  enum class Senders { noted, ignored };
+
+  explicit DatagramReceiver(Senders senders);
   DatagramReceiver(const DatagramReceiver&) = delete;
   DatagramReceiver& operator=(const DatagramReceiver&) = delete;
 
@@ -31,9 +33,11 @@ class DatagramReceiver {
 
   /// The datagrams of the last receive(), 0 to its result - 1, in order of arrival.
   ByteView datagram(std::size_t i) const { return {buffers_[i].data(), messages_[i].msg_len}; }
+  /// Who sent it, where senders are noted.
   const sockaddr_in& sender(std::size_t i) const { return senders_[i]; }
 
  private:
+  const bool notesSenders_;
   std::array<std::array<std::uint8_t, 65536>, mostPerCall> buffers_;  // each holds any datagram
   std::array<sockaddr_in, mostPerCall> senders_;
   std::array<iovec, mostPerCall> vectors_;

@@ -13,8 +13,8 @@ namespace zk {
 /// std::function would do with captures of this size.
 class Task {
  public:
-  /// Room for the largest capture in use: a datagram that goes to a client, with both addresses.
-  static constexpr std::size_t capacity = 136;
+  /// Room for the largest capture in use: a burst of datagrams on its way to a client.
+  static constexpr std::size_t capacity = 112;
 
   Task() = default;
 

@@ -132,7 +132,8 @@ void SOCKS5Relay::receive(Handler handler) {
 }
 
 void SOCKS5Relay::receiveLoop(const Handler& handler) {
-  DatagramReceiver receiver;
+  // Peers are named by the header in front of each datagram.
+  DatagramReceiver receiver(DatagramReceiver::Senders::ignored);
   std::vector<PeerDatagram> burst;
   burst.reserve(mostPerCall);
   for (int fd = udpFD_; fd >= 0; fd = udpFD_) {

@@ -41,13 +41,15 @@ template <typename Datagram>
 class KeptBurst {
  public:
   explicit KeptBurst(std::span<const Datagram> burst) : datagrams_(burst.begin(), burst.end()) {
+    std::size_t size = 0;
     for (const Datagram& datagram : burst) {
-      octets_.insert(octets_.end(), datagram.payload.begin(), datagram.payload.end());
+      size += datagram.payload.size();
     }
-    ByteView rest = octets_;
+    octets_.reserve(size);  // and so they stay where they are
     for (Datagram& datagram : datagrams_) {
-      datagram.payload = rest.first(datagram.payload.size());
-      rest = rest.subspan(datagram.payload.size());
+      const std::size_t at = octets_.size();
+      octets_.insert(octets_.end(), datagram.payload.begin(), datagram.payload.end());
+      datagram.payload = ByteView(octets_).subspan(at);
     }
   }
   std::span<const Datagram> datagrams() const { return datagrams_; }
@@ -106,7 +108,7 @@ void TURNServer::start() {
 }
 
 void TURNServer::recvLoop() {
-  DatagramReceiver receiver;
+  DatagramReceiver receiver(DatagramReceiver::Senders::noted);
   std::vector<ClientDatagram> burst;
   burst.reserve(mostPerCall);
   sockaddr_in last{};  // who sent the last datagram, and as a client: mostly the next one's too
@@ -196,13 +198,6 @@ void TURNServer::sendToClient(ByteView message, const FiveTuple& client) const {
   const int fd = serverFD_;
   if (fd >= 0) {
     sendDatagram(fd, message, socketAddress(client.clientIP, client.clientPort));
-  }
-}
-
-void TURNServer::sendToClients(DatagramSender& sender) const {
-  const int fd = serverFD_;
-  if (fd >= 0) {
-    sender.send(fd);
   }
 }
 

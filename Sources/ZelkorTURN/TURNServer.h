@@ -107,7 +107,6 @@ class TURNServer : public std::enable_shared_from_this<TURNServer> {
   void submit(std::span<const Datagram> burst, bool isShort, const Handler& handler);
   std::uint32_t now() const;
   void sendToClient(ByteView message, const FiveTuple& client) const;
-  void sendToClients(DatagramSender& sender) const;
 
   // TURNServerDispatch.cpp: from clients towards peers. On the serial queue. A burst is one
   // request, or has none.

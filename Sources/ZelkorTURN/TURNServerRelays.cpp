@@ -154,7 +154,7 @@ void TURNServer::deliverFromRelayOnQueue(std::span<const PeerDatagram> burst,
       continue;
     }
     if (sender.isFull()) {
-      sendToClients(sender);
+      sender.send(serverFD_);
     }
     if (const auto channel = channelOf(*allocation, peerIP, peerPort)) {
       sender.add(channelDataHeader(*channel, payload), payload, clientAddress);
@@ -166,7 +166,7 @@ void TURNServer::deliverFromRelayOnQueue(std::span<const PeerDatagram> burst,
               client.clientIP, client.clientPort);
     }
   }
-  sendToClients(sender);
+  sender.send(serverFD_);  // into the void once it is -1
 }
 
 // A Data indication (RFC 5766 section 10.4). Absent when the peer has no IPv4 address.

@@ -27,7 +27,7 @@ class Datagrams : public testing::Test {
 
   const int near_ = openUDPSocket();
   const int far_ = openUDPSocket();
-  DatagramReceiver receiver_;
+  DatagramReceiver receiver_{DatagramReceiver::Senders::noted};
   DatagramSender sender_;
 };
 

@@ -199,7 +199,8 @@ TEST_F(TURNServerRelayTest, StopClosesEveryRelayOnce) {
   for (std::size_t i = 0; i < clients.size(); ++i) {
     EXPECT_EQ(factory->relay(i)->closed, 1) << i;
   }
-  factory->relay(3)->arrive(bytes("late"), peer.ip, peer.port);
+  const Bytes late = bytes("late");
+  factory->relay(3)->arrive(std::vector<PeerDatagram>(30, {late, peer.ip, peer.port}));
   EXPECT_FALSE(clients[3]->receive(aMoment));
   server = std::make_shared<TURNServer>(Credentials{}, "", factory);
   factory->relay(3)->arrive(bytes("later still, with the server gone"), peer.ip, peer.port);
