@@ -144,8 +144,8 @@ TEST(DaemonTest, StandsClosedStandardStreams) {
   const auto withoutOutput = started(">&- 2>&-");
   EXPECT_FALSE(withoutOutput->readLine(aMoment));
   EXPECT_TRUE(becomesTrue([&] {
-    const auto links = descriptorsOf(*withoutOutput);
-    return links.size() > 4 && links.at(1) == "/dev/null" && links.at(2) == "/dev/null";
+    auto links = descriptorsOf(*withoutOutput);
+    return links.size() > 4 && links[1] == "/dev/null" && links[2] == "/dev/null";
   }));
   withoutOutput->closeInput();
   EXPECT_EQ(withoutOutput->waitExit(patience), 0);
@@ -256,17 +256,21 @@ TEST(DaemonTest, GivesBackWhatItTook) {
   ASSERT_TRUE(echoes(*steady, rig->peer, bytes("first")));
   const std::size_t descriptors = rig->daemon.descriptorCount();
   const std::size_t threads = rig->daemon.threadCount();
+  // The system lists a thread a moment longer than it takes to join it.
+  const auto hasThreads = [&](std::size_t count) {
+    return becomesTrue([&] { return rig->daemon.threadCount() == count; });
+  };
   const int rounds = sanitized ? 50 : 200;
   for (int round = 0; round < rounds; ++round) {
     const auto client = rig->allocated();
     ASSERT_TRUE(echoes(*client, rig->peer, bytes("round")));
     EXPECT_EQ(rig->daemon.descriptorCount(), descriptors + 2) << round;
-    EXPECT_EQ(rig->daemon.threadCount(), threads + 1) << round;
+    EXPECT_TRUE(hasThreads(threads + 1)) << round;
     ASSERT_TRUE(client->refresh(0).success());
     ASSERT_TRUE(echoes(*steady, rig->peer, bytes("still here")));
   }
   EXPECT_EQ(rig->daemon.descriptorCount(), descriptors);
-  EXPECT_EQ(rig->daemon.threadCount(), threads);
+  EXPECT_TRUE(hasThreads(threads));
   EXPECT_EQ(rig->proxy.counts().openAssociations, 1U);
 }
 
