@@ -57,7 +57,7 @@ void expectRefusedAndHarmless(const Case& fault) {
 
   rig->proxy.setScript(sound);
   EXPECT_EQ(rig->daemon.descriptorCount(), descriptors);
-  EXPECT_EQ(rig->daemon.threadCount(), threads);
+  EXPECT_TRUE(becomesTrue([&] { return rig->daemon.threadCount() == threads; }));
   const auto afterwards = newcomer->allocate();
   EXPECT_TRUE(afterwards.success()) << afterwards.errorCode();
   EXPECT_TRUE(echoes(*newcomer, rig->peer, bytes("at last")));
