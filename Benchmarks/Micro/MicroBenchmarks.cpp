@@ -9,6 +9,7 @@
 #include "HeapCounter.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/TURNClient.h"
+#include "Platform/Datagrams.h"
 #include "Platform/IPv4.h"
 #include "Platform/SerialQueue.h"
 #include "Platform/Sockets.h"
@@ -115,6 +116,34 @@ void unwrap(benchmark::State& state) {
   }
 }
 BENCHMARK(unwrap);
+
+// Datagrams over the loopback, sent and received by `state.range(0)` in one call.
+void burst(benchmark::State& state) {
+  const auto size = static_cast<std::size_t>(state.range(0));
+  const int from = openUDPSocket();
+  const int to = openUDPSocket();
+  if (!bindSocket(to, socketAddress("127.0.0.1", 0))) {
+    state.SkipWithError("no socket");
+  }
+  const sockaddr_in receiver = localAddress(to);
+  const Bytes payload(payloadSize);
+  DatagramSender outgoing;
+  DatagramReceiver incoming(DatagramReceiver::Senders::noted);
+  {
+    const Heap heap(state);
+    for (auto _ : state) {
+      for (std::size_t i = 0; i < size; ++i) {
+        outgoing.add({}, payload, receiver);
+      }
+      benchmark::DoNotOptimize(outgoing.send(from));
+      benchmark::DoNotOptimize(incoming.receive(to));
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+  closeSocket(from);
+  closeSocket(to);
+}
+BENCHMARK(burst)->Arg(1)->Arg(2)->Arg(4)->Arg(mostPerCall);
 
 // A line of the debug log, its share of the batched writes included.
 void debugLogLine(benchmark::State& state) {
