@@ -13,8 +13,8 @@
 namespace zk {
 
 /// How many datagrams one call of the system receives or sends at most. Entering the kernel and
-/// waking the reader costs about as much as passing on a datagram does; shared by eight it hardly
-/// counts, and more gain nothing.
+/// waking the reader is a quarter of what sending and receiving a datagram costs; shared by eight
+/// it hardly counts, and more than eight gain nothing.
 inline constexpr std::size_t mostPerCall = 8;
 
 /// Takes what waits on a socket, up to mostPerCall datagrams in one call. It is half a megabyte
