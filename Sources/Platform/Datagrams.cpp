@@ -3,25 +3,40 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
+#include <system_error>
 #include <utility>
+
+#include <sys/mman.h>
 
 namespace zk {
 
-DatagramReceiver::DatagramReceiver(Senders senders) : notesSenders_(senders == Senders::noted) {
+DatagramReceiver::DatagramReceiver(Senders senders)
+    : notesSenders_(senders == Senders::noted), room_([] {
+        void* const room = mmap(nullptr, sizeof(Room), PROT_READ | PROT_WRITE,
+                                MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        if (room == MAP_FAILED) {
+          throw std::system_error(errno, std::generic_category(), "mmap");
+        }
+        return static_cast<Room*>(room);
+      }()) {
   for (std::size_t i = 0; i < mostPerCall; ++i) {
-    vectors_[i] = {buffers_[i].data(), buffers_[i].size()};
-    messages_[i] = {};
-    messages_[i].msg_hdr.msg_name = notesSenders_ ? &senders_[i] : nullptr;
-    messages_[i].msg_hdr.msg_iov = &vectors_[i];
-    messages_[i].msg_hdr.msg_iovlen = 1;
+    room_->vectors[i] = {room_->buffers[i].data(), room_->buffers[i].size()};
+    room_->messages[i] = {};
+    room_->messages[i].msg_hdr.msg_name = notesSenders_ ? &room_->senders[i] : nullptr;
+    room_->messages[i].msg_hdr.msg_iov = &room_->vectors[i];
+    room_->messages[i].msg_hdr.msg_iovlen = 1;
   }
+}
+
+void DatagramReceiver::Unmap::operator()(Room* room) const {
+  munmap(room, sizeof *room);
 }
 
 int DatagramReceiver::receive(int socket) {
   for (std::size_t i = 0; notesSenders_ && i < mostPerCall; ++i) {
-    messages_[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+    room_->messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
   }
-  return recvmmsg(socket, messages_.data(), mostPerCall, MSG_WAITFORONE, nullptr);
+  return recvmmsg(socket, room_->messages.data(), mostPerCall, MSG_WAITFORONE, nullptr);
 }
 
 void DatagramSender::add(ByteView header, ByteView payload, const sockaddr_in& to) {

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 
 #include <netinet/in.h>
@@ -17,31 +18,41 @@ namespace zk {
 /// it hardly counts, and more than eight gain nothing.
 inline constexpr std::size_t mostPerCall = 8;
 
-/// Takes what waits on a socket, up to mostPerCall datagrams in one call. It is half a megabyte
-/// large; the room that no datagram has used yet costs no memory.
+/// Takes what waits on a socket, up to mostPerCall datagrams in one call.
 class DatagramReceiver {
  public:
   enum class Senders { noted, ignored };
 
+  /// Throws std::system_error when there is no room for half a megabyte of buffers. What of them no
+  /// datagram has used yet costs no memory.
   explicit DatagramReceiver(Senders senders);
-  DatagramReceiver(const DatagramReceiver&) = delete;
-  DatagramReceiver& operator=(const DatagramReceiver&) = delete;
 
   /// Waits for a datagram and takes those behind it that are there already. How many; -1 and errno
   /// when there is none because the call failed.
   int receive(int socket);
 
   /// The datagrams of the last receive(), 0 to its result - 1, in order of arrival.
-  ByteView datagram(std::size_t i) const { return {buffers_[i].data(), messages_[i].msg_len}; }
+  ByteView datagram(std::size_t i) const {
+    return {room_->buffers[i].data(), room_->messages[i].msg_len};
+  }
   /// Who sent it, where senders are noted.
-  const sockaddr_in& sender(std::size_t i) const { return senders_[i]; }
+  const sockaddr_in& sender(std::size_t i) const { return room_->senders[i]; }
 
  private:
+  struct Room {
+    std::array<mmsghdr, mostPerCall> messages;
+    std::array<iovec, mostPerCall> vectors;
+    std::array<sockaddr_in, mostPerCall> senders;
+    std::array<std::array<std::uint8_t, 65536>, mostPerCall> buffers;  // each for any datagram
+  };
+  struct Unmap {
+    void operator()(Room* room) const;
+  };
+
   const bool notesSenders_;
-  std::array<std::array<std::uint8_t, 65536>, mostPerCall> buffers_;  // each holds any datagram
-  std::array<sockaddr_in, mostPerCall> senders_;
-  std::array<iovec, mostPerCall> vectors_;
-  std::array<mmsghdr, mostPerCall> messages_;
+  // From the system and back to it. On the heap the pages that traffic has touched would stay, and
+  // on a stack some compilers touch them all.
+  const std::unique_ptr<Room, Unmap> room_;
 };
 
 /// Gathers datagrams and sends them in one call.

@@ -6,8 +6,8 @@
 
 namespace zk {
 
-/// A thread named `label` that runs `body`, on a stack of two megabytes at least. Throws
-/// std::system_error when the system has no thread to give.
+/// A thread named `label` that runs `body`. Throws std::system_error when the system has no thread
+/// to give.
 std::thread startThread(const std::string& label, std::function<void()> body);
 
 }  // namespace zk

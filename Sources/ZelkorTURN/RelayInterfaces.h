@@ -52,7 +52,7 @@ class TURNRelayDataPlane {
   virtual void sendAll(std::span<const PeerDatagram> datagrams) = 0;
   /// From now on `handler` is called with every datagram from a peer, on a thread of the relay's
   /// own. It must not block for long and must not close the relay. Throws std::system_error when
-  /// there is no thread to be had.
+  /// there is no thread or memory to be had.
   virtual void receive(Handler handler) = 0;
   /// Releases the relay; no handler call is under way or begins after it has returned.
   virtual void close() = 0;

@@ -126,14 +126,15 @@ void SOCKS5Relay::receive(Handler handler) {
   }
   zkDPLog(FMT_COMPILE("RECV-THREAD start fd={}"), fd);
   const std::lock_guard guard(lock_);
-  receiveThread_ = startThread(
-      "zk.socks5relay.recv",
-      [self = shared_from_this(), run = std::move(handler)] { self->receiveLoop(run); });
+  // Peers are named by the header in front of each datagram.
+  const auto receiver = std::make_shared<DatagramReceiver>(DatagramReceiver::Senders::ignored);
+  receiveThread_ = startThread("zk.socks5relay.recv",
+                               [self = shared_from_this(), receiver, run = std::move(handler)] {
+                                 self->receiveLoop(*receiver, run);
+                               });
 }
 
-void SOCKS5Relay::receiveLoop(const Handler& handler) {
-  // Peers are named by the header in front of each datagram.
-  DatagramReceiver receiver(DatagramReceiver::Senders::ignored);
+void SOCKS5Relay::receiveLoop(DatagramReceiver& receiver, const Handler& handler) {
   std::vector<PeerDatagram> burst;
   burst.reserve(mostPerCall);
   for (int fd = udpFD_; fd >= 0; fd = udpFD_) {

@@ -47,7 +47,7 @@ class SOCKS5Relay final : public TURNRelay, public std::enable_shared_from_this<
   void close() override;
 
  private:
-  void receiveLoop(const Handler& handler);
+  void receiveLoop(DatagramReceiver& receiver, const Handler& handler);
   bool receiveBurst(int fd, DatagramReceiver& receiver, std::vector<PeerDatagram>& burst) const;
 
   const std::string proxyHost_;

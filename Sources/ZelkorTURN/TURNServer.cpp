@@ -95,9 +95,10 @@ void TURNServer::start() {
   serverFD_ = fd;
   logLine(debugLog, FMT_COMPILE("bound 127.0.0.1:{}"), boundPort_.load());
   try {
-    recvThread_ = startThread("zk.turn.server.recv", [weak = weak_from_this()] {
+    const auto receiver = std::make_shared<DatagramReceiver>(DatagramReceiver::Senders::noted);
+    recvThread_ = startThread("zk.turn.server.recv", [weak = weak_from_this(), receiver] {
       if (const auto server = weak.lock()) {
-        server->recvLoop();
+        server->recvLoop(*receiver);
       }
     });
   } catch (...) {
@@ -107,8 +108,7 @@ void TURNServer::start() {
   }
 }
 
-void TURNServer::recvLoop() {
-  DatagramReceiver receiver(DatagramReceiver::Senders::noted);
+void TURNServer::recvLoop(DatagramReceiver& receiver) {
   std::vector<ClientDatagram> burst;
   burst.reserve(mostPerCall);
   sockaddr_in last{};  // who sent the last datagram, and as a client: mostly the next one's too

@@ -66,7 +66,7 @@ class TURNServer : public std::enable_shared_from_this<TURNServer> {
   LogCallback debugLog;
 
   /// Binds the socket and starts serving. Throws TURNServerError, POSIXError, or std::system_error
-  /// when there is no thread to be had; nothing is left open then.
+  /// when there is no thread or memory to be had; nothing is left open then.
   void start();
 
   /// Ends the receive thread, then closes every relay and the socket. Any number of times, from any
@@ -100,7 +100,7 @@ class TURNServer : public std::enable_shared_from_this<TURNServer> {
   };
 
   // TURNServer.cpp: the socket, and the way onto the queue, on the receive threads.
-  void recvLoop();
+  void recvLoop(DatagramReceiver& receiver);
   void submitFromClients(std::span<const ClientDatagram> burst);
   void deliverFromRelay(std::span<const PeerDatagram> burst, const FiveTuple& client);
   template <typename Datagram, typename Handler>
