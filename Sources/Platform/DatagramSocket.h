@@ -1,0 +1,104 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "Platform/Bytes.h"
+#include "Platform/Descriptor.h"
+
+namespace zk {
+
+/// An IPv4 UDP socket that never blocks and closes with its owner.
+class DatagramSocket {
+ public:
+  /// None.
+  DatagramSocket() = default;
+  /// Throws std::system_error.
+  static DatagramSocket open();
+
+  /// Throws std::system_error.
+  void bind(const sockaddr_in& address);
+  /// Has its traffic leave by that interface, whatever the routes say. Whether the system agreed.
+  bool pin(unsigned interfaceIndex);
+  /// Asks for room for a key frame's burst in both directions; the system may give less.
+  void enlargeBuffers();
+
+  /// All zero when the system does not say.
+  sockaddr_in localAddress() const;
+  int descriptor() const { return descriptor_.get(); }
+  explicit operator bool() const { return static_cast<bool>(descriptor_); }
+  void close() { descriptor_.reset(); }
+
+  /// One datagram out. Octets sent, or -1.
+  std::ptrdiff_t send(ByteView datagram, const sockaddr_in& to);
+
+ private:
+  friend class DatagramSender;
+  Descriptor descriptor_;
+  bool takesSegments_ = true;  // until the system, or the way out, refuses segmentation
+};
+
+/// As many datagrams as are received or sent together at most. A socket that has more waiting gets
+/// another turn after the others have had theirs.
+inline constexpr std::size_t maxBurst = 32;
+
+/// Room for the datagrams of one burst. Any number of sockets may share it, on one thread.
+class DatagramReceiver {
+ public:
+  /// Takes address space; memory only as datagrams fill it. Throws std::system_error.
+  DatagramReceiver();
+
+  /// Takes what waits in `socket`, maxBurst datagrams at most, in place of those of before. How
+  /// many; 0 when none waits, -1 when the socket reported an error instead, which then is gone.
+  int receive(const DatagramSocket& socket);
+
+  /// The i-th datagram of the last burst, cut at 65,536 octets, and whom it came from.
+  ByteView datagram(std::size_t i) const;
+  const sockaddr_in& sender(std::size_t i) const;
+
+ private:
+  struct Room;
+  struct Release {
+    void operator()(Room* room) const;
+  };
+  std::unique_ptr<Room, Release> room_;
+};
+
+/// Gathers datagrams and sends them with as few calls as the system allows. One thread.
+class DatagramSender {
+ public:
+  static constexpr std::size_t maxHeader = 16;
+
+  /// What became of one datagram: the octets sent, or -1; and whether it is -1 only because the
+  /// system had no room for it now.
+  struct Result {
+    std::ptrdiff_t sent = -1;
+    bool wouldBlock = false;
+  };
+
+  DatagramSender();
+  ~DatagramSender();
+
+  /// Adds one: a header of at most maxHeader octets, which is copied, and a payload, which must
+  /// live until send(). Not when full.
+  void add(ByteView header, ByteView payload, const sockaddr_in& to);
+  std::size_t size() const { return count_; }
+  bool isFull() const { return count_ == maxBurst; }
+
+  /// Sends all, in order, and begins anew. One result for each, good until the next add(). From
+  /// the first for which there is no room on, none is tried.
+  std::span<const Result> send(DatagramSocket& socket);
+
+ private:
+  struct Burst;
+  const std::unique_ptr<Burst> burst_;
+  std::size_t count_ = 0;
+};
+
+}  // namespace zk

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "Platform/Mutex.h"
+
+namespace zk {
+
+class Poller;
+
+/// Waits for descriptors, timers and tasks of other threads, and calls back on one thread, that of
+/// run(). Whoever is called back must not wait for anything.
+///
+/// Descriptors take turns: each that is readable is called back once before any is again. All
+/// operations but post(), stop() and the constructor belong to the loop's thread, or to one thread
+/// while the loop does not run.
+class EventLoop {
+ public:
+  /// Who is told that a descriptor is readable, or has ended or failed, which reading it shows. It
+  /// may unwatch and destroy itself or others meanwhile.
+  class Source {
+   public:
+    virtual void onReadable() = 0;
+
+   protected:
+    ~Source() = default;
+  };
+  using Task = std::function<void()>;
+  /// Nanoseconds on a clock that only runs forward.
+  using Clock = std::function<std::uint64_t()>;
+  using TimerID = std::pair<std::uint64_t, std::uint64_t>;  // when, in that clock, and which
+
+  /// Throws std::system_error when the system has no descriptor to give. Timers go by `clock`.
+  explicit EventLoop(Clock clock);
+  ~EventLoop();
+  EventLoop(const EventLoop&) = delete;
+  EventLoop& operator=(const EventLoop&) = delete;
+
+  /// Calls `source` whenever `descriptor` is readable, until unwatch(). Throws std::system_error
+  /// when the system refuses.
+  void watch(int descriptor, Source& source);
+  /// No call back for `descriptor` begins after this. Before the descriptor is closed.
+  void unwatch(int descriptor);
+
+  /// Runs `task` once, `delay` from now or a little later.
+  TimerID after(std::chrono::nanoseconds delay, Task task);
+  /// Forgets a timer; one that has run already is nobody's business.
+  void cancel(TimerID timer);
+
+  /// Has the loop run `task`; tasks run in the order of posting. Any thread. A task posted after
+  /// the loop has ended is dropped with the loop.
+  void post(Task task);
+
+  /// Serves until stop().
+  void run();
+  /// Ends run() after the call back that is under way. Any thread.
+  void stop();
+
+  /// One round: what is ready and due now, waiting for it first when `mayWait`.
+  void turn(bool mayWait);
+
+ private:
+  void runDueTimers();
+  void runPosted();
+  std::chrono::nanoseconds untilNextTimer() const;
+
+  const Clock clock_;
+  const std::unique_ptr<Poller> poller_;
+  std::unordered_map<int, Source*> sources_;  // by descriptor
+  std::vector<int> ready_;                    // of the round at hand
+  std::map<TimerID, Task> timers_;
+  std::uint64_t timersMade_ = 0;
+  std::atomic<bool> stopping_{false};
+
+  Mutex lock_;
+  std::vector<Task> posted_ GUARDED_BY(lock_);
+};
+
+}  // namespace zk

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <vector>
+
+#include "Platform/Descriptor.h"
+
+namespace zk {
+
+/// The system's way of waiting for many descriptors at once, for EventLoop.
+class Poller {
+ public:
+  /// Throws std::system_error.
+  Poller();
+
+  /// From now on wait() reports `descriptor` whenever it is readable, has ended or failed, until
+  /// remove() or its end. Throws std::system_error.
+  void add(int descriptor);
+  void remove(int descriptor);
+
+  /// Puts the descriptors that are ready into `ready`, in turns when they are many: none is
+  /// reported twice before all others have been. Waits for one, for wake(), or until `limit` has
+  /// passed; a negative limit means for ever, zero not at all. May return early with nothing.
+  void wait(std::chrono::nanoseconds limit, std::vector<int>& ready);
+
+  /// Ends a wait() that is under way, or the next one. Any thread.
+  void wake();
+
+ private:
+  Descriptor poller_;
+  Descriptor wakeUp_;  // where the system needs a descriptor for wake()
+};
+
+}  // namespace zk
