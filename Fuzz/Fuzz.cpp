@@ -25,42 +25,15 @@ std::uint8_t Input::octet() {
 }
 
 AttributeWalk::AttributeWalk(ByteView datagram, std::size_t from, std::size_t end) {
-  for (std::size_t at = from; at + 4 <= end;) {
-    const AttributePlace place{at,
-                               static_cast<std::uint16_t>(datagram[at] * 256 + datagram[at + 1]),
-                               static_cast<std::size_t>(datagram[at + 2] * 256 + datagram[at + 3])};
-    if (at + 4 + place.length > end) {
-      isWellFormed = false;
+  while (from + 4 <= end) {
+    const std::size_t length = datagram[from + 2] * 256U + datagram[from + 3];
+    isWellFormed = from + 4 + length <= end;
+    if (!isWellFormed) {
       return;
     }
-    places.push_back(place);
-    at += 4 + (place.length + 3) / 4 * 4;
+    places.push_back({from, readUInt16(datagram, from), datagram.subspan(from + 4, length)});
+    from += 4 + (length + 3) / 4 * 4;
   }
-}
-
-std::optional<IPv4Octets> lenientIPv4(std::string_view text) {
-  std::vector<std::uint8_t> octets;
-  std::string piece;
-  for (std::size_t i = 0; i <= text.size(); ++i) {
-    if (i < text.size() && text[i] != '.') {
-      piece += text[i];
-      continue;
-    }
-    unsigned value = 0;
-    const bool isNumber =
-        !piece.empty() && std::all_of(piece.begin(), piece.end(), [&value](char c) {
-          value = std::min(value * 10 + static_cast<unsigned>(c - '0'), 256U);
-          return c >= '0' && c <= '9';
-        });
-    if (isNumber && value < 256) {
-      octets.push_back(static_cast<std::uint8_t>(value));
-    }
-    piece.clear();
-  }
-  if (octets.size() != 4) {
-    return std::nullopt;
-  }
-  return IPv4Octets{octets[0], octets[1], octets[2], octets[3]};
 }
 
 std::string dottedQuad(ByteView octets) {

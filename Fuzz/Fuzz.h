@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "Platform/Bytes.h"
-#include "Platform/IPv4.h"
 
 /// What the harnesses share. Each of them defines run() and seeds() and nothing else.
 namespace zk::fuzz {
@@ -34,23 +33,18 @@ class Input {
   ByteView rest_;
 };
 
-/// Where an attribute stands in a datagram, and its length without padding.
-struct AttributePlace {
-  std::size_t at;
-  std::uint16_t type;
-  std::size_t length;
-};
-
-/// The attributes of a datagram (RFC 5389 section 15) between two offsets, read independently of
+/// The attributes between two offsets of a datagram (RFC 5389 section 15), read independently of
 /// the product, up to the first one that does not fit.
 struct AttributeWalk {
+  struct Place {
+    std::size_t at;
+    std::uint16_t type;
+    ByteView value;
+  };
   AttributeWalk(ByteView datagram, std::size_t from, std::size_t end);
-  std::vector<AttributePlace> places;
+  std::vector<Place> places;
   bool isWellFormed = true;
 };
-
-/// The rule of parseIPv4(), independently of the product.
-std::optional<IPv4Octets> lenientIPv4(std::string_view text);
 
 /// "a.b.c.d"
 std::string dottedQuad(ByteView octets);

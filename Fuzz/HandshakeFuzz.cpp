@@ -8,9 +8,34 @@
 #include <unistd.h>
 
 #include "Fuzz.h"
-#include "Platform/Sockets.h"
+#include "Platform/IPv4.h"
+#include "Platform/Resolver.h"
 #include "ZelkorSOCKS5/SOCKS5Control.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
+
+namespace zk {
+
+// In place of the system's resolver: knows numeric addresses and no names.
+Resolution resolveUDPv4(const std::string& host, const std::string& port, Deadline,
+                        const StopSignal*) {
+  if (!isDottedQuad(host)) {
+    return {{}, "no such name"};
+  }
+  const sockaddr_in address = socketAddress(host, static_cast<std::uint16_t>(std::stoi(port)));
+  ResolvedAddress resolved{AF_INET, SOCK_DGRAM, IPPROTO_UDP, {}, sizeof address};
+  std::memcpy(&resolved.address, &address, sizeof address);
+  return {{resolved}, {}};
+}
+
+Resolution resolveTCP(const std::string& host, const std::string& port, Deadline deadline,
+                      const StopSignal* stop) {
+  Resolution resolution = resolveUDPv4(host, port, deadline, stop);
+  resolution.addresses.front().type = SOCK_STREAM;
+  resolution.addresses.front().protocol = IPPROTO_TCP;
+  return resolution;
+}
+
+}  // namespace zk
 
 namespace zk::fuzz {
 namespace {
@@ -24,17 +49,20 @@ constexpr double limitForSilence = 0.002;
 constexpr double limitOtherwise = 20;
 
 struct Expected {
-  std::optional<Kind> error;
-  std::string host;
+  std::optional<Kind> error{};
+  std::string host = "127.0.0.1";     // of the relay, as text
+  std::string address = "127.0.0.1";  // where datagrams go
   std::uint16_t port = 0;
-  Bytes sent;  // by the client, up to where it gives up
+  Bytes sent{};           // by the client, up to where it gives up
+  bool isSilent = false;  // it gives up because it waits for what does not come
 };
 
 // RFC 1928 and RFC 1929 as read by the harness. `answers` counts as followed by silence.
 Expected expectedOutcome(ByteView answers, const Text& user, const Text& password) {
-  Expected outcome{{}, "127.0.0.1", 0, user && password ? Bytes{5, 2, 0, 2} : Bytes{5, 1, 0}};
+  Expected outcome;
+  outcome.sent = user && password ? Bytes{5, 2, 0, 2} : Bytes{5, 1, 0};
   Input input(answers);
-  bool isSilent = false;
+  bool& isSilent = outcome.isSilent;
   const auto next = [&](std::size_t count) {
     isSilent = isSilent || input.rest().size() < count;
     const ByteView taken = isSilent ? ByteView() : input.take(count);
@@ -97,10 +125,22 @@ Expected expectedOutcome(ByteView answers, const Text& user, const Text& passwor
   const std::string text = reply[3] == 3   ? domainNameText(address)
                            : reply[3] == 4 ? ipv6Text(address)
                                            : dottedQuad(address);
-  if (!text.empty() && text != "0.0.0.0") {
-    outcome.host = text;
+  if (outcome.port == 0) {
+    return fails(Kind::protocolError);
   }
-  return outcome;
+  if (reply[3] == 4) {
+    return fails(Kind::connectionFailed);
+  }
+  if (text.empty() || text == "0.0.0.0") {
+    return outcome;  // the proxy's own address
+  }
+  if (!isDottedQuad(text)) {
+    return fails(Kind::connectionFailed);
+  }
+  outcome.host = outcome.address = text;
+  const auto octets = parseIPv4(text).value();
+  const bool isHost = octets[0] != 0 && octets[0] >> 4 != 14 && text != "255.255.255.255";
+  return isHost ? outcome : fails(Kind::protocolError);
 }
 
 // The proxy's listening socket, for the life of the process.
@@ -144,7 +184,7 @@ void run(ByteView bytes) {
 
   const int descriptor = lowestFreeDescriptor();
   const Expected expected = expectedOutcome(answers, user, password);
-  const bool isSilent = expected.error == Kind::connectionFailed;
+  const bool isSilent = expected.isSilent;
   SOCKS5Control control("127.0.0.1", listener.port, user, password,
                         isSilent ? limitForSilence : limitOtherwise);
   control.connect();
@@ -155,16 +195,22 @@ void run(ByteView bytes) {
   shutdown(proxy, SHUT_WR);
 
   std::optional<Kind> error;
-  SOCKS5Control::RelayEndpoint endpoint{"127.0.0.1", 0};
+  SOCKS5Control::RelayEndpoint endpoint;
   try {
     endpoint = control.performHandshakeAndUDPAssociate();
   } catch (const SOCKS5Error& failure) {
     error = failure.kind();
-    require(failure.description().find("-of-proxy") == std::string::npos,
+    const auto holdsCredential = [](std::string_view text) {
+      return text.find("-of-proxy") != std::string_view::npos;
+    };
+    const std::string said(answers.begin(), answers.end());  // the proxy may quote what it likes
+    require(!holdsCredential(failure.description()) || holdsCredential(said),
             "no description holds a credential");
   }
   require(error == expected.error, "the outcome is the one the answers call for");
-  require(error || (endpoint.relayHost == expected.host && endpoint.relayPort == expected.port),
+  require(error || (endpoint.relayHost == expected.host && endpoint.relayPort == expected.port &&
+                    addressText(endpoint.relayAddress) == expected.address &&
+                    portNumber(endpoint.relayAddress) == expected.port),
           "the relay is where the proxy says");
 
   std::array<std::uint8_t, 2048> sent;
@@ -186,6 +232,7 @@ void run(ByteView bytes) {
 std::vector<Bytes> seeds() {
   const Bytes ipv4{5, 0, 0, 1, 10, 1, 2, 3, 0x9C, 0x40};
   const Bytes name = joined({Bytes{5, 0, 0, 3, 10}, bytesOf("relay.test"), Bytes{1, 2}});
+  const Bytes group = joined({Bytes{5, 0, 0, 3, 9}, bytesOf("224.0.0.1"), Bytes{1, 2}});
   const Bytes ipv6 = joined({Bytes{5, 0, 0, 4}, Bytes(16, 0x20), Bytes{1, 2}});
   std::vector<Bytes> all{{0, 5, 0xFF},
                          {0, 4, 0},
@@ -197,7 +244,8 @@ std::vector<Bytes> seeds() {
                          {0xE0, 5},
                          {5, 5, 2},
                          {4, 5, 2}};
-  for (const Bytes& reply : {ipv4, name, ipv6, Bytes{5, 0, 0, 3, 0, 9, 9}, Bytes{5, 0, 0, 1}}) {
+  for (const Bytes& reply :
+       {ipv4, name, group, ipv6, Bytes{5, 0, 0, 3, 0, 9, 9}, Bytes{5, 0, 0, 1}}) {
     all.push_back(joined({Bytes{0, 5, 0}, reply}));
     all.push_back(joined({Bytes{1, 5, 2, 1, 0}, reply}));
     all.push_back(joined({Bytes{3, 5, 2, 1, 0}, reply}));

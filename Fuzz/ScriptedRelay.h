@@ -1,81 +1,94 @@
 #pragma once
 
-#include <array>
+#include <functional>
+#include <map>
 #include <system_error>
 
 #include "Fuzz.h"
 #include "Platform/IPv4.h"
-#include "ZelkorSOCKS5/InterfaceScope.h"
 #include "ZelkorSOCKS5/SOCKS5Error.h"
 #include "ZelkorTURN/TURNServer.h"
 
-/// The relays of the server's harness: they do as the script says and watch over how they are used.
+/// The relays of the server's harness: they do as they were told when they were made, and watch
+/// over how they are used.
 namespace zk::fuzz {
-
-/// What relays and peers are called. Only the first ones are addresses that a client can be told.
-inline const std::array<std::string, 7> names{"198.51.100.1",
-                                              "198.51.100.2",
-                                              "0.0.0.0",
-                                              "proxy.test",
-                                              "",
-                                              "20:01:0d:b8",
-                                              std::string("10.0.0.1\0x", 10)};
 
 struct Datagram {
   Bytes payload;
   std::string ip;
   std::uint16_t port;
-};
-
-/// What the relays do next, and what they did.
-struct Script {
-  std::uint8_t faults = 0;  // bit: 1 first rung fails, 2 second, 4 no thread, 8 send fails
-  std::string address = names[0];
-  int openings = 0;
-  std::vector<Datagram> sent;
+  bool operator==(const Datagram&) const = default;
 };
 
 struct ScriptedRelay final : TURNRelay {
-  explicit ScriptedRelay(Script& itsScript) : script(itsScript) {}
-  Script& script;
-  TURNRelayDataPlane::Handler handler;
-  bool isOpen = false;
-  int closings = 0;
+  // What all of them share.
+  struct Script {
+    bool firstFails = false;
+    bool secondFails = false;
+    bool receiveFails = false;
+    std::string address = "198.51.100.1";
+    std::function<void()> whileOpening;                      // beside which the loop goes on
+    std::function<void(const ScriptedRelay&, bool)> opened;  // at the end, with or without success
+    std::map<std::uint16_t, ScriptedRelay*> live;            // those in use, by the client's port
+    std::map<std::uint16_t, std::vector<Datagram>> sent;
+    std::size_t alive = 0;
+  };
 
-  RelayedAddress allocateRelay() override {
-    const bool isSecond = script.openings++ % 2 == 1;
-    require(InterfaceScope::modeOverride == isSecond, "pinned first, then by the default route");
-    if ((script.faults & (isSecond ? 2 : 1)) != 0) {
+  ScriptedRelay(Script& itsScript, const FiveTuple& itsClient)
+      : script(itsScript), plan(itsScript), client(itsClient.clientPort) {
+    ++script.alive;
+  }
+  ~ScriptedRelay() {
+    close();
+    --script.alive;
+  }
+
+  RelayedAddress allocateRelay(const OpeningAttempt& attempt) override {
+    script.whileOpening();
+    const bool fails = attempt.viaDefault ? plan.secondFails : plan.firstFails;
+    if (attempt.viaDefault || (!fails && isDottedQuad(plan.address))) {
+      script.opened(*this, !fails && isDottedQuad(plan.address));
+    }
+    if (fails) {
       throw SOCKS5Error::connectionFailed("scripted");
     }
-    isOpen = true;
-    return {script.address, 40000};
+    return {plan.address, 40000};
   }
-  void sendAll(std::span<const PeerDatagram> datagrams) override {
-    require(isOpen && closings == 0, "only an open relay sends");
-    for (const auto& [payload, ip, port] : datagrams) {
-      script.sent.push_back({joined({payload}), ip, port});
-    }
-    if ((script.faults & 8) != 0) {
-      throw SOCKS5Error::connectionFailed("scripted");
-    }
-  }
-  void receive(Handler itsHandler) override {
-    require(isOpen && closings == 0 && !handler, "receive() once, on an open relay");
-    if ((script.faults & 4) != 0) {
+  void receive(const RelayLoop& /*loop*/, RelayListener& itsListener) override {
+    require(listener == nullptr && !isClosed, "receive() once, on an open relay");
+    if (plan.receiveFails) {
       throw std::system_error(EAGAIN, std::generic_category());
     }
-    handler = std::move(itsHandler);
+    listener = &itsListener;
+    require(script.live.emplace(client, this).second, "one relay for a client");
   }
-  void close() override { ++closings; }
+  void sendAll(std::span<const PeerDatagram> datagrams) override {
+    require(listener != nullptr && !isClosed, "only a relay that is in use sends");
+    for (const auto& [payload, ip, port] : datagrams) {
+      script.sent[client].push_back({joined({payload}), ip, port});
+    }
+  }
+  void onRouteChange(const RouteCheck& /*hasRoute*/) override {}
+  bool isCutOff() const override { return false; }
+  void close() override {
+    if (listener != nullptr && !isClosed) {
+      script.live.erase(client);
+    }
+    isClosed = true;
+  }
+
+  Script& script;
+  const Script plan;
+  const std::uint16_t client;
+  RelayListener* listener = nullptr;
+  bool isClosed = false;
 };
 
 struct ScriptedFactory final : TURNRelayFactory {
-  explicit ScriptedFactory(Script& itsScript) : script(itsScript) {}
-  Script& script;
-  std::vector<std::pair<FiveTuple, std::shared_ptr<ScriptedRelay>>> made;
+  explicit ScriptedFactory(ScriptedRelay::Script& itsScript) : script(itsScript) {}
+  ScriptedRelay::Script& script;
   std::shared_ptr<TURNRelay> makeRelay(const FiveTuple& client) override {
-    return made.emplace_back(client, std::make_shared<ScriptedRelay>(script)).second;
+    return std::make_shared<ScriptedRelay>(script, client);
   }
 };
 

@@ -1,422 +1,600 @@
-// The server as clients and peers see it: sequences of datagrams from three clients, datagrams from
-// peers, alone and in bursts, failing relays, and a clock that moves. The harness signs requests
-// with the right key, or not, and keeps a model of who may do what; every answer and every relayed
-// datagram is held against the model, and every relay must be accounted for after every step.
+// Loop, table and openings together, on a clock that the input moves: datagrams of four clients and
+// of their peers, openings that succeed, fail or linger while everything else goes on. The harness
+// turns the loop itself. It keeps a model of what RFC 5766 calls for, apart from how the server
+// does it: who is owed which answers and datagrams in which order, and who has a relay.
 
-#include <sys/socket.h>
+#include <array>
+#include <map>
 
-#include "Platform/Sockets.h"
 #include "ScriptedRelay.h"
-#include "ServerModel.h"
 
 namespace zk {
 
 struct TURNServerAccess {
   TURNServer& server;
-  void dispatch(const std::vector<std::pair<FiveTuple, Bytes>>& burst) {
-    std::vector<TURNServer::ClientDatagram> datagrams;
-    for (const auto& [client, datagram] : burst) {
-      datagrams.push_back({datagram, client});
-    }
-    server.dispatchAll(datagrams);
+  void prepare(RelayOpener::StartThread startThread) {
+    server.prepare();
+    server.opener_.emplace(server.relayFactory_, LogCallback(), std::move(startThread));
+    server.socket_ = DatagramSocket::open();
+    server.socket_.bind(socketAddress("127.0.0.1", 0));
   }
-  void drain() {
-    server.serialQ_.sync([] {});
+  void dispatch(ByteView datagram, const FiveTuple& client) { server.dispatch(datagram, client); }
+  void endBurst() {
+    server.sendGathered();
+    server.sendOutbox();
   }
+  void turn() { server.loop_->turn(false); }
   const Allocation* allocation(const FiveTuple& client) const {
     return server.allocationTable_->allocation(client);
   }
-  const auto& relays() const { return server.relayMap_; }
-  bool isIdle() const { return !server.currentAllocatingClient_ && server.queuedOctets_ == 0; }
+  const std::deque<Bytes>* kept(const FiveTuple& client) const {
+    const auto opening = server.openings_.find(client);
+    return opening == server.openings_.end() ? nullptr : &opening->second.kept;
+  }
 };
 
 namespace fuzz {
 namespace {
 
-constexpr std::size_t clientCount = ServerModel::clientCount;
-constexpr std::size_t largestAnswer = 100;  // of what requests are answered with
+constexpr std::size_t clientCount = 4;
 const Credentials credentials{"user", "zk.example", "password"};
+// What peers and relays are called. Only the first ones are addresses that a client can be told.
+const std::array<std::string, 5> names{"198.51.100.1", "198.51.100.2", "proxy.test", "",
+                                       std::string("10.0.0.1\0x", 10)};
 
 // A client's socket, for the life of the process.
 struct Endpoint {
-  int socket = openUDPSocket();
+  DatagramSocket socket = DatagramSocket::open();
   FiveTuple client{"127.0.0.1", 0, TransportProtocol::udp};
   Endpoint() {
-    require(bindSocket(socket, socketAddress(client.clientIP, 0)), "a client socket can be had");
-    client.clientPort = portNumber(localAddress(socket));
+    socket.bind(socketAddress(client.clientIP, 0));
+    client.clientPort = portNumber(socket.localAddress());
   }
-  std::optional<Bytes> received() const {
-    static std::array<std::uint8_t, 65536> buffer;
-    const ssize_t size = recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT);
-    return size < 0 ? std::nullopt : std::optional(Bytes(buffer.begin(), buffer.begin() + size));
+  std::vector<Bytes> received() const {
+    static DatagramReceiver receiver;
+    std::vector<Bytes> all;
+    for (int count = 1; count > 0;) {
+      count = receiver.receive(socket);
+      for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
+        all.push_back(joined({receiver.datagram(i)}));
+      }
+    }
+    return all;
   }
+};
+
+// A datagram of a client; genuine when it was signed with the right key and not changed since.
+struct Sent {
+  Bytes datagram;
+  bool isGenuine;
+};
+
+struct Client {
+  struct Held {
+    std::uint32_t expiry;
+    TransactionID txID;
+    std::map<std::uint16_t, TURNAttributes::Address> channels{};
+  };
+  struct Opening {
+    TransactionID txID;
+    std::deque<Sent> kept{};
+    std::size_t octets = 0;
+  };
+  Endpoint& endpoint;
+  std::optional<Held> held{};                             // the allocation, expired or not
+  std::optional<Opening> opening{};                       // never both
+  std::map<TransactionID, std::uint32_t> failures{};      // and until when they are remembered
+  std::vector<std::function<void(const Bytes&)>> owed{};  // what must come next, in order
+  std::vector<Datagram> due{};                            // what peers must get, in order
+
+  bool isAlive(std::uint32_t now) const { return held && held->expiry >= now; }
 };
 
 class World {
  public:
-  World() {
-    server_->debugLog = [](std::string_view line) {
-      require(line.find('\n') == std::string_view::npos, "the log gets one line at a time");
+  explicit World(Input& input) : input_(input) {
+    static std::array<Endpoint, clientCount> endpoints;
+    for (Endpoint& endpoint : endpoints) {
+      endpoint.received();  // of earlier executions
+      clients_.push_back({endpoint});
+    }
+    script_.whileOpening = [this] {
+      for (; linger_ > 0 && !input_.isEmpty(); --linger_) {
+        step();
+      }
     };
-    server_->start();
+    script_.opened = [this](const ScriptedRelay& relay, bool success) {
+      concluded_.push_back({whose(relay.client), success && !relay.plan.receiveFails, success});
+    };
+    access_.prepare([this](const std::string&, std::function<void()> body) {
+      if (noThread_) {
+        throw std::system_error(EAGAIN, std::generic_category());
+      }
+      bodies_.push_back(std::move(body));
+    });
+    dispatch(0, {TURNMessage(TURNMethod::allocate, TURNClass::request, {}).encode(), false});
+    endBurst();
   }
 
-  ~World() {
-    server_->stop();
-    for (const auto& [client, relay] : factory_->made) {
-      require(relay->closings == (relay->isOpen ? 1 : 0), "stop() leaves no relay open");
-    }
-    require(access_.relays().empty(), "stop() forgets the relays");
-    requireSilence();
-  }
-
-  void step(Input& input) {
-    const std::uint8_t choice = input.octet();
-    const std::size_t who = (choice >> 4) % clientCount;
-    const bool isFollowed = (choice & 0x08) != 0;  // by more data, all in one burst
-    if (choice % 8 != 2 && choice % 8 != 3) {
-      passOn();
-    }
-    switch (choice % 8) {
+  void step() {
+    const std::uint8_t action = input_.octet();
+    const std::size_t who = action >> 4 & 3;
+    const bool continues = (action & 0x80) != 0;  // the burst goes on
+    static constexpr std::uint16_t leaps[] = {1, 5, 30, 40, 41, 259, 299, 300, 301, 600};
+    switch (action % 16) {
       case 0:
-        time_ += input.number() * (choice < 0x80 ? second : second / 1024);
-        model_.now = static_cast<std::uint32_t>((time_ - start_) / second);
+        endBurst();
+        time_ += leaps[input_.octet() % std::size(leaps)] * second;
         break;
-      case 1: {
-        const ByteView raw = input.take(input.octet());
-        fromClient(who, raw.empty() ? Bytes(1) : joined({raw}), false);
+      case 1:
+        if (const ByteView octets = input_.take(input_.octet()); !octets.empty()) {
+          dispatch(who, {joined({octets}), false});
+        }
         break;
-      }
-      case 2: {
-        TURNMessage message(TURNMethod::send, TURNClass::indication, {choice});
-        appendAttributes(message, input);
-        gathered_.emplace_back(who, message.encode());
+      case 2:
+        indicate(who);
         break;
-      }
       case 3: {
-        Bytes datagram{0x40, input.octet(), 0, input.octet()};
-        append(datagram, input.take(input.octet()));
-        gathered_.emplace_back(who, datagram);
+        Bytes datagram{0x40, input_.octet(), 0, input_.octet()};
+        append(datagram, input_.take(input_.octet()));
+        dispatch(who, {datagram, false});
         break;
       }
       case 4:
-        fromPeer(who, input);
+        fromPeer(who);
         break;
-      case 5:
-        script_.faults = input.octet();
-        script_.address = names[(script_.faults >> 4) % names.size()];
+      case 5: {
+        const std::uint8_t faults = input_.octet();
+        script_.firstFails = (faults & 1) != 0;
+        script_.secondFails = (faults & 2) != 0;
+        script_.receiveFails = (faults & 4) != 0;
+        noThread_ = (faults & 8) != 0;
+        script_.address = names[(faults >> 4) % names.size()];
+        break;
+      }
+      case 6:
+        linger_ = input_.octet() % 8;
+        runOpening();
+        break;
+      case 7:
+        turn();
+        break;
+      case 8:
+        relayEnds(who);
+        break;
+      case 9:  // more than may be kept
+        for (std::size_t i = 0; i < TURNServer::maxKeptDatagrams; ++i) {
+          dispatch(who, {Bytes(i % 3 == 0 ? 4000 : 20, static_cast<std::uint8_t>(i)), false});
+        }
         break;
       default:
-        request(who, input);
-        break;
+        request(who);
     }
-    if (!isFollowed) {
-      passOn();
+    if (!continues || (action % 16 != 2 && action % 16 != 3)) {
+      endBurst();
     }
-    checkState();
+  }
+
+  // Opens what still is to be opened, for nobody.
+  void end() {
+    endBurst();
+    linger_ = 0;
+    while (!bodies_.empty()) {
+      runOpening();
+    }
+    server_.stop();
+    require(script_.alive == 0, "a stop leaves no relay open");
   }
 
  private:
-  static const Endpoint& endpoint(std::size_t who) {
-    static const std::array<Endpoint, clientCount> endpoints;
-    return endpoints[who];
+  std::uint32_t now() const { return static_cast<std::uint32_t>((time_ - start) / second); }
+  std::size_t whose(std::uint16_t port) const {
+    std::size_t who = 0;
+    while (clients_[who].endpoint.client.clientPort != port) {
+      ++who;
+    }
+    return who;
   }
 
-  void requireSilence() const {
-    for (std::size_t who = 0; who < clientCount; ++who) {
-      require(!endpoint(who).received(), "nothing is sent that is not due");
-    }
+  // ---- What happens ----------------------------------------------------------------------------
+
+  void indicate(std::size_t who) {
+    TURNMessage message(TURNMethod::send, TURNClass::indication, {});
+    appendAttributes(message);
+    dispatch(who, {message.encode(), false});
   }
 
-  // Attributes of the input's choice: good ones that fit each other, and any value of any kind.
-  static void appendAttributes(TURNMessage& message, Input& input) {
-    for (std::size_t left = input.octet() % 6; left > 0; --left) {
-      const std::uint8_t kind = input.octet();
-      const std::uint8_t detail = input.octet();
-      switch (kind % 6) {
-        case 0:
-          message.append(TURNAttr::requestedTransport, Bytes{17, 0, 0, 0});
-          break;
-        case 1:
-          message.append(TURNAttr::xorPeerAddress,
-                         *TURNAttributes::encodeXorAddress(names[detail & 1], detail >> 5));
-          break;
-        case 2:
-          message.append(TURNAttr::channelNumber, Bytes{0x40, detail, 0, 0});
-          break;
-        case 3:
-          message.append(TURNAttr::lifetime, Bytes{0, 0, detail, input.octet()});
-          break;
-        case 4:
-          message.append(TURNAttr::data, input.take(detail));
-          break;
-        default:
-          message.append(kind, input.take(detail % 16));
-          break;
-      }
-    }
-  }
-
-  void request(std::size_t who, Input& input) {
-    constexpr std::array<std::uint16_t, 8> methods{
-        TURNMethod::allocate,    TURNMethod::allocate, TURNMethod::refresh,
-        TURNMethod::channelBind, TURNMethod::refresh,  TURNMethod::createPermission,
-        TURNMethod::channelBind, TURNMethod::dataMsg};
-    const std::uint8_t kind = input.octet();
-    const std::uint8_t flaw = input.octet();
-    if (model_.nonces.empty()) {
-      fromClient(who, TURNMessage(TURNMethod::allocate, TURNClass::request, {}).encode(), false);
-    }
-    TransactionID txID{++transactions_, flaw};
-    if ((kind & 0x80) != 0 && model_.clients[who]) {
-      txID = model_.clients[who]->txID;
-    }
-    TURNMessage message(methods[kind % 8], static_cast<TURNClass>(kind >> 3 & 3), txID);
+  void request(std::size_t who) {
+    static constexpr std::uint16_t methods[] = {3, 3, 4, 9, 9, 8, 1, 6};
+    const std::uint8_t kind = input_.octet();
+    const std::uint8_t flaw = input_.octet() % 16;             // most of them are none
+    TransactionID txID{static_cast<std::uint8_t>(kind >> 5)};  // few of them: they come again
+    TURNMessage message(methods[kind % 8], static_cast<TURNClass>(kind % 29 == 0 ? 1 : 0), txID);
     message.append(TURNAttr::username, bytesOf("anybody"));
     if (flaw != 1) {
       message.append(TURNAttr::realm, bytesOf(credentials.realm));
     }
-    const bool wantsOld = flaw == 2 || flaw == 3;
-    message.append(TURNAttr::nonce, bytesOf(flaw == 4   ? "0123456789abcdef0123456789abcdef"
-                                            : flaw == 5 ? "\xC3"
-                                            : wantsOld  ? model_.nonces.begin()->first
+    message.append(TURNAttr::nonce, bytesOf(flaw == 2   ? nonces_.begin()->first
+                                            : flaw == 3 ? "0123456789abcdef0123456789abcdef"
+                                            : flaw == 4 ? "\xC3"
                                                         : latestNonce_));
-    appendAttributes(message, input);
-    auto key = TURNAuth::longTermKey(credentials.username, credentials.realm, credentials.password);
+    if (message.method == TURNMethod::allocate && flaw != 5) {
+      message.append(TURNAttr::requestedTransport, Bytes{17, 0, 0, 0});
+    }
+    appendAttributes(message);
+    auto key = key_;
     key[0] ^= flaw == 6;
     bool isGenuine = flaw != 6 && !message.first(TURNAttr::messageIntegrity);
     TURNAuth::appendMessageIntegrity(message, key);
     Bytes datagram = message.encode();
     if (flaw == 7) {
-      datagram[input.number() % datagram.size()] ^= std::max<std::uint8_t>(input.octet(), 1);
+      datagram[input_.number() % datagram.size()] ^= std::max<std::uint8_t>(input_.octet(), 1);
       isGenuine = false;
     }
-    if (flaw == 8) {
-      datagram.push_back(0);  // behind the message, where nothing counts
-    }
-    fromClient(who, datagram, isGenuine);
+    dispatch(who, {datagram, isGenuine});
   }
 
-  static bool isSend(const TURNMessage& message) {
-    return message.method == TURNMethod::send && message.klass == TURNClass::indication;
-  }
-
-  // Hands over what is gathered in one burst.
-  void passOn() {
-    script_.sent.clear();
-    script_.openings = 0;
-    std::vector<std::pair<FiveTuple, Bytes>> burst;
-    std::vector<Datagram> due;
-    for (const auto& [who, datagram] : gathered_) {
-      burst.emplace_back(endpoint(who).client, datagram);
-      const auto message = TURNMessage::decode(datagram);
-      const auto its =
-          message && isSend(*message) ? model_.dueOf(who, *message) : model_.dueOf(who, datagram);
-      if (its) {
-        due.push_back(*its);
+  void appendAttributes(TURNMessage& message) {
+    for (std::uint8_t count = input_.octet() % 4; count > 0; --count) {
+      switch (const std::uint8_t kind = input_.octet(); kind % 8) {
+        case 0:
+          message.append(TURNAttr::lifetime, Bytes{0, 0, input_.octet(), input_.octet()});
+          break;
+        case 1:
+        case 2:
+          message.append(TURNAttr::xorPeerAddress,
+                         *TURNAttributes::encodeXorAddress(names[kind >> 4 & 1], kind >> 6));
+          break;
+        case 3:
+        case 4:
+          message.append(TURNAttr::channelNumber, Bytes{0x40, kind, 0, 0});
+          break;
+        case 5:
+        case 6:
+          message.append(TURNAttr::data, input_.take(input_.octet()));
+          break;
+        default:
+          message.append(input_.number(), input_.take(input_.octet()));
       }
     }
-    gathered_.clear();
-    access_.dispatch(burst);
-    require(script_.sent.size() == due.size(), "just what a live allocation allows is relayed");
-    for (std::size_t i = 0; i < due.size(); ++i) {
-      const Datagram& sent = script_.sent[i];
-      require(sent.payload == due[i].payload && sent.ip == due[i].ip && sent.port == due[i].port,
-              "a datagram is relayed as it is, to its peer, in its turn");
+  }
+
+  void dispatch(std::size_t who, Sent sent) {
+    burst_.push_back(std::move(sent));  // payloads are read until the end of the burst
+    access_.dispatch(burst_.back().datagram, clients_[who].endpoint.client);
+    judge(who, burst_.back());
+  }
+
+  void endBurst() {
+    access_.endBurst();
+    burst_.clear();
+    check();
+  }
+
+  void fromPeer(std::size_t who) {
+    endBurst();
+    Client& client = clients_[who];
+    const auto relay = script_.live.find(client.endpoint.client.clientPort);
+    const std::string& ip = names[input_.octet() % names.size()];
+    const std::uint8_t detail = input_.octet();
+    const auto port = static_cast<std::uint16_t>(detail % 4);
+    const Bytes payload(input_.octet(), detail);
+    if (relay == script_.live.end()) {
+      return;
+    }
+    const std::vector<PeerDatagram> burst(1 + detail / 4, {payload, ip, port});
+    relay->second->listener->onDatagrams(burst);
+    if (client.isAlive(now()) && isDottedQuad(ip)) {
+      client.owed.insert(client.owed.end(), burst.size(),
+                         deliveryOf(*client.held, {payload, ip, port}));
     }
   }
 
-  void fromClient(std::size_t who, const Bytes& datagram, bool isGenuine) {
-    gathered_.emplace_back(who, datagram);
-    passOn();
+  void relayEnds(std::size_t who) {
+    endBurst();
+    const auto relay = script_.live.find(clients_[who].endpoint.client.clientPort);
+    if (relay != script_.live.end()) {
+      relay->second->listener->onAssociationEnd("scripted");
+      relay->second->listener->onSilence();
+      clients_[who].held.reset();
+    }
+  }
+
+  // On a thread of its own, as far as the server can tell.
+  void runOpening() {
+    endBurst();
+    if (!bodies_.empty()) {
+      const auto body = std::move(bodies_.front());
+      bodies_.pop_front();
+      ++running_;
+      body();
+      --running_;
+    }
+  }
+
+  void turn() {
+    endBurst();
+    const auto concluded = std::exchange(concluded_, {});
+    access_.turn();
+    if (time_ >= nextSweep_) {
+      nextSweep_ = time_ + 30 * second;
+      sweep();
+    }
+    for (const auto& [who, success, relayMade] : concluded) {
+      Client& client = clients_[who];
+      const Client::Opening opening = *std::exchange(client.opening, std::nullopt);
+      const auto lifetime = success ? std::optional(600U) : std::nullopt;
+      owe(who, TURNMethod::allocate, opening.txID, success ? 0 : 500, lifetime);
+      if (success) {
+        client.held = Client::Held{now() + 600, opening.txID};
+      } else {
+        client.failures[opening.txID] = now() + 40;
+      }
+      for (const Sent& sent : opening.kept) {
+        judge(who, sent);
+      }
+    }
+  }
+
+  // ---- What must come of it --------------------------------------------------------------------
+
+  void judge(std::size_t who, const Sent& sent) {
+    Client& client = clients_[who];
+    const ByteView datagram = sent.datagram;
     const auto message = TURNMessage::decode(datagram);
-    if (message && !isSend(*message)) {
-      const auto answer = endpoint(who).received();
-      require(answer && answer->size() <= largestAnswer, "one answer, and a small one");
-      const auto decoded = TURNMessage::decode(*answer);
-      require(decoded.has_value(), "an answer decodes");
-      checkAnswer(who, *message, *decoded, *answer, isGenuine);
-    }
-    requireSilence();
-  }
-
-  void checkAnswer(std::size_t who, const TURNMessage& message, const TURNMessage& answer,
-                   ByteView wire, bool isGenuine) {
-    const int challenge = model_.gateError(message, isGenuine);
-    const int error = challenge != 0 ? challenge : model_.outcome(who, message, script_);
-    const auto code = answer.first(TURNAttr::errorCode);
-    require(
-        answer.method == message.method && answer.txID == message.txID &&
-            answer.klass == (error == 0 ? TURNClass::successResponse : TURNClass::errorResponse) &&
-            (code ? TURNAttributes::decodeErrorCode(*code) : 0) == error,
-        "the answer is the one that the request and the state call for");
-    const auto key =
-        TURNAuth::longTermKey(credentials.username, credentials.realm, credentials.password);
-    if (challenge != 0) {
-      const auto nonce = answer.first(TURNAttr::nonce);
-      const auto realm = answer.first(TURNAttr::realm);
-      require(nonce && nonce->size() == 32 && realm && textOf(*realm) == credentials.realm &&
-                  !answer.first(TURNAttr::messageIntegrity),
-              "a challenge holds realm and nonce and is not signed");
-      latestNonce_ = textOf(*nonce);
-      require(model_.nonces.emplace(latestNonce_, model_.now).second, "a nonce is new");
-      return;
-    }
-    require(TURNAuth::verifyMessageIntegrity(wire, key), "an answer to a client is signed");
-    const auto lifetime = answer.first(TURNAttr::lifetime);
-    const auto seconds = lifetime ? TURNAttributes::decodeLifetime(*lifetime) : std::nullopt;
-    if (error == 0 && message.method == TURNMethod::refresh) {
-      require(seconds == model_.granted, "Refresh grants at most an hour");
-    }
-    if (error == 0 && message.method == TURNMethod::allocate) {
-      const auto relayed = answer.first(TURNAttr::xorRelayedAddress);
-      const auto mapped = answer.first(TURNAttr::xorMappedAddress);
-      require(
-          seconds == 600U && relayed && mapped &&
-              TURNAttributes::decodeXorAddress(*relayed)->ip == model_.clients[who]->relayIP &&
-              TURNAttributes::decodeXorAddress(*mapped)->port == endpoint(who).client.clientPort,
-          "Allocate tells both addresses and the lifetime");
-      model_.sweep();
+    const bool isSTUN = datagram[0] >> 6 == 0 && message;
+    if (client.opening) {
+      Client::Opening& opening = *client.opening;
+      if (opening.kept.size() < 64 && opening.octets + datagram.size() <= 65536 &&
+          !(message && message->method == TURNMethod::allocate && message->txID == opening.txID)) {
+        opening.octets += datagram.size();
+        opening.kept.push_back(sent);
+      }
+    } else if (isSTUN && message->method == TURNMethod::send &&
+               message->klass == TURNClass::indication) {
+      const auto peer = message->first(TURNAttr::xorPeerAddress);
+      const auto address = peer ? TURNAttributes::decodeXorAddress(*peer) : std::nullopt;
+      const auto data = message->first(TURNAttr::data);
+      if (address && data && client.isAlive(now())) {
+        client.due.push_back({joined({*data}), address->ip, address->port});
+      }
+    } else if (isSTUN) {
+      const int challenge = gateError(*message, sent.isGenuine);
+      if (challenge != 0) {
+        owe(who, message->method, message->txID, challenge);
+      } else {
+        judgeRequest(who, *message);
+      }
+    } else if (datagram[0] >> 6 == 1 && datagram.size() >= 4 && client.isAlive(now())) {
+      const std::size_t length = readUInt16(datagram, 2);
+      const auto channel = client.held->channels.find(readUInt16(datagram, 0));
+      if (datagram.size() >= 4 + length && channel != client.held->channels.end()) {
+        client.due.push_back(
+            {joined({datagram.subspan(4, length)}), channel->second.ip, channel->second.port});
+      }
     }
   }
 
-  void fromPeer(std::size_t who, Input& input) {
-    const std::string& ip = names[input.octet() % names.size()];
-    const std::uint8_t detail = input.octet();
-    const std::uint16_t port = detail % 8;
-    const std::uint8_t size = input.octet();
-    const Bytes payload(size < 0xF0 ? size : size * 255U, size);
-    const auto entry = access_.relays().find(endpoint(who).client);
-    if (entry == access_.relays().end()) {
-      return;
+  int gateError(const TURNMessage& message, bool isGenuine) const {
+    const auto nonce = message.first(TURNAttr::nonce);
+    if (!nonce || !message.first(TURNAttr::username) || !message.first(TURNAttr::realm) ||
+        !message.first(TURNAttr::messageIntegrity) ||
+        std::any_of(nonce->begin(), nonce->end(), [](auto octet) { return octet > 127; })) {
+      return 401;
     }
-    // Several of them, as long as the client's socket has room.
-    const std::vector<PeerDatagram> burst(size < 0xF0 ? 1 + detail / 16 : 1, {payload, ip, port});
-    static_cast<ScriptedRelay&>(*entry->second).handler(burst);
-    access_.drain();
-    for (std::size_t i = 0; i < burst.size(); ++i) {
-      checkDelivery(who, burst[i]);
-    }
-    requireSilence();
+    const auto issued = nonces_.find(std::string(textOf(*nonce)));
+    return issued == nonces_.end() || now() - issued->second > 300 ? 438 : isGenuine ? 0 : 401;
   }
 
-  void checkDelivery(std::size_t who, const PeerDatagram& arrival) {
-    const auto& [payload, ip, port] = arrival;
-    const auto datagram = endpoint(who).received();
-    std::vector<std::uint16_t> bound;
-    if (model_.isAlive(who)) {
-      for (const auto& [number, peer] : model_.clients[who]->channels) {
-        if (peer.ip == ip && peer.port == port) {
-          bound.push_back(number);
+  void judgeRequest(std::size_t who, const TURNMessage& message) {
+    Client& client = clients_[who];
+    int error = client.isAlive(now()) ? 0 : 437;
+    std::optional<std::uint32_t> lifetime;
+    if (message.method == TURNMethod::allocate) {
+      const auto transport = message.first(TURNAttr::requestedTransport);
+      const auto failed = client.failures.find(message.txID);
+      if (client.held) {
+        error = client.held->txID == message.txID ? 0 : 437;
+        lifetime = error == 0 ? std::optional(600U) : std::nullopt;
+      } else if (!transport || transport->empty() || (*transport)[0] != 17) {
+        error = 442;
+      } else if (failed != client.failures.end() && failed->second >= now()) {
+        error = 500;
+      } else {
+        sweep();
+        client.opening = Client::Opening{message.txID};
+        if (noThread_ && bodies_.empty() && running_ == 0) {
+          concluded_.push_back({who, false, false});
+        }
+        return;
+      }
+    } else if (message.method == TURNMethod::refresh) {
+      error = client.held ? 0 : 437;
+      if (client.held) {
+        const auto value = message.first(TURNAttr::lifetime);
+        lifetime =
+            std::min(value ? TURNAttributes::decodeLifetime(*value).value_or(600) : 600, 3600U);
+        client.held->expiry = now() + *lifetime;
+        if (lifetime == 0U) {
+          client.held.reset();
         }
       }
+    } else if (message.method == TURNMethod::channelBind) {
+      const auto number = message.first(TURNAttr::channelNumber);
+      const auto peer = message.first(TURNAttr::xorPeerAddress);
+      const auto address = peer ? TURNAttributes::decodeXorAddress(*peer) : std::nullopt;
+      if (error == 0 && number && number->size() >= 2 && (*number)[0] >> 6 == 1 && address) {
+        client.held->channels[readUInt16(*number, 0)] = *address;
+      } else if (error == 0) {
+        error = 400;
+      }
+    } else if (message.method != TURNMethod::createPermission) {
+      error = 400;
     }
-    require(datagram.has_value() == (model_.isAlive(who) && isDottedQuad(ip)),
-            "a peer reaches just the client of a live allocation");
-    if (datagram && !bound.empty()) {
-      require(std::count(bound.begin(), bound.end(), readUInt16(*datagram, 0)) == 1 &&
-                  readUInt16(*datagram, 2) == payload.size() &&
-                  areEqual(ByteView(*datagram).subspan(4), payload),
-              "a peer with a channel speaks through it");
-    } else if (datagram) {
-      const auto indication = TURNMessage::decode(*datagram);
-      require(indication && indication->method == TURNMethod::dataMsg &&
-                  indication->klass == TURNClass::indication,
-              "a peer without a channel speaks by Data indications");
-      const auto peer = TURNAttributes::decodeXorAddress(
-          indication->first(TURNAttr::xorPeerAddress).value_or(ByteView()));
-      const auto data = indication->first(TURNAttr::data);
-      require(peer && peer->ip == ip && peer->port == port && data && areEqual(*data, payload),
-              "a Data indication tells the peer and the payload");
+    owe(who, message.method, message.txID, error, lifetime);
+  }
+
+  void sweep() {
+    for (Client& client : clients_) {
+      if (client.held && client.held->expiry + 300 < now()) {
+        client.held.reset();
+      }
     }
   }
 
-  // What must hold after every step.
-  void checkState() const {
-    require(!InterfaceScope::modeOverride, "no override outlives an opening");
-    require(access_.isIdle(), "nothing is left of the datagram");
-    std::size_t alive = 0;
-    for (const auto& [client, relay] : factory_->made) {
-      const auto entry = access_.relays().find(client);
-      const bool isHeld = entry != access_.relays().end() && entry->second == relay;
-      require(relay->closings == (relay->isOpen && !isHeld ? 1 : 0),
-              "a relay is open just while its client holds it, and closed once");
-      alive += isHeld ? 1 : 0;
-    }
-    require(alive == access_.relays().size(), "no relay from elsewhere");
-    for (std::size_t who = 0; who < clientCount; ++who) {
-      const Allocation* const held = access_.allocation(endpoint(who).client);
-      const auto& model = model_.clients[who];
-      require((held != nullptr) == model.has_value(), "an allocation just where there must be one");
-      require(access_.relays().contains(endpoint(who).client) == model.has_value(),
-              "a relay just where there is an allocation");
-      require(!model || (held->lifetimeExpiry == model->expiry &&
-                         held->channels.size() == model->channels.size()),
-              "an allocation holds what was granted");
-    }
+  void owe(std::size_t who, std::uint16_t method, const TransactionID& txID, int error,
+           std::optional<std::uint32_t> lifetime = std::nullopt) {
+    clients_[who].owed.push_back([=, this](const Bytes& datagram) {
+      const auto answer = TURNMessage::decode(datagram).value();
+      const auto code = answer.first(TURNAttr::errorCode);
+      const auto value = answer.first(TURNAttr::lifetime);
+      const auto klass = error == 0 ? TURNClass::successResponse : TURNClass::errorResponse;
+      require(answer.method == method && answer.txID == txID && answer.klass == klass &&
+                  (code ? TURNAttributes::decodeErrorCode(*code) : 0) == error &&
+                  (value ? TURNAttributes::decodeLifetime(*value) : std::nullopt) == lifetime,
+              "the answer is the one that the request and the state call for");
+      if (const auto nonce = answer.first(TURNAttr::nonce)) {
+        latestNonce_ = textOf(*nonce);
+        require(nonces_.emplace(latestNonce_, now()).second && (error == 401 || error == 438),
+                "a challenge holds a new nonce");
+      } else {
+        require(TURNAuth::verifyMessageIntegrity(datagram, key_), "an answer is signed");
+      }
+    });
   }
+
+  static std::function<void(const Bytes&)> deliveryOf(const Client::Held& held, Datagram arrival) {
+    const auto channel =
+        std::find_if(held.channels.begin(), held.channels.end(), [&](const auto& entry) {
+          return entry.second.ip == arrival.ip && entry.second.port == arrival.port;
+        });
+    const int number = channel == held.channels.end() ? 0 : channel->first;
+    return [number, arrival = std::move(arrival)](const Bytes& datagram) {
+      const auto indication = TURNMessage::decode(datagram);
+      const ByteView payload = number != 0 ? ByteView(datagram).subspan(4)
+                                           : indication.value().first(TURNAttr::data).value();
+      require(
+          areEqual(payload, arrival.payload) && (number == 0 || readUInt16(datagram, 0) == number),
+          "a peer speaks through its lowest channel, or by Data indications");
+    };
+  }
+
+  // What must hold between bursts.
+  void check() {
+    std::size_t held = 0;
+    for (std::size_t who = 0; who < clientCount; ++who) {
+      Client& client = clients_[who];
+      const std::vector<Bytes> received = client.endpoint.received();
+      const auto owed = std::exchange(client.owed, {});
+      require(received.size() == owed.size(), "just what is owed comes");
+      for (std::size_t i = 0; i < owed.size(); ++i) {
+        owed[i](received[i]);
+      }
+      const FiveTuple& tuple = client.endpoint.client;
+      require(std::exchange(script_.sent[tuple.clientPort], {}) == std::exchange(client.due, {}),
+              "just what a live allocation allows is relayed, in order");
+
+      const Allocation* const allocation = access_.allocation(tuple);
+      require(allocation != nullptr
+                  ? client.held && client.held->expiry == allocation->lifetimeExpiry
+                  : !client.held,
+              "an allocation just where there must be one");
+      require(script_.live.contains(tuple.clientPort) == client.held.has_value(),
+              "a relay just as long as its allocation");
+      held += client.held ? 1 : 0;
+
+      const std::deque<Bytes>* const kept = access_.kept(tuple);
+      require((kept != nullptr) == client.opening.has_value() &&
+                  (kept == nullptr ||
+                   std::equal(kept->begin(), kept->end(), client.opening->kept.begin(),
+                              client.opening->kept.end(),
+                              [](const Bytes& a, const Sent& b) { return a == b.datagram; })),
+              "what waits for an opening is in order, bounded, and without retransmissions");
+    }
+    const auto handedOver = std::count_if(concluded_.begin(), concluded_.end(),
+                                          [](const Concluded& c) { return c.relayMade; });
+    require(running_ > 0 || script_.alive == held + static_cast<std::size_t>(handedOver),
+            "no relay outlives its use");
+  }
+
+  struct Concluded {
+    std::size_t who;
+    bool success;
+    bool relayMade;
+  };
 
   static constexpr std::uint64_t second = 1'000'000'000;  // nanoseconds
-  static constexpr std::uint64_t start_ = 123'456'789'012;
+  static constexpr std::uint64_t start = 123'456'789'012;
+  const TURNAuth::LongTermKey key_ =
+      TURNAuth::longTermKey(credentials.username, credentials.realm, credentials.password);
 
-  std::uint64_t time_ = start_;
-  Script script_;
-  const std::shared_ptr<ScriptedFactory> factory_ = std::make_shared<ScriptedFactory>(script_);
-  const std::shared_ptr<TURNServer> server_ = std::make_shared<TURNServer>(
-      credentials, credentials.realm, factory_, [this] { return time_; });
-  TURNServerAccess access_{*server_};
-
-  ServerModel model_;
+  Input& input_;
+  std::uint64_t time_ = start;
+  std::uint64_t nextSweep_ = start + 30 * second;
+  ScriptedRelay::Script script_;
+  bool noThread_ = false;
+  std::size_t linger_ = 0;                    // steps that the next opening takes
+  std::deque<std::function<void()>> bodies_;  // of the openings' threads
+  int running_ = 0;
+  std::vector<Concluded> concluded_;  // and not yet told the loop's thread
+  std::deque<Sent> burst_;
+  std::vector<Client> clients_;
+  std::map<std::string, std::uint32_t> nonces_;  // all that were ever issued, and when
   std::string latestNonce_;
-  std::vector<std::pair<std::size_t, Bytes>> gathered_;  // data of clients, by whom
-  std::uint8_t transactions_ = 0;
+
+  TURNServer server_{credentials, credentials.realm, std::make_shared<ScriptedFactory>(script_),
+                     false, [this] { return time_; }};
+  TURNServerAccess access_{server_};
 };
 
 }  // namespace
 
 void run(ByteView bytes) {
-  World world;
-  for (Input input(bytes); !input.isEmpty();) {
-    world.step(input);
+  Input input(bytes);
+  World world(input);
+  while (!input.isEmpty()) {
+    world.step();
   }
+  world.end();
 }
 
 std::vector<Bytes> seeds() {
-  // Steps as World::step() reads them, for client 0 unless said otherwise.
-  const Bytes allocate{6, 0, 0, 1, 0, 0};
-  const Bytes allocateByOther{0x16, 0, 0, 1, 0, 0};
-  const Bytes retransmit{6, 0x80, 0, 1, 0, 0};
-  const Bytes bind{6, 3, 0, 2, 2, 1, 1, 0};  // channel 0x4001 to the first peer, port 0
-  const Bytes permit{6, 5, 0, 1, 1, 0};
-  const Bytes refresh{6, 2, 0, 0};
-  const Bytes release{6, 2, 0, 1, 3, 0, 0};
-  const Bytes badKey{6, 2, 6, 0};
-  const Bytes oldNonce{6, 2, 2, 0};
-  const Bytes changed{6, 2, 7, 0, 0, 30, 1};
-  const Bytes indication{2, 2, 1, 0, 4, 2, 'h', 'i'};
-  const Bytes channelData{3, 1, 2, 2, 'h', 'i'};
-  const Bytes peer{4, 0, 0, 5};
-  const Bytes hugePeer{4, 1, 3, 0xFF};
-  const Bytes wait299{0, 0x01, 0x2B};
-  const Bytes wait300{0, 0x01, 0x2C};
-  const Bytes wait1{0, 0x00, 0x01};
-  const Bytes wait601{0, 0x02, 0x59};
-  const Bytes noFaults{5, 0};
-  const Bytes data = joined({indication, channelData, peer, hugePeer});
-  std::vector<Bytes> all{
-      joined({allocate, bind, permit, data, refresh, release, data, allocate}),
-      joined({allocate, retransmit, allocate, wait299, data, wait299, oldNonce, refresh, data}),
-      joined({allocate, bind, wait601, data, refresh, refresh, data, wait601, wait601,
-              allocateByOther, allocateByOther, data}),
-      joined({allocate, wait300, refresh, wait1, refresh, refresh, wait300, wait300, data, wait1,
-              data}),
-      joined({badKey, oldNonce, changed, allocate, badKey, changed, release, release}),
-      joined({Bytes{1, 4, 0x40, 1, 0, 0}, Bytes{1, 1, 0xFF}, Bytes{1, 1, 0}, allocate, data})};
-  for (std::uint8_t faults = 1; faults < 0x70; faults = static_cast<std::uint8_t>(faults * 2 + 1)) {
-    all.push_back(joined({Bytes{5, faults}, allocate, data, noFaults, allocate, data}));
+  // Steps as World::step() reads them, for client 0 but for A: o runs the openings and turns the
+  // loop, l runs one while others take steps, a asks, n with a new transaction, b binds a channel,
+  // r refreshes, z with lifetime zero, k signs with another key, c changes on the way, s takes the
+  // first nonce, i, d and p are data, f is a flood, e the relay's end, x, y and t have openings
+  // fail and w succeed, the others let time pass.
+  std::map<char, Bytes> steps;
+  for (const auto& [letter, octets] : std::initializer_list<std::pair<char, const char*>>{
+           {'o', "060007"},       {'l', "0607"},
+           {'a', "0A000000"},     {'A', "1A000000"},
+           {'n', "0A200000"},     {'b', "0A0300020103"},
+           {'r', "0A020000"},     {'z', "0A020001000000"},
+           {'k', "0A020600"},     {'c', "0A020700001E01"},
+           {'s', "0A020200"},     {'i', "82020105026869"},
+           {'d', "030302026869"}, {'p', "04001005"},
+           {'f', "09"},           {'e', "08"},
+           {'x', "0503"},         {'y', "0504"},
+           {'t', "0508"},         {'w', "0500"},
+           {'T', "07"},           {'1', "0000"},
+           {'2', "0002"},         {'3', "0003"},
+           {'4', "0004"},         {'7', "0007"},
+           {'9', "0009"}}) {
+    for (const char* at = octets; *at != 0 && at[1] != 0; at += 2) {
+      steps[letter].push_back(
+          static_cast<std::uint8_t>(std::stoi(std::string(at, 2), nullptr, 16)));
+    }
   }
-  all.push_back(joined({Bytes{5, 0x60}, allocate, data, noFaults, allocate, data}));
-  all.push_back(joined({Bytes{5, 9}, allocate, data, Bytes{5, 4}, release, allocate, data}));
+  std::vector<Bytes> all;
+  for (const std::string_view text :
+       {"aobidprzidpaoidp", "abidpaidpfAoidp", "aob9idprksridp972idpao", "xao3wano4aidp",
+        "alAidpa3Abocidp", "xanidpwooideidpao", "yaoidpwnoidp", "taoidpwnoidp", "aAtnw2zo",
+        "affoaidp", "Ao97T1aaoaidpn"}) {
+    Bytes& seed = all.emplace_back();
+    for (const char letter : text) {
+      append(seed, steps.at(letter));
+    }
+  }
   return all;
 }
 

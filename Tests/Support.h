@@ -136,17 +136,6 @@ class Environment {
   const char* const name_;
 };
 
-inline std::ptrdiff_t runningThreads() {
-  // A sanitizer may start a thread of its own when the program starts its first, and a thread that
-  // has been joined is still listed for a moment.
-  [[maybe_unused]] static const bool settled = [] {
-    std::thread([] {}).join();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    return true;
-  }();
-  return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-}
-
 /// But for the log of the data plane, which is kept open from its first line on, and for pipes, by
 /// which a sanitizer talks to its symbolizer.
 inline std::ptrdiff_t openDescriptors() {

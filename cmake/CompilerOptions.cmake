@@ -1,6 +1,8 @@
 # Warnings, sanitizers and hardening for every target of the project.
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+# Who may touch what is shared between threads is written beside it, and clang checks it.
+add_compile_options($<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 if(ZK_WARNINGS_AS_ERRORS)
   add_compile_options(-Werror)
 endif()
@@ -13,7 +15,10 @@ endif()
 # The daemon reads what strangers send: whatever the compiler and the linker can make harder to
 # abuse, they do. _FORTIFY_SOURCE needs optimisation and gets in the sanitizers' way.
 add_compile_options(-fPIE -fstack-protector-strong)
-add_link_options(-pie -Wl,-z,relro,-z,now,-z,noexecstack)
+add_link_options(-pie)
+if(NOT APPLE)  # where the linker does these by itself
+  add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+endif()
 include(CheckCXXCompilerFlag)
 check_cxx_compiler_flag(-fcf-protection=full ZK_HAS_CF_PROTECTION)
 if(ZK_HAS_CF_PROTECTION)
@@ -22,5 +27,7 @@ endif()
 if(NOT ZK_SANITIZE)
   add_compile_options($<$<CONFIG:Release>:-U_FORTIFY_SOURCE>
                       $<$<CONFIG:Release>:-D_FORTIFY_SOURCE=2>
-                      $<$<CONFIG:Release>:-D_GLIBCXX_ASSERTIONS>)
+                      $<$<CONFIG:Release>:-D_GLIBCXX_ASSERTIONS>
+                      $<$<CONFIG:Release>:-U_LIBCPP_HARDENING_MODE>
+                      $<$<CONFIG:Release>:-D_LIBCPP_HARDENING_MODE=_LIBCPP_HARDENING_MODE_FAST>)
 endif()

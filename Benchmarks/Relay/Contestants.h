@@ -5,9 +5,8 @@
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
-
-#include "Load.h"
+#include "Loopback/ChildProcess.h"
+#include "Loopback/Load.h"
 
 namespace zk::bench {
 
@@ -15,28 +14,34 @@ namespace zk::bench {
 class Contestant {
  public:
   virtual ~Contestant() = default;
-  const std::string& name() const { return name_; }
   /// The process whose CPU time and memory are measured.
-  pid_t pid() const { return pid_; }
-  const std::vector<Endpoint>& endpoints() const { return endpoints_; }
+  virtual const loopback::ChildProcess& process() const = 0;
+  const std::string& name() const { return name_; }
   bool isProxy() const { return isProxy_; }
+  const std::vector<loopback::Endpoint>& endpoints() const { return endpoints_; }
+  /// Where clients send to.
+  std::uint16_t port() const { return port_; }
 
  protected:
   std::string name_;
-  pid_t pid_ = -1;
   bool isProxy_ = false;
-  std::vector<Endpoint> endpoints_;
+  std::uint16_t port_ = 0;
+  std::vector<loopback::Endpoint> endpoints_;
 };
+
+/// The proxy of the daemons, for a process of its own: its relay is the far side itself. Prints its
+/// port and serves until standard input ends.
+void runProxy(std::uint16_t farPort);
 
 enum class DaemonForm { channelData, indications };
 
 /// The forwarder of Floor.h, in a process of its own.
 std::unique_ptr<Contestant> makeFloor(std::uint16_t farPort);
 
-/// The daemon with `clients` allocations through a proxy whose relay is the far side itself. An
-/// empty `binary` is the daemon of this build; another one bears its path in its name.
-std::unique_ptr<Contestant> makeDaemon(std::uint16_t farPort, DaemonForm form, unsigned clients = 1,
-                                       const std::string& binary = {});
+/// The daemon `binary` with `clients` allocations through a proxy whose relay is the far side
+/// itself.
+std::unique_ptr<Contestant> makeDaemon(const std::string& binary, std::uint16_t farPort,
+                                       DaemonForm form, unsigned clients = 1);
 
 /// The SOCKS5 servers that are installed, each with one association.
 std::vector<std::unique_ptr<Contestant>> makeProxies(std::uint16_t farPort);

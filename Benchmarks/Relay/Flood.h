@@ -1,8 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
+
+#include <netinet/in.h>
 
 #include "Contestants.h"
 
@@ -19,6 +22,11 @@ struct FloodKind {
   Bytes datagram;  // what the daemon gets of it
   Path path;
 };
+
+/// What becomes of a payload of so many octets at the far side that spoil() handles: a frame that
+/// no relay can read. All others are sent back as they are.
+inline constexpr std::size_t spoiledSize = 333;
+bool spoil(std::span<std::uint8_t> datagram, const sockaddr_in& from);
 
 /// What a stranger may send: octets of no protocol, broken messages, data that belongs to nobody,
 /// requests without credentials or with a wrong signature, and what a proxy may send.

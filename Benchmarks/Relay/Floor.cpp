@@ -6,17 +6,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "Loopback/KitSocket.h"
 #include "Platform/IPv4.h"
-#include "Platform/Sockets.h"
 
 namespace zk::bench {
 namespace {
-
-int boundSocket() {
-  const int fd = openUDPSocket();
-  bindSocket(fd, socketAddress("127.0.0.1", 0));
-  return fd;
-}
 
 [[noreturn]] void forward(int from, int to, const sockaddr_in* fixedTarget, sockaddr_in* learned) {
   static thread_local std::uint8_t buffer[65536];
@@ -39,15 +33,17 @@ int boundSocket() {
 }  // namespace
 
 void runFloor(std::uint16_t farPort) {
-  const int nearSocket = boundSocket();
-  const int farSocket = boundSocket();
-  std::printf("%u\n", portNumber(localAddress(nearSocket)));
+  static const loopback::KitSocket nearSocket = loopback::KitSocket::boundUDP();
+  static const loopback::KitSocket farSocket = loopback::KitSocket::boundUDP();
+  loopback::setBlocking(nearSocket.get(), std::chrono::milliseconds(0));
+  loopback::setBlocking(farSocket.get(), std::chrono::milliseconds(0));
+  std::printf("%u\n", portNumber(nearSocket.localAddress()));
   std::fflush(stdout);
   const sockaddr_in far = socketAddress("127.0.0.1", farPort);
   // Written with the same value for every datagram of the one client, before any answer to it.
   static sockaddr_in client{};
-  std::thread([=] { forward(farSocket, nearSocket, &client, nullptr); }).detach();
-  forward(nearSocket, farSocket, &far, &client);
+  std::thread([=] { forward(farSocket.get(), nearSocket.get(), &client, nullptr); }).detach();
+  forward(nearSocket.get(), farSocket.get(), &far, &client);
 }
 
 }  // namespace zk::bench

@@ -1,71 +1,29 @@
 #include "Report.h"
 
 #include <algorithm>
+#include <cmath>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
 
-#include <fmt/format.h>
 #include <sys/utsname.h>
 
 namespace zk::bench {
-namespace {
 
-template <typename Figure>
-double medianOf(const std::vector<Measurement>& rounds, Figure figure) {
+double Series::of(double Measurement::*figure) const {
   std::vector<double> values;
   for (const Measurement& round : rounds) {
-    values.push_back(figure(round));
+    values.push_back(round.*figure);
   }
   return median(std::move(values));
 }
 
-// One bar with its label and its figure.
-std::string bar(const Series& series, const Series& floor, double perMicrosecond, int y) {
-  const double cpu = series.cpuMicroseconds();
-  const char* const colour = series.name == "floor"               ? "#9aa5b1"
-                             : series.name.starts_with("zkturnd") ? "#1f77b4"
-                                                                  : "#d9822b";
-  const double width = cpu * perMicrosecond;
-  return fmt::format(
-      "<text x=\"190\" y=\"{}\" text-anchor=\"end\">{}</text>"
-      "<rect x=\"200\" y=\"{}\" width=\"{:.1f}\" height=\"22\" fill=\"{}\"/>"
-      "<text x=\"{:.1f}\" y=\"{}\">{:.2f} µs, {:.2f} × floor</text>\n",
-      y + 16, series.name, y, width, colour, 208 + width, y + 16, cpu,
-      ratio(series, floor, cpuMicrosecondsOf));
-}
-
-}  // namespace
-
-double Series::cpuMicroseconds() const {
-  return medianOf(rounds, cpuMicrosecondsOf);
-}
-
-double Series::p50() const {
-  return medianOf(rounds, p50Of);
-}
-
-double Series::p99() const {
-  return medianOf(rounds, [](const Measurement& m) { return m.load.p99; });
-}
-
-double Series::roundTripsPerSecond() const {
-  return medianOf(rounds, [](const Measurement& m) {
-    return static_cast<double>(m.load.roundTrips) / m.load.seconds;
-  });
-}
-
-std::uint64_t Series::losses() const {
-  std::uint64_t sum = 0;
-  for (const Measurement& round : rounds) {
-    sum += round.load.losses;
+double Series::ratioTo(const Series& base, double Measurement::*figure) const {
+  std::vector<double> ratios;
+  for (std::size_t i = 0; i < std::min(rounds.size(), base.rounds.size()); ++i) {
+    ratios.push_back(rounds[i].*figure / base.rounds[i].*figure);
   }
-  return sum;
-}
-
-std::size_t Series::residentKilobytes() const {
-  return static_cast<std::size_t>(medianOf(
-      rounds, [](const Measurement& m) { return static_cast<double>(m.residentKilobytes); }));
+  return median(std::move(ratios));
 }
 
 double median(std::vector<double> values) {
@@ -75,22 +33,6 @@ double median(std::vector<double> values) {
   const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
   std::nth_element(values.begin(), middle, values.end());
   return *middle;
-}
-
-double ratio(const Series& series, const Series& base, double (*figure)(const Measurement&)) {
-  std::vector<double> ratios;
-  for (std::size_t i = 0; i < std::min(series.rounds.size(), base.rounds.size()); ++i) {
-    ratios.push_back(figure(series.rounds[i]) / figure(base.rounds[i]));
-  }
-  return median(std::move(ratios));
-}
-
-double cpuMicrosecondsOf(const Measurement& round) {
-  return round.cpuMicroseconds;
-}
-
-double p50Of(const Measurement& round) {
-  return round.load.p50;
 }
 
 const Series& find(const std::vector<Series>& all, const std::string& name, std::size_t payload,
@@ -109,41 +51,69 @@ std::string table(const std::vector<Series>& all) {
       "p99 µs | losses | resident KiB |\n|--:|--:|:--|--:|--:|--:|--:|--:|--:|--:|\n";
   for (const Series& series : all) {
     const Series& floor = find(all, "floor", series.payload, series.outstanding);
-    text += fmt::format("| {} | {} | {} | {:.2f} | {:.2f} | {:.0f} | {:.0f} | {:.0f} | {} | {} |\n",
-                        series.payload, series.outstanding, series.name, series.cpuMicroseconds(),
-                        ratio(series, floor, cpuMicrosecondsOf), series.roundTripsPerSecond(),
-                        series.p50(), series.p99(), series.losses(), series.residentKilobytes());
+    std::uint64_t losses = 0;
+    for (const Measurement& round : series.rounds) {
+      losses += round.losses;
+    }
+    text += fmt::format(
+        "| {} | {} | {} | {:.2f} | {:.2f} | {:.0f} | {:.0f} | {:.0f} | {} | {} |\n", series.payload,
+        series.outstanding, series.name, series.of(&Measurement::cpuMicroseconds),
+        series.ratioTo(floor, &Measurement::cpuMicroseconds),
+        series.of(&Measurement::roundTripsPerSecond), series.of(&Measurement::p50),
+        series.of(&Measurement::p99), losses, series.of(&Measurement::residentKilobytes));
   }
   return text;
 }
 
-std::string chart(const std::vector<Series>& all, std::size_t payload, unsigned outstanding,
-                  const std::string& machine) {
-  std::vector<const Series*> shown;
+std::string chart(const std::string& title, const std::vector<Bar>& bars, bool logarithmic) {
+  // From a tenth on, where it is by factors.
+  const auto length = [&](double value) {
+    return logarithmic ? std::log10(std::max(value, 0.1) * 10) : value;
+  };
   double most = 0;
-  for (const Series& series : all) {
-    if (series.payload == payload && series.outstanding == outstanding) {
-      shown.push_back(&series);
-      most = std::max(most, series.cpuMicroseconds());
-    }
+  for (const Bar& bar : bars) {
+    most = std::max(most, length(bar.value));
   }
-  const Series& floor = find(all, "floor", payload, outstanding);
-  const double perMicrosecond = 400 / most;
-  const int height = 80 + 34 * static_cast<int>(shown.size());
+  const std::size_t height = 80 + 28 * bars.size();
   std::string svg = fmt::format(
-      "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"800\" height=\"{0}\" "
+      "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"960\" height=\"{0}\" "
       "font-family=\"sans-serif\" font-size=\"13\">\n"
-      "<rect width=\"800\" height=\"{0}\" fill=\"white\"/>\n"
-      "<text x=\"20\" y=\"24\" font-size=\"15\">CPU time per relayed datagram, {1} octets, {2} "
-      "round trips outstanding (less is better)</text>\n",
-      height, payload, outstanding);
+      "<rect width=\"960\" height=\"{0}\" fill=\"white\"/>\n"
+      "<text x=\"20\" y=\"24\" font-size=\"15\">{1}</text>\n",
+      height, title);
   int y = 44;
-  for (const Series* series : shown) {
-    svg += bar(*series, floor, perMicrosecond, y);
-    y += 34;
+  for (const Bar& bar : bars) {
+    const double width = length(bar.value) * 330 / most;
+    svg += fmt::format(
+        "<text x=\"430\" y=\"{}\" text-anchor=\"end\">{}</text>"
+        "<rect x=\"440\" y=\"{}\" width=\"{:.1f}\" height=\"20\" fill=\"{}\"/>"
+        "<text x=\"{:.1f}\" y=\"{}\">{}</text>\n",
+        y + 15, bar.label, y, width, bar.colour, 448 + width, y + 15, bar.figure);
+    y += 28;
   }
   return svg + fmt::format("<text x=\"20\" y=\"{}\" font-size=\"11\">{}</text>\n</svg>\n",
-                           height - 12, machine);
+                           height - 12, machineText());
+}
+
+std::string chart(const std::vector<Series>& all, std::size_t payload, unsigned outstanding) {
+  const Series& floor = find(all, "floor", payload, outstanding);
+  std::vector<Bar> bars;
+  for (const Series& series : all) {
+    if (series.payload == payload && series.outstanding == outstanding) {
+      const double cpu = series.of(&Measurement::cpuMicroseconds);
+      const double times = series.ratioTo(floor, &Measurement::cpuMicroseconds);
+      bars.push_back({series.name, cpu, fmt::format("{:.2f} µs, {:.2f} × floor", cpu, times)});
+      if (series.isProxy) {
+        bars.back().colour = orange;
+      } else if (&series == &floor) {
+        bars.back().colour = grey;
+      }
+    }
+  }
+  return chart(fmt::format("CPU time per relayed datagram, {} octets, {} round trips outstanding "
+                           "(less is better)",
+                           payload, outstanding),
+               bars, false);
 }
 
 std::string machineText() {

@@ -2,20 +2,18 @@
 // under the same load, interleaved in one run.
 
 #include <array>
+#include <cstdio>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 
-#include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
-#include "ChildProcess.h"
 #include "Contestants.h"
-#include "FarSide.h"
 #include "Flood.h"
 #include "Floor.h"
-#include "Loopback/DaemonConfig.h"
+#include "Independence.h"
 #include "Loopback/DaemonProcess.h"
-#include "Loopback/SOCKS5Server.h"
+#include "Loopback/FarSide.h"
 #include "Loopback/TURNClient.h"
 #include "Platform/Clock.h"
 #include "Report.h"
@@ -23,17 +21,22 @@
 namespace zk::bench {
 namespace {
 
+using namespace loopback;
 using namespace std::chrono_literals;
 
 constexpr unsigned manyClients = 500;
+constexpr unsigned crowd = 5000;
 
 struct Options {
+  std::string daemon = programBeside("zkturnd");
   int rounds = 21;
-  std::chrono::milliseconds perRun{200};
+  unsigned milliseconds = 200;
   std::uint64_t endurance = 10'000'000;  // datagrams
-  bool withProxies = true;
+  bool withoutProxies = false;
   std::vector<std::string> beside;  // other builds of the daemon
   std::string svg;
+
+  std::chrono::milliseconds perRun() const { return std::chrono::milliseconds(milliseconds); }
 };
 
 struct LoadKind {
@@ -42,150 +45,141 @@ struct LoadKind {
 };
 constexpr LoadKind loads[] = {{200, 32}, {200, 1}, {20, 32}, {1200, 32}};
 
-/// One line of the verdict: a figure and what it must not pass.
-class Verdict {
- public:
-  void check(const std::string& what, double value, double bound, const char* unit) {
-    const bool holds = value <= bound;
-    allHold_ = allHold_ && holds;
-    fmt::print("{} {}: {:.2f}{} (at most {:.2f})\n", holds ? "ok  " : "OVER", what, value, unit,
-               bound);
-  }
-  /// A figure without a bound.
-  static void tell(const std::string& what, double value, const char* unit) {
-    fmt::print("     {}: {:.2f}{}\n", what, value, unit);
-  }
-  bool allHold() const { return allHold_; }
-
- private:
-  bool allHold_ = true;
-};
-
 Measurement measure(const Contestant& contestant, const LoadKind& load,
                     std::chrono::milliseconds duration, unsigned burst = 1) {
-  const auto before = cpuTimeWithChildren(contestant.pid());
-  Measurement result;
-  result.load = runLoad(contestant.endpoints(), load.payload, load.outstanding, duration, burst);
-  const auto used = cpuTimeWithChildren(contestant.pid()) - before;
-  const double datagrams = 2.0 * static_cast<double>(result.load.roundTrips);
-  result.cpuMicroseconds = std::chrono::duration<double, std::micro>(used).count() / datagrams;
-  result.residentKilobytes = residentWithChildren(contestant.pid());
-  return result;
+  const auto before = contestant.process().cpuTime();
+  const LoadResult result = runLoad(contestant.endpoints(), {.payload = load.payload,
+                                                             .outstanding = load.outstanding,
+                                                             .duration = duration,
+                                                             .burst = burst});
+  const auto used = contestant.process().cpuTime() - before;
+  const auto roundTrips = static_cast<double>(result.roundTrips());
+  return {
+      .roundTripsPerSecond = roundTrips / result.seconds,
+      .p50 = result.percentile(0.50),
+      .p99 = result.percentile(0.99),
+      .cpuMicroseconds = std::chrono::duration<double, std::micro>(used).count() / (2 * roundTrips),
+      .residentKilobytes = static_cast<double>(contestant.process().residentKilobytes()),
+      .roundTrips = result.roundTrips(),
+      .losses = result.losses()};
 }
 
 std::vector<Series> compare(const Options& options, std::uint16_t farPort) {
+  using enum DaemonForm;
   std::vector<std::unique_ptr<Contestant>> contestants;
-  contestants.push_back(makeFloor(farPort));
-  contestants.push_back(makeDaemon(farPort, DaemonForm::channelData));
-  contestants.push_back(makeDaemon(farPort, DaemonForm::indications));
-  for (const std::string& binary : options.beside) {
-    contestants.push_back(makeDaemon(farPort, DaemonForm::channelData, 1, binary));
-    contestants.push_back(makeDaemon(farPort, DaemonForm::indications, 1, binary));
+  std::vector<std::string> names;
+  const auto add = [&](const std::string& prefix, std::unique_ptr<Contestant> contestant) {
+    names.push_back(prefix + contestant->name());
+    contestants.push_back(std::move(contestant));
+  };
+  add("", makeFloor(farPort));
+  for (const DaemonForm form : {channelData, indications}) {
+    add("zkturnd, ", makeDaemon(options.daemon, farPort, form));
+    for (const std::string& binary : options.beside) {
+      add(binary + ", ", makeDaemon(binary, farPort, form));
+    }
   }
-  if (options.withProxies) {
+  if (!options.withoutProxies) {
     for (auto& proxy : makeProxies(farPort)) {
-      contestants.push_back(std::move(proxy));
+      add("", std::move(proxy));
     }
   }
   std::vector<Series> all;
   for (const LoadKind& load : loads) {
     const std::size_t first = all.size();
-    for (const auto& contestant : contestants) {
-      all.push_back(
-          {contestant->name(), contestant->isProxy(), load.payload, load.outstanding, {}});
-      measure(*contestant, load, 100ms);  // warm
+    for (std::size_t i = 0; i < contestants.size(); ++i) {
+      all.push_back({names[i], contestants[i]->isProxy(), load.payload, load.outstanding, {}});
+      measure(*contestants[i], load, 100ms);  // warm
     }
     for (int round = 0; round < options.rounds; ++round) {
       for (std::size_t i = 0; i < contestants.size(); ++i) {
-        all[first + i].rounds.push_back(measure(*contestants[i], load, options.perRun));
+        all[first + i].rounds.push_back(measure(*contestants[i], load, options.perRun()));
       }
     }
   }
   return all;
 }
 
-/// CPU per datagram at 500 allocations, × that at one, and KiB per idle allocation.
-///
-/// The one has 32 round trips outstanding. Of the 500 each has as many in its turn: the bound is
-/// for that. How much dearer shorter bursts are is told as well. A datagram that comes alone wakes
-/// its relay's thread for itself alone.
+/// CPU per datagram at 500 allocations, × that at one: with as many datagrams for each of the 500
+/// in its turn as the one has, with fewer, and with one, which wakes the daemon for itself alone.
 void compareMany(const Options& options, std::uint16_t farPort, Verdict& verdict) {
   constexpr unsigned bursts[] = {loads[0].outstanding, 8, 1};
-  const auto one = makeDaemon(farPort, DaemonForm::channelData);
-  const std::size_t residentOfOne = residentWithChildren(one->pid());
-  const auto many = makeDaemon(farPort, DaemonForm::channelData, manyClients);
-  const std::size_t residentOfMany = residentWithChildren(many->pid());
+  const auto one = makeDaemon(options.daemon, farPort, DaemonForm::channelData);
+  const auto many = makeDaemon(options.daemon, farPort, DaemonForm::channelData, manyClients);
   Series costOfOne;
   std::array<Series, std::size(bursts)> costOfMany;
   for (int round = 0; round < options.rounds; ++round) {
-    costOfOne.rounds.push_back(measure(*one, loads[0], options.perRun));
+    costOfOne.rounds.push_back(measure(*one, loads[0], options.perRun()));
     for (std::size_t i = 0; i < std::size(bursts); ++i) {
-      costOfMany[i].rounds.push_back(measure(*many, loads[0], options.perRun, bursts[i]));
+      costOfMany[i].rounds.push_back(measure(*many, loads[0], options.perRun(), bursts[i]));
     }
   }
   for (std::size_t i = 0; i < std::size(bursts); ++i) {
-    const double times = ratio(costOfMany[i], costOfOne, cpuMicrosecondsOf);
-    const std::string what = fmt::format(
-        "CPU per datagram at {} allocations, {} at a time, × that at one", manyClients, bursts[i]);
-    if (i == 0) {
-      verdict.check(what, times, 1.3, "");
-    } else {
-      Verdict::tell(what, times, "");
-    }
+    verdict.check(fmt::format("CPU per datagram at {} allocations, {} at a time, × that at one",
+                              manyClients, bursts[i]),
+                  costOfMany[i].ratioTo(costOfOne, &Measurement::cpuMicroseconds), 1.3, "");
   }
-  verdict.check("resident memory per idle allocation",
-                static_cast<double>(residentOfMany - residentOfOne) / (manyClients - 1), 120,
+}
+
+void measureCrowd(const Options& options, std::uint16_t farPort, Verdict& verdict) {
+  const auto none = makeDaemon(options.daemon, farPort, DaemonForm::indications, 0);
+  const auto all = makeDaemon(options.daemon, farPort, DaemonForm::indications, crowd);
+  const auto resident = [](const auto& daemon) {
+    return static_cast<double>(daemon->process().residentKilobytes());
+  };
+  verdict.check(fmt::format("resident memory with {} allocations", crowd), resident(all) / 1024, 40,
+                " MiB");
+  Verdict::tell("resident memory per idle allocation", (resident(all) - resident(none)) / crowd,
                 " KiB");
+  verdict.check(fmt::format("threads more with {} allocations than with none", crowd),
+                static_cast<double>(all->process().threadCount()) -
+                    static_cast<double>(none->process().threadCount()),
+                1, "");
 }
 
 Measurement measureFlood(const Contestant& daemon, const FloodKind& kind) {
   constexpr std::uint64_t count = 15'000;
-  const auto before = cpuTimeWithChildren(daemon.pid());
+  const auto before = daemon.process().cpuTime();
   const auto datagrams = static_cast<double>(flood(daemon, kind, count));
-  const auto used = cpuTimeWithChildren(daemon.pid()) - before;
-  Measurement result;
-  result.cpuMicroseconds = std::chrono::duration<double, std::micro>(used).count() / datagrams;
-  return result;
+  const auto used = daemon.process().cpuTime() - before;
+  return {.cpuMicroseconds = std::chrono::duration<double, std::micro>(used).count() / datagrams};
 }
 
 /// Whether bad input costs more than good input. Datagrams that are dropped compare to relayed
 /// ones. Requests that are refused compare to good ones; these are answered too, so the two are
 /// told to be about the same, without a bound.
-void compareFloods(const Options& options, std::uint16_t farPort, Verdict& verdict) {
-  const auto daemon = makeDaemon(farPort, DaemonForm::channelData);
+void compareFloods(const Options& options, Verdict& verdict) {
+  const FarSide farSide(spoil);
+  const auto daemon = makeDaemon(options.daemon, farSide.port(), DaemonForm::channelData);
   const std::vector<FloodKind> kinds = badInput(*daemon);
   const FloodKind good = goodRequest(*daemon);
   Series relaying;
   Series answering;
   std::vector<Series> flooding(kinds.size());
   for (int round = 0; round < options.rounds; ++round) {
-    relaying.rounds.push_back(measure(*daemon, loads[0], options.perRun));
+    relaying.rounds.push_back(measure(*daemon, loads[0], options.perRun()));
     answering.rounds.push_back(measureFlood(*daemon, good));
     for (std::size_t i = 0; i < kinds.size(); ++i) {
       flooding[i].rounds.push_back(measureFlood(*daemon, kinds[i]));
     }
   }
   for (std::size_t i = 0; i < kinds.size(); ++i) {
+    const auto to = [&](const Series& base) {
+      return flooding[i].ratioTo(base, &Measurement::cpuMicroseconds);
+    };
     const std::string what = "CPU per datagram in a flood of " + kinds[i].name + ", × that of ";
     if (kinds[i].path == FloodKind::Path::answered) {
-      Verdict::tell(what + "good requests", ratio(flooding[i], answering, cpuMicrosecondsOf), "");
+      Verdict::tell(what + "good requests", to(answering), "");
     } else {
-      verdict.check(what + "relaying", ratio(flooding[i], relaying, cpuMicrosecondsOf), 1.0, "");
+      verdict.check(what + "relaying", to(relaying), 1.0, "");
     }
   }
 }
 
 /// Milliseconds from the signed Allocate request to its answer.
-void measureOpening(std::uint16_t farPort, Verdict& verdict) {
-  loopback::SOCKS5Script script;
-  script.announcePort = farPort;
-  loopback::SOCKS5Server proxy(script);
-  loopback::DaemonConfig config;
-  config.proxyPort = proxy.port();
-  loopback::DaemonProcess daemon(ZK_DAEMON, {{"ZK_STUN_IPS", "127.0.0.1:3478"}});
-  daemon.write(config.line());
-  const auto port = daemon.waitReady(5s);
-  loopback::TURNClient client(port.value_or(0));
+void measureOpening(const Options& options, std::uint16_t farPort, Verdict& verdict) {
+  const auto daemon = makeDaemon(options.daemon, farPort, DaemonForm::indications, 0);
+  TURNClient client(daemon->port());
   std::vector<double> milliseconds;
   for (int i = 0; i < 200; ++i) {
     const bool first = client.nonce().empty();
@@ -202,42 +196,45 @@ void measureOpening(std::uint16_t farPort, Verdict& verdict) {
 }
 
 void measureEndurance(const Options& options, std::uint16_t farPort, Verdict& verdict) {
-  const auto daemon = makeDaemon(farPort, DaemonForm::channelData);
+  const auto daemon = makeDaemon(options.daemon, farPort, DaemonForm::channelData);
   measure(*daemon, loads[0], 3s);
-  const std::size_t before = residentWithChildren(daemon->pid());
+  const auto before = daemon->process().residentKilobytes();
   std::uint64_t relayed = 0;
   std::uint64_t losses = 0;
   while (relayed < options.endurance) {
     const Measurement part = measure(*daemon, loads[0], 5s);
-    relayed += 2 * part.load.roundTrips;
-    losses += part.load.losses;
+    relayed += 2 * part.roundTrips;
+    losses += part.losses;
   }
-  const std::size_t after = residentWithChildren(daemon->pid());
+  const auto after = daemon->process().residentKilobytes();
   fmt::print("     {} datagrams relayed, {} lost; resident {} KiB before, {} KiB after\n", relayed,
              losses, before, after);
-  // The two buffers of the debug log keep up to 256 KiB each. A leak of one octet per datagram
-  // would be ten megabytes.
+  // The buffers of the logs keep some. A leak of one octet per datagram would be ten megabytes.
   verdict.check("growth of resident memory over them",
                 static_cast<double>(after) - static_cast<double>(before), 512, " KiB");
 }
 
 void judge(const std::vector<Series>& all, Verdict& verdict) {
-  const auto toFloor = [&](const std::string& name, unsigned outstanding,
-                           double (*figure)(const Measurement&)) {
-    return ratio(find(all, name, 200, outstanding), find(all, "floor", 200, outstanding), figure);
+  const auto toFloor = [&](const char* form, std::size_t payload, unsigned outstanding,
+                           double Measurement::*figure) {
+    return find(all, fmt::format("zkturnd, {}", form), payload, outstanding)
+        .ratioTo(find(all, "floor", payload, outstanding), figure);
   };
-  const std::string channelData = "zkturnd, ChannelData";
-  const std::string indications = "zkturnd, indications";
-  verdict.check("CPU per datagram, ChannelData, × floor",
-                toFloor(channelData, 32, cpuMicrosecondsOf), 1.5, "");
-  verdict.check("CPU per datagram, indications, × floor",
-                toFloor(indications, 32, cpuMicrosecondsOf), 1.7, "");
+  constexpr auto cpu = &Measurement::cpuMicroseconds;
+  verdict.check("CPU per datagram, ChannelData, × floor", toFloor("ChannelData", 200, 32, cpu), 0.9,
+                "");
+  verdict.check("CPU per datagram, indications, × floor", toFloor("indications", 200, 32, cpu), 1.1,
+                "");
+  Verdict::tell("CPU per datagram of 1200 octets, ChannelData, × floor",
+                toFloor("ChannelData", 1200, 32, cpu), "");
+  verdict.check("CPU per datagram at 1 outstanding, ChannelData, × floor",
+                toFloor("ChannelData", 200, 1, cpu), 1.0, "");
   verdict.check("round trip at 1 outstanding, p50, ChannelData, × floor",
-                toFloor(channelData, 1, p50Of), 1.5, "");
+                toFloor("ChannelData", 200, 1, &Measurement::p50), 1.0, "");
+  const double ours = find(all, "zkturnd, ChannelData", 200, 32).of(cpu);
   for (const Series& series : all) {
     if (series.isProxy && series.payload == 200 && series.outstanding == 32) {
-      verdict.check("CPU per datagram, ChannelData, against " + series.name,
-                    find(all, channelData, 200, 32).cpuMicroseconds(), series.cpuMicroseconds(),
+      verdict.check("CPU per datagram, ChannelData, against " + series.name, ours, series.of(cpu),
                     " µs");
     }
   }
@@ -245,52 +242,67 @@ void judge(const std::vector<Series>& all, Verdict& verdict) {
 
 bool run(const Options& options) {
   const FarSide farSide;
-  const std::string machine = machineText();
-  fmt::print("{}\n{} rounds of {} ms each, medians\n\n", machine, options.rounds,
-             options.perRun.count());
+  fmt::print("{}\n{} rounds of {} ms each, medians\n\n", machineText(), options.rounds,
+             options.milliseconds);
   const std::vector<Series> all = compare(options, farSide.port());
   fmt::print("{}\n", table(all));
   if (!options.svg.empty()) {
-    std::ofstream(options.svg) << chart(all, 200, 32, machine);
+    std::ofstream(options.svg) << chart(all, 200, 32);
   }
   Verdict verdict;
   judge(all, verdict);
   compareMany(options, farSide.port(), verdict);
-  compareFloods(options, farSide.port(), verdict);
-  measureOpening(farSide.port(), verdict);
+  measureCrowd(options, farSide.port(), verdict);
+  compareFloods(options, verdict);
+  measureOpening(options, farSide.port(), verdict);
   if (options.endurance > 0) {
     measureEndurance(options, farSide.port(), verdict);
   }
   return verdict.allHold();
 }
 
-Options parseOptions(const std::vector<std::string>& arguments) {
+int runWith(int argc, char** argv) {
   Options options;
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    const std::string& name = arguments[i];
-    if (name == "--no-proxies") {
-      options.withProxies = false;
-      continue;
-    }
-    if (i + 1 == arguments.size()) {
-      throw std::invalid_argument(name + " is not an option, or has no value");
-    }
-    const std::string& value = arguments[++i];
-    if (name == "--rounds") {
-      options.rounds = std::stoi(value);
-    } else if (name == "--milliseconds") {
-      options.perRun = std::chrono::milliseconds(std::stoi(value));
-    } else if (name == "--endurance") {
-      options.endurance = std::stoull(value);
-    } else if (name == "--beside") {
-      options.beside.push_back(value);
-    } else if (name == "--svg") {
-      options.svg = value;
-    } else {
-      throw std::invalid_argument(name + " is not an option");
-    }
+  IndependenceOptions independence;
+  std::uint16_t farPort = 0;
+  CLI::App app("Measures what relaying costs.", "zkturnd-bench");
+  app.add_option("--daemon", options.daemon, "The daemon's program")->check(CLI::ExistingFile);
+  app.add_option("--rounds", options.rounds);
+  app.add_option("--milliseconds", options.milliseconds, "... of each round");
+  app.add_option("--endurance", options.endurance, "Datagrams to relay at the end");
+  app.add_flag("--no-proxies", options.withoutProxies, "Leave the SOCKS5 servers out");
+  app.add_option("--beside", options.beside, "Other builds of the daemon, to compare with")
+      ->check(CLI::ExistingFile);
+  app.add_option("--svg", options.svg, "Draw the chart into this file")->take_last();
+  auto* alone = app.add_subcommand("independence", "What clients feel of each other");
+  alone->fallthrough();
+  alone->add_option("--json", independence.json, "Write the results into this file");
+  alone->add_option("--before", independence.before, "Earlier results, to stand beside these")
+      ->check(CLI::ExistingFile);
+  alone->add_option("--only", independence.only, "Rows whose names hold this text");
+  auto* floor = app.add_subcommand("floor", "")->group("");
+  auto* proxy = app.add_subcommand("proxy", "")->group("");
+  for (auto* inChild : {floor, proxy}) {
+    inChild->add_option("port", farPort)->required();
   }
-  return options;
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
+  }
+  if (floor->parsed()) {
+    runFloor(farPort);
+  }
+  if (proxy->parsed()) {
+    runProxy(farPort);
+    return 0;
+  }
+  if (alone->parsed()) {
+    independence.daemon = options.daemon;
+    independence.svg = options.svg;
+    return runIndependence(independence) ? 0 : 1;
+  }
+  return run(options) ? 0 : 1;
 }
 
 }  // namespace
@@ -298,12 +310,8 @@ Options parseOptions(const std::vector<std::string>& arguments) {
 
 int main(int argc, char** argv) {
   setvbuf(stdout, nullptr, _IOLBF, 0);
-  const std::vector<std::string> arguments(argv + 1, argv + argc);
-  if (arguments.size() == 2 && arguments[0] == "--floor") {
-    zk::bench::runFloor(static_cast<std::uint16_t>(std::stoi(arguments[1])));
-  }
   try {
-    return zk::bench::run(zk::bench::parseOptions(arguments)) ? 0 : 1;
+    return zk::bench::runWith(argc, argv);
   } catch (const std::exception& error) {
     fmt::print(stderr, "zkturnd-bench: {}\n", error.what());
     return 2;

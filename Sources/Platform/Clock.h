@@ -8,9 +8,6 @@ namespace zk {
 /// Nanoseconds on a clock that only runs forward, from an origin of the system's choice.
 std::uint64_t monotonicNanoseconds();
 
-/// The same clock, some milliseconds behind and cheaper to read.
-std::uint64_t coarseMonotonicNanoseconds();
-
 /// Microseconds of UTC since 1970.
 std::int64_t wallClockMicroseconds();
 

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <initializer_list>
 
 #include "Platform/Bytes.h"
 
@@ -9,6 +10,10 @@ namespace zk {
 
 using MD5Digest = std::array<std::uint8_t, 16>;
 using SHA1Digest = std::array<std::uint8_t, 20>;
+
+/// Finds out whether both digests can be made here, so that a start can fail where each datagram
+/// would. Throws std::runtime_error, as they do themselves.
+void requireDigests();
 
 MD5Digest md5(ByteView data);
 

@@ -50,10 +50,16 @@ class EventLoop {
   /// No call back for `descriptor` begins after this. Before the descriptor is closed.
   void unwatch(int descriptor);
 
+  /// What the clock of the timers shows.
+  std::uint64_t now() const { return clock_(); }
   /// Runs `task` once, `delay` from now or a little later.
   TimerID after(std::chrono::nanoseconds delay, Task task);
   /// Forgets a timer; one that has run already is nobody's business.
   void cancel(TimerID timer);
+
+  /// Runs `task` at the end of every round, before the loop may wait again: the place to send what
+  /// the round has gathered. Before run().
+  void atEndOfRound(Task task) { endOfRound_ = std::move(task); }
 
   /// Has the loop run `task`; tasks run in the order of posting. Any thread. A task posted after
   /// the loop has ended is dropped with the loop.
@@ -78,6 +84,7 @@ class EventLoop {
   std::vector<int> ready_;                    // of the round at hand
   std::map<TimerID, Task> timers_;
   std::uint64_t timersMade_ = 0;
+  Task endOfRound_;
   std::atomic<bool> stopping_{false};
 
   Mutex lock_;

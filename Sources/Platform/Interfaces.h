@@ -6,6 +6,8 @@
 
 #include <sys/socket.h>
 
+#include "Platform/Descriptor.h"
+
 namespace zk {
 
 /// The look at this machine's network interfaces and routes. Everything is asked of the system
@@ -47,5 +49,20 @@ std::optional<LinkRoute> linkRouteTo(const sockaddr& destination);
 
 /// Whether `destination` is an address of this machine, the loopback's included.
 bool isOwnAddress(const sockaddr& destination);
+
+/// Is told by the system when routes, addresses or interfaces change.
+class RouteWatch {
+ public:
+  /// Where the system has no such watch to give there is none, and nothing is ever told.
+  RouteWatch();
+
+  /// Readable after a change; -1 without a watch.
+  int descriptor() const { return socket_.get(); }
+  /// Forgets what has been told so far. Never blocks.
+  void drain();
+
+ private:
+  Descriptor socket_;
+};
 
 }  // namespace zk

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <cstddef>
 #include <functional>
+#include <iterator>
 #include <string_view>
 #include <type_traits>
 
@@ -10,38 +10,36 @@
 
 namespace zk {
 
-/// Takes one line of a diagnostic log, without its line feed. Absent means no logging. The line
-/// lives as long as the call.
+/// Takes one line of a log, without its line feed. Absent means no logging. The line lives as long
+/// as the call.
 using LogCallback = std::function<void(std::string_view)>;
 
-/// How many octets an argument of a line, an integer or a text, takes at most.
-template <typename Arg>
-std::size_t mostOctets(const Arg& argument) {
-  if constexpr (std::is_convertible_v<const Arg&, std::string_view>) {
-    return std::string_view(argument).size();
-  } else {
-    static_assert(std::is_integral_v<Arg>);
-    return 20;
-  }
-}
+/// Whether a text holds what must not get into a log: control characters, C1 and bidirectional ones
+/// included, with which a stranger (a proxy names peers by octets of its choice) could forge lines
+/// or have them read backwards.
+bool holdsControl(std::string_view text);
 
-/// Appends to `out` what `format`, an FMT_COMPILE string, says of `args`. Every datagram is worth
-/// several lines. Reading a format anew each time would cost as much as the rest of a line, and so
-/// would asking for room before each character of it.
-template <typename Format, typename... Args>
-void appendFormatted(fmt::memory_buffer& out, const Format& format, const Args&... args) {
-  const std::size_t at = out.size();
-  out.resize(at + fmt::string_view(format).size() + (std::size_t{0} + ... + mostOctets(args)));
-  const char* const end = fmt::format_to(out.data() + at, format, args...);
-  out.resize(static_cast<std::size_t>(end - out.data()));
-}
+/// Puts "?" in the place of each of them.
+void replaceControls(fmt::memory_buffer& text);
 
-/// Formats a line, in place for the usual lengths, and hands it to `callback` when there is one.
+/// Formats a line and hands it to `callback` when there is one. `format` is an FMT_COMPILE string:
+/// every datagram is worth several lines, and reading a format anew each time would cost as much as
+/// the rest of a line.
 template <typename Format, typename... Args>
 void logLine(const LogCallback& callback, const Format& format, const Args&... args) {
+  [[maybe_unused]] const auto isSuspicious = [](const auto& argument) {
+    if constexpr (std::is_convertible_v<decltype(argument), std::string_view>) {
+      return holdsControl(argument);
+    } else {
+      return false;
+    }
+  };
   if (callback) {
     fmt::memory_buffer line;
-    appendFormatted(line, format, args...);
+    fmt::format_to(std::back_inserter(line), format, args...);
+    if ((false || ... || isSuspicious(args))) {
+      replaceControls(line);
+    }
     callback({line.data(), line.size()});
   }
 }

@@ -1,24 +1,13 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <span>
-#include <string>
 #include <string_view>
 
 #include <sys/types.h>
 
+#include "Platform/Descriptor.h"
+
 namespace zk {
-
-/// Whether a freshly opened log file appends by itself or writes on from where its end was.
-enum class LogPosition { append, endAtOpening };
-
-/// Puts "?" in the place of control characters, so that one message stays one line. Messages hold
-/// texts of strangers: a proxy names peers by octets of its choice, and must not write our logs.
-void keepOnOneLine(std::span<char> message);
-
-/// Whether keepOnOneLine() would change `text`.
-bool holdsControl(std::string_view text);
 
 /// Permission bits of a log file that is created: the default for new files, or bits that hold
 /// whatever the umask says.
@@ -27,32 +16,35 @@ struct LogFileMode {
   bool ignoresUmask = false;
 };
 
-/// Opens a log file for writing, creating it when there is none. -1 when that fails. Log paths lie
-/// in a directory that everybody can write: a link, a pipe or a device in the file's place is
-/// refused, as it would send the lines, or hang the caller, where somebody else chose.
-int openLogFile(const char* path, LogPosition position, LogFileMode mode = {});
-
-/// Opens `path`, writes `text` at its end in one write, and closes it. Failures drop the text.
-void appendToFile(const char* path, std::string_view text, LogFileMode mode = {});
-
-/// A log file whose descriptor is kept between lines, since opening and closing it would cost
-/// several times the line itself. That the path names another file by now (the log was removed,
-/// renamed or replaced) is noticed within a second. Any thread.
-class KeptLogFile {
+/// A log file that is appended to, by other processes too. One thread.
+///
+/// Log paths lie in a directory that everybody can write. So what is not a plain file of this
+/// process's user, with one name, is refused: it would send the lines, or hang the caller, where
+/// somebody else chose.
+class LogFile {
  public:
-  explicit KeptLogFile(const char* path) : path_(path) {}
+  /// At this size a file is renamed to PATH.1, in the place of the one before, and begun anew.
+  static constexpr std::uint64_t maxSize = 64 << 20;
 
-  /// Appends `text` in one write; it is in the file on return. Failures drop the text.
-  void append(std::string_view text);
+  /// Opens nothing yet. `path` must outlive the object.
+  LogFile(const char* path, LogFileMode mode) : path_(path), mode_(mode) {}
+
+  /// Appends `lines`, creating the file when there is none. Blocks while the disk does. Failures
+  /// drop the lines. That the path names another file by now (the log was removed, renamed or
+  /// replaced) is noticed within a second.
+  void append(std::string_view lines);
 
  private:
-  void reopenIfReplaced();
+  void look(std::uint64_t now);
+  void open();
+  void rotate();
+  bool isAtPath() const;
 
   const char* const path_;
-  // Once there is a descriptor its number never changes: a new file is dup'ed over it, so that
-  // writers need no lock.
-  std::atomic<int> file_{-1};
-  std::atomic<std::uint64_t> nextLook_{0};  // coarse monotonic nanoseconds
+  const LogFileMode mode_;
+  Descriptor file_;
+  std::uint64_t size_ = 0;
+  std::uint64_t nextLook_ = 0;  // monotonic nanoseconds
 };
 
 }  // namespace zk

@@ -2,12 +2,13 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "Platform/LogFile.h"
 #include "Platform/Mutex.h"
@@ -18,25 +19,7 @@ namespace zk {
 /// reach their file in the order of appending, within 20 milliseconds while the disk keeps up.
 class LogWriter {
  public:
-  /// One log file.
-  class File {
-   public:
-    /// Adds whole lines, line feeds included. Any thread; never waits for the disk. While the disk
-    /// is maxPending octets behind, lines are counted instead, and one line tells how many.
-    void append(std::string_view lines);
-
-   private:
-    friend class LogWriter;
-    File(LogWriter& writer, const char* path, LogFileMode mode);
-
-    LogWriter& writer_;
-    LogFile file_;        // the writer's thread only
-    std::string batch_;   // the writer's thread only
-    std::string pending_; // guarded by the writer's lock
-    std::uint64_t lost_ = 0;  // lines; guarded by the writer's lock
-  };
-
-  /// How much memory a file may take while its disk stands still.
+  /// How much memory a file may take while its disk stands still, in octets.
   static constexpr std::size_t maxPending = 4 << 20;
 
   /// Starts the thread. Throws std::system_error when there is none to be had.
@@ -46,16 +29,41 @@ class LogWriter {
   LogWriter(const LogWriter&) = delete;
   LogWriter& operator=(const LogWriter&) = delete;
 
-  /// A log at `path`, which must outlive the writer. Opened, and created if need be, when its first
-  /// line is written; without the file logging does nothing.
-  File& open(const char* path, LogFileMode mode = {});
+  /// A log at `path`, which must outlive the writer. The file is opened, and created if need be,
+  /// now; without it logging does nothing until there is one. All before the first append().
+  /// Returns the number by which append() knows it.
+  std::size_t open(const char* path, LogFileMode mode = {});
+
+  /// Adds whole lines, line feeds included. Any thread; never waits for the disk. While the disk is
+  /// maxPending octets behind, lines are counted instead, and one line then tells how many.
+  void append(std::size_t file, std::string_view lines);
 
   /// Waits until all lines of before are in their files, or `limit` has passed. Whether they are.
   bool flush(std::chrono::milliseconds limit);
 
  private:
+  struct Pending {
+    std::string lines;
+    std::size_t lost = 0;  // lines
+  };
+  struct Target {
+    LogFile file;
+    std::string batch;
+  };
+
   void run();
-  bool writeRound();
+  void takeBatches() REQUIRES(lock_);
+  bool hasPending() const REQUIRES(lock_);
+
+  Mutex lock_;
+  std::condition_variable_any changed_;
+  std::vector<Pending> pending_ GUARDED_BY(lock_);  // by file
+  bool isIdle_ GUARDED_BY(lock_) = false;           // the thread waits to be told of a first line
+  bool isWriting_ GUARDED_BY(lock_) = false;
+  unsigned flushing_ GUARDED_BY(lock_) = 0;  // how many wait in flush()
+  bool ends_ GUARDED_BY(lock_) = false;
+  std::deque<Target> targets_;  // by file; the thread's, once there are lines
+  std::thread thread_;          // last: it uses the rest
 };
 
 }  // namespace zk

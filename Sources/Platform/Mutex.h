@@ -27,8 +27,7 @@ class ZK_THREAD_ANNOTATION(capability("mutex")) Mutex {
 /// Holds a Mutex for as long as it lives.
 class ZK_THREAD_ANNOTATION(scoped_lockable) MutexLock {
  public:
-  explicit MutexLock(Mutex& mutex) ZK_THREAD_ANNOTATION(acquire_capability(mutex))
-      : mutex_(mutex) {
+  explicit MutexLock(Mutex& mutex) ZK_THREAD_ANNOTATION(acquire_capability(mutex)) : mutex_(mutex) {
     mutex_.lock();
   }
   ~MutexLock() ZK_THREAD_ANNOTATION(release_capability()) { mutex_.unlock(); }

@@ -10,14 +10,20 @@ namespace zk {
 /// number, with `out` untouched. At most 256 octets.
 int randomBytes(std::span<std::uint8_t> out);
 
+/// What randomBytes() is, for those that are to work with another source.
+using RandomSource = int (*)(std::span<std::uint8_t> out);
+
 /// Hands out secure random octets in small portions at one system call per 256 of them. Every
 /// octet is handed out once. One thread at a time.
 class RandomPool {
  public:
+  explicit RandomPool(RandomSource source = randomBytes) : source_(source) {}
+
   /// `out`: at most 256 octets. On failure of the source `out` is left as it was.
   void fill(std::span<std::uint8_t> out);
 
  private:
+  RandomSource source_;
   std::array<std::uint8_t, 256> octets_;
   std::size_t used_ = octets_.size();
 };

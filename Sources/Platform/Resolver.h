@@ -6,6 +6,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "Platform/Sockets.h"
+
 namespace zk {
 
 /// One address that a name resolved to, ready for socket() and connect().
@@ -17,18 +19,21 @@ struct ResolvedAddress {
   socklen_t length;
 };
 
-/// What the resolver found, in its order. `error` is the resolver's message text when it found
-/// nothing, and empty otherwise.
+/// What the resolver found, in its order. `error` is the reason when it found nothing, and empty
+/// otherwise.
 struct Resolution {
   std::vector<ResolvedAddress> addresses;
   std::string error;
 };
 
-/// Stream addresses of any family for a TCP connection to host:port. Blocks as long as the
-/// system's resolver does.
-Resolution resolveTCP(const std::string& host, const std::string& port);
+/// Stream addresses of any family for a TCP connection to host:port. The system's resolver knows no
+/// time limit, so that it is asked on a thread of its own, which is left behind when the deadline
+/// passes or `stop` is raised first. Never throws, and looks up no name for a numeric address.
+Resolution resolveTCP(const std::string& host, const std::string& port, Deadline deadline,
+                      const StopSignal* stop);
 
-/// IPv4 datagram addresses of host:port.
-Resolution resolveUDPv4(const std::string& host, const std::string& port);
+/// IPv4 datagram addresses of host:port, in the same way.
+Resolution resolveUDPv4(const std::string& host, const std::string& port, Deadline deadline,
+                        const StopSignal* stop);
 
 }  // namespace zk

@@ -1,16 +1,68 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <optional>
+#include <span>
 #include <string>
 
 #include <netinet/in.h>
 
 #include "Platform/Bytes.h"
+#include "Platform/Descriptor.h"
 
 namespace zk {
 
+class StopSignal;
+
 /// The system's text for an error number.
 std::string errorText(int error);
+
+/// The same for the last call that has failed on this thread.
+std::string lastErrorText();
+
+/// An IPv4 or IPv6 address as numbers, without its port.
+std::string numericText(const sockaddr& address);
+
+/// When whoever waits gives up.
+using Deadline = std::chrono::steady_clock::time_point;
+
+enum class Wait { ready, timedOut, stopped, failed };
+
+/// Waits until `descriptor` is ready for one of the poll(2) `events` (an end or an error counts as
+/// ready), the deadline has passed, or `stop` is raised, if there is one.
+Wait waitFor(int descriptor, short events, Deadline deadline, const StopSignal* stop = nullptr);
+
+/// Connects a socket that does not block. Whether it was connected before the deadline passed and
+/// `stop` was raised; throws std::system_error when the system or the far end refuses.
+bool connectSocket(int socket, const sockaddr& to, Deadline deadline, const StopSignal* stop);
+
+// What each system says in its own way.
+
+/// A socket that is close-on-exec, does not block, and never raises SIGPIPE when it is written to
+/// with sendFlags. Throws std::system_error.
+Descriptor openNonBlockingSocket(int family, int type, int protocol);
+
+/// The flags of send() that keep it from raising SIGPIPE, where the socket itself cannot.
+extern const int sendFlags;
+
+/// Pins a socket of that family (AF_INET, AF_INET6): its traffic leaves by the interface with this
+/// index, whatever the routes say. Needs no privilege. Whether the system agreed.
+bool pinToInterface(int socket, int family, unsigned interfaceIndex);
+
+/// Has the system ask the far end of a TCP connection whether it still lives: after `idle` of
+/// silence, and every `interval` from then on. `probes` without an answer end the connection;
+/// with 0 of them it asks no more.
+void keepAlive(int socket, std::chrono::seconds idle, std::chrono::seconds interval, int probes);
+
+/// A pipe, close-on-exec. Throws std::system_error.
+struct Pipe {
+  Descriptor reader;
+  Descriptor writer;
+};
+Pipe openPipe();
+
+// Sockets that a caller owns by number.
 
 /// socket(), close-on-exec. -1 and errno on failure.
 int openSocket(int family, int type, int protocol);
@@ -24,15 +76,16 @@ bool bindSocket(int socket, const sockaddr_in& address);
 /// The local address of a socket; all zero when the system does not say.
 sockaddr_in localAddress(int socket);
 
-/// Pins the socket: its IPv4 traffic leaves by the interface with this index, whatever the routes
-/// say. Needs no privilege. Whether the system agreed.
-bool pinToInterface(int socket, unsigned interfaceIndex);
-
 /// The index of the interface of that name, 0 when there is none.
 unsigned interfaceIndex(const std::string& name);
 
 /// One datagram out. Octets sent, or -1 and errno. Repeats a call that a signal interrupted.
 std::ptrdiff_t sendDatagram(int socket, ByteView datagram, const sockaddr_in& to);
+
+/// One datagram in, cut at the size of `into`, and whom it came from. Octets received; absent when
+/// none waits in a socket that does not block. Throws std::system_error.
+std::optional<std::size_t> receiveDatagram(int socket, std::span<std::uint8_t> into,
+                                           sockaddr_in& from);
 
 /// Ends reception and transmission; a thread blocked in a receive on it comes back.
 void shutdownSocket(int socket);

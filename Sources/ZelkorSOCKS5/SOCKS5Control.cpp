@@ -1,17 +1,16 @@
 #include "ZelkorSOCKS5/SOCKS5Control.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <thread>
+#include <cstring>
+#include <system_error>
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <poll.h>
 #include <sys/socket.h>
 
+#include "Platform/IPv4.h"
 #include "Platform/Resolver.h"
-#include "Platform/Sockets.h"
+#include "Platform/StopSignal.h"
+#include "ZelkorSOCKS5/AddressReach.h"
 #include "ZelkorSOCKS5/InterfaceScope.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
 
@@ -21,7 +20,14 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
-constexpr Seconds lookAgainAfter{0.02};
+// A resolver asks each of its servers for 5 seconds and may need the third. Two openings in a row
+// still fit into the 40 seconds for which a TURN client repeats its request.
+constexpr Seconds lookupLimit{15};
+
+// A proxy that is gone without a word is noticed within 35 seconds, at the cost of a packet in 20.
+constexpr std::chrono::seconds aliveIdle{20};
+constexpr std::chrono::seconds aliveInterval{5};
+constexpr int aliveProbes = 3;
 
 constexpr std::uint8_t version = 0x05;
 constexpr std::uint8_t noAuthentication = 0x00;
@@ -31,51 +37,12 @@ constexpr std::uint8_t subnegotiationVersion = 0x01;
 constexpr std::uint8_t succeeded = 0x00;
 constexpr std::size_t longestCredential = 255;
 
-Clock::time_point deadlineAfter(double seconds) {
-  return Clock::now() + std::chrono::duration_cast<Clock::duration>(Seconds(seconds));
+Deadline deadlineAfter(Seconds limit) {
+  return Clock::now() + std::chrono::duration_cast<Clock::duration>(limit);
 }
 
-// The outcome of one connection attempt: a connected socket that blocks, or the reason.
-struct Attempt {
-  int socket = -1;
-  std::string failure;
-};
-
-Attempt failed(int socket, std::string reason) {
-  if (socket >= 0) {
-    closeSocket(socket);
-  }
-  return {-1, std::move(reason)};
-}
-
-Attempt tryAddress(const ResolvedAddress& address, const std::string& host,
-                   std::optional<bool> viaDefault, double timeout) {
-  const int socket = openSocket(address.family, address.type, address.protocol);
-  if (socket < 0) {
-    return failed(socket, errorText(errno));
-  }
-  if (address.family == AF_INET) {
-    InterfaceScope::bind(socket, host, viaDefault);
-  }
-  const int flags = fcntl(socket, F_GETFL);
-  fcntl(socket, F_SETFL, flags | O_NONBLOCK);
-  if (::connect(socket, reinterpret_cast<const sockaddr*>(&address.address), address.length) != 0 &&
-      errno != EINPROGRESS) {
-    return failed(socket, errorText(errno));
-  }
-  if (pollSocket(socket, POLLOUT, static_cast<int>(timeout * 1000)) < 1) {
-    return failed(socket, "connect timeout");
-  }
-  int error = 0;
-  socklen_t length = sizeof error;
-  if (getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
-    error = errno;
-  }
-  if (error != 0) {
-    return failed(socket, errorText(error));
-  }
-  fcntl(socket, F_SETFL, flags);
-  return {socket, {}};
+const sockaddr& generic(const sockaddr_storage& address) {
+  return reinterpret_cast<const sockaddr&>(address);
 }
 
 // A credential's length has one octet.
@@ -90,69 +57,63 @@ void requireSendable(const char* name, const std::string& credential) {
 
 SOCKS5Control::SOCKS5Control(std::string host, std::int64_t port,
                              std::optional<std::string> username,
-                             std::optional<std::string> password, double timeout)
+                             std::optional<std::string> password, double timeout,
+                             const StopSignal* stop)
     : host_(std::move(host)),
       port_(port),
       username_(std::move(username)),
       password_(std::move(password)),
-      timeout_(timeout) {}
+      timeout_(timeout),
+      stop_(stop) {}
 
 void SOCKS5Control::connect(std::optional<bool> viaDefault) {
-  const Resolution resolution = resolveTCP(host_, std::to_string(port_));
+  const Resolution resolution =
+      resolveTCP(host_, std::to_string(port_), deadlineAfter(lookupLimit), stop_);
+  failIfStopped();
   if (resolution.addresses.empty()) {
     throw SOCKS5Error::connectionFailed("getaddrinfo: " + resolution.error);
   }
-  Attempt attempt;
+  std::string list;
   for (const ResolvedAddress& address : resolution.addresses) {
-    attempt = tryAddress(address, host_, viaDefault, timeout_);
-    if (attempt.socket >= 0) {
-      break;
+    list += (list.empty() ? "" : ", ") + numericText(generic(address.address));
+  }
+  tell(Stage::nameFound, list);
+  std::string failure;
+  for (const ResolvedAddress& address : resolution.addresses) {
+    if (tryAddress(address, viaDefault, failure)) {
+      return;
     }
+    failIfStopped();
   }
-  if (attempt.socket < 0) {
-    throw SOCKS5Error::connectionFailed("connect: " + attempt.failure);
-  }
+  throw SOCKS5Error::connectionFailed("connect: " + failure);
+}
 
-  auto streams = ByteStreamPair::create(attempt.socket);
-  if (!streams) {
-    closeSocket(attempt.socket);
-    throw SOCKS5Error::connectionFailed("CFStream pair nil");
+bool SOCKS5Control::tryAddress(const ResolvedAddress& address, std::optional<bool> viaDefault,
+                               std::string& failure) {
+  const sockaddr& destination = generic(address.address);
+  try {
+    Descriptor socket = openNonBlockingSocket(address.family, address.type, address.protocol);
+    const auto interface = InterfaceScope::interfaceFor(host_, destination, viaDefault);
+    if (interface) {
+      pinToInterface(socket.get(), address.family, *interface);
+    }
+    if (!connectSocket(socket.get(), destination, deadlineAfter(Seconds(timeout_)), stop_)) {
+      failure = "connect timeout";
+      return false;
+    }
+    stream_.emplace(std::move(socket), stop_);
+    proxyAddress_ = address.address;
+    pinnedInterface_ = interface;
+    tell(Stage::connected, numericText(destination));
+    return true;
+  } catch (const std::system_error& error) {
+    failure = errorText(error.code().value());
+    return false;
   }
-  streams->open();
-  const auto deadline = deadlineAfter(timeout_);
-  while (streams->status() == StreamStatus::notOpen && Clock::now() < deadline) {
-    std::this_thread::sleep_for(lookAgainAfter);
-  }
-  if (streams->status() == StreamStatus::error) {
-    const std::string& reason = streams->errorDescription();
-    throw SOCKS5Error::connectionFailed(reason.empty() ? "stream error" : reason);
-  }
-  if (streams->status() != StreamStatus::open) {
-    throw SOCKS5Error::connectionFailed("connect timeout");
-  }
-  streams_ = std::move(streams);
 }
 
 SOCKS5Control::RelayEndpoint SOCKS5Control::performHandshakeAndUDPAssociate() {
-  if (hasCredentials()) {
-    requireSendable("user name", *username_);
-    requireSendable("password", *password_);
-  }
-  // Method selection, RFC 1928 section 3.
-  writeAll(hasCredentials() ? Bytes{version, 2, noAuthentication, usernamePassword}
-                            : Bytes{version, 1, noAuthentication});
-  const Bytes choice = readExactly(2);
-  if (choice[0] != version) {
-    throw SOCKS5Error::protocolError(fmt::format("bad ver {}", choice[0]));
-  }
-  if (choice[1] == usernamePassword) {
-    authenticate();
-  } else if (choice[1] == noAcceptableMethod) {
-    throw SOCKS5Error::authFailed("server rejected all offered methods");
-  } else if (choice[1] != noAuthentication) {
-    throw SOCKS5Error::authFailed(fmt::format("server picked method 0x{:x}", choice[1]));
-  }
-
+  negotiate();
   // UDP ASSOCIATE, RFC 1928 section 4. The address and port that will send are not announced: they
   // are not known yet, and not what the proxy would see behind a translator.
   writeAll(Bytes{version, 0x03, 0x00, SOCKS5AddressType::ipv4, 0, 0, 0, 0, 0, 0});
@@ -163,9 +124,40 @@ SOCKS5Control::RelayEndpoint SOCKS5Control::performHandshakeAndUDPAssociate() {
   if (reply[1] != succeeded) {
     throw SOCKS5Error::udpAssociateRejected(reply[1]);
   }
-  std::string address = readAddress(reply[3]);
+  std::string answered = readAddress(reply[3]);
   const std::uint16_t port = readUInt16(readExactly(2), 0);
-  return {address.empty() || address == "0.0.0.0" ? host_ : std::move(address), port};
+  if (answered == "0.0.0.0") {
+    answered.clear();
+  }
+  const sockaddr_in address = relayAddress(reply[3], answered, port);
+  RelayEndpoint relay{answered.empty() ? host_ : answered, port, address};
+  tell(Stage::associated, fmt::format("{}:{}", relay.relayHost, port));
+  return relay;
+}
+
+// Method selection, RFC 1928 section 3.
+void SOCKS5Control::negotiate() {
+  if (hasCredentials()) {
+    requireSendable("user name", *username_);
+    requireSendable("password", *password_);
+  }
+  writeAll(hasCredentials() ? Bytes{version, 2, noAuthentication, usernamePassword}
+                            : Bytes{version, 1, noAuthentication});
+  const Bytes choice = readExactly(2);
+  if (choice[0] != version) {
+    throw SOCKS5Error::protocolError(fmt::format("bad ver {}", choice[0]));
+  }
+  if (choice[1] == usernamePassword) {
+    tell(Stage::methodChosen, "user name and password");
+    authenticate();
+    tell(Stage::loggedIn, "accepted");
+  } else if (choice[1] == noAcceptableMethod) {
+    throw SOCKS5Error::authFailed("server rejected all offered methods");
+  } else if (choice[1] != noAuthentication) {
+    throw SOCKS5Error::authFailed(fmt::format("server picked method 0x{:x}", choice[1]));
+  } else {
+    tell(Stage::methodChosen, "no login");
+  }
 }
 
 // RFC 1929.
@@ -205,12 +197,68 @@ std::string SOCKS5Control::readAddress(std::uint8_t addressType) {
   }
 }
 
+// Where the datagrams of the association go. `answered` is empty when the proxy named nothing.
+sockaddr_in SOCKS5Control::relayAddress(std::uint8_t addressType, const std::string& answered,
+                                        std::uint16_t port) const {
+  const auto lookupFailed = [&](const std::string& reason) {
+    return SOCKS5Error::connectionFailed(
+        fmt::format("relay getaddrinfo({}:{}): {}", answered, port, reason));
+  };
+  const auto lies = [&](const std::string& reason) {
+    return SOCKS5Error::protocolError(
+        fmt::format("relay {}:{}: {}", answered.empty() ? "0.0.0.0" : answered, port, reason));
+  };
+  if (port == 0) {
+    throw lies("no port to send to");
+  }
+  if (addressType == SOCKS5AddressType::ipv6) {
+    throw lookupFailed("IPv6, and datagrams go over IPv4 only");
+  }
+  const auto proxy = asIPv4(generic(proxyAddress_));
+  std::optional<sockaddr_in> named;
+  if (!answered.empty()) {
+    const Resolution found =
+        resolveUDPv4(answered, std::to_string(port), deadlineAfter(lookupLimit), stop_);
+    failIfStopped();
+    if (found.addresses.empty()) {
+      throw lookupFailed(found.error);
+    }
+    named = asIPv4(generic(found.addresses.front().address));
+    const AddressBlock block = blockOf(reinterpret_cast<const sockaddr&>(*named));
+    const bool isAny = named->sin_addr.s_addr == INADDR_ANY;
+    if (block.unusable != nullptr && !isAny) {
+      throw lies(block.unusable);
+    }
+    if (isAny || block.reach < blockOf(generic(proxyAddress_)).reach) {
+      named.reset();
+    }
+  }
+  if (!named && !proxy) {
+    throw lies("means the proxy's own address, which is IPv6, and datagrams go over IPv4 only");
+  }
+  sockaddr_in address = named ? *named : *proxy;
+  address.sin_port = htons(port);
+  return address;
+}
+
+void SOCKS5Control::watchAlive(bool isWatched) {
+  if (stream_) {
+    keepAlive(stream_->descriptor(), aliveIdle, aliveInterval, isWatched ? aliveProbes : 0);
+  }
+}
+
+std::optional<std::string> SOCKS5Control::takeEnd() {
+  return stream_ ? stream_->takeEnd() : std::nullopt;
+}
+
 void SOCKS5Control::writeAll(ByteView bytes) {
-  if (!streams_) {
+  if (!stream_) {
     throw SOCKS5Error::connectionFailed("output nil");
   }
+  const Deadline deadline = deadlineAfter(Seconds(timeout_));
   while (!bytes.empty()) {
-    const std::ptrdiff_t written = streams_->write(bytes);
+    const std::ptrdiff_t written = stream_->write(bytes, deadline);
+    failIfStopped();
     if (written <= 0) {
       throw SOCKS5Error::connectionFailed(fmt::format("write {}", written));
     }
@@ -219,32 +267,38 @@ void SOCKS5Control::writeAll(ByteView bytes) {
 }
 
 Bytes SOCKS5Control::readExactly(std::size_t count) {
-  if (!streams_) {
+  if (!stream_) {
     throw SOCKS5Error::connectionFailed("input nil");
   }
   Bytes result(count);
   std::size_t held = 0;
-  const auto deadline = deadlineAfter(timeout_);
+  const Deadline deadline = deadlineAfter(Seconds(timeout_));
   while (held < count) {
-    if (Clock::now() > deadline) {
-      throw SOCKS5Error::connectionFailed("read timeout");
-    }
-    const std::ptrdiff_t got = streams_->read(std::span(result).subspan(held), deadline);
+    const std::ptrdiff_t got = stream_->read(std::span(result).subspan(held), deadline);
+    failIfStopped();
     if (got < 0) {
       throw SOCKS5Error::connectionFailed(fmt::format("read {}", got));
     }
     if (got == 0) {
-      std::this_thread::sleep_for(lookAgainAfter);
+      // After the end of the stream nothing will come, and the time limit decides all the same.
+      waitFor(-1, 0, deadline, stop_);
+      failIfStopped();
+      throw SOCKS5Error::connectionFailed("read timeout");
     }
     held += static_cast<std::size_t>(got);
   }
   return result;
 }
 
-void SOCKS5Control::close() {
-  if (streams_) {
-    streams_->close();
-    streams_.reset();
+void SOCKS5Control::tell(Stage stage, const std::string& detail) const {
+  if (onStage) {
+    onStage(stage, detail);
+  }
+}
+
+void SOCKS5Control::failIfStopped() const {
+  if (stop_ != nullptr && stop_->isRaised()) {
+    throw SOCKS5Error::connectionFailed("stopped");
   }
 }
 

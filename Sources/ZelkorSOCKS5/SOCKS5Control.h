@@ -1,57 +1,96 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+
+#include <netinet/in.h>
 
 #include "Platform/ByteStreamPair.h"
 #include "ZelkorSOCKS5/SOCKS5Error.h"
 
 namespace zk {
 
+class StopSignal;
+
 /// The client side of one SOCKS5 control connection (RFC 1928, RFC 1929): TCP to the proxy, method
 /// negotiation, one UDP ASSOCIATE. The proxy ends the association when this connection closes, so
-/// the object is kept for as long as the association is used.
+/// the object is kept for as long as the association is used; destruction closes the connection.
 ///
-/// Every operation blocks its caller, within the time limit. One thread at a time.
+/// Until the association is made every operation blocks its caller, within the time limit and until
+/// the stop signal is raised. From then on nothing does. One thread at a time.
 class SOCKS5Control {
  public:
-  /// `timeout`: seconds, the bound of each connection attempt and of each read. Credentials are
-  /// offered only when both are present; empty ones count as present. No I/O.
+  /// `timeout`: seconds, the bound of each connection attempt, each read and each write.
+  /// Credentials are offered only when both are present; empty ones count as present. `stop` may be
+  /// absent, and else outlives this; what it ends fails with connectionFailed("stopped"). No I/O.
   SOCKS5Control(std::string host, std::int64_t port, std::optional<std::string> username,
-                std::optional<std::string> password, double timeout);
+                std::optional<std::string> password, double timeout,
+                const StopSignal* stop = nullptr);
 
-  /// Resolves the proxy and connects to the first of its addresses that answers. IPv4 sockets are
-  /// pinned as InterfaceScope decides for the configured host with `viaDefault` as the override.
-  /// Throws SOCKS5Error, and leaves nothing open then.
+  enum class Stage { nameFound, connected, methodChosen, loggedIn, associated };
+  /// Told of each stage once it is behind, with what was found there, for those who want to watch.
+  std::function<void(Stage, const std::string&)> onStage;
+
+  /// Resolves the proxy and connects to the first of its addresses that answers. Sockets are pinned
+  /// as InterfaceScope decides for the configured host with `viaDefault` as the override. Throws
+  /// SOCKS5Error, and leaves nothing open then.
   void connect(std::optional<bool> viaDefault = std::nullopt);
 
   struct RelayEndpoint {
     std::string relayHost;  // as the proxy answered; the proxy's own host for 0.0.0.0 or nothing
     std::uint16_t relayPort = 0;
+    sockaddr_in relayAddress{};  // where datagrams go
   };
   /// Negotiates and asks for the association. After connect(). Throws SOCKS5Error, and leaves the
   /// connection to close() or the destructor then.
+  ///
+  /// Datagrams go to the address that the proxy names, but to the address of this connection for
+  /// 0.0.0.0 or nothing, and in place of one that cannot be reached from as far away as that: what
+  /// a proxy behind a translator, or on another machine, calls itself.
   RelayEndpoint performHandshakeAndUDPAssociate();
 
+  /// Where this connection goes to; a zero family before connect().
+  const sockaddr_storage& proxyAddress() const { return proxyAddress_; }
+  /// The interface that it is pinned to, if any.
+  std::optional<unsigned> pinnedInterface() const { return pinnedInterface_; }
+
+  /// Once the association is made: has the system notice a proxy that is gone without a word.
+  void watchAlive(bool isWatched = true);
+  /// The connection's socket, readable when takeEnd() has something to say. -1 without one.
+  int descriptor() const { return stream_ ? stream_->descriptor() : -1; }
+  /// Why the connection has ended; absent while it lives. Never blocks. What the proxy says on it
+  /// is thrown away.
+  std::optional<std::string> takeEnd();
+
   /// Closes the connection. At any time, any number of times.
-  void close();
+  void close() { stream_.reset(); }
 
  private:
   bool hasCredentials() const { return username_ && password_; }
+  bool tryAddress(const struct ResolvedAddress& address, std::optional<bool> viaDefault,
+                  std::string& failure);
+  void negotiate();
   void authenticate();
   std::string readAddress(std::uint8_t addressType);
+  sockaddr_in relayAddress(std::uint8_t addressType, const std::string& answered,
+                           std::uint16_t port) const;
   void writeAll(ByteView bytes);
   Bytes readExactly(std::size_t count);
+  void failIfStopped() const;
+  void tell(Stage stage, const std::string& detail) const;
 
   const std::string host_;
   const std::int64_t port_;
   const std::optional<std::string> username_;
   const std::optional<std::string> password_;
   const double timeout_;
-  // Both ways of the connected socket. Present from a successful connect() to close().
-  std::unique_ptr<ByteStreamPair> streams_;
+  const StopSignal* const stop_;
+  sockaddr_storage proxyAddress_{};
+  std::optional<unsigned> pinnedInterface_;
+  std::optional<ByteStreamPair> stream_;  // present from a successful connect() to close()
 };
 
 }  // namespace zk

@@ -10,22 +10,38 @@
 namespace zk::STUN {
 namespace {
 
-constexpr std::array<std::uint8_t, 4> magicCookie{0x21, 0x12, 0xA4, 0x42};
-constexpr std::size_t headerSize = 20;
 constexpr std::uint16_t bindingSuccess = 0x0101;
 constexpr std::uint16_t xorMappedAddress = 0x0020;
 constexpr std::uint8_t familyIPv4 = 0x01;
+// The top 16 bits of the magic cookie.
+constexpr std::uint16_t portMask = magicCookie[0] << 8 | magicCookie[1];
 
-std::string decodedAddress(ByteView value) {
-  std::array<std::uint8_t, 4> octets;
+}  // namespace
+
+std::optional<XorAddress> encodeXorAddress(std::string_view ip, std::uint16_t port) {
+  const auto octets = parseIPv4(ip);
+  if (!octets) {
+    return std::nullopt;
+  }
+  XorAddress value{0x00, familyIPv4};
+  writeUInt16(&value[2], port ^ portMask);
+  for (std::size_t i = 0; i < octets->size(); ++i) {
+    value[4 + i] = (*octets)[i] ^ magicCookie[i];
+  }
+  return value;
+}
+
+std::optional<Address> decodeXorAddress(ByteView value) {
+  if (value.size() < sizeof(XorAddress) || value[1] != familyIPv4) {
+    return std::nullopt;
+  }
+  IPv4Octets octets;
   for (std::size_t i = 0; i < octets.size(); ++i) {
     octets[i] = value[4 + i] ^ magicCookie[i];
   }
-  const int port = readUInt16(value, 2) ^ readUInt16(magicCookie, 0);
-  return fmt::format("{}:{}", formatIPv4(octets.data()), port);
+  return Address{formatIPv4(octets.data()),
+                 static_cast<std::uint16_t>(readUInt16(value, 2) ^ portMask)};
 }
-
-}  // namespace
 
 BindingRequest makeBindingRequest() {
   BindingRequest made{
@@ -40,17 +56,13 @@ std::optional<std::string> parseXorMappedAddress(ByteView message, ByteView txID
       !std::equal(txID.begin(), txID.end(), message.begin() + 8, message.begin() + headerSize)) {
     return std::nullopt;
   }
-  std::size_t at = headerSize;
-  while (message.size() >= at + 4) {
-    const std::size_t length = readUInt16(message, at + 2);
-    if (message.size() < at + 4 + length) {
-      return std::nullopt;
+  ByteView rest = message.subspan(headerSize);
+  while (const auto attribute = takeAttribute(rest)) {
+    if (attribute->type == xorMappedAddress) {
+      if (const auto address = decodeXorAddress(attribute->value)) {
+        return fmt::format("{}:{}", address->ip, address->port);
+      }
     }
-    const ByteView value = message.subspan(at + 4, length);
-    if (readUInt16(message, at) == xorMappedAddress && length >= 8 && value[1] == familyIPv4) {
-      return decodedAddress(value);
-    }
-    at += 4 + ((length + 3) & ~std::size_t{3});
   }
   return std::nullopt;
 }

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "Platform/IPv4.h"
+
 namespace zk {
 namespace {
 
@@ -13,33 +15,85 @@ constexpr std::string_view fallbackNonce = "00000000000000000000000000000000";
 constexpr std::uint16_t lowestChannel = 0x4000;
 constexpr std::uint16_t highestChannel = 0x7FFF;
 
-TURNMessage answerTo(const TURNMessage& request, TURNClass klass) {
+TURNMessage answerTo(std::uint16_t method, TURNClass klass, const TransactionID& txID) {
   constexpr std::size_t roomForAnyAnswer = 128;
-  return {request.method, klass, request.txID, roomForAnyAnswer};
+  return {method, klass, txID, roomForAnyAnswer};
 }
 
-std::vector<TURNMessage> signedWith(ByteView key, TURNMessage answer) {
+TURNMessage signedWith(ByteView key, TURNMessage answer) {
   TURNAuth::appendMessageIntegrity(answer, key);
-  std::vector<TURNMessage> answers;
-  answers.push_back(std::move(answer));
-  return answers;
+  return answer;
 }
 
-std::vector<TURNMessage> success(const TURNMessage& request, ByteView key) {
-  return signedWith(key, answerTo(request, TURNClass::successResponse));
+TURNMessage success(const TURNMessage& request, ByteView key) {
+  return signedWith(key, answerTo(request.method, TURNClass::successResponse, request.txID));
 }
 
-std::vector<TURNMessage> failure(const TURNMessage& request, ByteView key, const ErrorCode& error) {
-  TURNMessage answer = answerTo(request, TURNClass::errorResponse);
+TURNMessage failure(std::uint16_t method, const TransactionID& txID, ByteView key,
+                    const ErrorCode& error) {
+  TURNMessage answer = answerTo(method, TURNClass::errorResponse, txID);
   answer.append(TURNAttr::errorCode, TURNAttributes::encodeErrorCode(error));
   return signedWith(key, std::move(answer));
 }
 
+TURNMessage failure(const TURNMessage& request, ByteView key, const ErrorCode& error) {
+  return failure(request.method, request.txID, key, error);
+}
+
+// Address and port of a peer in one number; absent for what no channel can be bound to.
+std::optional<std::uint64_t> peerNumber(std::string_view ip, std::uint16_t port) {
+  const auto octets = parseDottedQuad(ip);
+  if (!octets) {
+    return std::nullopt;
+  }
+  std::uint64_t number = port;
+  for (const std::uint8_t octet : *octets) {
+    number = number << 8 | octet;
+  }
+  return number;
+}
+
 }  // namespace
 
-AllocationTable::AllocationTable(std::shared_ptr<TURNRelayProvider> relayProvider,
-                                 std::string realm)
-    : realm_(std::move(realm)), relayProvider_(std::move(relayProvider)) {}
+// ---- Permissions and channels ------------------------------------------------------------------
+
+void Allocation::permit(const std::string& peerIP) {
+  if (permissions.size() < maxPermissions) {
+    permissions.insert(peerIP);
+  }
+}
+
+void Allocation::bind(std::uint16_t channel, TURNAttributes::Address peer) {
+  const auto forget = [&](const TURNAttributes::Address& former) {
+    const auto bound = channelsOfPeer_.find(*peerNumber(former.ip, former.port));
+    bound->second.erase(channel);
+    if (bound->second.empty()) {
+      channelsOfPeer_.erase(bound);
+    }
+  };
+  const auto number = peerNumber(peer.ip, peer.port);
+  if (!number) {
+    return;
+  }
+  const auto [entry, isNew] = channels.try_emplace(channel, peer);
+  if (!isNew) {
+    forget(entry->second);
+    entry->second = std::move(peer);
+  }
+  channelsOfPeer_[*number].insert(channel);
+}
+
+std::optional<std::uint16_t> Allocation::channelOf(std::string_view peerIP,
+                                                   std::uint16_t peerPort) const {
+  const auto number = peerNumber(peerIP, peerPort);
+  const auto bound = number ? channelsOfPeer_.find(*number) : channelsOfPeer_.end();
+  return bound == channelsOfPeer_.end() ? std::nullopt : std::optional(*bound->second.begin());
+}
+
+// ---- Who has an allocation ---------------------------------------------------------------------
+
+AllocationTable::AllocationTable(std::string realm, bool acceptFingerprint)
+    : realm_(std::move(realm)), acceptFingerprint_(acceptFingerprint) {}
 
 const Allocation* AllocationTable::allocation(const FiveTuple& forClient) const {
   const auto found = allocations_.find(forClient);
@@ -58,12 +112,20 @@ std::unordered_set<FiveTuple> AllocationTable::sweepExpired(std::uint32_t now) {
   return removed;
 }
 
+void AllocationTable::prune(std::uint32_t now) {
+  issuedNonces_.prune(now);
+  while (!failures_.empty() && failures_.front().until < now) {
+    failures_.pop_front();
+  }
+}
+
 // ---- The gate: who may ask at all -------------------------------------------------------------
 
-std::vector<TURNMessage> AllocationTable::handle(const TURNMessage& message, const FiveTuple& from,
-                                                 ByteView rawRequestBytes,
-                                                 const Credentials& credentials,
-                                                 std::uint32_t now) {
+std::variant<TURNMessage, PendingAllocate> AllocationTable::handle(const TURNMessage& message,
+                                                                   const FiveTuple& from,
+                                                                   ByteView rawRequestBytes,
+                                                                   const Credentials& credentials,
+                                                                   std::uint32_t now) {
   const auto challenge = [&](const ErrorCode& error) {
     return make401Challenge(message.txID, message.method, now, error);
   };
@@ -101,7 +163,7 @@ std::vector<TURNMessage> AllocationTable::handle(const TURNMessage& message, con
 
   const Key key =
       TURNAuth::longTermKey(credentials.username, credentials.realm, credentials.password);
-  if (!TURNAuth::verifyMessageIntegrity(rawRequestBytes, key)) {
+  if (!TURNAuth::verifyMessageIntegrity(rawRequestBytes, key, acceptFingerprint_)) {
     logLine(debugLog, FMT_COMPILE("auth: MI verify FAILED → 401"));
     return challenge(TURNAttributes::unauthorized);
   }
@@ -120,9 +182,8 @@ std::vector<TURNMessage> AllocationTable::handle(const TURNMessage& message, con
   }
 }
 
-std::vector<TURNMessage> AllocationTable::make401Challenge(const TransactionID& txID,
-                                                           std::uint16_t method, std::uint32_t now,
-                                                           const ErrorCode& error) {
+TURNMessage AllocationTable::make401Challenge(const TransactionID& txID, std::uint16_t method,
+                                              std::uint32_t now, const ErrorCode& error) {
   std::string nonce;
   try {
     nonce = TURNAuth::makeNonce();
@@ -134,62 +195,72 @@ std::vector<TURNMessage> AllocationTable::make401Challenge(const TransactionID& 
   answer.append(TURNAttr::errorCode, TURNAttributes::encodeErrorCode(error));
   answer.append(TURNAttr::realm, bytesOf(realm_));
   answer.append(TURNAttr::nonce, bytesOf(nonce));
-  Answers answers;
-  answers.push_back(std::move(answer));
-  return answers;
+  return answer;
 }
 
 // ---- Allocate and Refresh (RFC 5766 sections 6 and 7) -----------------------------------------
 
-std::vector<TURNMessage> AllocationTable::handleAllocate(const TURNMessage& request,
-                                                         const FiveTuple& client, const Key& key,
-                                                         std::uint32_t now) {
-  const auto granted = [&](const std::string& relayIP, std::uint16_t relayPort) {
-    const auto relayed = TURNAttributes::encodeXorAddress(relayIP, relayPort);
-    const auto mapped = TURNAttributes::encodeXorAddress(client.clientIP, client.clientPort);
-    if (!relayed || !mapped) {
-      return failure(request, key, TURNAttributes::serverError);
-    }
-    TURNMessage answer = answerTo(request, TURNClass::successResponse);
-    answer.append(TURNAttr::xorRelayedAddress, *relayed);
-    answer.append(TURNAttr::xorMappedAddress, *mapped);
-    answer.append(TURNAttr::lifetime, encodedUInt32(defaultLifetime));
-    return signedWith(key, std::move(answer));
-  };
-
+std::variant<TURNMessage, PendingAllocate> AllocationTable::handleAllocate(
+    const TURNMessage& request, const FiveTuple& client, const Key& key, std::uint32_t now) {
   if (const Allocation* const existing = allocation(client)) {
     if (existing->creatingTxID != request.txID) {
       return failure(request, key, TURNAttributes::allocationMismatch);
     }
     logLine(debugLog, FMT_COMPILE("allocate retransmit (same txID) → resend success"));
-    return granted(existing->relayIP, existing->relayPort);
+    return granted({client, request.txID, key}, *existing);
   }
-
   const auto transport = request.first(TURNAttr::requestedTransport);
   if (!transport || !TURNAttributes::isUDPTransport(*transport)) {
     return failure(request, key, TURNAttributes::unsupportedTransport);
   }
-
-  RelayedAddress relayed;
-  try {
-    relayed = relayProvider_->allocateRelay();
-  } catch (const std::exception&) {
+  if (hasFailed(client, request.txID, now)) {
     return failure(request, key, TURNAttributes::serverError);
   }
-  if (!TURNAttributes::encodeXorAddress(relayed.ip, relayed.port)) {  // nothing to tell the client
-    return failure(request, key, TURNAttributes::serverError);
-  }
-  Allocation& created = allocations_[client];
-  created.relayIP = relayed.ip;
-  created.relayPort = relayed.port;
-  created.lifetimeExpiry = now + defaultLifetime;
-  created.creatingTxID = request.txID;
-  return granted(created.relayIP, created.relayPort);
+  return PendingAllocate{client, request.txID, key};
 }
 
-std::vector<TURNMessage> AllocationTable::handleRefresh(const TURNMessage& request,
-                                                        const FiveTuple& client, const Key& key,
-                                                        std::uint32_t now) {
+TURNMessage AllocationTable::conclude(const PendingAllocate& pending,
+                                      const std::optional<RelayedAddress>& relayed,
+                                      std::uint32_t now) {
+  if (!relayed) {
+    failures_.push_back({pending.client, pending.txID, now + failureMemory});
+    if (failures_.size() > maxFailures) {
+      failures_.pop_front();
+    }
+    return failure(TURNMethod::allocate, pending.txID, pending.key, TURNAttributes::serverError);
+  }
+  Allocation& created = allocations_[pending.client];
+  created.relayIP = relayed->ip;
+  created.relayPort = relayed->port;
+  created.lifetimeExpiry = now + defaultLifetime;
+  created.creatingTxID = pending.txID;
+  return granted(pending, created);
+}
+
+// Both addresses are IPv4: the client's by its socket, the relay's because an opening that finds
+// another has failed.
+TURNMessage AllocationTable::granted(const PendingAllocate& allocate,
+                                     const Allocation& allocation) {
+  TURNMessage answer = answerTo(TURNMethod::allocate, TURNClass::successResponse, allocate.txID);
+  answer.append(TURNAttr::xorRelayedAddress,
+                TURNAttributes::encodeXorAddress(allocation.relayIP, allocation.relayPort).value());
+  answer.append(
+      TURNAttr::xorMappedAddress,
+      TURNAttributes::encodeXorAddress(allocate.client.clientIP, allocate.client.clientPort)
+          .value());
+  answer.append(TURNAttr::lifetime, encodedUInt32(defaultLifetime));
+  return signedWith(allocate.key, std::move(answer));
+}
+
+bool AllocationTable::hasFailed(const FiveTuple& client, const TransactionID& txID,
+                                std::uint32_t now) const {
+  return std::any_of(failures_.begin(), failures_.end(), [&](const Failure& failed) {
+    return failed.until >= now && failed.txID == txID && failed.client == client;
+  });
+}
+
+TURNMessage AllocationTable::handleRefresh(const TURNMessage& request, const FiveTuple& client,
+                                           const Key& key, std::uint32_t now) {
   const auto found = allocations_.find(client);
   if (found == allocations_.end()) {
     return failure(request, key, TURNAttributes::allocationMismatch);
@@ -198,13 +269,13 @@ std::vector<TURNMessage> AllocationTable::handleRefresh(const TURNMessage& reque
   if (const auto value = request.first(TURNAttr::lifetime)) {
     lifetime = TURNAttributes::decodeLifetime(*value).value_or(defaultLifetime);
   }
-  lifetime = std::min(lifetime, largestLifetime);
+  lifetime = std::min(lifetime, maxLifetime);
   if (lifetime == 0) {
     allocations_.erase(found);
   } else {
     found->second.lifetimeExpiry = now + lifetime;
   }
-  TURNMessage answer = answerTo(request, TURNClass::successResponse);
+  TURNMessage answer = answerTo(request.method, TURNClass::successResponse, request.txID);
   answer.append(TURNAttr::lifetime, encodedUInt32(lifetime));
   return signedWith(key, std::move(answer));
 }
@@ -221,10 +292,9 @@ Allocation* AllocationTable::usableAllocation(const FiveTuple& client, std::uint
   return found == allocations_.end() || found->second.isExpired(now) ? nullptr : &found->second;
 }
 
-std::vector<TURNMessage> AllocationTable::handleCreatePermission(const TURNMessage& request,
-                                                                 const FiveTuple& client,
-                                                                 const Key& key,
-                                                                 std::uint32_t now) {
+TURNMessage AllocationTable::handleCreatePermission(const TURNMessage& request,
+                                                    const FiveTuple& client, const Key& key,
+                                                    std::uint32_t now) {
   Allocation* const allocation = usableAllocation(client, now);
   if (allocation == nullptr) {
     return failure(request, key, TURNAttributes::allocationMismatch);
@@ -232,16 +302,15 @@ std::vector<TURNMessage> AllocationTable::handleCreatePermission(const TURNMessa
   for (const TURNAttribute attribute : request.attributes()) {
     if (attribute.type == TURNAttr::xorPeerAddress) {
       if (auto peer = TURNAttributes::decodeXorAddress(attribute.value)) {
-        allocation->permissions.insert(std::move(peer->ip));
+        allocation->permit(peer->ip);
       }
     }
   }
   return success(request, key);
 }
 
-std::vector<TURNMessage> AllocationTable::handleChannelBind(const TURNMessage& request,
-                                                            const FiveTuple& client, const Key& key,
-                                                            std::uint32_t now) {
+TURNMessage AllocationTable::handleChannelBind(const TURNMessage& request, const FiveTuple& client,
+                                               const Key& key, std::uint32_t now) {
   Allocation* const allocation = usableAllocation(client, now);
   if (allocation == nullptr) {
     return failure(request, key, TURNAttributes::allocationMismatch);
@@ -260,8 +329,8 @@ std::vector<TURNMessage> AllocationTable::handleChannelBind(const TURNMessage& r
   if (!peer) {
     return failure(request, key, TURNAttributes::missingPeerAddress);
   }
-  allocation->permissions.insert(peer->ip);
-  allocation->channels[*number] = std::move(*peer);
+  allocation->permit(peer->ip);
+  allocation->bind(*number, std::move(*peer));
   return success(request, key);
 }
 

@@ -1,17 +1,17 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
-#include <exception>
+#include <deque>
 #include <functional>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
-#include <vector>
+#include <variant>
 
 #include "Platform/LogCallback.h"
 #include "ZelkorTURN/NonceBook.h"
@@ -48,6 +48,10 @@ namespace zk {
 
 /// One client's allocation. Permissions and channels live as long as it does.
 struct Allocation {
+  /// More peers are acknowledged and not noted. Nothing depends on the set, and a client that has
+  /// so many is not one that makes calls.
+  static constexpr std::size_t maxPermissions = 4096;
+
   std::string relayIP;
   std::uint16_t relayPort = 0;
   std::uint32_t lifetimeExpiry = 0;  // server clock; expired exactly when it is below now
@@ -56,13 +60,15 @@ struct Allocation {
   std::map<std::uint16_t, TURNAttributes::Address> channels;  // by channel number
 
   bool isExpired(std::uint32_t now) const { return lifetimeExpiry < now; }
-};
+  void permit(const std::string& peerIP);
+  /// Binds the channel to the peer, in place of what it was bound to.
+  void bind(std::uint16_t channel, TURNAttributes::Address peer);
+  /// The lowest channel that is bound to a peer; absent when none is.
+  std::optional<std::uint16_t> channelOf(std::string_view peerIP, std::uint16_t peerPort) const;
 
-/// The provider has no relay for the client.
-class AllocationError : public std::exception {
- public:
-  static AllocationError relayCapacityExceeded() { return {}; }
-  const char* what() const noexcept override { return "relayCapacityExceeded"; }
+ private:
+  // The other way round, for every datagram from a peer: channels by address and port in one.
+  std::unordered_map<std::uint64_t, std::set<std::uint16_t>> channelsOfPeer_;
 };
 
 /// The one long-term credential that clients prove to know.
@@ -72,18 +78,27 @@ struct Credentials {
   std::string password;
 };
 
+/// An Allocate that waits for its relay.
+struct PendingAllocate {
+  FiveTuple client;
+  TransactionID txID{};
+  TURNAuth::LongTermKey key{};  // the answer is signed with it
+};
+
 /// The state machine of the TURN server (RFC 5766): who has which allocation, which nonces are out,
-/// and the answer to every STUN message. It touches neither sockets nor clocks: relays come from
-/// the provider, and `now` is the server clock in whole seconds.
-///
-/// One serial context: the server calls it on its serial queue only, and is called back there.
+/// and the answer to every STUN message. It touches neither sockets nor clocks and calls nobody:
+/// `now` is the server clock in whole seconds. One thread.
 class AllocationTable {
  public:
-  static constexpr std::uint32_t defaultLifetime = 600;   // seconds
-  static constexpr std::uint32_t largestLifetime = 3600;  // seconds
+  static constexpr std::uint32_t defaultLifetime = 600;  // seconds
+  static constexpr std::uint32_t maxLifetime = 3600;     // seconds
+  /// For so long a failed Allocate is remembered and its retransmissions get the same answer
+  /// (RFC 5389 section 7.2.1), in seconds; and so many of them at most, the oldest go.
+  static constexpr std::uint32_t failureMemory = 40;
+  static constexpr std::size_t maxFailures = 4096;
 
-  /// `relayProvider` is kept; `realm` goes into every challenge.
-  AllocationTable(std::shared_ptr<TURNRelayProvider> relayProvider, std::string realm);
+  /// `realm` goes into every challenge. `acceptFingerprint`: see verifyMessageIntegrity().
+  explicit AllocationTable(std::string realm, bool acceptFingerprint = false);
 
   /// Where diagnostics go.
   LogCallback debugLog;
@@ -95,38 +110,57 @@ class AllocationTable {
   /// Removes every allocation that is expired at `now`, and tells whose, so that their owner can
   /// close the relays.
   std::unordered_set<FiveTuple> sweepExpired(std::uint32_t now);
+  /// Removes a client's allocation, whose relay is no more.
+  void remove(const FiveTuple& client) { allocations_.erase(client); }
+  /// Gives back what nonces and failures that are long past take.
+  void prune(std::uint32_t now);
 
-  /// The answers to a message, to be sent to the client in this order. Every message is
-  /// authenticated (RFC 5389 section 10.2.2) whatever its class; `rawRequestBytes` is the datagram
-  /// as received, which MESSAGE-INTEGRITY covers. Nothing is thrown: failures are answers.
-  std::vector<TURNMessage> handle(const TURNMessage& message, const FiveTuple& from,
-                                  ByteView rawRequestBytes, const Credentials& credentials,
-                                  std::uint32_t now);
+  /// The answer to a message, to be sent to the client; or, for an Allocate that wants a relay,
+  /// what conclude() takes once there is one or none. The client's messages must wait meanwhile.
+  /// Every message is authenticated (RFC 5389 section 10.2.2) whatever its class; `rawRequestBytes`
+  /// is the datagram as received, which MESSAGE-INTEGRITY covers. Nothing is thrown: failures are
+  /// answers.
+  std::variant<TURNMessage, PendingAllocate> handle(const TURNMessage& message,
+                                                    const FiveTuple& from, ByteView rawRequestBytes,
+                                                    const Credentials& credentials,
+                                                    std::uint32_t now);
+
+  /// The answer to an Allocate whose relay is open at `relayed`, or could not be opened.
+  TURNMessage conclude(const PendingAllocate& pending, const std::optional<RelayedAddress>& relayed,
+                       std::uint32_t now);
 
  private:
   using Key = TURNAuth::LongTermKey;
-  using Answers = std::vector<TURNMessage>;
+  struct Failure {
+    FiveTuple client;
+    TransactionID txID;
+    std::uint32_t until;
+  };
 
-  Answers make401Challenge(const TransactionID& txID, std::uint16_t method, std::uint32_t now,
-                           const TURNAttributes::ErrorCode& error);
+  TURNMessage make401Challenge(const TransactionID& txID, std::uint16_t method, std::uint32_t now,
+                               const TURNAttributes::ErrorCode& error);
   void issueNonce(std::string_view nonce, std::uint32_t now) { issuedNonces_.issue(nonce, now); }
 
-  Answers handleAllocate(const TURNMessage& request, const FiveTuple& client, const Key& key,
-                         std::uint32_t now);
-  Answers handleRefresh(const TURNMessage& request, const FiveTuple& client, const Key& key,
-                        std::uint32_t now);
-  Answers handleCreatePermission(const TURNMessage& request, const FiveTuple& client,
-                                 const Key& key, std::uint32_t now);
-  Answers handleChannelBind(const TURNMessage& request, const FiveTuple& client, const Key& key,
+  std::variant<TURNMessage, PendingAllocate> handleAllocate(const TURNMessage& request,
+                                                            const FiveTuple& client, const Key& key,
+                                                            std::uint32_t now);
+  TURNMessage handleRefresh(const TURNMessage& request, const FiveTuple& client, const Key& key,
                             std::uint32_t now);
+  TURNMessage handleCreatePermission(const TURNMessage& request, const FiveTuple& client,
+                                     const Key& key, std::uint32_t now);
+  TURNMessage handleChannelBind(const TURNMessage& request, const FiveTuple& client, const Key& key,
+                                std::uint32_t now);
   Allocation* usableAllocation(const FiveTuple& client, std::uint32_t now);
+  static TURNMessage granted(const PendingAllocate& allocate, const Allocation& allocation);
+  bool hasFailed(const FiveTuple& client, const TransactionID& txID, std::uint32_t now) const;
 
   static std::array<std::uint8_t, 4> encodedUInt32(std::uint32_t value);
 
   std::unordered_map<FiveTuple, Allocation> allocations_;
   NonceBook issuedNonces_;
+  std::deque<Failure> failures_;  // oldest first
   const std::string realm_;
-  const std::shared_ptr<TURNRelayProvider> relayProvider_;
+  const bool acceptFingerprint_;
 };
 
 }  // namespace zk

@@ -1,24 +1,18 @@
 #include "ZelkorTURN/EgressProbe.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <map>
-#include <memory>
-#include <mutex>
-#include <optional>
 #include <string_view>
 #include <vector>
 
 #include <fmt/format.h>
 #include <poll.h>
-#include <sys/socket.h>
 
-#include "Platform/Clock.h"
 #include "Platform/IPv4.h"
-#include "Platform/LogFile.h"
+#include "Platform/Mutex.h"
 #include "Platform/Resolver.h"
 #include "Platform/Sockets.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
@@ -30,35 +24,36 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
-constexpr Seconds shortestWindow{0.2};
-constexpr Seconds longestWindow{1.5};
-constexpr std::size_t largestDatagram = 65536;
+constexpr Seconds minWindow{0.2};
+constexpr Seconds maxWindow{1.5};
 
 struct Target {
   std::string ip;
   std::uint16_t port = 0;
 };
 
-struct DefaultServer {
-  const char* host;
-  std::uint16_t port;
+// The last address found per gateway, for the whole process. Entries are added and overwritten,
+// never removed.
+class EgressCache {
+ public:
+  void store(const std::string& gateway, const std::string& egress) {
+    const MutexLock guard(lock_);
+    found_[gateway] = egress;
+  }
+  std::string lastKnownGood(const std::string& gateway) {
+    const MutexLock guard(lock_);
+    const auto entry = found_.find(gateway);
+    return entry == found_.end() ? std::string() : entry->second;
+  }
+
+ private:
+  Mutex lock_;
+  std::map<std::string, std::string> found_ GUARDED_BY(lock_);
 };
-// Two operators, so that one that is blocked or down does not take every relay with it.
-constexpr std::array<DefaultServer, 3> defaultServers{
-    {{"stun.l.google.com", 19302}, {"stun1.l.google.com", 19302}, {"stun.cloudflare.com", 3478}}};
 
-// The last address found per gateway. Entries are added and overwritten, never removed.
-std::mutex egressCacheLock;
-std::map<std::string, std::string>& egressCache() {  // guarded by egressCacheLock
-  static std::map<std::string, std::string> cache;
+EgressCache& egressCache() {
+  static EgressCache cache;
   return cache;
-}
-
-void plog(std::string_view line) {
-  std::string text = fmt::format("{} [egress-probe] {}", dateText(wallClockMicroseconds()), line);
-  keepOnOneLine(text);
-  text += '\n';
-  appendToFile("/tmp/zk-egress.log", text, {.bits = 0666, .ignoresUmask = true});
 }
 
 std::vector<std::string_view> split(std::string_view text, char separator) {
@@ -95,8 +90,10 @@ std::vector<Target> parseTargets(std::string_view list) {
   return targets;
 }
 
-std::optional<Target> resolveV4(const DefaultServer& server) {
-  const Resolution resolution = resolveUDPv4(server.host, std::to_string(server.port));
+std::optional<Target> resolveV4(const STUN::Server& server, Deadline deadline,
+                                const StopSignal* stop) {
+  const Resolution resolution =
+      resolveUDPv4(server.host, std::to_string(server.port), deadline, stop);
   for (const ResolvedAddress& resolved : resolution.addresses) {
     if (resolved.family == AF_INET) {
       return Target{addressText(reinterpret_cast<const sockaddr_in&>(resolved.address)),
@@ -106,104 +103,118 @@ std::optional<Target> resolveV4(const DefaultServer& server) {
   return std::nullopt;
 }
 
-std::vector<Target> stunTargets() {
+// One probe: what it has been given, and its steps.
+class Probe {
+ public:
+  Probe(DatagramSocket& socket, const sockaddr_in& relayAddr, const LogCallback& log,
+        const StopSignal* stop, Deadline deadline)
+      : socket_(socket), relayAddr_(relayAddr), log_(log), stop_(stop), deadline_(deadline) {}
+
+  std::vector<Target> targets();
+  std::optional<Egress> ask(const Target& target);
+  bool isOver() const { return Clock::now() >= deadline_ || (stop_ && stop_->isRaised()); }
+
+ private:
+  std::optional<Egress> awaitAnswer(ByteView txID, Deadline windowEnd);
+
+  DatagramSocket& socket_;
+  const sockaddr_in& relayAddr_;
+  const LogCallback& log_;
+  const StopSignal* const stop_;
+  const Deadline deadline_;
+  DatagramReceiver receiver_;
+};
+
+std::vector<Target> Probe::targets() {
   std::vector<Target> targets;
   const char* const given = std::getenv("ZK_STUN_IPS");
   if (given != nullptr && *given != '\0') {
     targets = parseTargets(given);
-    plog(fmt::format("using {} STUN IPs from ZK_STUN_IPS env", targets.size()));
+    logLine(log_, FMT_COMPILE("using {} STUN IPs from ZK_STUN_IPS env"), targets.size());
   }
   if (targets.empty()) {
-    for (const DefaultServer& server : defaultServers) {
-      if (auto target = resolveV4(server)) {
+    for (const STUN::Server& server : STUN::defaultServers) {
+      if (auto target = resolveV4(server, deadline_, stop_)) {
         targets.push_back(std::move(*target));
       }
     }
-    plog(fmt::format("in-process resolved {} STUN targets", targets.size()));
+    logLine(log_, FMT_COMPILE("in-process resolved {} STUN targets"), targets.size());
   }
   std::string list;
   for (const Target& target : targets) {
     list += fmt::format("{}{}:{}", list.empty() ? "" : ",", target.ip, target.port);
   }
-  plog("targets: " + list);
+  logLine(log_, FMT_COMPILE("targets: {}"), list);
   return targets;
 }
 
-// Waits on `udpFD` until `windowEnd` for the answer to `txID`. Everything else that comes in, late
-// answers to earlier targets included, is passed over.
-std::optional<std::string> awaitAnswer(int udpFD, ByteView txID, Clock::time_point windowEnd,
-                                       std::span<std::uint8_t> buffer) {
-  while (true) {
-    const auto left = windowEnd - Clock::now();
-    if (left <= Clock::duration::zero()) {
-      return std::nullopt;
-    }
-    const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
-    if (pollSocket(udpFD, POLLIN, static_cast<int>(std::max<long long>(milliseconds, 1))) <= 0) {
-      return std::nullopt;
-    }
-    const ssize_t received = recv(udpFD, buffer.data(), buffer.size(), 0);
-    if (received <= 0) {
-      return std::nullopt;
-    }
-    const auto frame =
-        SOCKS5UDPFrame::unwrap(ByteView(buffer).first(static_cast<std::size_t>(received)));
-    if (!frame) {
-      continue;
-    }
-    if (auto mapped = STUN::parseXorMappedAddress(frame->payload, txID)) {
-      return mapped->substr(0, mapped->find(':'));
+std::optional<Egress> Probe::ask(const Target& target) {
+  const STUN::BindingRequest binding = STUN::makeBindingRequest();
+  const std::ptrdiff_t sent =
+      socket_.send(SOCKS5UDPFrame::wrap(binding.request, target.ip, target.port), relayAddr_);
+  logLine(log_, FMT_COMPILE("→ STUN to {}:{} via relay sendRC={}"), target.ip, target.port, sent);
+  if (sent <= 0) {
+    return std::nullopt;
+  }
+  const auto now = Clock::now();
+  const auto window = std::clamp(Seconds(deadline_ - now), minWindow, maxWindow);
+  auto egress =
+      awaitAnswer(binding.txID, now + std::chrono::duration_cast<Clock::duration>(window));
+  if (egress) {
+    logLine(log_, FMT_COMPILE("✓ egress discovered = {} (via {})"), egress->ip, target.ip);
+  } else {
+    logLine(log_, FMT_COMPILE("✗ no STUN response from {} within window"), target.ip);
+  }
+  return egress;
+}
+
+// Everything else that comes in, late answers to earlier targets included, is passed over.
+std::optional<Egress> Probe::awaitAnswer(ByteView txID, Deadline windowEnd) {
+  while (waitFor(socket_.descriptor(), POLLIN, windowEnd, stop_) == Wait::ready) {
+    const int received = receiver_.receive(socket_);
+    for (std::size_t i = 0; i < static_cast<std::size_t>(std::max(received, 0)); ++i) {
+      const auto frame = isSameAddress(receiver_.sender(i), relayAddr_)
+                             ? SOCKS5UDPFrame::unwrap(receiver_.datagram(i))
+                             : std::nullopt;
+      const auto mapped = frame ? STUN::parseXorMappedAddress(frame->payload, txID) : std::nullopt;
+      if (mapped) {
+        const std::size_t colon = mapped->find(':');
+        return Egress{mapped->substr(0, colon),
+                      parsePort(std::string_view(*mapped).substr(colon + 1))};
+      }
     }
   }
+  return std::nullopt;
 }
 
 }  // namespace
 
-std::string probeEgressIP(int udpFD, const sockaddr_in& relayAddr, const std::string& gatewayIP,
-                          int timeoutSecs) {
-  plog(fmt::format("ENTER probe gateway={} timeout={}s", gatewayIP, timeoutSecs));
-  const std::vector<Target> targets = stunTargets();
+Egress probeEgressIP(DatagramSocket& socket, const sockaddr_in& relayAddr,
+                     const std::string& gatewayIP, int timeoutSecs, const LogCallback& log,
+                     const StopSignal* stop) {
+  logLine(log, FMT_COMPILE("ENTER probe gateway={} timeout={}s"), gatewayIP, timeoutSecs);
+  Probe probe(socket, relayAddr, log, stop, Clock::now() + std::chrono::seconds(timeoutSecs));
+  const std::vector<Target> targets = probe.targets();
   if (targets.empty()) {
-    plog("no targets → fallback " + gatewayIP);
-    return gatewayIP;
+    logLine(log, FMT_COMPILE("no targets → fallback {}"), gatewayIP);
+    return {gatewayIP, std::nullopt};
   }
-
-  const auto deadline = Clock::now() + std::chrono::seconds(timeoutSecs);
-  Bytes buffer(largestDatagram);
   for (const Target& target : targets) {
-    if (Clock::now() >= deadline) {
+    if (probe.isOver()) {
       break;
     }
-    const STUN::BindingRequest binding = STUN::makeBindingRequest();
-    const std::ptrdiff_t sent = sendDatagram(
-        udpFD, SOCKS5UDPFrame::wrap(binding.request, target.ip, target.port), relayAddr);
-    plog(fmt::format("→ STUN to {}:{} via relay sendRC={}", target.ip, target.port, sent));
-    if (sent <= 0) {
-      continue;
-    }
-    const auto now = Clock::now();
-    const auto window = std::clamp(Seconds(deadline - now), shortestWindow, longestWindow);
-    const auto windowEnd = now + std::chrono::duration_cast<Clock::duration>(window);
-    if (const auto egress = awaitAnswer(udpFD, binding.txID, windowEnd, buffer)) {
-      plog(fmt::format("✓ egress discovered = {} (via {})", *egress, target.ip));
-      const std::lock_guard guard(egressCacheLock);
-      egressCache()[gatewayIP] = *egress;
+    if (auto egress = probe.ask(target)) {
+      egressCache().store(gatewayIP, egress->ip);
       return *egress;
     }
-    plog(fmt::format("✗ no STUN response from {} within window", target.ip));
   }
-
-  std::string lastKnownGood;
-  {
-    const std::lock_guard guard(egressCacheLock);
-    const auto cached = egressCache().find(gatewayIP);
-    if (cached != egressCache().end()) {
-      lastKnownGood = cached->second;
-    }
+  const std::string lastKnownGood = egressCache().lastKnownGood(gatewayIP);
+  if (lastKnownGood.empty()) {
+    logLine(log, FMT_COMPILE("all targets failed → fail-closed (no gateway fallback)"));
+  } else {
+    logLine(log, FMT_COMPILE("all targets failed → last-known-good egress {}"), lastKnownGood);
   }
-  plog(lastKnownGood.empty() ? "all targets failed → fail-closed (no gateway fallback)"
-                             : "all targets failed → last-known-good egress " + lastKnownGood);
-  return lastKnownGood;
+  return {lastKnownGood, std::nullopt};
 }
 
 }  // namespace zk

@@ -1,15 +1,11 @@
 #include "ZelkorTURN/NonceBook.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "Platform/Process.h"
 
 namespace zk {
 namespace {
-
-// So many small blocks are worth a walk of the heap to give their memory back.
-constexpr std::size_t worthTrimming = 65536;
 
 std::optional<unsigned> digitValue(char digit) {
   if (digit >= '0' && digit <= '9') {
@@ -23,11 +19,59 @@ std::optional<unsigned> digitValue(char digit) {
 
 }  // namespace
 
-std::size_t NonceBook::KeyHash::operator()(const Key& key) const {
-  std::size_t hash = 0;
-  std::memcpy(&hash, key.data(), sizeof hash);  // random octets of our own making
-  return hash;
-}
+// Entries in the order in which they came, and a hash table of their places, open and never more
+// than half full. Nothing is ever taken out of the table: what is before first_ has gone.
+class NonceBook::Page {
+ public:
+  bool isFull() const { return end_ == entries_.size(); }
+  bool isEmpty() const { return first_ == end_; }
+  std::uint32_t oldest() const { return entries_[first_].issued; }
+  void dropOldest() { ++first_; }
+
+  void append(const Key& key, std::uint32_t issued) {
+    entries_[end_] = {key, issued};
+    slots_[slotOf(key)] = static_cast<std::uint16_t>(++end_);
+  }
+
+  // Moves the issue time of the newest entry when that is `key`.
+  bool renewNewest(const Key& key, std::uint32_t issued) {
+    Entry& newest = entries_[end_ - 1];
+    if (newest.key == key) {
+      newest.issued = issued;
+    }
+    return newest.key == key;
+  }
+
+  std::optional<std::uint32_t> issueTime(const Key& key) const {
+    const std::size_t place = slots_[slotOf(key)];
+    return place > first_ ? std::optional(entries_[place - 1].issued) : std::nullopt;
+  }
+
+ private:
+  struct Entry {
+    Key key;
+    std::uint32_t issued;
+  };
+
+  // The slot that holds the place of `key`, or else the one that would.
+  std::size_t slotOf(const Key& key) const {
+    std::uint64_t hash = 0;
+    std::memcpy(&hash, key.data(), sizeof hash);  // random octets of our own making
+    std::size_t slot = hash % slots_.size();
+    while (slots_[slot] != 0 && entries_[slots_[slot] - 1U].key != key) {
+      slot = (slot + 1) % slots_.size();
+    }
+    return slot;
+  }
+
+  std::array<Entry, 8192> entries_;
+  std::array<std::uint16_t, 16384> slots_{};  // places from 1 on; 0: free
+  std::size_t first_ = 0;
+  std::size_t end_ = 0;
+};
+
+NonceBook::NonceBook() = default;
+NonceBook::~NonceBook() = default;
 
 std::optional<NonceBook::Key> NonceBook::keyOf(std::string_view nonce) {
   Key key{};
@@ -46,32 +90,51 @@ std::optional<NonceBook::Key> NonceBook::keyOf(std::string_view nonce) {
 }
 
 void NonceBook::issue(std::string_view nonce, std::uint32_t now) {
-  if (const auto key = keyOf(nonce)) {
-    const auto [entry, isNew] = entries_.insert_or_assign(*key, now);
-    if (!isNew) {
-      order_.erase(std::find(order_.begin(), order_.end(), &*entry));
-    }
-    order_.push_back(&*entry);
+  dropOlderThan(timeToLive, now);
+  const auto key = keyOf(nonce);
+  // The nonce that stands in when the random source fails comes again and again.
+  if (!key || (size_ > 0 && pages_.back()->renewNewest(*key, now))) {
+    return;
   }
-  prune(now);
+  if (size_ == maxNonces) {
+    dropOldest();
+  }
+  if (pages_.empty() || pages_.back()->isFull()) {
+    pages_.push_back(std::make_unique_for_overwrite<Page>());
+  }
+  pages_.back()->append(*key, now);
+  ++size_;
 }
 
 std::optional<std::uint32_t> NonceBook::issueTime(std::string_view nonce) const {
   const auto key = keyOf(nonce);
-  const auto entry = key ? entries_.find(*key) : entries_.end();
-  return entry == entries_.end() ? std::nullopt : std::optional(entry->second);
+  for (auto page = pages_.rbegin(); key && page != pages_.rend(); ++page) {
+    if (const auto issued = (*page)->issueTime(*key)) {
+      return issued;
+    }
+  }
+  return std::nullopt;
 }
 
 void NonceBook::prune(std::uint32_t now) {
-  while (!order_.empty() && now - order_.front()->second > timeToLive) {
-    entries_.erase(order_.front()->first);
-    order_.pop_front();
-    ++prunedSinceTrim_;
+  dropOlderThan(2 * timeToLive, now);
+}
+
+void NonceBook::dropOlderThan(std::uint32_t seconds, std::uint32_t now) {
+  const std::size_t pagesBefore = pages_.size();
+  while (size_ > 0 && now - pages_.front()->oldest() > seconds) {
+    dropOldest();
   }
-  if (prunedSinceTrim_ >= worthTrimming && prunedSinceTrim_ > entries_.size()) {
-    prunedSinceTrim_ = 0;
-    entries_.rehash(0);
+  if (pages_.size() + 1 < pagesBefore) {
     returnFreedMemory();
+  }
+}
+
+void NonceBook::dropOldest() {
+  pages_.front()->dropOldest();
+  --size_;
+  if (pages_.front()->isEmpty()) {
+    pages_.pop_front();
   }
 }
 

@@ -1,19 +1,12 @@
 #include "ZelkorTURN/SOCKS5Relay.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-
-#include <fmt/format.h>
-#include <sys/socket.h>
+#include <system_error>
+#include <utility>
 
 #include "Platform/IPv4.h"
-#include "Platform/Resolver.h"
-#include "Platform/Sockets.h"
-#include "Platform/Thread.h"
 #include "ZelkorSOCKS5/InterfaceScope.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
-#include "ZelkorTURN/DataPlaneLog.h"
 #include "ZelkorTURN/EgressProbe.h"
 
 namespace zk {
@@ -21,190 +14,265 @@ namespace {
 
 constexpr int egressProbeSeconds = 8;
 
-sockaddr_in resolveRelay(const std::string& host, std::uint16_t port) {
-  const Resolution resolution = resolveUDPv4(host, std::to_string(port));
-  if (resolution.addresses.empty()) {
-    throw SOCKS5Error::connectionFailed(
-        fmt::format("relay getaddrinfo({}:{}): {}", host, port, resolution.error));
-  }
-  sockaddr_in address{};
-  std::memcpy(&address, &resolution.addresses.front().address, sizeof address);
-  return address;
-}
+// While a backlog waits, the socket is tried so often. Its own buffer holds more than leaves by any
+// way in a millisecond, so that the way out never stands idle for it.
+constexpr std::chrono::milliseconds retryInterval{1};
 
-// A UDP socket towards `relayHost`, bound to an ephemeral port and pinned as InterfaceScope says.
-int openRelaySocket(const std::string& relayHost) {
-  const int fd = openUDPSocket();
-  if (fd < 0) {
-    throw SOCKS5Error::connectionFailed("socket: " + errorText(errno));
+// A UDP socket on an ephemeral port, pinned to the interface if there is one.
+DatagramSocket openRelaySocket(std::optional<unsigned> interface) {
+  try {
+    DatagramSocket socket = DatagramSocket::open();
+    socket.enlargeBuffers();
+    if (interface) {
+      socket.pin(*interface);
+    }
+    socket.bind(socketAddress("0.0.0.0", 0));
+    return socket;
+  } catch (const std::system_error& error) {
+    const bool binding = std::string_view(error.what()).starts_with("bind");
+    throw SOCKS5Error::connectionFailed((binding ? "bind relay socket: " : "socket: ") +
+                                        error.code().message());
   }
-  InterfaceScope::bind(fd, relayHost);
-  if (!bindSocket(fd, socketAddress("0.0.0.0", 0))) {
-    const int error = errno;
-    closeSocket(fd);
-    throw SOCKS5Error::connectionFailed("bind relay socket: " + errorText(error));
-  }
-  return fd;
 }
 
 }  // namespace
 
-SOCKS5Relay::SOCKS5Relay(std::string proxyHost, std::int64_t proxyPort,
-                         std::optional<std::string> username, std::optional<std::string> password)
-    : proxyHost_(std::move(proxyHost)),
-      proxyPort_(proxyPort),
-      username_(std::move(username)),
-      password_(std::move(password)) {}
+SOCKS5Relay::SOCKS5Relay(std::shared_ptr<const SOCKS5RelaySettings> settings)
+    : settings_(std::move(settings)) {}
 
-RelayedAddress SOCKS5Relay::open() {
-  {
-    const std::lock_guard guard(lock_);
-    if (udpFD_ >= 0) {
-      throw SOCKS5Error::connectionFailed("relay already open");
-    }
+// ---- Opening, on a thread of its own -----------------------------------------------------------
+
+RelayedAddress SOCKS5Relay::open(const OpeningAttempt& attempt) {
+  if (socket_) {
+    throw SOCKS5Error::connectionFailed("relay already open");
   }
-  // Until it is stored, the control connection closes itself when something below throws.
-  auto control =
-      std::make_unique<SOCKS5Control>(proxyHost_, proxyPort_, username_, password_, connectTimeout);
+  // Until they are stored, both close themselves when something below throws.
+  auto control = std::make_unique<SOCKS5Control>(settings_->proxyHost, settings_->proxyPort,
+                                                 settings_->username, settings_->password,
+                                                 attempt.connectTimeout, attempt.stop);
   control->connect();
-  const auto [relayHost, relayPort] = control->performHandshakeAndUDPAssociate();
-  const sockaddr_in relayAddr = resolveRelay(relayHost, relayPort);
-  const int fd = openRelaySocket(relayHost);
-  {
-    const std::lock_guard guard(lock_);
-    control_ = std::move(control);
-    relayAddr_ = relayAddr;
-    udpFD_ = fd;
-    isClosed_ = false;
-  }
+  const SOCKS5Control::RelayEndpoint relay = control->performHandshakeAndUDPAssociate();
+  const auto interface = InterfaceScope::interfaceFor(
+      relay.relayHost, reinterpret_cast<const sockaddr&>(relay.relayAddress), attempt.viaDefault);
+  DatagramSocket socket = openRelaySocket(interface);
 
-  std::string egressIP = probeEgressIP(fd, relayAddr, relayHost, egressProbeSeconds);
-  if (egressIP.empty()) {
-    {
-      const std::lock_guard guard(lock_);
-      udpFD_ = -1;
-      isClosed_ = true;
-      control.swap(control_);
-    }
-    control->close();
-    closeSocket(fd);
+  Egress egress = probeEgressIP(socket, relay.relayAddress, relay.relayHost, egressProbeSeconds,
+                                settings_->egressLog, attempt.stop);
+  const auto port = settings_->reportsMappedPort ? egress.port : relay.relayPort;
+  if (egress.ip.empty() || !port) {
     throw SOCKS5Error::connectionFailed("egress probe failed — fail-closed (no gateway fallback)");
   }
-  return {std::move(egressIP), relayPort};
+  control->watchAlive();
+  control_ = std::move(control);
+  socket_ = std::move(socket);
+  relayAddr_ = relay.relayAddress;
+  interface_ = interface;
+  return {std::move(egress.ip), *port};
 }
 
-void SOCKS5Relay::sendAll(std::span<const PeerDatagram> datagrams) {
-  const int fd = udpFD_;
-  if (fd < 0) {
-    throw SOCKS5Error::connectionFailed("relay socket not open");
-  }
-  int error = 0;  // of the first that was refused
-  DatagramSender sender;
-  while (!datagrams.empty()) {
-    const auto burst = datagrams.first(std::min(datagrams.size(), mostPerCall));
-    datagrams = datagrams.subspan(burst.size());
-    for (const PeerDatagram& datagram : burst) {
-      sender.add(SOCKS5UDPFrame::header(datagram.peerIP, datagram.peerPort), datagram.payload,
-                 relayAddr_);
-    }
-    const auto outcomes = sender.send(fd);
-    for (std::size_t i = 0; i < burst.size(); ++i) {
-      zkDPLog(FMT_COMPILE("SEND fd={} → {}:{} {}B sendto={}"), fd, burst[i].peerIP,
-              burst[i].peerPort, burst[i].payload.size(), outcomes[i].sent);
-      error = error != 0 ? error : outcomes[i].error;
-    }
-  }
-  if (error != 0) {
-    throw SOCKS5Error::connectionFailed("sendto relay: " + errorText(error));
-  }
-}
+// ---- From here on, on the loop's thread: from the proxy ----------------------------------------
 
-void SOCKS5Relay::receive(Handler handler) {
-  const int fd = udpFD_;
-  if (fd < 0) {
+void SOCKS5Relay::receive(const RelayLoop& loop, RelayListener& listener) {
+  if (!socket_) {
     return;
   }
-  zkDPLog(FMT_COMPILE("RECV-THREAD start fd={}"), fd);
-  const std::lock_guard guard(lock_);
-  // Peers are named by the header in front of each datagram.
-  const auto receiver = std::make_shared<DatagramReceiver>(DatagramReceiver::Senders::ignored);
-  receiveThread_ = startThread("zk.socks5relay.recv",
-                               [self = shared_from_this(), receiver, run = std::move(handler)] {
-                                 self->receiveLoop(*receiver, run);
-                               });
+  loop.loop.watch(socket_.descriptor(), socketWatch_);
+  try {
+    loop.loop.watch(control_->descriptor(), controlWatch_);
+  } catch (...) {
+    loop.loop.unwatch(socket_.descriptor());
+    throw;
+  }
+  loop_.emplace(loop);
+  listener_ = &listener;
+  logLine(settings_->dataPlaneLog, FMT_COMPILE("RECV-THREAD start fd={}"), socket_.descriptor());
 }
 
-void SOCKS5Relay::receiveLoop(DatagramReceiver& receiver, const Handler& handler) {
-  std::vector<PeerDatagram> burst;
-  burst.reserve(mostPerCall);
-  for (int fd = udpFD_; fd >= 0; fd = udpFD_) {
-    burst.clear();
-    if (!receiveBurst(fd, receiver, burst)) {
-      return;
-    }
-    if (!burst.empty()) {
-      handler(burst);
-    }
+void SOCKS5Relay::onRouteChange(const RouteCheck& hasRoute) {
+  const bool isCutOff = interface_ && !hasRoute(*interface_, relayAddr_);
+  if (std::exchange(isCutOff_, isCutOff) != isCutOff) {
+    control_->watchAlive(!isCutOff);
+    logLine(settings_->dataPlaneLog,
+            FMT_COMPILE("SEND fd={} {}: the interface has {} to the proxy"), socket_.descriptor(),
+            isCutOff ? "stops" : "goes on", isCutOff ? "no route" : "a route");
   }
 }
 
-// Whether the loop is to go on.
-bool SOCKS5Relay::receiveBurst(int fd, DatagramReceiver& receiver,
-                               std::vector<PeerDatagram>& burst) const {
-  const int received = receiver.receive(fd);
-  const int error = errno;
+void SOCKS5Relay::receiveBurst() {
+  const LogCallback& log = settings_->dataPlaneLog;
+  DatagramReceiver& receiver = loop_->receiver;
+  const int received = receiver.receive(socket_);
   if (received < 0) {
-    zkDPLog(FMT_COMPILE("RECV recvfrom n={}"), received);
-    return error != EINVAL && error != EBADF;
+    logLine(log, FMT_COMPILE("RECV recvfrom n={}"), received);
   }
-  for (std::size_t i = 0; i < static_cast<std::size_t>(received); ++i) {
+  burst_.clear();
+  for (std::size_t i = 0; i < static_cast<std::size_t>(std::max(received, 0)); ++i) {
     const ByteView datagram = receiver.datagram(i);
-    DataPlaneLines lines;
-    lines.add(FMT_COMPILE("RECV recvfrom n={}"), datagram.size());
-    if (udpFD_ < 0) {  // a shut-down socket shows by empty datagrams
-      lines.write();
-      return false;
+    const sockaddr_in& sender = receiver.sender(i);
+    logLine(log, FMT_COMPILE("RECV recvfrom n={}"), datagram.size());
+    // Whoever suspects this address and sends to its ports must not get an answer by the proxy.
+    if (!isSameAddress(sender, relayAddr_)) {
+      logLine(log, FMT_COMPILE("RECV from stranger {}:{} {}B (DROPPED)"), addressText(sender),
+              portNumber(sender), datagram.size());
+      continue;
     }
     auto frame = SOCKS5UDPFrame::unwrap(datagram);
     if (frame) {
-      lines.add(FMT_COMPILE("RECV unwrap OK from {}:{} {}B → handler"), frame->srcIP,
-                frame->srcPort, frame->payload.size());
-      burst.push_back({frame->payload, std::move(frame->srcIP), frame->srcPort});
+      logLine(log, FMT_COMPILE("RECV unwrap OK from {}:{} {}B → handler"), frame->srcIP,
+              frame->srcPort, frame->payload.size());
+      burst_.push_back({frame->payload, std::move(frame->srcIP), frame->srcPort});
     } else {
-      lines.add(FMT_COMPILE("RECV unwrap FAILED {}B (DROPPED)"), datagram.size());
+      logLine(log, FMT_COMPILE("RECV unwrap FAILED {}B (DROPPED)"), datagram.size());
     }
-    lines.write();
+    if (hasEnded_) {
+      heardAt_ = loop_->loop.now();
+    }
   }
-  return true;
+  if (!burst_.empty()) {
+    listener_->onDatagrams(burst_);  // may close the relay
+  }
 }
 
-void SOCKS5Relay::close() {
-  int fd = -1;
-  std::unique_ptr<SOCKS5Control> control;
-  std::thread receiver;
-  {
-    const std::lock_guard guard(lock_);
-    if (isClosed_) {
-      return;
+void SOCKS5Relay::controlIsReadable() {
+  if (const auto reason = control_->takeEnd()) {
+    loop_->loop.unwatch(control_->descriptor());
+    control_->close();
+    hasEnded_ = true;
+    heardAt_ = loop_->loop.now();
+    startTimer(silenceTimer_, maxSilence, &SOCKS5Relay::lookForSilence);
+    listener_->onAssociationEnd(*reason);
+  }
+}
+
+void SOCKS5Relay::lookForSilence() {
+  const auto silent = std::chrono::nanoseconds(loop_->loop.now() - heardAt_);
+  if (silent < maxSilence) {
+    startTimer(silenceTimer_, maxSilence - silent, &SOCKS5Relay::lookForSilence);
+  } else {
+    listener_->onSilence();  // may close the relay
+  }
+}
+
+// ---- To the proxy ------------------------------------------------------------------------------
+
+void SOCKS5Relay::sendAll(std::span<const PeerDatagram> datagrams) {
+  if (!loop_) {
+    return;
+  }
+  while (!datagrams.empty() && backlog_.empty()) {
+    const std::size_t size = std::min(datagrams.size(), maxBurst);
+    const std::size_t done = sendBurst(datagrams.first(size));
+    datagrams = datagrams.subspan(done);
+    if (done < size) {
+      break;
     }
-    isClosed_ = true;
-    fd = udpFD_.exchange(-1);
-    control.swap(control_);
-    receiver.swap(receiveThread_);
   }
-  if (control) {
-    control->close();
+  for (const PeerDatagram& datagram : datagrams) {
+    keep(datagram);
   }
-  if (fd >= 0) {
-    shutdownSocket(fd);
+}
+
+// How many of the burst are done with: sent, or refused for good.
+std::size_t SOCKS5Relay::sendBurst(std::span<const PeerDatagram> burst) {
+  if (isCutOff_) {
+    for (const PeerDatagram& datagram : burst) {
+      logSend(datagram, -1);
+    }
+    return burst.size();
   }
-  if (receiver.joinable()) {
-    receiver.join();
+  DatagramSender& sender = loop_->sender;
+  for (const PeerDatagram& datagram : burst) {
+    sender.add(SOCKS5UDPFrame::header(datagram.peerIP, datagram.peerPort), datagram.payload,
+               relayAddr_);
   }
-  // Last: a thread about to receive must not find the number in somebody else's hands.
-  if (fd >= 0) {
-    closeSocket(fd);
+  std::size_t done = 0;
+  for (const DatagramSender::Result& result : sender.send(socket_)) {
+    if (result.wouldBlock) {
+      break;
+    }
+    logSend(burst[done++], result.sent);
   }
+  return done;
+}
+
+void SOCKS5Relay::keep(const PeerDatagram& datagram) {
+  if (backlogOctets_ + datagram.payload.size() > maxBacklog) {
+    logSend(datagram, -1);
+    return;
+  }
+  backlogOctets_ += datagram.payload.size();
+  backlog_.push_back({{datagram.payload.begin(), datagram.payload.end()},
+                      datagram.peerIP,
+                      datagram.peerPort,
+                      loop_->loop.now()});
+  if (!backlogTimer_) {
+    startTimer(backlogTimer_, retryInterval, &SOCKS5Relay::sendBacklog);
+  }
+}
+
+void SOCKS5Relay::sendBacklog() {
+  const auto drop = [this] {
+    backlogOctets_ -= backlog_.front().payload.size();
+    backlog_.pop_front();
+  };
+  const auto front = [this](std::size_t i) {
+    const Waiting& waiting = backlog_[i];
+    return PeerDatagram{waiting.payload, waiting.peerIP, waiting.peerPort};
+  };
+  const std::uint64_t now = loop_->loop.now();
+  while (!backlog_.empty() && std::chrono::nanoseconds(now - backlog_.front().since) > maxAge) {
+    logSend(front(0), -1);
+    drop();
+  }
+  std::size_t size = 0;
+  std::size_t done = 0;
+  do {
+    std::vector<PeerDatagram> burst;
+    size = std::min(backlog_.size(), maxBurst);
+    for (std::size_t i = 0; i < size; ++i) {
+      burst.push_back(front(i));
+    }
+    done = sendBurst(burst);
+    for (std::size_t i = 0; i < done; ++i) {
+      drop();
+    }
+  } while (done == size && size > 0);
+  if (!backlog_.empty()) {
+    startTimer(backlogTimer_, retryInterval, &SOCKS5Relay::sendBacklog);
+  }
+}
+
+void SOCKS5Relay::logSend(const PeerDatagram& datagram, std::ptrdiff_t sent) const {
+  logLine(settings_->dataPlaneLog, FMT_COMPILE("SEND fd={} → {}:{} {}B sendto={}"),
+          socket_.descriptor(), datagram.peerIP, datagram.peerPort, datagram.payload.size(), sent);
+}
+
+void SOCKS5Relay::startTimer(std::optional<EventLoop::TimerID>& timer,
+                             std::chrono::nanoseconds delay, void (SOCKS5Relay::*operation)()) {
+  timer = loop_->loop.after(delay, [this, &timer, operation] {
+    timer.reset();
+    (this->*operation)();
+  });
+}
+
+// ---- The end -----------------------------------------------------------------------------------
+
+void SOCKS5Relay::close() {
+  if (loop_) {
+    for (const auto& timer : {backlogTimer_, silenceTimer_}) {
+      if (timer) {
+        loop_->loop.cancel(*timer);
+      }
+    }
+    loop_->loop.unwatch(socket_.descriptor());
+    if (!hasEnded_) {
+      loop_->loop.unwatch(control_->descriptor());
+    }
+    loop_.reset();
+  }
+  backlog_.clear();
+  control_.reset();
+  socket_.close();
 }
 
 }  // namespace zk

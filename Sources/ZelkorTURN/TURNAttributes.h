@@ -1,31 +1,21 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <string_view>
 
 #include "Platform/Bytes.h"
+#include "ZelkorSOCKS5/STUN.h"
 
 namespace zk {
 
 /// The values inside attributes (RFC 5389 section 15, RFC 5766 section 14).
 namespace TURNAttributes {
 
-struct Address {
-  std::string ip;  // dotted quad
-  std::uint16_t port = 0;
-};
-
-using XorAddress = std::array<std::uint8_t, 8>;
-
-/// The value of XOR-MAPPED-ADDRESS and its kin. `ip` as parseIPv4() accepts it; absent for any
-/// other text.
-std::optional<XorAddress> encodeXorAddress(std::string_view ip, std::uint16_t port);
-
-/// Absent for a value under 8 octets and for any family but IPv4.
-std::optional<Address> decodeXorAddress(ByteView value);
+using STUN::Address;
+using STUN::decodeXorAddress;
+using STUN::encodeXorAddress;
+using STUN::XorAddress;
 
 /// One error with its reason phrase, as ERROR-CODE carries it.
 struct ErrorCode {

@@ -7,6 +7,7 @@
 
 #include "Platform/Bytes.h"
 #include "Platform/Crypto.h"
+#include "Platform/Random.h"
 #include "ZelkorTURN/TURNMessage.h"
 
 namespace zk {
@@ -42,10 +43,14 @@ void appendMessageIntegrity(TURNMessage& message, ByteView key);
 /// Whether the first MESSAGE-INTEGRITY of a datagram, as received, was made with `key` over all
 /// that stands before it. The header enters as received, length field included: a sender that
 /// appends FINGERPRINT after signing, which RFC 5389 section 15.4 allows, is refused.
-bool verifyMessageIntegrity(ByteView datagram, ByteView key);
+///
+/// With `acceptFingerprint` it is not: where nothing but a FINGERPRINT follows, the length ends at
+/// MESSAGE-INTEGRITY, as that section has it, and the FINGERPRINT must hold as well (section 15.5).
+/// Every other datagram is judged as without.
+bool verifyMessageIntegrity(ByteView datagram, ByteView key, bool acceptFingerprint = false);
 
 /// 32 lowercase hexadecimal digits of 16 random octets. Throws TURNAuthError.
-std::string makeNonce();
+std::string makeNonce(RandomSource source = randomBytes);
 
 /// Whether `nonce` is one of `issued`.
 bool validateNonce(const std::string& nonce, const std::set<std::string>& issued);

@@ -5,28 +5,6 @@
 #include <stdexcept>
 
 namespace zk {
-namespace {
-
-constexpr std::size_t roundedUp(std::size_t length) {
-  return (length + 3) & ~std::size_t{3};
-}
-
-}  // namespace
-
-TURNAttribute TURNMessage::Attributes::Iterator::operator*() const {
-  return {readUInt16(rest_, 0), rest_.subspan(attributeHeaderSize, readUInt16(rest_, 2))};
-}
-
-TURNMessage::Attributes::Iterator& TURNMessage::Attributes::Iterator::operator++() {
-  rest_ = rest_.subspan(attributeHeaderSize + roundedUp(readUInt16(rest_, 2)));
-  return *this;
-}
-
-TURNMessage::Attributes::Iterator TURNMessage::Attributes::Iterator::operator++(int) {
-  const Iterator before = *this;
-  ++*this;
-  return before;
-}
 
 TURNMessage::TURNMessage(std::uint16_t withMethod, TURNClass withClass,
                          const TransactionID& withTxID, std::size_t attributeRoom)
@@ -38,7 +16,7 @@ TURNMessage::TURNMessage(std::uint16_t withMethod, TURNClass withClass,
 }
 
 std::optional<ByteView> TURNMessage::first(std::uint16_t type) const {
-  for (const TURNAttribute attribute : attributes()) {
+  for (const TURNAttribute& attribute : attributes()) {
     if (attribute.type == type) {
       return attribute.value;
     }
@@ -48,7 +26,7 @@ std::optional<ByteView> TURNMessage::first(std::uint16_t type) const {
 
 void TURNMessage::append(std::uint16_t type, ByteView value) {
   const std::size_t at = section_.size();
-  const std::size_t size = at + attributeHeaderSize + roundedUp(value.size());
+  const std::size_t size = at + attributeHeaderSize + STUN::paddedLength(value.size());
   if (size > largestAttributeSection) {
     throw std::length_error("STUN attribute section over 65535 octets");
   }
@@ -93,24 +71,21 @@ std::optional<TURNMessage> TURNMessage::decode(ByteView datagram) {
   std::copy_n(datagram.begin() + 8, txID.size(), txID.begin());
   TURNMessage message(
       static_cast<std::uint16_t>((byte0 << 6 & 0xF80) | (byte1 >> 1 & 0x70) | (byte1 & 0x0F)),
-      static_cast<TURNClass>((byte0 & 1) << 1 | (byte1 >> 4 & 1)), txID, roundedUp(length));
+      static_cast<TURNClass>((byte0 & 1) << 1 | (byte1 >> 4 & 1)), txID,
+      STUN::paddedLength(length));
 
   ByteView rest = datagram.subspan(headerSize, length);
-  while (rest.size() >= attributeHeaderSize) {
-    const std::size_t valueLength = readUInt16(rest, 2);
-    if (attributeHeaderSize + valueLength > rest.size()) {
-      return std::nullopt;
-    }
+  while (const auto attribute = STUN::takeAttribute(rest)) {
     // A section of 65533 to 65535 octets whose last padding was left out has no padded form that
     // fits a length field. No datagram holds that much.
-    if (message.section_.size() + attributeHeaderSize + roundedUp(valueLength) >
+    if (message.section_.size() + attributeHeaderSize +
+            STUN::paddedLength(attribute->value.size()) >
         largestAttributeSection) {
       return std::nullopt;
     }
-    message.append(readUInt16(rest, 0), rest.subspan(attributeHeaderSize, valueLength));
-    rest = rest.subspan(std::min(rest.size(), attributeHeaderSize + roundedUp(valueLength)));
+    message.append(attribute->type, attribute->value);
   }
-  return message;
+  return rest.size() < attributeHeaderSize ? std::optional(std::move(message)) : std::nullopt;
 }
 
 }  // namespace zk

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "Platform/Bytes.h"
+#include "ZelkorSOCKS5/STUN.h"
 
 namespace zk {
 
@@ -19,8 +20,8 @@ inline constexpr std::uint16_t createPermission = 0x008;
 inline constexpr std::uint16_t channelBind = 0x009;
 }  // namespace TURNMethod
 
-/// Attribute types (RFC 5389 section 18.2, RFC 5766 section 14). Nothing else is read or written:
-/// neither FINGERPRINT nor SOFTWARE nor ALTERNATE-SERVER.
+/// Attribute types (RFC 5389 section 18.2, RFC 5766 section 14). Nothing else is read or written,
+/// neither SOFTWARE nor ALTERNATE-SERVER, and FINGERPRINT is read only.
 namespace TURNAttr {
 inline constexpr std::uint16_t username = 0x0006;
 inline constexpr std::uint16_t messageIntegrity = 0x0008;
@@ -34,6 +35,7 @@ inline constexpr std::uint16_t nonce = 0x0015;
 inline constexpr std::uint16_t xorRelayedAddress = 0x0016;
 inline constexpr std::uint16_t requestedTransport = 0x0019;
 inline constexpr std::uint16_t xorMappedAddress = 0x0020;
+inline constexpr std::uint16_t fingerprint = 0x8028;
 }  // namespace TURNAttr
 
 /// Message classes; the values are the class bits C1 C0 (RFC 5389 section 6).
@@ -46,12 +48,7 @@ enum class TURNClass : std::uint8_t {
 
 using TransactionID = std::array<std::uint8_t, 12>;
 
-/// One attribute of a message: its type and its value without padding. The value belongs to the
-/// message.
-struct TURNAttribute {
-  std::uint16_t type = 0;
-  ByteView value;
-};
+using TURNAttribute = STUN::Attribute;
 
 /// One STUN or TURN message (RFC 5389 section 6): a plain value. Attribute values are opaque here.
 ///
@@ -59,9 +56,9 @@ struct TURNAttribute {
 /// any number of them costs one allocation, and what is signed is what is sent.
 class TURNMessage {
  public:
-  static constexpr std::size_t headerSize = 20;
-  static constexpr std::size_t attributeHeaderSize = 4;
-  static constexpr std::array<std::uint8_t, 4> magicCookie{0x21, 0x12, 0xA4, 0x42};
+  static constexpr std::size_t headerSize = STUN::headerSize;
+  static constexpr std::size_t attributeHeaderSize = STUN::attributeHeaderSize;
+  static constexpr auto& magicCookie = STUN::magicCookie;
   /// What fits the 16-bit length field of the header.
   static constexpr std::size_t largestAttributeSection = 65535;
 
@@ -70,16 +67,14 @@ class TURNMessage {
    public:
     class Iterator {
      public:
-      using value_type = TURNAttribute;
-      using difference_type = std::ptrdiff_t;
-      explicit Iterator(ByteView rest) : rest_(rest) {}
-      TURNAttribute operator*() const;
-      Iterator& operator++();
-      Iterator operator++(int);
-      bool operator==(std::default_sentinel_t) const { return rest_.empty(); }
+      explicit Iterator(ByteView rest) : rest_(rest) { ++*this; }
+      const TURNAttribute& operator*() const { return *current_; }
+      void operator++() { current_ = STUN::takeAttribute(rest_); }
+      bool operator==(std::default_sentinel_t) const { return !current_; }
 
      private:
       ByteView rest_;
+      std::optional<TURNAttribute> current_;
     };
     explicit Attributes(ByteView section) : section_(section) {}
     Iterator begin() const { return Iterator(section_); }

@@ -1,20 +1,24 @@
+// The server on its loop, in the order in which a datagram passes: from a client's socket to its
+// relay, the opening of relays, and from a relay back to the client.
+
 #include "ZelkorTURN/TURNServer.h"
 
-#include <algorithm>
-#include <cerrno>
+#include <chrono>
+#include <map>
+#include <utility>
 
-#include <sys/socket.h>
-
-#include "Platform/Datagrams.h"
 #include "Platform/IPv4.h"
-#include "Platform/Sockets.h"
 #include "Platform/Thread.h"
-#include "ZelkorTURN/PerClientRelayProxy.h"
 
 namespace zk {
 namespace {
 
 constexpr std::uint64_t nanosecondsPerSecond = 1'000'000'000;
+constexpr std::size_t channelHeaderSize = 4;
+
+// Expired allocations are kept this long, for a client that comes back late with a Refresh.
+constexpr std::uint32_t graceAfterExpiry = 300;  // seconds
+constexpr std::chrono::seconds sweepInterval{30};
 
 const char* kindOf(std::uint8_t firstByte) {
   switch (firstByte >> 6) {
@@ -27,210 +31,453 @@ const char* kindOf(std::uint8_t firstByte) {
   }
 }
 
-// Whether a datagram may be a message that opens or closes a relay. Data cannot, which is
-// ChannelData and Send indications, nor can what is no message at all.
-bool mayBeRequest(ByteView datagram) {
-  constexpr auto cookie = TURNMessage::magicCookie;
-  return datagram.size() >= TURNMessage::headerSize && datagram[0] >> 6 == 0b00 &&
-         !(datagram[0] == 0x00 && datagram[1] == 0x16) &&
-         std::equal(cookie.begin(), cookie.end(), datagram.begin() + 4);
+const char* nameOf(TURNClass klass) {
+  switch (klass) {
+    case TURNClass::request:
+      return "request";
+    case TURNClass::indication:
+      return "indication";
+    case TURNClass::successResponse:
+      return "successResponse";
+    case TURNClass::errorResponse:
+      break;
+  }
+  return "errorResponse";
 }
 
-// The datagrams of a burst with their octets, when the receive buffers are needed for the next.
-template <typename Datagram>
-class KeptBurst {
- public:
-  explicit KeptBurst(std::span<const Datagram> burst) : datagrams_(burst.begin(), burst.end()) {
-    std::size_t size = 0;
-    for (const Datagram& datagram : burst) {
-      size += datagram.payload.size();
-    }
-    octets_.reserve(size);  // and so they stay where they are
-    for (Datagram& datagram : datagrams_) {
-      const std::size_t at = octets_.size();
-      octets_.insert(octets_.end(), datagram.payload.begin(), datagram.payload.end());
-      datagram.payload = ByteView(octets_).subspan(at);
+void logAnswer(const LogCallback& debugLog, const TURNMessage& answer) {
+  std::string error;
+  if (answer.klass == TURNClass::errorResponse) {
+    const auto value = answer.first(TURNAttr::errorCode);
+    if (const auto code = value ? TURNAttributes::decodeErrorCode(*value) : std::nullopt) {
+      error = fmt::format(" err={}", *code);
     }
   }
-  std::span<const Datagram> datagrams() const { return datagrams_; }
+  logLine(debugLog, FMT_COMPILE("tx method=0x{:03x} class={}{}{}"), answer.method,
+          nameOf(answer.klass), error,
+          answer.first(TURNAttr::xorRelayedAddress) ? " [has XOR-RELAYED-ADDRESS]" : "");
+}
 
- private:
-  std::vector<Datagram> datagrams_;  // their payloads lie in octets_
-  Bytes octets_;
-};
+// Asks the system once for each way: mostly all relays have the same.
+RouteCheck routeCheck() {
+  using Way = std::pair<unsigned, in_addr_t>;
+  return [known = std::map<Way, bool>()](unsigned interface, const sockaddr_in& to) mutable {
+    const auto [entry, isNew] = known.try_emplace({interface, to.sin_addr.s_addr});
+    if (isNew) {
+      entry->second = hasRoute(interface, reinterpret_cast<const sockaddr&>(to));
+    }
+    return entry->second;
+  };
+}
+
+// Whether a datagram repeats the Allocate that is being answered already.
+bool isRetransmission(ByteView datagram, const PendingAllocate& allocate) {
+  const auto message = TURNMessage::decode(datagram);
+  return message && message->method == TURNMethod::allocate && message->txID == allocate.txID;
+}
+
+// The header of ChannelData (RFC 5766 section 11.4). UDP needs no padding behind the payload.
+std::array<std::uint8_t, channelHeaderSize> channelDataHeader(std::uint16_t channel,
+                                                              ByteView payload) {
+  std::array<std::uint8_t, channelHeaderSize> header;
+  writeUInt16(&header[0], channel);
+  writeUInt16(&header[2], static_cast<std::uint16_t>(payload.size()));
+  return header;
+}
 
 }  // namespace
 
-POSIXError::POSIXError(const std::string& prefix, int code)
-    : code_(code), description_(prefix + errorText(code)) {}
-
 TURNServer::TURNServer(Credentials credentials, std::string realm,
-                       std::shared_ptr<TURNRelayFactory> relayFactory, MonotonicClock clock)
+                       std::shared_ptr<TURNRelayFactory> relayFactory, bool acceptFingerprint,
+                       EventLoop::Clock clock)
     : credentials_(std::move(credentials)),
       realm_(std::move(realm)),
       relayFactory_(std::move(relayFactory)),
+      acceptFingerprint_(acceptFingerprint),
       clock_(std::move(clock)) {}
 
+TURNServer::~TURNServer() {
+  stop();
+}
+
+// ---- Start and stop ----------------------------------------------------------------------------
+
 void TURNServer::start() {
-  {
-    const std::lock_guard guard(stopFlag_);
-    if (serverFD_ >= 0 || isStopped_) {
-      throw TURNServerError::alreadyStartedOrStopped();
-    }
+  if (loop_ || isStopped_) {
+    throw TURNServerError::alreadyStartedOrStopped();
   }
-  const int fd = openUDPSocket();
-  if (fd < 0) {
-    throw POSIXError("socket: ", errno);
-  }
-  if (!bindSocket(fd, socketAddress("127.0.0.1", 0))) {
-    const int error = errno;
-    closeSocket(fd);
-    throw POSIXError("bind: ", error);
-  }
-  boundPort_ = portNumber(localAddress(fd));
-  startTime_ = clock_();
-  allocationTable_ = std::make_unique<AllocationTable>(
-      std::make_shared<PerClientRelayProxy>(weak_from_this()), realm_);
-  allocationTable_->debugLog = debugLog;
-  serverFD_ = fd;
-  logLine(debugLog, FMT_COMPILE("bound 127.0.0.1:{}"), boundPort_.load());
+  requireDigests();
+  DatagramSocket socket = DatagramSocket::open();
+  socket.bind(socketAddress("127.0.0.1", 0));
+  socket.enlargeBuffers();
   try {
-    const auto receiver = std::make_shared<DatagramReceiver>(DatagramReceiver::Senders::noted);
-    recvThread_ = startThread("zk.turn.server.recv", [weak = weak_from_this(), receiver] {
-      if (const auto server = weak.lock()) {
-        server->recvLoop(*receiver);
-      }
-    });
+    prepare();
+    socket_ = std::move(socket);
+    loop_->watch(socket_.descriptor(), *this);
+    boundPort_ = portNumber(socket_.localAddress());
+    logLine(debugLog, FMT_COMPILE("bound 127.0.0.1:{}"), boundPort_);
+    thread_ = startThread("zk.turn.server", [this] { loop_->run(); });
   } catch (...) {
-    serverFD_ = -1;
-    closeSocket(fd);
+    socket_.close();
+    opener_.reset();
+    loop_.reset();
     throw;
   }
 }
 
-void TURNServer::recvLoop(DatagramReceiver& receiver) {
-  std::vector<ClientDatagram> burst;
-  burst.reserve(mostPerCall);
-  sockaddr_in last{};  // who sent the last datagram, and as a client: mostly the next one's too
-  FiveTuple client;
-  // stop() takes the descriptor away, so that there is no flag to look at besides.
-  for (int fd = serverFD_; fd >= 0; fd = serverFD_) {
-    const int received = receiver.receive(fd);
-    if (received < 0 && (errno == EBADF || errno == EINVAL || errno == ENOTSOCK)) {
-      return;
-    }
-    burst.clear();
-    for (int i = 0; i < received && serverFD_ >= 0; ++i) {
-      const ByteView datagram = receiver.datagram(static_cast<std::size_t>(i));
-      const sockaddr_in& sender = receiver.sender(static_cast<std::size_t>(i));
-      if (datagram.empty()) {
-        continue;
-      }
-      if (sender.sin_port != last.sin_port || sender.sin_addr.s_addr != last.sin_addr.s_addr) {
-        last = sender;
-        client = {addressText(sender), portNumber(sender), TransportProtocol::udp};
-      }
-      logLine(debugLog, FMT_COMPILE("rx {}B from {}:{} firstByte=0x{:02x} kind={}"),
-              datagram.size(), client.clientIP, client.clientPort, datagram[0],
-              kindOf(datagram[0]));
-      burst.push_back({datagram, client});
-    }
-    submitFromClients(burst);
+// Everything but the socket and the thread.
+void TURNServer::prepare() {
+  startTime_ = clock_();
+  loop_.emplace(clock_);
+  receiver_.emplace();
+  allocationTable_.emplace(realm_, acceptFingerprint_);
+  allocationTable_->debugLog = debugLog;
+  opener_.emplace(relayFactory_, debugLog);
+  loop_->atEndOfRound([this] { sendOutbox(); });
+  routes_.emplace(*this);
+  if (routes_->descriptor() >= 0) {
+    loop_->watch(routes_->descriptor(), *routes_);
   }
+  sweepRegularly();
 }
 
-// Requests go each by itself, and what stands between them together.
-void TURNServer::submitFromClients(std::span<const ClientDatagram> burst) {
-  const auto dispatchThem = [](TURNServer& server, std::span<const ClientDatagram> datagrams) {
-    server.dispatchAll(datagrams);
-  };
-  while (!burst.empty()) {
-    const auto request = std::find_if(burst.begin(), burst.end(), [](const auto& datagram) {
-      return mayBeRequest(datagram.payload);
-    });
-    const auto before = static_cast<std::size_t>(request - burst.begin());
-    const std::size_t taken = std::max<std::size_t>(before, 1);
-    submit(burst.first(taken), before > 0, dispatchThem);
-    burst = burst.subspan(taken);
-  }
-}
-
-void TURNServer::deliverFromRelay(std::span<const PeerDatagram> burst, const FiveTuple& client) {
-  submit(burst, true,
-         [client = FiveTuple(client)](TURNServer& server, std::span<const PeerDatagram> datagrams) {
-           server.deliverFromRelayOnQueue(datagrams, client);
-         });
-}
-
-// Has the queue run `handler` on a burst: at once and in place when the work is short and the queue
-// idle, with a copy later otherwise.
-template <typename Datagram, typename Handler>
-void TURNServer::submit(std::span<const Datagram> burst, bool isShort, const Handler& handler) {
-  if (isShort && serialQ_.runIfIdle([&] { handler(*this, burst); })) {
+void TURNServer::stop() {
+  isStopped_ = true;
+  if (!loop_) {
     return;
   }
-  std::size_t room = 0;
-  for (const Datagram& datagram : burst) {
-    room += datagram.payload.size() + queueOverhead;
+  loop_->stop();
+  if (thread_.joinable()) {
+    thread_.join();
   }
-  if (queuedOctets_.fetch_add(room, std::memory_order_relaxed) + room > queueLimit) {
-    queuedOctets_.fetch_sub(room, std::memory_order_relaxed);
-    return;
-  }
-  Task task([weak = weak_from_this(), room, handler = Handler(handler), kept = KeptBurst(burst)] {
-    if (const auto server = weak.lock()) {
-      server->queuedOctets_.fetch_sub(room, std::memory_order_relaxed);
-      handler(*server, kept.datagrams());
-    }
-  });
-  if (isShort) {
-    serialQ_.asyncShort(std::move(task));
-  } else {
-    serialQ_.async(std::move(task));
-  }
+  opener_->stop();
+  relayMap_.clear();
+  cutOff_.clear();
+  socket_.close();
+  loop_.reset();  // and with it the relays that were handed over and nobody has taken
 }
 
 std::uint32_t TURNServer::now() const {
   return static_cast<std::uint32_t>((clock_() - startTime_) / nanosecondsPerSecond);
 }
 
-void TURNServer::sendToClient(ByteView message, const FiveTuple& client) const {
-  const int fd = serverFD_;
-  if (fd >= 0) {
-    sendDatagram(fd, message, socketAddress(client.clientIP, client.clientPort));
+// ---- From clients towards peers ----------------------------------------------------------------
+
+void TURNServer::onReadable() {
+  const int received = receiver_->receive(socket_);
+  sockaddr_in last{};  // who sent the last datagram, and as a client: mostly the next one's too
+  FiveTuple client;
+  for (std::size_t i = 0; received > 0 && i < static_cast<std::size_t>(received); ++i) {
+    const ByteView datagram = receiver_->datagram(i);
+    const sockaddr_in& sender = receiver_->sender(i);
+    if (datagram.empty()) {
+      continue;
+    }
+    if (!isSameAddress(sender, last)) {
+      last = sender;
+      client = {addressText(sender), portNumber(sender), TransportProtocol::udp};
+    }
+    logLine(debugLog, FMT_COMPILE("rx {}B from {}:{} firstByte=0x{:02x} kind={}"), datagram.size(),
+            client.clientIP, client.clientPort, datagram[0], kindOf(datagram[0]));
+    dispatch(datagram, client);
+  }
+  sendGathered();
+}
+
+void TURNServer::dispatch(ByteView datagram, const FiveTuple& client) {
+  if (!openings_.empty()) {
+    const auto opening = openings_.find(client);
+    if (opening != openings_.end()) {
+      keep(opening->second, datagram);
+      return;
+    }
+  }
+  switch (datagram[0] >> 6) {
+    case 0b00:
+      handleSTUN(datagram, client);
+      break;
+    case 0b01:
+      handleChannelData(datagram, client);
+      break;
+    default:
+      break;  // not for this protocol; it has been logged
   }
 }
 
-void TURNServer::stop() {
-  int fd = -1;
-  {
-    const std::lock_guard guard(stopFlag_);
-    if (isStopped_) {
-      return;
-    }
-    isStopped_ = true;
-    fd = serverFD_.exchange(-1);
+void TURNServer::handleSTUN(ByteView datagram, const FiveTuple& client) {
+  auto message = TURNMessage::decode(datagram);
+  if (!message) {
+    logLine(debugLog, FMT_COMPILE("stun: decode FAILED for {}B datagram from {}:{}"),
+            datagram.size(), client.clientIP, client.clientPort);
+    return;
   }
-  if (fd >= 0) {
-    shutdownSocket(fd);
+  logLine(debugLog, FMT_COMPILE("stun method=0x{:03x} class={} from {}:{}"), message->method,
+          nameOf(message->klass), client.clientIP, client.clientPort);
+  if (message->method == TURNMethod::send && message->klass == TURNClass::indication) {
+    handleSendIndication(std::move(*message), client);
+    return;
   }
-  if (recvThread_.joinable()) {
-    recvThread_.join();
+  sendGathered();  // a request may end what the data before it is meant for
+  const auto outcome = allocationTable_->handle(*message, client, datagram, credentials_, now());
+  if (const auto* const pending = std::get_if<PendingAllocate>(&outcome)) {
+    openRelay(*pending);
+    return;
   }
-  std::vector<Relay> relays;
-  serialQ_.sync([&] {
-    for (auto& [client, relay] : relayMap_) {
-      relays.push_back(std::move(relay));
-    }
-    relayMap_.clear();
+  answer(std::get<TURNMessage>(outcome), client);
+  if (allocationTable_->allocation(client) == nullptr) {
+    releaseRelay(client);
+  }
+}
+
+void TURNServer::handleSendIndication(TURNMessage message, const FiveTuple& client) {
+  const auto peerValue = message.first(TURNAttr::xorPeerAddress);
+  auto peer = peerValue ? TURNAttributes::decodeXorAddress(*peerValue) : std::nullopt;
+  const auto payload = message.first(TURNAttr::data);
+  if (!peer || !payload) {
+    return;
+  }
+  if (ClientRelay* const relay = routeOf(client).relay) {
+    gather(*relay, *payload, std::move(peer->ip), peer->port);
+    gatheredMessages_.push_back(std::move(message));
+  }
+}
+
+// ChannelData: RFC 5766 section 11.4.
+void TURNServer::handleChannelData(ByteView datagram, const FiveTuple& client) {
+  if (datagram.size() < channelHeaderSize) {
+    return;
+  }
+  const std::uint16_t number = readUInt16(datagram, 0);
+  const std::size_t length = readUInt16(datagram, 2);
+  if (datagram.size() < channelHeaderSize + length) {
+    return;
+  }
+  const Route& route = routeOf(client);
+  if (route.relay == nullptr) {
+    return;
+  }
+  // No other number than 0x4000 to 0x7FFF ever gets into the map.
+  const auto channel = route.allocation->channels.find(number);
+  if (channel != route.allocation->channels.end()) {
+    const auto& [ip, port] = channel->second;
+    gather(*route.relay, datagram.subspan(channelHeaderSize, length), ip, port);
+  }
+}
+
+// Looked up once for what a burst has from one client in a row: data changes nothing in the tables.
+const TURNServer::Route& TURNServer::routeOf(const FiveTuple& client) {
+  if (!route_ || route_->client != client) {
+    const Allocation* const allocation = allocationTable_->allocation(client);
+    const auto relay = relayMap_.find(client);
+    const bool leadsOn =
+        allocation != nullptr && !allocation->isExpired(now()) && relay != relayMap_.end();
+    route_ = leadsOn ? Route{client, allocation, relay->second.get()} : Route{client};
+  }
+  return *route_;
+}
+
+void TURNServer::gather(ClientRelay& relay, ByteView payload, std::string peerIP,
+                        std::uint16_t peerPort) {
+  if (relay.outgoing.empty()) {
+    gathered_.push_back(&relay);
+  }
+  relay.outgoing.push_back({payload, std::move(peerIP), peerPort});
+}
+
+void TURNServer::sendGathered() {
+  for (ClientRelay* const relay : gathered_) {
+    relay->relay->sendAll(relay->outgoing);
+    relay->outgoing.clear();
+  }
+  route_.reset();
+  gathered_.clear();
+  gatheredMessages_.clear();
+}
+
+void TURNServer::answer(const TURNMessage& message, const FiveTuple& client) {
+  logAnswer(debugLog, message);
+  const ByteView section = message.attributeSection();
+  sendToClient(message.header(section.size()), section,
+               socketAddress(client.clientIP, client.clientPort));
+}
+
+// ---- Relays ------------------------------------------------------------------------------------
+
+void TURNServer::openRelay(const PendingAllocate& allocate) {
+  sweep();
+  openings_[allocate.client].allocate = allocate;
+  opener_->open(allocate.client, [this, client = allocate.client](auto opened) {
+    loop_->post([this, client, opened = std::move(opened)] { concludeOpening(client, opened); });
   });
-  for (const Relay& relay : relays) {
-    relay->close();
+}
+
+void TURNServer::keep(Opening& opening, ByteView datagram) {
+  if (opening.kept.size() < maxKeptDatagrams &&
+      opening.keptOctets + datagram.size() <= maxKeptOctets &&
+      !isRetransmission(datagram, opening.allocate)) {
+    opening.keptOctets += datagram.size();
+    opening.kept.emplace_back(datagram.begin(), datagram.end());
   }
-  // Only now: the receive thread and work that was queued may have read the descriptor before it
-  // became -1, and must not find its number in other hands.
-  if (fd >= 0) {
-    closeSocket(fd);
+}
+
+void TURNServer::concludeOpening(const FiveTuple& client,
+                                 std::optional<RelayOpener::Opened> opened) {
+  const auto ended = openings_.extract(client);
+  const Opening& opening = ended.mapped();
+  std::optional<RelayedAddress> address;
+  if (opened) {
+    auto relay = std::make_unique<ClientRelay>(*this, client, opened->relay);
+    try {
+      opened->relay->receive({*loop_, *receiver_, relaySender_}, *relay);
+      opened->relay->onRouteChange(routeCheck());  // what changed before nobody has told it
+      releaseRelay(client);                        // one that this one replaces
+      relayMap_[client] = std::move(relay);
+      address = opened->address;
+    } catch (const std::system_error& error) {
+      logLine(debugLog, FMT_COMPILE("relay OPEN FAILED: {}"), error.what());
+    }
+  }
+  answer(allocationTable_->conclude(opening.allocate, address, now()), client);
+  for (const Bytes& datagram : opening.kept) {
+    dispatch(datagram, client);
+  }
+  sendGathered();
+}
+
+void TURNServer::Routes::onReadable() {
+  watch_.drain();
+  const RouteCheck check = routeCheck();
+  for (const auto& [client, relay] : server_.relayMap_) {
+    relay->relay->onRouteChange(check);
+  }
+  std::erase_if(server_.cutOff_, [&](const auto& released) {
+    released->relay->onRouteChange(check);
+    return !released->relay->isCutOff();
+  });
+}
+
+// A relay costs two descriptors and an association at the proxy; none of them outlives its use.
+void TURNServer::releaseRelay(const FiveTuple& client) {
+  auto released = relayMap_.extract(client);
+  if (released && released.mapped()->relay->isCutOff()) {
+    cutOff_.push_back(std::move(released.mapped()));
+  }
+}
+
+void TURNServer::sweep() {
+  const std::uint32_t time = now();
+  if (time > graceAfterExpiry) {
+    for (const FiveTuple& expired : allocationTable_->sweepExpired(time - graceAfterExpiry)) {
+      releaseRelay(expired);
+    }
+  }
+}
+
+void TURNServer::sweepRegularly() {
+  loop_->after(sweepInterval, [this] {
+    sweep();
+    allocationTable_->prune(now());
+    sweepRegularly();
+  });
+}
+
+// ---- From peers towards clients ----------------------------------------------------------------
+
+TURNServer::ClientRelay::ClientRelay(TURNServer& owner, const FiveTuple& whose,
+                                     std::shared_ptr<TURNRelay> opened)
+    : server(owner),
+      client(whose),
+      clientAddress(socketAddress(whose.clientIP, whose.clientPort)),
+      relay(std::move(opened)) {}
+
+// One that is cut off outlives its release, and its client may have another relay by then.
+bool TURNServer::ClientRelay::isReleased() const {
+  const auto held = server.relayMap_.find(client);
+  return held == server.relayMap_.end() || held->second.get() != this;
+}
+
+void TURNServer::ClientRelay::onDatagrams(std::span<const PeerDatagram> datagrams) {
+  if (!isReleased()) {
+    server.deliverFromRelay(datagrams, *this);
+  }
+}
+
+void TURNServer::ClientRelay::onAssociationEnd(std::string_view reason) {
+  logLine(server.debugLog, FMT_COMPILE("relay END for {}:{}: control connection: {}"),
+          client.clientIP, client.clientPort, reason);
+}
+
+// The client's next request gets 437, and it allocates anew.
+void TURNServer::ClientRelay::onSilence() {
+  if (isReleased()) {
+    return;
+  }
+  logLine(server.debugLog, FMT_COMPILE("relay SILENT since its end, released for {}:{}"),
+          client.clientIP, client.clientPort);
+  server.allocationTable_->remove(client);
+  server.releaseRelay(client);  // and with it this
+}
+
+void TURNServer::deliverFromRelay(std::span<const PeerDatagram> datagrams,
+                                  const ClientRelay& relay) {
+  const FiveTuple& client = relay.client;
+  const Allocation* const allocation = allocationTable_->allocation(client);
+  const bool isAlive = allocation != nullptr && !allocation->isExpired(now());
+  for (const PeerDatagram& datagram : datagrams) {
+    const auto& [payload, peerIP, peerPort] = datagram;
+    logLine(debugLog, FMT_COMPILE("relay rx {}B from {}:{} → client {}:{}"), payload.size(), peerIP,
+            peerPort, client.clientIP, client.clientPort);
+    if (!isAlive) {
+      logLine(debugLog, FMT_COMPILE("relay rx DROP: no allocation or expired for {}:{}"),
+              client.clientIP, client.clientPort);
+      continue;
+    }
+    if (const auto channel = allocation->channelOf(peerIP, peerPort)) {
+      sendToClient(channelDataHeader(*channel, payload), payload, relay.clientAddress);
+    } else if (const auto indication = dataIndication(datagram)) {
+      const ByteView section = indication->attributeSection();
+      sendToClient(indication->header(section.size()), section, relay.clientAddress);
+    } else {
+      logLine(debugLog, FMT_COMPILE("relay rx DROP: peer address is not IPv4 for {}:{}"),
+              client.clientIP, client.clientPort);
+    }
+  }
+}
+
+// A Data indication (RFC 5766 section 10.4). Absent when the peer has no IPv4 address.
+std::optional<TURNMessage> TURNServer::dataIndication(const PeerDatagram& datagram) {
+  const auto peerAddress = isDottedQuad(datagram.peerIP) ? TURNAttributes::encodeXorAddress(
+                                                               datagram.peerIP, datagram.peerPort)
+                                                         : std::nullopt;
+  if (!peerAddress) {
+    return std::nullopt;
+  }
+  TransactionID txID{};
+  transactionIDs_.fill(txID);
+  const std::size_t attributeRoom =
+      2 * TURNMessage::attributeHeaderSize + peerAddress->size() + datagram.payload.size() + 3;
+  TURNMessage indication(TURNMethod::dataMsg, TURNClass::indication, txID, attributeRoom);
+  indication.append(TURNAttr::xorPeerAddress, *peerAddress);
+  indication.append(TURNAttr::data, datagram.payload);
+  return indication;
+}
+
+// Copied, since what comes from several relays in one round leaves together: the copy costs less
+// than a call of its own.
+void TURNServer::sendToClient(ByteView header, ByteView rest, const sockaddr_in& client) {
+  if (clientSender_.isFull()) {
+    sendOutbox();
+  }
+  Bytes& message = outbox_[clientSender_.size()];
+  message.assign(header.begin(), header.end());
+  message.insert(message.end(), rest.begin(), rest.end());
+  clientSender_.add({}, message, client);
+}
+
+// What a client does not take in time is lost, as UDP has it.
+void TURNServer::sendOutbox() {
+  if (clientSender_.size() > 0) {
+    clientSender_.send(socket_);
   }
 }
 

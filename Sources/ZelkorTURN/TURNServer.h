@@ -1,11 +1,11 @@
 #pragma once
 
-#include <atomic>
+#include <array>
 #include <cstdint>
+#include <deque>
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -13,15 +13,15 @@
 #include <unordered_map>
 #include <vector>
 
-#include <netinet/in.h>
-
 #include "Platform/Clock.h"
-#include "Platform/Datagrams.h"
+#include "Platform/DatagramSocket.h"
+#include "Platform/EventLoop.h"
+#include "Platform/Interfaces.h"
 #include "Platform/LogCallback.h"
 #include "Platform/Random.h"
-#include "Platform/SerialQueue.h"
 #include "ZelkorTURN/Allocation.h"
 #include "ZelkorTURN/RelayInterfaces.h"
+#include "ZelkorTURN/RelayOpener.h"
 
 namespace zk {
 
@@ -32,130 +32,144 @@ class TURNServerError : public std::exception {
   const char* what() const noexcept override { return "alreadyStartedOrStopped"; }
 };
 
-/// A failed system call of start(): its errno value, and in what() a prefix that names the call and
-/// the system's text.
-class POSIXError : public std::exception {
- public:
-  POSIXError(const std::string& prefix, int code);
-  int code() const { return code_; }
-  const char* what() const noexcept override { return description_.c_str(); }
-
- private:
-  int code_;
-  std::string description_;
-};
-
 /// The TURN service of local clients: UDP on 127.0.0.1, one relay per client.
 ///
-/// A receive thread takes datagrams from the socket and submits them to the serial queue, which
-/// does all protocol work, the opening of relays included, which blocks it. A client's data, in
-/// either direction, is short work: while the queue is idle the receive thread does it in the
-/// queue's stead. Started once, stopped once. Held by shared pointers: threads and queued work hold
-/// the server weakly. Destruction does not close the socket, stop() does.
-class TURNServer : public std::enable_shared_from_this<TURNServer> {
+/// One thread, the loop's, owns everything in here and waits for nothing but events. Only the
+/// opening of relays happens elsewhere (RelayOpener); its outcome is posted to the loop, and what
+/// the client sends meanwhile waits for it. Started once, stopped once.
+class TURNServer final : EventLoop::Source {
  public:
-  /// Nanoseconds on a clock that only runs forward.
-  using MonotonicClock = std::function<std::uint64_t()>;
+  /// What a client may send while its relay is being opened; the rest is dropped.
+  static constexpr std::size_t maxKeptDatagrams = 64;
+  static constexpr std::size_t maxKeptOctets = 64 << 10;
 
+  /// `acceptFingerprint`: see TURNAuth::verifyMessageIntegrity(). `clock`: what counts the seconds
+  /// of allocations and nonces, and the loop's timers.
   TURNServer(Credentials credentials, std::string realm,
-             std::shared_ptr<TURNRelayFactory> relayFactory,
-             MonotonicClock clock = coarseMonotonicNanoseconds);
+             std::shared_ptr<TURNRelayFactory> relayFactory, bool acceptFingerprint = false,
+             EventLoop::Clock clock = monotonicNanoseconds);
+  /// Stops.
+  ~TURNServer();
 
-  /// Where diagnostics go; set before start(). Called from the caller of start(), the receive
-  /// thread and the serial queue, at the same time.
+  /// Where diagnostics go; set before start(). Called by the caller of start(), the loop and the
+  /// openings, at the same time.
   LogCallback debugLog;
 
-  /// Binds the socket and starts serving. Throws TURNServerError, POSIXError, or std::system_error
-  /// when there is no thread or memory to be had; nothing is left open then.
+  /// Binds the socket and starts serving. Throws TURNServerError, or std::system_error or
+  /// std::runtime_error when something is not to be had, with "socket: " or "bind: " in front
+  /// where it is that; nothing is left open then.
   void start();
 
-  /// Ends the receive thread, then closes every relay and the socket. Any number of times, from any
-  /// thread but the receive thread and the serial queue.
+  /// Ends the loop, abandons openings, closes every relay and the socket. Waits for nobody. Any
+  /// number of times, from the thread that started it.
   void stop();
 
   /// The UDP port that start() bound; 0 before.
   std::uint16_t boundPort() const { return boundPort_; }
 
  private:
-  friend class PerClientRelayProxy;
-  friend struct TURNServerAccess;  // fuzzing and tests reach the dispatch without the socket
+  friend struct TURNServerAccess;  // the fuzzer drives the loop itself, on a clock of its own
 
-  // What the two queues of datagrams may hold at most, in octets, each datagram counting for
-  // queueOverhead more. Opening a relay blocks the serial queue for seconds; what a flood sends
-  // meanwhile is dropped beyond this, as a socket's buffer would drop it.
-  static constexpr std::size_t queueLimit = 32 << 20;
-  static constexpr std::size_t queueOverhead = 256;
+  // Tells the relays when the machine's routes change.
+  class Routes final : public EventLoop::Source {
+   public:
+    explicit Routes(TURNServer& server) : server_(server) {}
+    int descriptor() const { return watch_.descriptor(); }
+    void onReadable() override;
 
-  // A datagram from a client.
-  struct ClientDatagram {
-    ByteView payload;
-    FiveTuple client;
+   private:
+    TURNServer& server_;
+    RouteWatch watch_;
   };
+  // A client's relay, and what the datagrams at hand have for it.
+  struct ClientRelay final : RelayListener {
+    ClientRelay(TURNServer& owner, const FiveTuple& whose, std::shared_ptr<TURNRelay> opened);
+    ~ClientRelay() { relay->close(); }
+    void onDatagrams(std::span<const PeerDatagram> datagrams) override;
+    void onAssociationEnd(std::string_view reason) override;
+    void onSilence() override;
+    bool isReleased() const;
 
+    TURNServer& server;
+    const FiveTuple client;
+    const sockaddr_in clientAddress;
+    const std::shared_ptr<TURNRelay> relay;
+    std::vector<PeerDatagram> outgoing;
+  };
+  // A client whose relay is being opened, and what it has sent since.
+  struct Opening {
+    PendingAllocate allocate;
+    std::deque<Bytes> kept;
+    std::size_t keptOctets = 0;
+  };
   // Where a client's data goes; both present, or neither when it goes nowhere.
   struct Route {
     FiveTuple client;
     const Allocation* allocation = nullptr;
-    TURNRelay* relay = nullptr;
+    ClientRelay* relay = nullptr;
   };
 
-  // TURNServer.cpp: the socket, and the way onto the queue, on the receive threads.
-  void recvLoop(DatagramReceiver& receiver);
-  void submitFromClients(std::span<const ClientDatagram> burst);
-  void deliverFromRelay(std::span<const PeerDatagram> burst, const FiveTuple& client);
-  template <typename Datagram, typename Handler>
-  void submit(std::span<const Datagram> burst, bool isShort, const Handler& handler);
+  void prepare();
   std::uint32_t now() const;
-  void sendToClient(ByteView message, const FiveTuple& client) const;
 
-  // TURNServerDispatch.cpp: from clients towards peers. On the serial queue. A burst is one
-  // request, or has none.
-  void dispatchAll(std::span<const ClientDatagram> burst);
+  // From clients.
+  void onReadable() override;
   void dispatch(ByteView datagram, const FiveTuple& client);
   void handleSTUN(ByteView datagram, const FiveTuple& client);
   void handleSendIndication(TURNMessage message, const FiveTuple& client);
   void handleChannelData(ByteView datagram, const FiveTuple& client);
   const Route& routeOf(const FiveTuple& client);
+  void gather(ClientRelay& relay, ByteView payload, std::string peerIP, std::uint16_t peerPort);
   void sendGathered();
+  void answer(const TURNMessage& message, const FiveTuple& client);
 
-  // TURNServerRelays.cpp: relays, and from peers towards clients. On the serial queue.
-  using Relay = std::shared_ptr<TURNRelay>;
-  RelayedAddress allocateRelayForCurrentClient();
-  std::pair<Relay, RelayedAddress> openRelay(const FiveTuple& client);
-  void releaseUnusedRelays(const FiveTuple& client, bool allocated);
+  // Relays.
+  void openRelay(const PendingAllocate& allocate);
+  void keep(Opening& opening, ByteView datagram);
+  void concludeOpening(const FiveTuple& client, std::optional<RelayOpener::Opened> opened);
   void releaseRelay(const FiveTuple& client);
-  void deliverFromRelayOnQueue(std::span<const PeerDatagram> burst, const FiveTuple& client);
-  std::optional<Bytes> dataIndication(const PeerDatagram& datagram);
+  void sweep();
+  void sweepRegularly();
+
+  // To clients.
+  void deliverFromRelay(std::span<const PeerDatagram> datagrams, const ClientRelay& relay);
+  std::optional<TURNMessage> dataIndication(const PeerDatagram& datagram);
+  void sendToClient(ByteView header, ByteView rest, const sockaddr_in& client);
+  void sendOutbox();
 
   const Credentials credentials_;
   const std::string realm_;
   const std::shared_ptr<TURNRelayFactory> relayFactory_;
-  const MonotonicClock clock_;
+  const bool acceptFingerprint_;
+  const EventLoop::Clock clock_;
 
-  // Written by start() before there is a second thread.
-  std::atomic<std::uint16_t> boundPort_{0};
-  std::uint64_t startTime_ = 0;  // the origin of the server clock
-  std::thread recvThread_;
-
-  std::mutex stopFlag_;  // guards isStopped_, and serverFD_ where they go together
   bool isStopped_ = false;
-  std::atomic<int> serverFD_{-1};  // -1 when there is none; read without the lock
+  std::uint16_t boundPort_ = 0;
+  std::uint64_t startTime_ = 0;  // the origin of the server clock
+  std::thread thread_;
 
-  std::atomic<std::size_t> queuedOctets_{0};
-
-  // Touched on the serial queue only, which is why none of it has a lock.
-  std::unique_ptr<AllocationTable> allocationTable_;
-  std::unordered_map<FiveTuple, Relay> relayMap_;
-  // The client whose request the table is handling right now.
-  std::optional<FiveTuple> currentAllocatingClient_;
+  // The loop's thread's, as soon as there is one.
+  std::optional<EventLoop> loop_;
+  DatagramSocket socket_;
+  std::optional<AllocationTable> allocationTable_;
+  std::unordered_map<FiveTuple, std::unique_ptr<ClientRelay>> relayMap_;
+  std::vector<std::unique_ptr<ClientRelay>> cutOff_;  // released, until they may be closed
+  std::unordered_map<FiveTuple, Opening> openings_;
   RandomPool transactionIDs_;
-  // What the burst at hand has from one client so far, and its way. Nothing between bursts.
-  std::optional<Route> route_;
-  std::vector<PeerDatagram> gathered_;
-  std::vector<TURNMessage> gatheredMessages_;  // which payloads may lie in
+  std::optional<Routes> routes_;
 
-  // Last, so that it goes first: its pending work may still look at the rest.
-  SerialQueue serialQ_{"zk.turn.server"};
+  // Bursts: what is received, on its way to a proxy, and on its way to clients.
+  std::optional<DatagramReceiver> receiver_;
+  DatagramSender relaySender_;
+  DatagramSender clientSender_;
+  // What the datagrams at hand have come to so far. Nothing between bursts.
+  std::optional<Route> route_;
+  std::vector<ClientRelay*> gathered_;         // those with something outgoing
+  std::vector<TURNMessage> gatheredMessages_;  // which payloads may lie in
+  // What clientSender_ is to send at the end of the round. Slots keep their room.
+  std::array<Bytes, maxBurst> outbox_;
+
+  std::optional<RelayOpener> opener_;  // last, so that it goes first
 };
 
 }  // namespace zk

@@ -1,11 +1,12 @@
 #include "zkturnd/Configuration.h"
 
-#include <cerrno>
+#include <cmath>
+#include <cstdlib>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <unistd.h>
 
+#include "Platform/Process.h"
 #include "Platform/UTF8.h"
 #include "zkturnd/StatusOutput.h"
 
@@ -21,6 +22,58 @@ constexpr int deepestNesting = 64;
 // Every challenge repeats the realm, and a challenge is one datagram.
 constexpr std::size_t longestRealm = 65000;
 
+// The length of the number at the front of a text, which has no sign (RFC 8259 section 6); 0 when
+// there is none.
+std::size_t numberLength(std::string_view text) {
+  std::size_t at = 0;
+  const auto take = [&](std::string_view any) {
+    const bool isThere = at < text.size() && any.find(text[at]) != std::string_view::npos;
+    at += isThere ? 1 : 0;
+    return isThere;
+  };
+  const auto takeDigits = [&] {
+    const std::size_t before = at;
+    while (take("0123456789")) {
+    }
+    return at > before;
+  };
+  if (!take("0") && !takeDigits()) {
+    return 0;
+  }
+  std::size_t length = at;
+  if (take(".")) {
+    if (!takeDigits()) {
+      return length;
+    }
+    length = at;
+  }
+  if (take("eE")) {
+    take("+-");
+    length = takeDigits() ? at : length;
+  }
+  return length;
+}
+
+// The line with another number of the same length in the place of each one beyond a double. The
+// library refuses those, though the grammar does not. No key takes a fraction, so one of these does
+// no harm.
+std::string withoutHugeNumbers(std::string line) {
+  bool isInText = false;
+  for (std::size_t i = 0; i < line.size(); ++i) {
+    if (line[i] == '"') {
+      isInText = !isInText;
+    } else if (isInText) {
+      i += line[i] == '\\' ? 1 : 0;
+    } else if (const std::size_t length = numberLength(std::string_view(line).substr(i))) {
+      if (std::isinf(std::strtod(line.substr(i, length).c_str(), nullptr))) {
+        line.replace(i, length, "0.5e" + std::string(length - 4, '0'));
+      }
+      i += length - 1;
+    }
+  }
+  return line;
+}
+
 json parse(std::string_view line) {
   const auto checkDepth = [](int depth, json::parse_event_t, json&) {
     if (depth > deepestNesting) {
@@ -28,33 +81,54 @@ json parse(std::string_view line) {
     }
     return true;
   };
+  const auto syntaxError = [](std::size_t column) {
+    return ConfigError(fmt::format("syntax error at column {}", column));
+  };
   // The library's own texts quote what they read, and that may be the password.
   try {
-    return json::parse(line, checkDepth);
+    json value;
+    try {
+      value = json::parse(line, checkDepth);
+    } catch (const json::out_of_range&) {
+      value = json::parse(withoutHugeNumbers(std::string(line)), checkDepth);
+    }
+    // The library takes a zero octet for the end.
+    if (const std::size_t zero = line.find('\0'); zero != std::string_view::npos) {
+      throw syntaxError(zero + 1);
+    }
+    return value;
   } catch (const json::parse_error& error) {
-    throw ConfigError(fmt::format("syntax error at column {}", error.byte));
-  } catch (const json::exception&) {
-    throw ConfigError("syntax error: a number is out of range");
+    throw syntaxError(error.byte);
   }
 }
 
-// The value of `key`, whose path for people is `path`.
-const json& member(const json& object, const char* key, const std::string& path) {
-  const auto found = object.find(key);
-  if (found == object.end()) {
-    throw ConfigError("missing key: " + path);
-  }
-  return *found;
-}
-
-[[noreturn]] void wrongType(const std::string& path, const char* wanted, const json& value) {
+[[noreturn]] void wrongType(std::string_view path, const char* wanted, const json& value) {
   throw ConfigError(
       fmt::format("wrong type: {} must be {}, not {}", path, wanted, value.type_name()));
 }
 
-std::string text(const json& object, const char* key, const std::string& prefix = "") {
-  const std::string path = prefix + key;
-  const json& value = member(object, key, path);
+// The member of an object that the last piece of `path` names.
+json::const_iterator find(const json& object, std::string_view path) {
+  return object.find(std::string(path.substr(path.rfind('.') + 1)));
+}
+
+const json& member(const json& object, std::string_view path) {
+  const auto found = find(object, path);
+  if (found == object.end()) {
+    throw ConfigError(fmt::format("missing key: {}", path));
+  }
+  return *found;
+}
+
+const json& requireObject(const json& value, std::string_view path) {
+  if (!value.is_object()) {
+    wrongType(path, "an object", value);
+  }
+  return value;
+}
+
+std::string text(const json& object, std::string_view path) {
+  const json& value = member(object, path);
   if (!value.is_string()) {
     wrongType(path, "a string", value);
   }
@@ -62,10 +136,9 @@ std::string text(const json& object, const char* key, const std::string& prefix 
 }
 
 // A number whose value is integral and fits 64 bits, however it is written: 1080, 1080.0, 1.08e3.
-std::int64_t integer(const json& object, const char* key, const std::string& prefix) {
+std::int64_t integer(const json& object, std::string_view path) {
   constexpr double beyond = 9223372036854775808.0;  // 2^63
-  const std::string path = prefix + key;
-  const json& value = member(object, key, path);
+  const json& value = member(object, path);
   if (value.is_number_unsigned() && value.get<std::uint64_t>() <= INT64_MAX) {
     return static_cast<std::int64_t>(value.get<std::uint64_t>());
   }
@@ -82,20 +155,36 @@ std::int64_t integer(const json& object, const char* key, const std::string& pre
   wrongType(path, "an integer of 64 bits", value);
 }
 
+Options decodeOptions(const json& object) {
+  Options options;
+  const std::string_view fingerprint = "options.acceptFingerprint";
+  if (const auto flag = find(object, fingerprint); flag != object.end()) {
+    if (!flag->is_boolean()) {
+      wrongType(fingerprint, "true or false", *flag);
+    }
+    options.acceptFingerprint = flag->get<bool>();
+  }
+  const std::string_view port = "options.relayedPort";
+  if (find(object, port) != object.end()) {
+    const std::string which = text(object, port);
+    if (which != "assigned" && which != "mapped") {
+      throw ConfigError(fmt::format("wrong value: {} must be assigned or mapped", port));
+    }
+    options.relayedPort = which == "mapped" ? RelayedPort::mapped : RelayedPort::assigned;
+  }
+  return options;
+}
+
 // The first line of standard input as its octets, without its line feed or carriage return and line
 // feed. Reads ahead at will: nothing behind the line is ever interpreted.
 std::string readLine() {
   std::string line;
   while (line.size() <= longestLine) {
     char buffer[4096];
-    const ssize_t got = read(STDIN_FILENO, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) {
-      continue;
-    }
-    if (got <= 0) {
+    const std::string_view piece(buffer, readInput(buffer));
+    if (piece.empty()) {
       return line;
     }
-    const std::string_view piece(buffer, static_cast<std::size_t>(got));
     const std::size_t end = piece.find('\n');
     line += piece.substr(0, end);
     if (end != std::string_view::npos) {
@@ -115,19 +204,17 @@ Config decodeConfig(std::string_view line) {
     throw ConfigError(fmt::format("line is longer than {} octets", longestLine));
   }
   const json top = parse(line);
-  if (!top.is_object()) {
-    throw ConfigError(
-        fmt::format("wrong type: the line must be an object, not {}", top.type_name()));
-  }
-  const json& proxy = member(top, "proxy", "proxy");
-  if (!proxy.is_object()) {
-    wrongType("proxy", "an object", proxy);
-  }
-  Config config{{text(proxy, "host", "proxy."), integer(proxy, "port", "proxy."),
-                 text(proxy, "user", "proxy."), text(proxy, "pass", "proxy.")},
+  requireObject(top, "the line");
+  const json& proxy = requireObject(member(top, "proxy"), "proxy");
+  Config config{{text(proxy, "proxy.host"), integer(proxy, "proxy.port"), text(proxy, "proxy.user"),
+                 text(proxy, "proxy.pass")},
                 text(top, "realm"),
                 text(top, "username"),
-                text(top, "credential")};
+                text(top, "credential"),
+                {}};
+  if (const auto options = find(top, "options"); options != top.end()) {
+    config.options = decodeOptions(requireObject(*options, "options"));
+  }
   if (config.realm.size() > longestRealm) {
     throw ConfigError(fmt::format("realm is longer than {} octets", longestRealm));
   }

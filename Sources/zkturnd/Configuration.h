@@ -15,12 +15,25 @@ struct ProxyConfig {
   std::string pass;       // empty: none is offered
 };
 
+/// Which port of the proxy clients are told as their relay's.
+enum class RelayedPort {
+  assigned,  // the one of the proxy's answer
+  mapped,    // the one that a STUN server saw
+};
+
+/// What is for clients and proxies that the defaults leave out.
+struct Options {
+  bool acceptFingerprint = false;  // requests may carry FINGERPRINT behind MESSAGE-INTEGRITY
+  RelayedPort relayedPort = RelayedPort::assigned;
+};
+
 /// The whole configuration: the proxy, and the one credential that local clients must present.
 struct Config {
   ProxyConfig proxy;
   std::string realm;
   std::string username;
   std::string credential;  // the password that goes with username
+  Options options;
 };
 
 /// Why a line is not a configuration: one line that names the key by its path and never holds a
@@ -30,7 +43,8 @@ class ConfigError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Decodes one line of UTF-8: a JSON object with all eight keys. Throws ConfigError.
+/// Decodes one line of UTF-8: a JSON object with all eight keys and perhaps "options". Throws
+/// ConfigError.
 Config decodeConfig(std::string_view line);
 
 /// Reads the first line of standard input and decodes it. On any failure it prints the error line

@@ -1,26 +1,25 @@
 #pragma once
 
-#include <cstdint>
-#include <optional>
-#include <string>
+#include <memory>
 
-#include "ZelkorTURN/RelayInterfaces.h"
+#include "ZelkorTURN/SOCKS5Relay.h"
 
 namespace zk {
 
 /// Makes relays through one SOCKS5 proxy, all with the same settings, which are not tested here: a
 /// bad host or port shows when a relay is opened.
-struct SOCKS5RelayFactory final : TURNRelayFactory {
-  std::string proxyHost;
-  std::int64_t proxyPort = 0;
-  std::optional<std::string> proxyUser;  // absent for none
-  std::optional<std::string> proxyPass;  // absent for none
-
-  SOCKS5RelayFactory(std::string host, std::int64_t port, std::optional<std::string> user,
-                     std::optional<std::string> pass);
+class SOCKS5RelayFactory final : public TURNRelayFactory {
+ public:
+  explicit SOCKS5RelayFactory(SOCKS5RelaySettings settings)
+      : settings_(std::make_shared<const SOCKS5RelaySettings>(std::move(settings))) {}
 
   /// A new SOCKS5Relay, not yet opened.
-  std::shared_ptr<TURNRelay> makeRelay(const FiveTuple& forClient) override;
+  std::shared_ptr<TURNRelay> makeRelay(const FiveTuple& /*forClient*/) override {
+    return std::make_shared<SOCKS5Relay>(settings_);
+  }
+
+ private:
+  const std::shared_ptr<const SOCKS5RelaySettings> settings_;
 };
 
 }  // namespace zk

@@ -1,7 +1,8 @@
 #include "zkturnd/StatusOutput.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
+
+#include "Platform/Process.h"
 
 namespace zk {
 
@@ -25,12 +26,12 @@ std::string errorLine(std::string_view message) {
 }
 
 void writeStatus(std::string_view line) {
-  [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, line.data(), line.size());
+  writeOutput(line);
 }
 
 void failWith(std::string_view message) {
   writeStatus(errorLine(message));
-  _exit(1);
+  endProcess(1);
 }
 
 }  // namespace zk

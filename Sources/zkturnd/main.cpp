@@ -1,87 +1,84 @@
 // The daemon: a configuration line comes in, one status line goes out, and TURN is served until
 // standard input ends or SIGTERM arrives.
 
-#include <cerrno>
 #include <chrono>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 
 #include <fmt/format.h>
-#include <unistd.h>
 
-#include "Platform/MainLoop.h"
 #include "Platform/Process.h"
 #include "Platform/Thread.h"
 #include "ZelkorTURN/TURNServer.h"
 #include "zkturnd/Configuration.h"
-#include "zkturnd/DebugLog.h"
+#include "zkturnd/Logs.h"
 #include "zkturnd/RelayFactory.h"
 #include "zkturnd/StatusOutput.h"
 
 namespace {
 
-constexpr const char* debugLogPath = "/tmp/zkturnd.log";
+using namespace zk;
 
-// A relay that is being opened through a proxy that hangs would hold up the stop for as long as the
-// proxy likes. The end of the process releases everything just as well.
-constexpr std::chrono::seconds longestStop{2};
+// So long a stop waits for a disk to take the last lines.
+constexpr std::chrono::milliseconds logPatience{500};
 
 std::optional<std::string> presentUnlessEmpty(const std::string& text) {
   return text.empty() ? std::nullopt : std::optional(text);
 }
 
-// Returns when standard input has ended, as it does when the parent closes it or dies. What comes
-// in is thrown away.
-void awaitEndOfInput() {
-  char discarded[256] = {};
-  ssize_t got = 0;
-  do {
-    got = read(STDIN_FILENO, discarded, sizeof discarded);
-  } while (got > 0 || (got < 0 && errno == EINTR));
+SOCKS5RelaySettings relaySettings(const Config& config, Logs& logs) {
+  SOCKS5RelaySettings settings;
+  settings.proxyHost = config.proxy.host;
+  settings.proxyPort = config.proxy.port;
+  settings.username = presentUnlessEmpty(config.proxy.user);
+  settings.password = presentUnlessEmpty(config.proxy.pass);
+  settings.reportsMappedPort = config.options.relayedPort == RelayedPort::mapped;
+  settings.dataPlaneLog = [&logs](std::string_view line) { logs.zkDPLog(line); };
+  settings.egressLog = [&logs](std::string_view line) { logs.plog(line); };
+  return settings;
+}
+
+[[noreturn]] void failToStart(const std::exception& error) {
+  failWith(std::string("TURNServer.start() failed: ") + error.what());
+}
+
+[[noreturn]] void serve() {
+  Logs logs;
+  const Config config = readConfig();
+  TURNServer server({config.username, config.realm, config.credential}, config.realm,
+                    std::make_shared<SOCKS5RelayFactory>(relaySettings(config, logs)),
+                    config.options.acceptFingerprint);
+  server.debugLog = [&logs](std::string_view line) { logs.appendDebugLog(line); };
+  logLine(server.debugLog, FMT_COMPILE("zkturnd start proxy={}:{} realm={} user={}"),
+          config.proxy.host, config.proxy.port, config.realm, config.username);
+  try {
+    takeTerminationSignal();
+    server.start();
+    startThread("zk.turnd.stdin-watch", [] {
+      char discarded[256];
+      while (readInput(discarded) > 0) {
+      }
+      requestStop();
+    }).detach();
+  } catch (const std::exception& error) {
+    failToStart(error);  // here, where nobody waits for the disk first
+  }
+  writeStatus(readyLine(server.boundPort()));
+  awaitStop();
+  server.stop();
+  logs.flush(logPatience);
+  endProcess(0);  // a thread may still wait for standard input or the disk
 }
 
 }  // namespace
 
 int main() {
-  using namespace zk;
-  tidyInheritedDescriptors();
-  raiseDescriptorLimit();
-
-  DebugLog debugLog(debugLogPath);
-  const Config config = readConfig();
-  const auto factory = std::make_shared<SOCKS5RelayFactory>(config.proxy.host, config.proxy.port,
-                                                            presentUnlessEmpty(config.proxy.user),
-                                                            presentUnlessEmpty(config.proxy.pass));
-  const auto server = std::make_shared<TURNServer>(
-      Credentials{config.username, config.realm, config.credential}, config.realm, factory);
-  server->debugLog = [&debugLog](std::string_view line) { debugLog.appendDebugLog(line); };
-  debugLog.appendDebugLog(fmt::format("zkturnd start proxy={}:{} realm={} user={}",
-                                      config.proxy.host, config.proxy.port, config.realm,
-                                      config.username));
+  prepareProcess();
   try {
-    server->start();
+    serve();
   } catch (const std::exception& error) {
-    failWith(std::string("TURNServer.start() failed: ") + error.what());
+    failToStart(error);
   }
-  writeStatus(readyLine(server->boundPort()));
-
-  MainLoop mainLoop;
-  const auto stopAndExit = [&] {
-    startThread("zk.turnd.stop-limit", [] {
-      std::this_thread::sleep_for(longestStop);
-      _exit(0);
-    }).detach();
-    server->stop();
-    debugLog.flush();
-    // Not exit(): threads may still run, and no destructor may run under them.
-    _exit(0);
-  };
-  mainLoop.onSignal(SIGTERM, stopAndExit);
-  startThread("zk.turnd.stdin-watch", [&] {
-    awaitEndOfInput();
-    mainLoop.async(stopAndExit);
-  }).detach();
-  mainLoop.run();
 }

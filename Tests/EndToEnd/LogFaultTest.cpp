@@ -1,5 +1,9 @@
 // What becomes of the service when its log files cannot be written, and of the log files when
-// somebody else moves them about. Each test has a /tmp of its own.
+// somebody else is at them. Each test has a /tmp of its own.
+
+#include <algorithm>
+#include <functional>
+#include <future>
 
 #include <sys/stat.h>
 
@@ -8,36 +12,62 @@
 namespace zk::test {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr const char* debugLog = "/tmp/zkturnd.log";
 constexpr const char* dataPlaneLog = "/tmp/zkturnd-dp.log";
 constexpr const char* egressLog = "/tmp/zk-egress.log";
+constexpr const char* logs[] = {debugLog, dataPlaneLog, egressLog};
 
-class LogFaultTest : public testing::Test {
- protected:
-  void SetUp() override {
-    if (!tmp.mounted()) {
-      GTEST_SKIP() << "needs root, for a /tmp of its own";
-    }
+// The daemon notices within a second what became of a file.
+constexpr milliseconds noticeTime{1000};
+
+using LogFaultTest = PrivateTmpTest;
+
+void expectService(Rig& rig, std::size_t payload = 5) {
+  const auto client = rig.allocated();
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_TRUE(echoes(*client, rig.peer, Bytes(payload)));
   }
+  EXPECT_TRUE(client->refresh(0).success());
+}
 
-  static void expectService(Rig& rig) {
-    const auto client = rig.allocated();
-    for (int i = 0; i < 20; ++i) {
-      EXPECT_TRUE(echoes(*client, rig.peer, bytes("hello")));
-    }
-    EXPECT_TRUE(client->refresh(0).success());
+bool willContain(const char* log, const std::string& text, std::size_t times = 1) {
+  return becomesTrue([&] { return count(contentOf(log), text) >= times; });
+}
+
+TEST_F(LogFaultTest, NewLinesFollowOldOnesAndBearTheirTime) {
+  std::ofstream(debugLog) << "from before\n";
+  const auto rig = Rig::startedBy("umask 077");
+  rig->begin();
+  expectService(*rig);
+  EXPECT_TRUE(rig->stops());
+  EXPECT_TRUE(contentOf(debugLog).starts_with("from before\n2"));
+  struct {
+    const char* log;
+    const char* sign;  // of each line, with all digits 0
+    std::size_t lines;
+  } const cases[] = {{debugLog, "0000-00-00T00:00:00.000Z ", 60},
+                     {dataPlaneLog, "", 60},
+                     {egressLog, " [egress-probe] ", 3}};
+  for (const auto& [log, sign, lines] : cases) {
+    std::string content = contentOf(log);
+    std::ranges::replace_if(
+        content, [](char c) { return c > '0' && c <= '9'; }, '0');
+    EXPECT_GE(count(content, sign), lines) << log;
+    EXPECT_GE(count(content, sign) + 1, count(content, "\n")) << log;
   }
-
-  // One sanitizer keeps megabytes there that have no name.
-  const PrivateTmp tmp{sanitized ? 8192 : 256};
-};
+  EXPECT_EQ(static_cast<unsigned>(fs::status(dataPlaneLog).permissions()), 0600U);
+  EXPECT_EQ(static_cast<unsigned>(fs::status(egressLog).permissions()), 0666U);
+}
 
 TEST_F(LogFaultTest, AFullDiskCostsLinesOnly) {
   const auto rig = Rig::ready();
   expectService(*rig);
+  ASSERT_TRUE(willContain(dataPlaneLog, "SEND", 20));
   {
     std::ofstream filler("/tmp/filler");
-    while (filler.put('x')) {
+    while (filler << std::string(1024, 'x') << std::flush) {
     }
   }
   const auto size = fs::file_size(dataPlaneLog);
@@ -49,87 +79,142 @@ TEST_F(LogFaultTest, AFullDiskCostsLinesOnly) {
   EXPECT_TRUE(rig->stops());
 }
 
-TEST_F(LogFaultTest, LogsThatCannotBeOpenedCostNothingElse) {
-  // What not even root can write. A pipe without a reader would hang whoever opens it carelessly.
-  for (const char* const log : {debugLog, dataPlaneLog, egressLog}) {
-    ASSERT_EQ(mkfifo(log, 0666), 0);
+// What somebody else may have put in a directory that everybody can write.
+TEST_F(LogFaultTest, RefusesWhatIsNotAPlainFileOfItsOwn) {
+  const std::string precious = "/tmp/precious";
+  std::vector<KitSocket> readers;
+  const std::pair<const char*, std::function<void(const char*)>> cases[] = {
+      {"a pipe, which would hang whoever opens it carelessly",
+       [](auto log) { ASSERT_EQ(mkfifo(log, 0666), 0); }},
+      {"a pipe that somebody reads",
+       [&](auto log) {
+         ASSERT_EQ(mkfifo(log, 0666), 0);
+         readers.emplace_back(open(log, O_RDONLY | O_NONBLOCK));
+       }},
+      {"a folder", [](auto log) { fs::create_directory(log); }},
+      {"a link", [&](auto log) { fs::create_symlink(precious, log); }},
+      {"another name of a file", [&](auto log) { fs::create_hard_link(precious, log); }},
+      {"a file of another user", [](auto log) {
+         std::ofstream(log) << "precious";
+         ASSERT_EQ(chown(log, 54321, 0), 0);
+       }}};
+  std::ofstream(precious) << "precious";
+  for (const auto& [name, make] : cases) {
+    SCOPED_TRACE(name);
+    for (const char* const log : logs) {
+      fs::remove(log);
+      make(log);
+    }
+    const auto rig = Rig::ready();
+    expectService(*rig);
+    EXPECT_TRUE(rig->stops());
+    EXPECT_EQ(contentOf(precious), "precious");
+    EXPECT_TRUE(!fs::is_regular_file(dataPlaneLog) || contentOf(dataPlaneLog) == "precious");
   }
-  const auto rig = Rig::ready();
-  expectService(*rig);
-  EXPECT_TRUE(rig->stops());
-  for (const char* const log : {debugLog, dataPlaneLog, egressLog}) {
-    EXPECT_TRUE(fs::is_fifo(log));
-    fs::remove(log);
-    fs::create_directory(log);
+  for (const KitSocket& reader : readers) {
+    char octet = 0;
+    EXPECT_LE(read(reader.get(), &octet, 1), 0);
   }
-  const auto other = Rig::ready();
-  expectService(*other);
-  // The data-plane log takes up its work as soon as it can.
-  fs::remove(dataPlaneLog);
-  std::this_thread::sleep_for(milliseconds(1000));
-  expectService(*other);
-  EXPECT_TRUE(fs::is_regular_file(dataPlaneLog));
-  EXPECT_TRUE(other->stops());
 }
 
-TEST_F(LogFaultTest, LogsThatAreMovedAreNoticedWithinASecond) {
+TEST_F(LogFaultTest, NoticesWithinASecondWhatBecameOfItsFile) {
   const auto rig = Rig::ready();
   const auto client = rig->allocated();
-  const auto echo = [&] { return echoes(*client, rig->peer, bytes("hello")); };
-  ASSERT_TRUE(echo());
+  const auto writesAnew = [&] {
+    EXPECT_TRUE(echoes(*client, rig->peer, bytes("hello")));
+    return willContain(dataPlaneLog, "RECV unwrap OK from 127.0.0.1:" +
+                                         std::to_string(rig->peer.port()) + " 5B → handler\n");
+  };
+  ASSERT_TRUE(writesAnew());
   const std::string before = contentOf(dataPlaneLog);
-  EXPECT_NE(before.find("RECV unwrap OK from 127.0.0.1:" + std::to_string(rig->peer.port()) +
-                        " 5B → handler\n"),
-            std::string::npos);
 
   fs::rename(dataPlaneLog, "/tmp/old");
-  std::this_thread::sleep_for(milliseconds(1000));
-  ASSERT_TRUE(echo());
-  EXPECT_TRUE(contentOf("/tmp/old").starts_with(before)) << "truncated";
-  EXPECT_NE(contentOf(dataPlaneLog).find("SEND fd="), std::string::npos);
+  std::this_thread::sleep_for(noticeTime);
+  EXPECT_TRUE(writesAnew());
+  EXPECT_EQ(contentOf("/tmp/old"), before);
 
-  fs::remove(dataPlaneLog);
-  fs::remove(egressLog);
-  fs::remove(debugLog);
-  std::this_thread::sleep_for(milliseconds(1000));
-  ASSERT_TRUE(echo());
-  ASSERT_TRUE(rig->client()->allocate().success());
-  EXPECT_NE(contentOf(dataPlaneLog).find("SEND fd="), std::string::npos);
-  EXPECT_NE(contentOf(egressLog).find("egress discovered = 203.0.113.9"), std::string::npos);
+  fs::resize_file(dataPlaneLog, 0);
+  EXPECT_TRUE(writesAnew());
+  EXPECT_EQ(contentOf(dataPlaneLog).find('\0'), std::string::npos) << "a hole";
 
-  // Somebody else's link in a directory that everybody can write.
-  for (const char* const log : {dataPlaneLog, egressLog}) {
+  for (const char* const log : logs) {
     fs::remove(log);
-    fs::create_symlink("/tmp/precious", log);
   }
-  std::ofstream("/tmp/precious") << "precious";
-  std::this_thread::sleep_for(milliseconds(1000));
-  ASSERT_TRUE(echo());
+  std::this_thread::sleep_for(noticeTime);
+  EXPECT_TRUE(writesAnew());
   ASSERT_TRUE(rig->client()->allocate().success());
+  EXPECT_TRUE(willContain(egressLog, "egress discovered = 203.0.113.9"));
+  EXPECT_TRUE(willContain(debugLog, "relay OPEN ok"));
+
+  // Somebody else's link is refused while it is there, and no longer.
+  std::ofstream("/tmp/precious") << "precious";
+  fs::remove(dataPlaneLog);
+  fs::create_symlink("/tmp/precious", dataPlaneLog);
+  std::this_thread::sleep_for(noticeTime);
+  EXPECT_TRUE(echoes(*client, rig->peer, bytes("hello")));
+  fs::remove(dataPlaneLog);
+  std::this_thread::sleep_for(noticeTime);
+  EXPECT_TRUE(writesAnew());
   EXPECT_EQ(contentOf("/tmp/precious"), "precious");
+
+  fs::resize_file(dataPlaneLog, 64 << 20);
+  std::this_thread::sleep_for(noticeTime);
+  EXPECT_TRUE(writesAnew());
+  EXPECT_LT(fs::file_size(dataPlaneLog), 4096U);
+  EXPECT_EQ(fs::file_size(std::string(dataPlaneLog) + ".1"), 64U << 20);
   EXPECT_TRUE(rig->stops());
 }
 
-TEST_F(LogFaultTest, NewLinesFollowOldOnesAndBearTheirTime) {
-  std::ofstream(debugLog) << "from before\n";
-  const auto rig = Rig::ready();
-  expectService(*rig);
-  EXPECT_TRUE(rig->stops());
-  std::ifstream log(debugLog);
-  std::string line;
-  std::getline(log, line);
-  EXPECT_EQ(line, "from before");
-  std::size_t lines = 0;
-  while (std::getline(log, line)) {
-    ASSERT_GT(line.size(), 25U);
-    const std::string stamp = line.substr(0, 25);
-    EXPECT_EQ(stamp.find_first_not_of("0123456789-T:.Z "), std::string::npos) << line;
-    EXPECT_EQ(stamp[10], 'T');
-    EXPECT_EQ(stamp.substr(23), "Z ");
-    ++lines;
+TEST_F(LogFaultTest, TwoDaemonsKeepEachOthersLines) {
+  const auto first = Rig::ready();
+  const auto second = Rig::ready();
+  auto other = std::async(std::launch::async, [&] {
+    for (int i = 0; i < 10; ++i) {
+      expectService(*second, 201);
+    }
+  });
+  for (int i = 0; i < 10; ++i) {
+    expectService(*first, 101);
   }
-  // Two for each datagram from the client, one for each to it, and more.
-  EXPECT_GT(lines, 60U);
+  other.get();
+  EXPECT_TRUE(first->stops() && second->stops());
+  const std::string log = contentOf(dataPlaneLog);
+  EXPECT_EQ(count(log, "\nSEND"), 400U);
+  EXPECT_EQ(count(log, " 101B sendto="), 200U);
+  EXPECT_EQ(count(log, " 201B sendto="), 200U);
+}
+
+// Nobody waits for the disk: not a datagram, not the word that the start failed, and a stop for no
+// more than half a second.
+TEST_F(LogFaultTest, ADiskThatStandsStill) {
+  const std::string preload =
+      "export ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0 LD_PRELOAD=" ZK_STANDSTILL_DISK;
+  const auto rig = Rig::startedBy(preload);
+  rig->begin();
+  const auto client = rig->allocated();
+  ASSERT_TRUE(willContain(dataPlaneLog, "RECV-THREAD start"));
+  std::ofstream("/tmp/standstill").flush();
+  std::this_thread::sleep_for(milliseconds(50));
+  const std::string before = contentOf(dataPlaneLog);
+  const auto began = Clock::now();
+  std::size_t sent = 0;
+  for (; Clock::now() - began < milliseconds(300); ++sent) {
+    ASSERT_TRUE(echoes(*client, rig->peer, Bytes(200), {}, milliseconds(250)));
+  }
+  EXPECT_EQ(contentOf(dataPlaneLog), before) << "the disk did not stand still";
+  fs::remove("/tmp/standstill");
+  EXPECT_TRUE(willContain(dataPlaneLog, " 200B sendto=", sent));
+
+  std::ofstream("/tmp/standstill").flush();
+  ASSERT_TRUE(echoes(*client, rig->peer, Bytes(200)));
+  const auto stopped = Clock::now();
+  EXPECT_TRUE(rig->stops());
+  EXPECT_LT(Clock::now() - stopped, milliseconds(sanitized ? 3000 : 800));
+
+  std::ofstream("/tmp/cnf") << noDigests;
+  const auto failing = Rig::startedBy(preload + " OPENSSL_CONF=/tmp/cnf");
+  failing->daemon.write(failing->config.line());
+  EXPECT_EQ(failing->daemon.waitExit(patience), 1);
 }
 
 }  // namespace

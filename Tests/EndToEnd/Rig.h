@@ -8,19 +8,19 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
-#include "Loopback/DaemonConfig.h"
 #include "Loopback/DaemonProcess.h"
 #include "Loopback/EchoPeer.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
+#include "Loopback/Scratch.h"
 #include "Loopback/TURNClient.h"
 
 namespace zk::test {
@@ -63,70 +63,46 @@ bool becomesTrue(const Condition& condition) {
   return true;
 }
 
-inline std::string contentOf(const fs::path& file) {
-  std::ostringstream text;
-  text << std::ifstream(file).rdbuf();
-  return text.str();
-}
-
 /// The program under test, by a descriptor: its path may be hidden by a mount.
 inline std::string daemonBinary() {
-  static const int file = open(ZK_DAEMON, O_RDONLY | O_CLOEXEC);
-  return "/proc/self/fd/" + std::to_string(file);
+  static const std::string path = pathByDescriptor(ZK_DAEMON);
+  return path;
 }
 
-/// A folder that goes when this goes.
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string name = "/tmp/zk-test-XXXXXX";
-    path_ = mkdtemp(name.data());
+/// How to start it: with `shell`, what a shell does before it becomes the daemon ("$0").
+inline std::vector<std::string> daemonCommand(const std::string& shell = {}) {
+  if (shell.empty()) {
+    return {daemonBinary()};
   }
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+  return {"/bin/bash", "-c", shell + "\nexec \"$0\"", daemonBinary()};
+}
 
-  const fs::path& path() const { return path_; }
-
-  /// An executable shell script in it.
-  std::string script(const std::string& text) const {
-    const fs::path file = path_ / "start";
-    std::ofstream(file) << "#!/bin/bash\n" << text << "\n";
-    fs::permissions(file, fs::perms::owner_all);
-    return file;
-  }
-
- private:
-  fs::path path_;
-};
-
-/// A /tmp of this process and its children alone, of so many KiB, for tests of the log files. It
-/// must be made before there are threads, and needs root.
-class PrivateTmp {
- public:
-  explicit PrivateTmp(int kilobytes) {
-    daemonBinary();
-    const std::string size = "size=" + std::to_string(kilobytes) + "k";
-    mounted_ = unshare(CLONE_NEWNS) == 0 &&
-               mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-               mount("tmpfs", "/tmp", "tmpfs", 0, size.c_str()) == 0;
-  }
-  ~PrivateTmp() {
-    if (mounted_) {
-      umount2("/tmp", MNT_DETACH);
+/// A test whose daemons have log files, which lie in /tmp, of their own.
+class PrivateTmpTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!tmp_.mounted()) {
+      GTEST_SKIP() << "needs root, for a /tmp of its own";
     }
   }
-  PrivateTmp(const PrivateTmp&) = delete;
-  PrivateTmp& operator=(const PrivateTmp&) = delete;
-
-  bool mounted() const { return mounted_; }
 
  private:
-  bool mounted_ = false;
+  const std::string binary_ = daemonBinary();  // before a mount hides it
+  const PrivateTmp tmp_{32 * 1024};
 };
+
+/// What OPENSSL_CONF names for a crypto library without any digest.
+inline constexpr const char* noDigests =
+    "openssl_conf=i\n[i]\nproviders=p\n[p]\nbase=b\n[b]\nactivate=1\n";
+
+/// How often `text` holds `piece`.
+inline std::size_t count(std::string_view text, std::string_view piece) {
+  std::size_t found = 0;
+  for (auto at = text.find(piece); at != text.npos; at = text.find(piece, at + 1)) {
+    ++found;
+  }
+  return found;
+}
 
 /// Whether `payload` comes back from `peer`, as ChannelData when `channel` is given.
 inline bool echoes(TURNClient& client, const EchoPeer& peer, ByteView payload,
@@ -142,15 +118,21 @@ inline bool echoes(TURNClient& client, const EchoPeer& peer, ByteView payload,
 
 /// The whole world of one daemon, on the loopback.
 struct Rig {
-  explicit Rig(const SOCKS5Script& proxyScript = {}, STUNScript stunScript = {.mappedIP = egressIP})
+  explicit Rig(const SOCKS5Script& proxyScript = {}, STUNScript stunScript = {.mappedIP = egressIP},
+               const std::string& shell = {})
       : stun(std::move(stunScript)),
         proxy(proxyScript),
-        daemon(daemonBinary(), {{"ZK_STUN_IPS", stun.target()}}) {
+        daemon(daemonCommand(shell), {{"ZK_STUN_IPS", stun.target()}}) {
     config.proxyPort = proxy.port();
     if (const auto& login = proxyScript.login) {
       config.proxyUser = login->user;
       config.proxyPassword = login->password;
     }
+  }
+
+  /// The daemon as daemonCommand() has it, and nothing given to it yet.
+  static std::unique_ptr<Rig> startedBy(const std::string& shell) {
+    return std::make_unique<Rig>(SOCKS5Script{}, STUNScript{.mappedIP = egressIP}, shell);
   }
 
   /// The daemon with its configuration given and its port known.

@@ -1,127 +1,145 @@
-#include <algorithm>
+#include <cstdlib>
+#include <system_error>
 #include <thread>
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
+#include <net/if.h>
 
-#include "Platform/Sockets.h"
 #include "Support.h"
+#include "System.h"
 #include "ZelkorSOCKS5/InterfaceScope.h"
 
 namespace zk {
 namespace {
 
-constexpr const char* farHost = "203.0.113.9";
-
-class Scope : public testing::Test {
- protected:
-  Scope() { unsetenv("ZK_EGRESS_VIA_DEFAULT"); }
-  ~Scope() override { InterfaceScope::modeOverride.reset(); }
-
-  // What this machine would pin to, found without InterfaceScope.
-  static std::optional<NetworkInterface> physical() {
-    const auto all = availableInterfaces();
-    const auto first = std::find_if(all.begin(), all.end(), [](const NetworkInterface& one) {
-      return one.type != InterfaceType::other;
-    });
-    return first == all.end() ? std::nullopt : std::optional(*first);
-  }
-  static int indexBoundTo(int socket) {
-    int index = -1;
-    socklen_t length = sizeof index;
-    EXPECT_EQ(getsockopt(socket, SOL_SOCKET, SO_BINDTOIFINDEX, &index, &length), 0);
-    return index;
-  }
-};
-
-TEST_F(Scope, NeverPinsTheLoopback) {
+TEST(InterfaceScope, DecidesByTextThenOverrideThenEnvironment) {
+  unsetenv("ZK_EGRESS_VIA_DEFAULT");
+  using Override = std::optional<bool>;
   for (const char* const host : {"localhost", "LocalHost", "::1", "0.0.0.0", "127.0.0.1",
                                  "127.1.2.3", "127.", "127.example.org"}) {
-    for (const std::optional<bool> override : {std::optional<bool>(), {false}, {true}}) {
+    for (const Override override : {Override(), {false}, {true}}) {
       EXPECT_FALSE(InterfaceScope::shouldScope(host, override)) << host;
     }
   }
   for (const char* const host :
-       {"[::1]", "0:0:0:0:0:0:0:1", "localhost.", "1127.0.0.1", "", "::"}) {
+       {"[::1]", "0:0:0:0:0:0:0:1", "localhost.", "1127.0.0.1", "", "::", "203.0.113.9"}) {
     EXPECT_TRUE(InterfaceScope::shouldScope(host, std::nullopt)) << host;
+    EXPECT_FALSE(InterfaceScope::shouldScope(host, true)) << host;
+    for (const char* const value : {"1", "", "0", "true", "1 ", "11"}) {
+      const test::Environment set("ZK_EGRESS_VIA_DEFAULT", value);
+      EXPECT_EQ(InterfaceScope::shouldScope(host, std::nullopt), value != std::string_view("1"));
+      EXPECT_TRUE(InterfaceScope::shouldScope(host, false));
+    }
   }
 }
 
-TEST_F(Scope, LetsTheOverrideDecideBeforeTheEnvironment) {
-  const auto decide = [](std::optional<bool> override) {
-    return InterfaceScope::shouldScope(farHost, override);
-  };
-  EXPECT_TRUE(decide(std::nullopt));
-  EXPECT_TRUE(decide(false));
-  EXPECT_FALSE(decide(true));
-  {
-    const test::Environment viaDefault("ZK_EGRESS_VIA_DEFAULT", "1");
-    EXPECT_FALSE(decide(std::nullopt));
-    EXPECT_TRUE(decide(false));
-    EXPECT_FALSE(decide(true));
-  }
-  for (const char* const value : {"", "0", "true", "yes", "1 ", " 1", "11"}) {
-    const test::Environment other("ZK_EGRESS_VIA_DEFAULT", value);
-    EXPECT_TRUE(decide(std::nullopt)) << '"' << value << '"';
-  }
-  InterfaceScope::modeOverride = true;
-  EXPECT_FALSE(InterfaceScope::shouldScope(farHost));
-  InterfaceScope::modeOverride = false;
-  const test::Environment viaDefault("ZK_EGRESS_VIA_DEFAULT", "1");
-  EXPECT_TRUE(InterfaceScope::shouldScope(farHost));
+// A machine of the case's own, and the interface by which it is to reach a destination.
+struct Case {
+  const char* machine;  // in shell
+  const char* destination;
+  const char* interface;  // empty for none
+};
+
+constexpr const char* vocabulary = R"(set -e
+exec 2>/dev/null
+ip link set lo up
+wire() {  # NAME [ADDRESS]: a cable, with somebody at its other end
+  ip link add $1 type veth peer name $1-end
+  ip link set $1-end up; ip link set $1 up; [ -z "$2" ] || ip addr add $2/24 dev $1
 }
-
-TEST_F(Scope, PinsSocketsAndParametersToTheFirstPhysicalInterface) {
-  const auto expected = physical();
-  const int index = expected ? static_cast<int>(expected->index) : 0;
-  EXPECT_EQ(InterfaceScope::name(), expected ? std::optional(expected->name) : std::nullopt);
-  EXPECT_EQ(InterfaceScope::ifIndex(), expected ? std::optional(expected->index) : std::nullopt);
-
-  const struct {
-    const char* host;
-    std::optional<bool> override;
-    bool pinned;
-  } cases[] = {{"127.0.0.1", false, false},
-               {farHost, true, false},
-               {farHost, std::nullopt, true},
-               {farHost, false, true}};
-  for (const auto& c : cases) {
-    const int socket = openUDPSocket();
-    InterfaceScope::bind(socket, c.host, c.override);
-    EXPECT_EQ(indexBoundTo(socket), c.pinned ? index : 0) << c.host;
-    closeSocket(socket);
-    ConnectionParameters parameters;
-    EXPECT_EQ(&InterfaceScope::scoped(parameters, c.host, c.override), &parameters);
-    EXPECT_EQ(parameters.requiredInterface.has_value(), c.pinned && index != 0) << c.host;
-  }
-  InterfaceScope::modeOverride = true;
-  const int socket = openUDPSocket();
-  InterfaceScope::bind(socket, farHost);
-  EXPECT_EQ(indexBoundTo(socket), 0);
-  closeSocket(socket);
-  InterfaceScope::bind(-1, farHost, false);  // fails, and nobody hears of it
+on() {  # NAME ADDRESS: what is stacked on a cable
+  ip link set $1 up; ip addr add $2/24 dev $1
 }
+route() { ip route add "$@"; }
+usual() { wire lan0 10.1.0.2; route default via 10.1.0.1; }
+vpn() { ip tuntap add vpn mode tun; ip link set vpn up; ip addr add 10.8.0.2/24 dev vpn; }
+)";
 
-TEST_F(Scope, ResolvesOnceForManyThreadsAndAgainAfterInvalidation) {
-  for (int round = 0; round < 3; ++round) {
-    InterfaceScope::invalidate();
-    std::vector<std::optional<std::string>> names(6);
-    std::vector<std::thread> threads;
-    for (auto& name : names) {
-      threads.emplace_back([&name] {
-        name = InterfaceScope::name();
-        if (const auto interface = InterfaceScope::nwInterface()) {
-          EXPECT_EQ(interface->name, name);
-        }
-      });
-    }
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
-    for (const auto& name : names) {
-      EXPECT_EQ(name.has_value(), physical().has_value());
-      EXPECT_EQ(name, names[0]);
-    }
+constexpr const char* anywhere = "203.0.113.9";
+
+const Case cases[] = {
+    {"usual", anywhere, "lan0"},
+    {"usual", "::ffff:203.0.113.9", "lan0"},
+    {"usual", "10.5.0.1", "lan0"},
+    // Nothing that stays here, whatever it is called.
+    {"usual", "127.0.1.1", ""},
+    {"usual", "::ffff:127.0.0.1", ""},
+    {"usual", "::1", ""},
+    {"usual", "10.1.0.2", ""},
+    // Three ways in which a VPN takes over the routes, and one in which it takes them away: then
+    // the wire is for its own neighbours only.
+    {"usual; vpn; route 0.0.0.0/1 dev vpn; route 128.0.0.0/1 dev vpn", anywhere, "lan0"},
+    {"usual; vpn; route 0.0.0.0/1 dev vpn; route 128.0.0.0/1 dev vpn", "10.5.0.1", "lan0"},
+    {"usual; vpn; route default dev vpn table 100; ip rule add pref 100 table 100", anywhere,
+     "lan0"},
+    {"usual; vpn; route default dev vpn table 100; ip rule add pref 100 table 100", "10.1.0.9",
+     "lan0"},
+    {"usual; vpn; route default dev vpn metric 5", "192.168.7.7", "lan0"},
+    {"wire lan0 10.1.0.2; vpn; route default dev vpn", anywhere, ""},
+    {"wire lan0 10.1.0.2; vpn; route default dev vpn", "10.5.0.1", ""},
+    {"wire lan0 10.1.0.2; vpn; route default dev vpn", "10.1.0.9", "lan0"},
+    // Private addresses behind a link route belong to its interface; behind a gateway, or by a
+    // route for everybody, they do not.
+    {"usual; vpn", "10.8.0.1", "vpn"},
+    {"usual; vpn; route 10.9.0.0/16 dev vpn", "10.9.1.1", "vpn"},
+    {"usual; vpn; route 10.9.0.0/16 dev vpn; route 10.9.1.0/24 via 10.1.0.7", "10.9.1.1", "lan0"},
+    {"usual; vpn; route 10.9.0.0/16 via 10.8.0.1", "10.9.1.1", "lan0"},
+    {"usual; vpn; route 100.64.0.7 dev vpn table 52", "100.64.0.7", "vpn"},
+    {"usual; vpn; route 203.0.113.0/24 dev vpn", anywhere, "lan0"},
+    {"usual; ip link add br0 type bridge; on br0 172.17.0.1", "172.17.0.2", "br0"},
+    // Which cable.
+    {"usual; wire lan1 10.2.0.2; route default via 10.2.0.1 metric 9", anywhere, "lan0"},
+    {"wire lan0 10.1.0.2; wire lan1 10.2.0.2; route default via 10.2.0.1", anywhere, "lan1"},
+    {"usual; wire lan1 10.2.0.2; route default via 10.2.0.1 metric 9; ip link set lan0-end down",
+     anywhere, "lan1"},
+    {"vpn; route default dev vpn", anywhere, ""},
+    // What is stacked on a cable counts like it; a bridge of containers is no cable.
+    {"wire lan0; ip link add link lan0 name up0 type macvlan; on up0 10.1.0.2; "
+     "route default via 10.1.0.1",
+     anywhere, "up0"},
+    {"wire lan0; ip link add link lan0 name port type macvlan mode passthru; "
+     "ip link add br0 type bridge; ip link set port master br0 up; on br0 10.1.0.2; "
+     "route default via 10.1.0.1",
+     anywhere, "br0"},
+    {"wire lan0; ip link add br0 type bridge; ip link set lan0 master br0; on br0 10.1.0.2; "
+     "route default via 10.1.0.1",
+     anywhere, ""},
+    // IPv6 by its own routes.
+    {"usual; vpn; ip addr add 2001:db8::2/64 dev lan0 nodad; "
+     "route default via 2001:db8::1; ip -6 route add ::/1 dev vpn",
+     "2001:db8:9::9", "lan0"},
+    {"usual", "2001:db8:9::9", ""},
+};
+
+TEST(InterfaceScope, ChoosesTheInterfaceThatTheDestinationCallsFor) {
+  unsetenv("ZK_EGRESS_VIA_DEFAULT");
+  if (std::system("command -v ip >/dev/null && unshare -n true 2>/dev/null") != 0) {
+    GTEST_SKIP() << "needs iproute2 and the right to make network namespaces";
+  }
+  for (const Case& c : cases) {
+    std::thread([&c] {
+      SCOPED_TRACE(std::string(c.machine) + " to " + c.destination);
+      ASSERT_TRUE(test::enterNewNetwork());
+      ASSERT_EQ(std::system((std::string(vocabulary) + c.machine).c_str()), 0);
+      sockaddr_storage destination{};
+      auto& ipv4 = reinterpret_cast<sockaddr_in&>(destination);
+      auto& ipv6 = reinterpret_cast<sockaddr_in6&>(destination);
+      if (inet_pton(AF_INET, c.destination, &ipv4.sin_addr) == 1) {
+        ipv4.sin_family = AF_INET;
+      } else {
+        ASSERT_EQ(inet_pton(AF_INET6, c.destination, &ipv6.sin6_addr), 1);
+        ipv6.sin6_family = AF_INET6;
+      }
+      const auto choose = [&](std::optional<bool> override) {
+        const auto index = InterfaceScope::interfaceFor(
+            "proxy.test", reinterpret_cast<const sockaddr&>(destination), override);
+        char name[IF_NAMESIZE] = "";
+        return index ? std::string(if_indextoname(*index, name)) : "";
+      };
+      EXPECT_EQ(choose({}), c.interface);
+      EXPECT_EQ(choose(true), "");
+    }).join();
   }
 }
 

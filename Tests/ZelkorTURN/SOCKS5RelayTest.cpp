@@ -1,9 +1,7 @@
-#include <atomic>
-#include <condition_variable>
-#include <deque>
+// A relay through the kit's proxy, on a loop that the test turns and a clock that it moves.
+
 #include <functional>
-#include <mutex>
-#include <sstream>
+#include <set>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -12,12 +10,14 @@
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
 #include "Platform/IPv4.h"
-#include "Platform/Sockets.h"
+#include "PrivateNetwork.h"
 #include "Support.h"
+#include "ZelkorSOCKS5/SOCKS5Error.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
 #include "ZelkorTURN/SOCKS5Relay.h"
+#include "ZelkorTURN/ServerFixture.h"
 
-namespace zk {
+namespace zk::test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -27,302 +27,306 @@ using loopback::SOCKS5Server;
 using loopback::STUNResponder;
 using loopback::STUNScript;
 
-// What a relay's handler has been given, for a thread that waits for it.
-class Inbox {
- public:
-  struct Datagram {
-    Bytes payload;
-    std::string ip;
-    int port = 0;
-  };
-  TURNRelay::Handler handler() {
-    return [this](std::span<const PeerDatagram> burst) {
-      const std::lock_guard guard(lock_);
-      for (const auto& [payload, ip, port] : burst) {
-        datagrams_.push_back({test::copyOf(payload), ip, port});
-      }
-      arrived_.notify_all();
-    };
-  }
-  Datagram next() {
-    std::unique_lock guard(lock_);
-    if (!arrived_.wait_for(guard, 5s, [this] { return !datagrams_.empty(); })) {
-      ADD_FAILURE() << "nothing came";
-      return {};
-    }
-    const Datagram first = datagrams_.front();
-    datagrams_.pop_front();
-    return first;
-  }
-  bool isEmpty() {
-    const std::lock_guard guard(lock_);
-    return datagrams_.empty();
-  }
-
- private:
-  std::mutex lock_;
-  std::condition_variable arrived_;
-  std::deque<Datagram> datagrams_;
-};
-
-class Relay : public testing::Test {
+class Relay : public testing::Test, public RelayListener {
  protected:
   Relay() {
-    STUNScript script;
-    script.mappedIP = "198.51.100.9";
-    stun_.setScript(script);
-    SOCKS5Script recording;
-    recording.recordFrames = true;
-    proxy_.setScript(recording);
+    stun_.setScript({.mappedIP = "198.51.100.9", .mappedPort = 4242});
+    settings_.proxyHost = "127.0.0.1";
+    settings_.proxyPort = proxy_.port();
+    settings_.dataPlaneLog = log_.callback();
   }
   ~Relay() override {
-    relay_->close();
+    relay_.reset();
     EXPECT_TRUE(nothingIsLeft());
-    // The system lists a thread a moment longer than it takes to join it.
-    EXPECT_TRUE(test::eventually([&] { return test::runningThreads() == threads_; }));
   }
   // Of relays, on either side.
   bool nothingIsLeft() {
-    return test::eventually([&] {
-      return proxy_.counts().openConnections == 0 && test::openDescriptors() == descriptors_;
-    });
+    return eventually(
+        [&] { return proxy_.counts().openConnections == 0 && openDescriptors() == descriptors_; });
   }
-  std::shared_ptr<SOCKS5Relay> makeRelay() {
-    return std::make_shared<SOCKS5Relay>("127.0.0.1", proxy_.port(), std::nullopt, std::nullopt);
+
+  void makeRelay() {
+    relay_ = std::make_unique<SOCKS5Relay>(std::make_shared<SOCKS5RelaySettings>(settings_));
   }
-  static std::string failureOf(const std::function<void()>& work) {
+  std::string openFailure(OpeningAttempt attempt = {.viaDefault = true}) {
     try {
-      work();
+      opened_ = relay_->open(attempt);
+      return "";
     } catch (const SOCKS5Error& error) {
-      EXPECT_EQ(error.kind(), SOCKS5Error::Kind::connectionFailed);
       return error.description();
     }
-    return "";
   }
-  std::string openFailure() {
-    return failureOf([&] { relay_->open(); });
+  void openAndReceive() {
+    makeRelay();
+    ASSERT_EQ(openFailure(), "");
+    relay_->receive({loop_, receiver_, sender_}, *this);
+    fd_ =
+        log_.lines("RECV-THREAD start fd=").at(0).substr(std::string("RECV-THREAD start ").size());
   }
-  std::string sendFailure(const Bytes& payload = {1}) {
-    return failureOf([&] { relay_->send(payload, peer_.ip(), peer_.port()); });
+  bool turnUntil(const std::function<bool()>& condition) {
+    return eventually([&] {
+      loop_.turn(false);
+      return condition();
+    });
   }
-  std::string peerText() const { return fmt::format("{}:{}", peer_.ip(), peer_.port()); }
+  void pass(std::chrono::milliseconds time) {
+    now_ += static_cast<std::uint64_t>(std::chrono::nanoseconds(time).count());
+    loop_.turn(false);
+  }
+  std::string sendLine(std::size_t size, std::ptrdiff_t sent) const {
+    return fmt::format("SEND {} → {}:{} {}B sendto={}", fd_, peer_.ip(), peer_.port(), size, sent);
+  }
+  Bytes fromPeer(const char* payload) const {
+    return SOCKS5UDPFrame::wrap(bytesOf(payload), "192.0.2.1", 7);
+  }
+
+  void onDatagrams(std::span<const PeerDatagram> datagrams) override {
+    for (const auto& [payload, ip, port] : datagrams) {
+      received_.emplace_back(copyOf(payload), fmt::format("{}:{}", ip, port));
+    }
+  }
+  void onAssociationEnd(std::string_view reason) override { ends_.emplace_back(reason); }
+  void onSilence() override {
+    ++silences_;
+    relay_.reset();  // as the server does
+  }
 
   SOCKS5Server proxy_;
   STUNResponder stun_;
   EchoPeer peer_;
-  const test::Environment targets_{"ZK_STUN_IPS", stun_.target()};
-  const test::LogTail dataPlaneLog_{"/tmp/zkturnd-dp.log"};
-  const std::ptrdiff_t threads_ = test::runningThreads();
-  const std::ptrdiff_t descriptors_ = test::openDescriptors();
-  Inbox inbox_;
-  std::shared_ptr<SOCKS5Relay> relay_ = makeRelay();
+  const Environment targets_{"ZK_STUN_IPS", stun_.target()};
+  std::uint64_t now_ = 1'000'000'000'000;
+  EventLoop loop_{[this] { return now_; }};
+  DatagramReceiver receiver_;
+  DatagramSender sender_;
+  const std::ptrdiff_t descriptors_ = openDescriptors();
+
+  Log log_;
+  SOCKS5RelaySettings settings_;
+  std::unique_ptr<SOCKS5Relay> relay_;
+  RelayedAddress opened_;
+  std::string fd_;  // "fd=7"
+  std::vector<std::pair<Bytes, std::string>> received_;
+  std::vector<std::string> ends_;
+  int silences_ = 0;
 };
 
-constexpr const char* notOpen = "TCP connect to proxy failed: relay socket not open";
-constexpr const char* failClosed =
-    "TCP connect to proxy failed: egress probe failed — fail-closed (no gateway fallback)";
-
-TEST_F(Relay, OpensAtTheProxysEgressAddressAndItsRelayPort) {
+TEST_F(Relay, OpensAtTheProxysEgressAddressAndItsRelayPortOrTheMappedOne) {
   for (const char* const announced : {"127.0.0.1", "0.0.0.0"}) {  // none: the proxy's own host
-    std::atomic<int> port = 0;
-    SOCKS5Script script;
-    script.announceIPv4(announced);
-    script.editAssociateReply = [&](Bytes reply) {
-      port = readUInt16(reply, reply.size() - 2);
-      return reply;
-    };
-    proxy_.setScript(script);
-    relay_ = makeRelay();
-    const RelayedAddress address = relay_->allocateRelay();
-    EXPECT_EQ(address.ip, "198.51.100.9");
-    EXPECT_EQ(address.port, port);
-    relay_->receive(inbox_.handler());
-    relay_->send(Bytes{1, 2, 3}, peer_.ip(), peer_.port());
-    EXPECT_EQ(inbox_.next().payload, (Bytes{1, 2, 3}));
-    relay_->close();
-    proxy_.setScript({});  // which lets go of `port`
+    for (const bool mapped : {false, true}) {
+      int port = 0;
+      SOCKS5Script script;
+      script.announceIPv4(announced);
+      script.editAssociateReply = [&port](Bytes reply) {
+        port = readUInt16(reply, reply.size() - 2);
+        return reply;
+      };
+      proxy_.setScript(script);
+      settings_.reportsMappedPort = mapped;
+      makeRelay();
+      EXPECT_EQ(openFailure(), "");
+      EXPECT_EQ(opened_.ip, "198.51.100.9");
+      EXPECT_EQ(opened_.port, mapped ? 4242 : port);
+      proxy_.setScript({});  // which lets go of `port`
+    }
   }
-}
-
-TEST_F(Relay, RefusesToOpenTwiceAndGoesOnAsItWas) {
-  relay_->open();
   EXPECT_EQ(openFailure(), "TCP connect to proxy failed: relay already open");
-  EXPECT_EQ(proxy_.counts().connections, 1U);
-  EXPECT_EQ(sendFailure(), "");
-  EXPECT_TRUE(test::eventually([&] { return peer_.received() == 1; }));
 }
 
-TEST_F(Relay, PassesDatagramsOfAnySizeBothWaysAndLogsThem) {
-  relay_->open();
-  relay_->receive(inbox_.handler());
-  for (const std::size_t size : {0U, 1U, 1200U, 65497U}) {  // the last makes the largest datagram
-    const Bytes payload(size, static_cast<std::uint8_t>(size));
-    relay_->send(payload, peer_.ip(), peer_.port());
-    const auto back = inbox_.next();
-    EXPECT_EQ(back.payload, payload);
-    EXPECT_EQ(back.ip, peer_.ip());
-    EXPECT_EQ(back.port, peer_.port());
-    EXPECT_EQ(proxy_.frames(0).back(), SOCKS5UDPFrame::wrap(payload, peer_.ip(), peer_.port()));
-    const std::string log = dataPlaneLog_.text();
-    EXPECT_NE(log.find(fmt::format(" → {} {}B sendto={}\n", peerText(), size, size + 10)),
-              std::string::npos);
-    EXPECT_NE(log.find(fmt::format("RECV unwrap OK from {} {}B → handler\n", peerText(), size)),
-              std::string::npos);
-  }
-  EXPECT_EQ(proxy_.egressAddress(0)->sin_port, peer_.lastSource()->sin_port);
-}
-
-TEST_F(Relay, ThrowsAndLogsWhatTheSystemRefusesAndStaysUsable) {
-  relay_->open();
-  EXPECT_EQ(sendFailure(Bytes(65500)),
-            "TCP connect to proxy failed: sendto relay: " + errorText(EMSGSIZE));
-  EXPECT_TRUE(dataPlaneLog_.has(fmt::format(" → {} 65500B sendto=-1\n", peerText())));
-  EXPECT_EQ(sendFailure(), "");
-  EXPECT_TRUE(test::eventually([&] { return peer_.received() == 1; }));
-}
-
-TEST_F(Relay, SendsABurstInOrderWithoutWhatTheSystemRefuses) {
-  relay_->open();
-  relay_->receive(inbox_.handler());
-  std::vector<Bytes> payloads;
-  for (std::size_t i = 1; i <= 20; ++i) {
-    payloads.emplace_back(i == 3 || i == 17 ? 65500 : i);
+// A burst of datagrams, the sizes of which the system takes or not, through the proxy and back.
+TEST_F(Relay, PassesDatagramsBothWaysInOrderAndLogsThem) {
+  openAndReceive();
+  std::vector<Bytes> payloads{Bytes(0), Bytes(1), Bytes(1200), Bytes(65497), Bytes(65500)};
+  for (std::uint8_t i = 0; i < 40; ++i) {  // more than one burst
+    payloads.emplace_back(200, i);
   }
   std::vector<PeerDatagram> burst;
   for (const Bytes& payload : payloads) {
     burst.push_back({payload, peer_.ip(), peer_.port()});
   }
-  EXPECT_EQ(failureOf([&] { relay_->sendAll(burst); }),
-            "TCP connect to proxy failed: sendto relay: " + errorText(EMSGSIZE));
-  std::string lines;
+  relay_->sendAll(burst);
+  std::vector<std::string> lines;
   for (const Bytes& payload : payloads) {
-    const bool isRefused = payload.size() == 65500;
-    if (!isRefused) {
-      EXPECT_EQ(inbox_.next().payload, payload);
-    }
-    lines += fmt::format("SEND → {} {}B sendto={}\n", peerText(), payload.size(),
-                         isRefused ? -1 : static_cast<int>(payload.size()) + 10);
+    const auto octets = static_cast<std::ptrdiff_t>(payload.size());
+    lines.push_back(sendLine(payload.size(), octets == 65500 ? -1 : octets + 10));
   }
-  EXPECT_TRUE(inbox_.isEmpty());
-  // Lines of the receive thread stand in between.
-  std::istringstream log(dataPlaneLog_.text());
-  std::string sends;
-  for (std::string line; std::getline(log, line);) {
-    if (line.find("SEND fd=") == 0 && line.find(peerText()) != std::string::npos) {
-      sends += "SEND " + line.substr(line.find("→")) + "\n";
-    }
+  EXPECT_EQ(log_.lines("SEND "), lines);
+  payloads.erase(payloads.begin() + 4);
+  ASSERT_TRUE(turnUntil([&] { return received_.size() == payloads.size(); }));
+  const std::string from = fmt::format("{}:{}", peer_.ip(), peer_.port());
+  for (std::size_t i = 0; i < payloads.size(); ++i) {
+    EXPECT_EQ(received_[i], std::pair(payloads[i], from)) << i;
   }
-  EXPECT_EQ(sends, lines);
+  EXPECT_EQ(log_.count(fmt::format("RECV unwrap OK from {} 1200B → handler", from)), 1U);
+  EXPECT_EQ(log_.count("RECV recvfrom n=1210"), 1U);
 }
 
-TEST_F(Relay, SendsNothingAndLogsNothingUnlessOpen) {
-  EXPECT_EQ(sendFailure(), notOpen);
-  relay_->receive(inbox_.handler());  // starts nothing either
-  EXPECT_EQ(test::runningThreads(), threads_);
-  relay_->open();
-  relay_->close();
-  EXPECT_EQ(sendFailure(), notOpen);
-  relay_->receive(inbox_.handler());
-  EXPECT_TRUE(test::eventually([&] { return test::runningThreads() == threads_; }));
-  EXPECT_FALSE(dataPlaneLog_.has(peerText()));
-}
-
-TEST_F(Relay, DropsMalformedDatagramsAndGoesOn) {
-  relay_->open();
-  relay_->receive(inbox_.handler());
-  const Bytes otherType = test::hex("00000002 7F000001 0001 AA");
-  for (const Bytes& raw : {Bytes(9), Bytes(), otherType}) {
-    EXPECT_EQ(proxy_.injectToClients(raw), 1U);
-  }
+TEST_F(Relay, DropsWhatIsMalformedAndWhatStrangersSendUntilItIsClosed) {
+  openAndReceive();
+  DatagramSocket stranger = DatagramSocket::open();
+  stranger.bind(socketAddress("127.0.0.1", 0));
+  stranger.send(fromPeer("from a stranger"), proxy_.clientAddress(0).value());
+  proxy_.injectToClients(Bytes(9));
   // Peers are named by the header, whatever type of address it has.
-  proxy_.injectToClients(test::hex("FFFF0503 04 68 6F 73 74 0102 AA"));
-  const auto first = inbox_.next();
-  EXPECT_EQ(first.payload, Bytes{0xAA});
-  EXPECT_EQ(first.ip, "host");
-  EXPECT_EQ(first.port, 0x0102);
-  EXPECT_TRUE(inbox_.isEmpty());
-  for (const char* const line :
-       {"RECV unwrap FAILED 9B (DROPPED)\n", "RECV unwrap FAILED 0B (DROPPED)\n",
-        "RECV unwrap FAILED 11B (DROPPED)\n", "RECV recvfrom n=0\n"}) {
-    EXPECT_TRUE(dataPlaneLog_.has(line)) << line;
-  }
-}
-
-TEST_F(Relay, CloseWaitsForTheReceiveThreadAndMayBeRepeated) {
-  relay_->close();  // before it was opened, once and for all
-  relay_ = makeRelay();
-  relay_->open();
-  auto token = std::make_shared<int>(0);
-  const std::weak_ptr<int> watch = token;
-  std::atomic<int> running = 0;
-  relay_->receive([&running, kept = std::move(token)](std::span<const PeerDatagram>) {
-    ++running;
-    std::this_thread::sleep_for(100ms);
-    --running;
-  });
-  relay_->send(Bytes{1}, peer_.ip(), peer_.port());
-  ASSERT_TRUE(test::eventually([&] { return running == 1; }));
-  relay_->close();  // while the handler is at work
-  EXPECT_EQ(running, 0);
-  EXPECT_TRUE(watch.expired());
-  const test::Stopwatch time;
+  proxy_.injectToClients(hex("FFFF0503 04 68 6F 73 74 0102 AA"));
+  ASSERT_TRUE(turnUntil([&] { return !received_.empty(); }));
+  EXPECT_EQ(received_, (std::vector{std::pair(Bytes{0xAA}, std::string("host:258"))}));
+  EXPECT_EQ(log_.lines("RECV "),
+            (std::vector<std::string>{"RECV recvfrom n=25",
+                                      fmt::format("RECV from stranger 127.0.0.1:{} 25B (DROPPED)",
+                                                  portNumber(stranger.localAddress())),
+                                      "RECV recvfrom n=9", "RECV unwrap FAILED 9B (DROPPED)",
+                                      "RECV recvfrom n=12",
+                                      "RECV unwrap OK from host:258 1B → handler"}));
+  proxy_.injectToClients(fromPeer("too late"));
   relay_->close();
-  EXPECT_LT(time.seconds(), 0.5);
-  EXPECT_TRUE(test::eventually([&] { return proxy_.counts().openAssociations == 0; }));
+  const Bytes payload(1);
+  relay_->sendAll(std::vector<PeerDatagram>{{payload, peer_.ip(), peer_.port()}});
+  pass(1s);
+  EXPECT_EQ(received_.size(), 1U);
+  EXPECT_EQ(log_.count("SEND"), 0U);
 }
 
-TEST_F(Relay, CloseWakesAnIdleReceiveThread) {
-  for (int i = 0; i < 20; ++i) {  // at every stage of its start
-    relay_ = makeRelay();
-    relay_->open();
-    relay_->receive(inbox_.handler());
-    std::this_thread::sleep_for(std::chrono::microseconds(100 * i));
-    const test::Stopwatch time;
-    relay_->close();
-    EXPECT_LT(time.seconds(), 2.0);
-  }
-  EXPECT_TRUE(inbox_.isEmpty());
-}
-
-TEST_F(Relay, FailsClosedAndReleasesEverythingWithoutAnEgressAddress) {
-  // A gateway of its own, as an address that was found for another must not help.
+// It goes on as long as datagrams come, and five seconds more.
+TEST_F(Relay, OutlivesItsControlConnectionWhileTheProxyCarriesDatagrams) {
+  int port = 0;
   SOCKS5Script script;
-  script.announceIPv4("127.0.0.77");  // nobody listens there
+  script.editAssociateReply = [&port](Bytes reply) {
+    port = readUInt16(reply, reply.size() - 2);
+    return reply;
+  };
   proxy_.setScript(script);
-  EXPECT_EQ(openFailure(), failClosed);
-  EXPECT_EQ(sendFailure(), notOpen);
-  EXPECT_TRUE(nothingIsLeft());
-  proxy_.setScript({});
-  EXPECT_EQ(openFailure(), "");  // it may be tried again
+  std::set<std::string> reasons;
+  for (const bool reset : {false, true}) {
+    ends_.clear();
+    log_.clear();
+    silences_ = 0;
+    openAndReceive();
+    const auto own = proxy_.clientAddress(reset ? 1 : 0).value();
+    pass(10s);
+    reset ? proxy_.resetControlConnections() : proxy_.closeControlConnections();
+    ASSERT_TRUE(turnUntil([&] { return !ends_.empty(); }));
+    reasons.insert(ends_[0]);
+    // In the place of the proxy, which lets go of its socket with the connection.
+    DatagramSocket relay = DatagramSocket::open();
+    ASSERT_TRUE(eventually([&] {
+      try {
+        relay.bind(socketAddress("127.0.0.1", static_cast<std::uint16_t>(port)));
+        return true;
+      } catch (const std::system_error&) {
+        return false;
+      }
+    }));
+    DatagramSocket stranger = DatagramSocket::open();
+    for (std::size_t i = 1; i <= 3; ++i) {
+      pass(4900ms);
+      relay.send(fromPeer("still here"), own);
+      ASSERT_TRUE(turnUntil([&] { return log_.count("RECV unwrap OK") == i; }));
+    }
+    pass(4900ms);
+    stranger.send(fromPeer("does not count"), own);
+    ASSERT_TRUE(turnUntil([&] { return log_.count("stranger") == 1; }));
+    EXPECT_EQ(silences_, 0);
+    pass(101ms);
+    EXPECT_EQ(silences_, 1);
+    pass(1min);
+    EXPECT_EQ(silences_, 1);
+    EXPECT_EQ(ends_.size(), 1U);
+  }
+  EXPECT_EQ(reasons.size(), 2U) << "it says what has happened";
 }
 
-TEST_F(Relay, LeavesNothingOfAFailedOpening) {
-  SOCKS5Script script;
-  script.replyCode = 0x05;
-  proxy_.setScript(script);
-  try {
-    relay_->open();
-    ADD_FAILURE();
-  } catch (const SOCKS5Error& error) {
-    EXPECT_EQ(error.description(), "connection refused");  // as the control connection threw it
+// Towards a host that does not take anything for a while. The ports tell the datagrams apart.
+TEST_F(Relay, KeepsWhatTheSystemDoesNotTakeWithinLimits) {
+  const PrivateNetwork network;
+  if (!network || !network.setReachable(true)) {
+    GTEST_SKIP() << "no namespaces here";
   }
-  SOCKS5Script unresolvable;  // fails without a look-up
-  unresolvable.announceDomain(std::string("a\0b", 3));
-  unresolvable.announcePort = 4660;
-  proxy_.setScript(unresolvable);
-  EXPECT_TRUE(openFailure().starts_with(
-      std::string("TCP connect to proxy failed: relay getaddrinfo(a\0b:4660): ", 58)));
-  EXPECT_TRUE(nothingIsLeft());
+  const Environment viaDefault("ZK_EGRESS_VIA_DEFAULT", "1");
+  SOCKS5Server proxy({}, network.host);
+  STUNResponder stun({.mappedIP = "198.51.100.9"}, network.host);
+  const Environment targets("ZK_STUN_IPS", stun.target());
+  settings_.proxyHost = network.host;
+  settings_.proxyPort = proxy.port();
+  openAndReceive();
+  // What became of each: its number and what sendto= says.
+  const auto results = [&] {
+    std::vector<std::pair<int, int>> all;
+    for (const std::string& line : log_.lines("SEND ")) {
+      int port = 0;
+      int sent = 0;
+      EXPECT_EQ(std::sscanf(line.c_str() + line.find(" → "), " → 192.0.2.1:%d 1000B sendto=%d",
+                            &port, &sent),
+                2);
+      all.emplace_back(port, sent);
+    }
+    log_.clear();
+    return all;
+  };
+  const Bytes payload(1000);
+  const auto send = [&](int from, int to) {
+    std::vector<PeerDatagram> burst;
+    for (int i = from; i < to; ++i) {
+      burst.push_back({payload, "192.0.2.1", static_cast<std::uint16_t>(i)});
+    }
+    relay_->sendAll(burst);
+  };
+  const int most = SOCKS5Relay::maxBacklog / 1000;
+  const int all = 20'000;  // more than any socket has room for
 
-  SOCKS5Script silent;
-  silent.onGreeting = {loopback::SOCKS5Step::Action::silence};
-  proxy_.setScript(silent);
-  relay_->connectTimeout = 0.2;
-  EXPECT_EQ(openFailure(), "TCP connect to proxy failed: read timeout");
-  EXPECT_TRUE(nothingIsLeft());
-  proxy_.setScript({});
+  ASSERT_TRUE(network.setReachable(false));
+  send(0, all);
+  auto said = results();
+  int taken = 0;  // by the system
+  for (; taken < all && said.at(static_cast<std::size_t>(taken)) == std::pair(taken, 1010);) {
+    ++taken;
+  }
+  ASSERT_GT(taken, 0);
+  std::vector<std::pair<int, int>> wanted;
+  for (int i = taken + most; i < all; ++i) {
+    wanted.emplace_back(i, -1);
+  }
+  said.erase(said.begin(), said.begin() + taken);
+  EXPECT_EQ(said, wanted) << "more than a MiB is not kept";
+
+  pass(299ms);
+  EXPECT_TRUE(results().empty()) << "tried again, with no better luck";
+  ASSERT_TRUE(network.setReachable(true));
+  send(all, all + 3);  // behind those that wait, and dropped: there is no room
+  pass(1ms);
+  said = results();
+  wanted = {{all, -1}, {all + 1, -1}, {all + 2, -1}};
+  for (int i = taken; i < taken + most; ++i) {
+    wanted.emplace_back(i, 1010);
+  }
+  EXPECT_EQ(said, wanted) << "in order, as soon as there is room";
+  send(all, all + 1);
+  EXPECT_EQ(results(), (std::vector{std::pair(all, 1010)})) << "at once, as nothing waits";
+
+  ASSERT_TRUE(network.setReachable(false));
+  send(0, taken + 2);
+  send(all, all + 1);
+  EXPECT_EQ(results().size(), static_cast<std::size_t>(taken));
+  pass(301ms);
+  EXPECT_EQ(results(), (std::vector<std::pair<int, int>>{{taken, -1}, {taken + 1, -1}, {all, -1}}))
+      << "nobody wants what is so old";
+  send(0, 1);
+  relay_->close();
+  pass(1s);
+  EXPECT_TRUE(results().empty());
+}
+
+// The address is known from before, but the port is another one each time.
+TEST_F(Relay, FailsClosedWithoutTheMappedPort) {
+  makeRelay();
   EXPECT_EQ(openFailure(), "");
+  stun_.setScript({.answer = STUNScript::Answer::silence});
+  settings_.reportsMappedPort = true;
+  makeRelay();
+  EXPECT_EQ(openFailure(),
+            "TCP connect to proxy failed: egress probe failed — fail-closed (no gateway fallback)");
+  EXPECT_TRUE(nothingIsLeft());
 }
 
 }  // namespace
-}  // namespace zk
+}  // namespace zk::test

@@ -5,18 +5,18 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
-#include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include "Loopback/TURNClient.h"
-#include "ZelkorSOCKS5/InterfaceScope.h"
+#include "Platform/Sockets.h"
 #include "ZelkorTURN/TURNServer.h"
 
 namespace zk::test {
@@ -27,7 +27,7 @@ using loopback::TURNData;
 using std::chrono::milliseconds;
 
 inline constexpr milliseconds patience{10'000};  // for what must come
-inline constexpr milliseconds aMoment{150};      // for what must not
+inline constexpr milliseconds aMoment{100};      // for what must not
 
 inline Bytes bytes(std::string_view text) {
   const ByteView view = bytesOf(text);
@@ -42,33 +42,30 @@ class Log {
     lines_.emplace_back(line);
     changed_.notify_all();
   }
-
-  std::vector<std::string> lines() const {
-    const std::lock_guard guard(lock_);
-    return lines_;
+  LogCallback callback() {
+    return [this](std::string_view line) { append(line); };
   }
-
-  std::size_t count(const std::string& piece) const {
+  /// Those that contain `piece`.
+  std::vector<std::string> lines(const std::string& piece = "") const {
     const std::lock_guard guard(lock_);
-    return countLocked(piece);
+    return matching(piece);
   }
-
+  std::size_t count(const std::string& piece) const { return lines(piece).size(); }
   /// Whether `times` lines that contain `piece` have come in time.
   bool waitFor(const std::string& piece, std::size_t times = 1) {
     std::unique_lock guard(lock_);
-    return changed_.wait_for(guard, patience, [&] { return countLocked(piece) >= times; });
+    return changed_.wait_for(guard, patience, [&] { return matching(piece).size() >= times; });
   }
-
   void clear() {
     const std::lock_guard guard(lock_);
     lines_.clear();
   }
 
  private:
-  std::size_t countLocked(const std::string& piece) const {
-    return static_cast<std::size_t>(std::count_if(
-        lines_.begin(), lines_.end(),
-        [&](const std::string& line) { return line.find(piece) != std::string::npos; }));
+  std::vector<std::string> matching(const std::string& piece) const {
+    std::vector<std::string> found = lines_;
+    std::erase_if(found, [&](const auto& line) { return line.find(piece) == line.npos; });
+    return found;
   }
 
   mutable std::mutex lock_;
@@ -79,168 +76,175 @@ class Log {
 /// What a relay of the test does when the server opens it.
 struct RelayPlan {
   std::string ip = "192.0.2.10";
-  std::uint16_t port = 7000;
-  std::string error{};        // not empty: the opening throws this
-  bool receiveFails = false;  // receive() finds no thread
-  bool sendFails = false;
-  std::shared_future<void> gate{};  // the opening waits for it
+  std::string error{};               // not empty: the opening throws this
+  bool receiveFails = false;         // receive() finds nothing to watch with
+  const StopSignal* gate = nullptr;  // the opening hangs until this is raised, or it is stopped
 };
 
 /// A relay without a network. Everything it is asked for is written down.
 class ScriptedRelay final : public TURNRelay {
  public:
-  struct Sent {
-    Bytes payload;
-    std::string ip;
-    std::uint16_t port = 0;
-  };
-
   explicit ScriptedRelay(RelayPlan plan) : plan_(std::move(plan)) {}
 
-  RelayedAddress allocateRelay() override {
-    {
-      const std::lock_guard guard(lock_);
-      overrideWhileOpening_ = InterfaceScope::modeOverride;
-    }
-    if (plan_.gate.valid()) {
-      plan_.gate.wait();
+  RelayedAddress allocateRelay(const OpeningAttempt& attempt) override {
+    viaDefault = attempt.viaDefault;
+    connectTimeout = attempt.connectTimeout;
+    if (plan_.gate != nullptr &&
+        waitFor(plan_.gate->descriptor(), POLLIN, Deadline::max(), attempt.stop) != Wait::ready) {
+      throw std::runtime_error("stopped");
     }
     if (!plan_.error.empty()) {
       throw std::runtime_error(plan_.error);
     }
-    return {plan_.ip, plan_.port};
+    return {plan_.ip, 7000};
   }
 
   void sendAll(std::span<const PeerDatagram> datagrams) override {
-    if (InterfaceScope::modeOverride) {
-      overrideLeftBehind = true;
-    }
-    {
-      const std::lock_guard guard(lock_);
-      bursts_.push_back(datagrams.size());
-      for (const auto& [payload, ip, port] : datagrams) {
-        sent_.push_back({{payload.begin(), payload.end()}, ip, port});
-      }
-    }
-    if (plan_.sendFails) {
-      throw std::runtime_error("refused");
-    }
-  }
-
-  void receive(Handler handler) override {
-    if (plan_.receiveFails) {
-      throw std::runtime_error("no thread");
+    std::string burst;
+    for (const auto& [payload, ip, port] : datagrams) {
+      burst +=
+          std::string(payload.begin(), payload.end()) + "→" + ip + ":" + std::to_string(port) + " ";
     }
     const std::lock_guard guard(lock_);
-    handler_ = std::move(handler);
+    bursts_.push_back(burst);
   }
-
+  void receive(const RelayLoop& loop, RelayListener& listener) override {
+    if (plan_.receiveFails) {
+      throw std::system_error(ENOSPC, std::generic_category(), "watch");
+    }
+    const std::lock_guard guard(lock_);
+    loop_ = &loop.loop;
+    listener_ = &listener;
+  }
+  void onRouteChange(const RouteCheck& /*hasRoute*/) override {}
+  bool isCutOff() const override { return cutOff; }
   void close() override { ++closed; }
 
-  /// A datagram from a peer, on the test's thread as if it were the relay's own.
-  void arrive(ByteView payload, const std::string& ip, std::uint16_t port) {
-    arrive({{payload, ip, port}});
-  }
-  void arrive(const std::vector<PeerDatagram>& burst) { handler()(burst); }
-
-  Handler handler() const {
+  /// Has the relay tell its listener something, on the loop's thread, unless it is closed by then.
+  void tell(std::function<void(RelayListener&)> work) {
     const std::lock_guard guard(lock_);
-    return handler_;
+    loop_->post([this, work = std::move(work), listener = listener_] {
+      if (closed == 0) {
+        work(*listener);
+      }
+    });
+  }
+  void arrive(std::vector<std::pair<Bytes, TURNClient::Address>> burst) {
+    tell([burst = std::move(burst)](RelayListener& listener) {
+      std::vector<PeerDatagram> datagrams;
+      for (const auto& [payload, peer] : burst) {
+        datagrams.push_back({payload, peer.ip, peer.port});
+      }
+      listener.onDatagrams(datagrams);
+    });
   }
 
-  std::vector<Sent> sent() const {
-    const std::lock_guard guard(lock_);
-    return sent_;
-  }
-
-  /// How many datagrams each call of sendAll() had.
-  std::vector<std::size_t> bursts() const {
+  /// "payload→ip:port " of each datagram of each burst.
+  std::vector<std::string> bursts() const {
     const std::lock_guard guard(lock_);
     return bursts_;
   }
-
-  /// What InterfaceScope::modeOverride was then.
-  std::optional<bool> overrideWhileOpening() const {
-    const std::lock_guard guard(lock_);
-    return overrideWhileOpening_;
+  std::string sent() const {
+    std::string all;
+    for (const std::string& burst : bursts()) {
+      all += burst;
+    }
+    return all;
   }
 
   std::atomic<int> closed{0};
-  std::atomic<bool> overrideLeftBehind{false};  // when something was sent
+  std::atomic<bool> cutOff{false};
+  std::atomic<bool> viaDefault{false};
+  std::atomic<double> connectTimeout{0};
 
  private:
   const RelayPlan plan_;
+  EventLoop* loop_ = nullptr;
+  RelayListener* listener_ = nullptr;
   mutable std::mutex lock_;
-  std::optional<bool> overrideWhileOpening_;
-  Handler handler_;
-  std::vector<Sent> sent_;
-  std::vector<std::size_t> bursts_;
+  std::vector<std::string> bursts_;
 };
 
 class ScriptedFactory final : public TURNRelayFactory {
  public:
   std::shared_ptr<TURNRelay> makeRelay(const FiveTuple& forClient) override {
     const std::lock_guard guard(lock_);
-    RelayPlan plan;
+    RelayPlan plan = rest_;
     if (!plans_.empty()) {
       plan = std::move(plans_.front());
       plans_.pop_front();
     }
-    clients_.push_back(forClient);
+    clients_.push_back(forClient.clientPort);
     relays_.push_back(std::make_shared<ScriptedRelay>(std::move(plan)));
     return relays_.back();
   }
-
-  /// The next relay without a plan of its own gets this one.
+  /// The next relay without a plan of its own gets this one; those without any get the rest's.
   void plan(RelayPlan plan) {
     const std::lock_guard guard(lock_);
     plans_.push_back(std::move(plan));
   }
-
-  std::size_t made() const {
+  void planRest(RelayPlan plan) {
     const std::lock_guard guard(lock_);
-    return relays_.size();
+    rest_ = std::move(plan);
+  }
+  std::size_t made() const { return clients().size(); }
+  /// The ports of those for whom relays were made, in that order.
+  std::vector<std::uint16_t> clients() const {
+    const std::lock_guard guard(lock_);
+    return clients_;
   }
   std::shared_ptr<ScriptedRelay> relay(std::size_t number) const {
     const std::lock_guard guard(lock_);
     return relays_.at(number);
   }
-  FiveTuple client(std::size_t number) const {
-    const std::lock_guard guard(lock_);
-    return clients_.at(number);
-  }
 
  private:
   mutable std::mutex lock_;
   std::deque<RelayPlan> plans_;
-  std::vector<FiveTuple> clients_;
+  RelayPlan rest_;
+  std::vector<std::uint16_t> clients_;
   std::vector<std::shared_ptr<ScriptedRelay>> relays_;
 };
 
 /// A running server on a clock that the test moves, with relays that the test scripts.
 class ServerFixture : public testing::Test {
  protected:
-  ServerFixture() {
-    server->debugLog = [log = log](std::string_view line) { log->append(line); };
-  }
-  ~ServerFixture() override { server->stop(); }
+  ServerFixture() { server.debugLog = log.callback(); }
+  ~ServerFixture() override { server.stop(); }
 
   /// Returns when the server has dealt with all that was sent to it before.
   static void fence(TURNClient& client) {
     ASSERT_TRUE(client.request(client.makeRequest(TURNMethod::refresh)).message);
   }
-
   static std::string portOf(const TURNClient& client) { return std::to_string(client.localPort()); }
 
-  void advance(std::uint64_t seconds) { *clock += seconds * 1'000'000'000; }
+  void advance(std::uint64_t seconds) { clock += seconds * 1'000'000'000; }
 
-  const std::shared_ptr<Log> log = std::make_shared<Log>();
+  /// A signed request that the test sends itself.
+  static Bytes signedRequest(TURNClient& client, std::uint16_t method) {
+    TURNMessage request = client.makeRequest(method);
+    if (method == TURNMethod::allocate) {
+      request.append(TURNAttr::requestedTransport, Bytes{17, 0, 0, 0});
+    }
+    client.sign(request);
+    return request.encode();
+  }
+
+  /// A client that has been challenged, so that what it signs is taken.
+  std::unique_ptr<TURNClient> newClient() {
+    auto client = std::make_unique<TURNClient>(server.boundPort());
+    EXPECT_EQ(client->refresh({}).errorCode(), 437);
+    return client;
+  }
+
+  Log log;
+  StopSignal gate;
   const std::shared_ptr<ScriptedFactory> factory = std::make_shared<ScriptedFactory>();
-  const std::shared_ptr<std::atomic<std::uint64_t>> clock =
-      std::make_shared<std::atomic<std::uint64_t>>(77'000'000'000);
-  std::shared_ptr<TURNServer> server = std::make_shared<TURNServer>(
-      Credentials{"alice", "zkturnd.test", "wonderland"}, "zkturnd.test", factory,
-      [clock = clock] { return clock->load(); });
+  std::atomic<std::uint64_t> clock{77'000'000'000};
+  TURNServer server{
+      {"alice", "zkturnd.test", "wonderland"}, "zkturnd.test", factory, false, [this] {
+        return clock.load();
+      }};
 };
 
 }  // namespace zk::test

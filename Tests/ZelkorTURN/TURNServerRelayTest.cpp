@@ -1,8 +1,8 @@
-// How the server opens, keeps and releases relays.
+// How the server opens, keeps and releases relays, and what others notice of it.
 
-#include <array>
-#include <future>
+#include <functional>
 
+#include "Support.h"
 #include "ZelkorTURN/ServerFixture.h"
 
 namespace zk::test {
@@ -10,249 +10,302 @@ namespace {
 
 class TURNServerRelayTest : public ServerFixture {
  protected:
-  TURNServerRelayTest() { server->start(); }
-
-  /// The lines about openings.
-  std::vector<std::string> openingLines() const {
-    std::vector<std::string> lines = log->lines();
-    std::erase_if(lines, [](const std::string& line) { return !line.starts_with("relay OPEN"); });
-    return lines;
-  }
+  TURNServerRelayTest() { server.start(); }
 
   const TURNClient::Address peer{"198.51.100.7", 4711};
 };
 
-TEST_F(TURNServerRelayTest, OpensPinnedFirst) {
-  TURNClient client(server->boundPort());
-  const TURNAnswer answer = client.allocate();
-  ASSERT_TRUE(answer.success());
-  EXPECT_EQ(answer.relayedAddress()->ip, "192.0.2.10");
-  EXPECT_EQ(answer.relayedAddress()->port, 7000);
-  EXPECT_EQ(answer.lifetime(), 600U);
-  EXPECT_EQ(openingLines(),
-            (std::vector<std::string>{"relay OPEN attempt for 127.0.0.1:" + portOf(client) + "…",
-                                      "relay OPEN ok (en0) ip=192.0.2.10 port=7000"}));
-  ASSERT_TRUE(log->waitFor("[has XOR-RELAYED-ADDRESS]"));
-  EXPECT_EQ(log->lines().back(), "tx method=0x003 class=successResponse [has XOR-RELAYED-ADDRESS]");
-  ASSERT_EQ(factory->made(), 1U);
-  EXPECT_EQ(factory->relay(0)->overrideWhileOpening(), std::optional(false));
-  client.sendIndication(peer, bytes("x"));
-  fence(client);
-  EXPECT_FALSE(factory->relay(0)->overrideLeftBehind);
-}
-
-TEST_F(TURNServerRelayTest, OpensByTheDefaultRouteWhenPinnedFails) {
-  factory->plan({.error = "no way out"});
-  factory->plan({.ip = "192.0.2.77", .port = 7777});
-  TURNClient client(server->boundPort());
-  const TURNAnswer answer = client.allocate();
-  ASSERT_TRUE(answer.success());
-  EXPECT_EQ(answer.relayedAddress()->ip, "192.0.2.77");
-  EXPECT_EQ(answer.relayedAddress()->port, 7777);
-  EXPECT_EQ(openingLines(),
-            (std::vector<std::string>{
-                "relay OPEN attempt for 127.0.0.1:" + portOf(client) + "…",
-                "relay OPEN en0 failed (no way out) → retry via-default (full-tunnel VPN)",
-                "relay OPEN ok (via-default) ip=192.0.2.77 port=7777"}));
-  ASSERT_EQ(factory->made(), 2U);
-  EXPECT_EQ(factory->relay(0)->overrideWhileOpening(), std::optional(false));
-  EXPECT_EQ(factory->relay(1)->overrideWhileOpening(), std::optional(true));
-  EXPECT_EQ(factory->relay(0)->closed, 0) << "a failed opening has released what it held";
-  EXPECT_FALSE(factory->relay(0)->handler());
-
-  client.sendIndication(peer, bytes("x"));
-  fence(client);
-  EXPECT_TRUE(factory->relay(0)->sent().empty());
-  EXPECT_EQ(factory->relay(1)->sent().size(), 1U);
-  EXPECT_FALSE(factory->relay(1)->overrideLeftBehind);
-  server->stop();
-  EXPECT_EQ(factory->relay(0)->closed, 0);
-  EXPECT_EQ(factory->relay(1)->closed, 1);
-}
-
-TEST_F(TURNServerRelayTest, Answers500WhenBothRungsFail) {
-  factory->plan({.error = "first"});
-  factory->plan({.error = "second"});
-  TURNClient client(server->boundPort());
-  const TURNAnswer answer = client.allocate();
-  EXPECT_EQ(answer.errorCode(), 500);
-  EXPECT_TRUE(answer.integrityVerified);
-  EXPECT_EQ(openingLines(),
-            (std::vector<std::string>{
-                "relay OPEN attempt for 127.0.0.1:" + portOf(client) + "…",
-                "relay OPEN en0 failed (first) → retry via-default (full-tunnel VPN)",
-                "relay OPEN FAILED both rungs: second"}));
-  // Nothing is left of it, and the next attempt is a fresh one.
-  EXPECT_EQ(client.refresh({}).errorCode(), 437);
-  EXPECT_TRUE(client.allocate().success());
-  EXPECT_EQ(factory->made(), 3U);
-  client.sendIndication(peer, bytes("x"));
-  fence(client);
-  EXPECT_EQ(factory->relay(2)->sent().size(), 1U);
-  EXPECT_FALSE(factory->relay(2)->overrideLeftBehind);
-}
-
-TEST_F(TURNServerRelayTest, AnAddressThatNoClientCanBeToldIsAFailure) {
-  for (const char* const ip : {"proxy.example", "2001:db8::1"}) {
-    factory->plan({.ip = ip});
+// The first attempt is pinned and has 3 seconds to connect, the second goes by the default route.
+TEST_F(TURNServerRelayTest, OpensInTwoAttempts) {
+  const std::string failed = "→ retry via-default (full-tunnel VPN)";
+  const struct {
+    std::vector<RelayPlan> plans;
+    int error;
+    std::vector<std::string> lines;  // behind "relay OPEN "
+    std::vector<int> closed;
+  } cases[] = {
+      {{{}}, 0, {"ok (en0) ip=192.0.2.10 port=7000"}, {0}},
+      {{{.error = "no way"}, {.ip = "192.0.2.7"}},
+       0,
+       {"en0 failed (no way) " + failed, "ok (via-default) ip=192.0.2.7 port=7000"},
+       {0, 0}},
+      {{{.error = "first"}, {.error = "second"}},
+       500,
+       {"en0 failed (first) " + failed, "FAILED both rungs: second"},
+       {0, 0}},
+      {{{.ip = "proxy.example"}, {.ip = "2001:db8::1"}},
+       500,
+       {"en0 failed (TCP connect to proxy failed: relayed address is not IPv4: proxy.example) " +
+            failed,
+        "FAILED both rungs: TCP connect to proxy failed: relayed address is not IPv4: "
+        "2001:db8::1"},
+       {0, 0}},
+      {{{.receiveFails = true}},
+       500,
+       {"ok (en0) ip=192.0.2.10 port=7000", "FAILED: watch: No space left on device"},
+       {1}}};
+  for (const auto& c : cases) {
+    const auto client = newClient();
+    log.clear();
+    const std::size_t before = factory->made();
+    std::for_each(c.plans.begin(), c.plans.end(), [&](const auto& p) { factory->plan(p); });
+    const TURNAnswer answer = client->allocate();
+    EXPECT_TRUE(answer.integrityVerified);
+    EXPECT_EQ(answer.errorCode(), c.error);
+    std::vector<std::string> lines{"attempt for 127.0.0.1:" + portOf(*client) + "…"};
+    lines.insert(lines.end(), c.lines.begin(), c.lines.end());
+    for (std::string& line : lines) {
+      line.insert(0, "relay OPEN ");
+    }
+    EXPECT_EQ(log.lines("relay OPEN"), lines);
+    ASSERT_EQ(factory->made(), before + c.plans.size());
+    for (std::size_t i = 0; i < c.plans.size(); ++i) {
+      const auto relay = factory->relay(before + i);
+      EXPECT_EQ(relay->viaDefault, i == 1);
+      EXPECT_EQ(relay->connectTimeout, i == 1 ? 10 : 3);
+      EXPECT_EQ(relay->closed, c.closed[i]);
+    }
+    if (c.error == 0) {
+      EXPECT_EQ(answer.relayedAddress()->ip, c.plans.back().ip);
+      EXPECT_EQ(answer.relayedAddress()->port, 7000);
+      EXPECT_EQ(answer.lifetime(), 600U);
+      client->sendIndication(peer, bytes("x"));
+      fence(*client);
+      EXPECT_EQ(factory->relay(factory->made() - 1)->bursts().size(), 1U);
+      EXPECT_EQ(log.count("tx method=0x003 class=successResponse [has XOR-RELAYED-ADDRESS]"), 1U);
+    } else {
+      EXPECT_EQ(client->refresh({}).errorCode(), 437) << "nothing is left of it";
+      EXPECT_TRUE(client->allocate().success()) << "and the next transaction tries anew";
+    }
   }
-  TURNClient client(server->boundPort());
-  EXPECT_EQ(client.allocate().errorCode(), 500);
-  ASSERT_EQ(factory->made(), 2U);
-  EXPECT_EQ(factory->relay(0)->closed, 1);
-  EXPECT_EQ(factory->relay(1)->closed, 1);
-  EXPECT_TRUE(client.allocate().success());
 }
 
-TEST_F(TURNServerRelayTest, ARelayThatCannotReceiveIsClosed) {
-  factory->plan({.receiveFails = true});
-  TURNClient client(server->boundPort());
-  EXPECT_EQ(client.allocate().errorCode(), 500);
-  ASSERT_EQ(factory->made(), 1U);
-  EXPECT_EQ(factory->relay(0)->closed, 1);
-  client.sendIndication(peer, bytes("x"));
-  fence(client);
-  EXPECT_TRUE(factory->relay(0)->sent().empty());
-  EXPECT_TRUE(client.allocate().success());
+// A proxy that hangs is nobody's business but that client's, whose messages wait in order, within
+// limits. A retransmission of the request that is being answered is absorbed.
+TEST_F(TURNServerRelayTest, AnOpeningHoldsUpNobodyButItsClient) {
+  const auto client = newClient();
+  const auto other = newClient();
+  ASSERT_TRUE(other->allocate().success());
+  factory->plan({.gate = &gate});
+  const Bytes request = signedRequest(*client, TURNMethod::allocate);
+  client->send(request);
+  ASSERT_TRUE(eventually([&] { return factory->made() == 2; }));
+  for (std::size_t i = 0; i < TURNServer::maxKeptDatagrams; ++i) {
+    client->send(request);
+    client->sendIndication(peer, bytes(std::to_string(i)));
+    if (i % 16 == 0) {
+      fence(*other);  // so that nothing is lost on the way
+    }
+  }
+  client->sendIndication(peer, bytes("one too many"));
+  other->sendIndication(peer, bytes("through"));
+  factory->relay(0)->arrive({{bytes("back"), peer}});
+  EXPECT_TRUE(other->receiveData(patience));
+  EXPECT_TRUE(newClient()->allocate().success());
+  fence(*other);
+  EXPECT_EQ(factory->relay(0)->sent(), "through→198.51.100.7:4711 ");
+  EXPECT_FALSE(client->receive(aMoment));
+
+  gate.raise();
+  ASSERT_TRUE(client->receive(patience));
+  fence(*client);
+  std::string wanted;
+  for (std::size_t i = 0; i < TURNServer::maxKeptDatagrams; ++i) {
+    wanted += std::to_string(i) + "→198.51.100.7:4711 ";
+  }
+  EXPECT_EQ(factory->relay(1)->sent(), wanted);
+  EXPECT_FALSE(client->receive(aMoment)) << "one answer to all the retransmissions";
+  EXPECT_EQ(factory->made(), 3U);
 }
 
-TEST_F(TURNServerRelayTest, ARepeatedAllocateOpensNothing) {
-  TURNClient client(server->boundPort());
-  client.allocate();
-  ASSERT_TRUE(client.refresh(0).success());
-  // Sent twice with one transaction ID before the first is answered, as over a slow proxy.
-  std::promise<void> gate;
-  factory->plan({.gate = gate.get_future().share()});
-  TURNMessage request = client.makeRequest(TURNMethod::allocate);
-  request.append(TURNAttr::requestedTransport, Bytes{17, 0, 0, 0});
-  client.sign(request);
-  client.send(request.encode());
-  client.send(request.encode());
-  EXPECT_TRUE(log->waitFor("relay OPEN attempt", 2));
-  gate.set_value();
-  const auto one = client.receive(patience);
-  const auto two = client.receive(patience);
-  ASSERT_TRUE(one && two);
-  EXPECT_EQ(*one, *two);
+TEST_F(TURNServerRelayTest, KeepsSoManyOctetsOfAWaitingClient) {
+  const auto client = newClient();
+  factory->plan({.gate = &gate});
+  client->send(signedRequest(*client, TURNMethod::allocate));
+  ASSERT_TRUE(log.waitFor("relay OPEN attempt"));
+  const Bytes large(TURNServer::maxKeptOctets / 2 - 36, 'l');  // with its header just half of it
+  for (const Bytes& payload : {large, Bytes(large.size() + 1, 'x'), large, bytes("x")}) {
+    client->sendIndication(peer, payload);
+  }
+  ASSERT_TRUE(log.waitFor("kind=STUN", 7));
+  gate.raise();
+  ASSERT_TRUE(client->receive(patience));
+  fence(*client);
+  const std::string one = textOf(large) + "→198.51.100.7:4711 ";
+  EXPECT_EQ(factory->relay(0)->sent(), one + one);
+}
+
+// RFC 5389 section 7.2.1.
+TEST_F(TURNServerRelayTest, AFailedTransactionStaysFailedForItsRetransmissions) {
+  const auto client = newClient();
+  const auto other = newClient();
+  factory->planRest({.error = "down"});
+  const Bytes request = signedRequest(*client, TURNMethod::allocate);
+  const auto answer = [&](TURNClient& whose) {
+    whose.send(request);
+    const auto datagram = whose.receive(patience);
+    EXPECT_TRUE(datagram);
+    const auto message = TURNMessage::decode(datagram.value_or(Bytes{}));
+    const auto code = message ? message->first(TURNAttr::errorCode) : std::nullopt;
+    return code ? TURNAttributes::decodeErrorCode(*code).value_or(0) : 0;
+  };
+  EXPECT_EQ(answer(*client), 500);
   EXPECT_EQ(factory->made(), 2U);
-  EXPECT_EQ(client.allocate().errorCode(), 437);
-}
-
-TEST_F(TURNServerRelayTest, RefreshWithLifetimeZeroReleasesTheRelay) {
-  TURNClient client(server->boundPort());
-  TURNClient other(server->boundPort());
-  ASSERT_TRUE(client.allocate().success());
-  ASSERT_TRUE(other.allocate().success());
-  const auto relay = factory->relay(0);
-  ASSERT_TRUE(client.refresh(0).success());
-  fence(client);
-  EXPECT_EQ(relay->closed, 1);
-  EXPECT_EQ(factory->relay(1)->closed, 0);
-  client.sendIndication(peer, bytes("x"));
-  fence(client);
-  EXPECT_TRUE(relay->sent().empty());
-  relay->arrive(bytes("on its way already"), peer.ip, peer.port);
-  EXPECT_TRUE(
-      log->waitFor("relay rx DROP: no allocation or expired for 127.0.0.1:" + portOf(client)));
-
-  ASSERT_TRUE(client.allocate().success());
-  server->stop();
-  EXPECT_EQ(relay->closed, 1);
-  EXPECT_EQ(factory->relay(1)->closed, 1);
-  EXPECT_EQ(factory->relay(2)->closed, 1);
-}
-
-TEST_F(TURNServerRelayTest, SweepsTheLongExpiredWhenSomebodyAllocates) {
-  const auto allocateElsewhere = [&] { return TURNClient(server->boundPort()).allocate(); };
-  TURNClient gone(server->boundPort());
-  TURNClient staying(server->boundPort());
-  ASSERT_TRUE(gone.allocate().success());
-  ASSERT_TRUE(staying.allocate().success());
-  ASSERT_TRUE(staying.refresh(3600).success());
-
-  advance(600 + 300);  // expired for 299 seconds and some
-  ASSERT_TRUE(allocateElsewhere().success());
-  fence(staying);
-  EXPECT_EQ(factory->relay(0)->closed, 0);
+  factory->planRest({});
+  advance(40);
+  EXPECT_EQ(answer(*client), 500);
+  EXPECT_EQ(factory->made(), 2U) << "without a new opening";
+  EXPECT_EQ(answer(*other), 0) << "somebody else's transaction is another";
   advance(1);
-  factory->plan({.error = "down"});
-  factory->plan({.error = "down"});
-  EXPECT_EQ(allocateElsewhere().errorCode(), 500);
-  fence(staying);
-  EXPECT_EQ(factory->relay(0)->closed, 0) << "an Allocate that failed sweeps nothing";
-  ASSERT_TRUE(allocateElsewhere().success());
-  fence(staying);
-  EXPECT_EQ(factory->relay(0)->closed, 1);
-  EXPECT_EQ(factory->relay(1)->closed, 0);
-  EXPECT_EQ(gone.refresh({}).errorCode(), 437);
-  EXPECT_TRUE(gone.allocate().success()) << "swept means free to allocate again";
+  EXPECT_EQ(answer(*client), 0);
+  EXPECT_EQ(answer(*client), 0) << "which is now a retransmission of what succeeded";
+  EXPECT_EQ(factory->made(), 4U);
 }
 
-TEST_F(TURNServerRelayTest, StopClosesEveryRelayOnce) {
+TEST_F(TURNServerRelayTest, OpensSixteenAtOnceAndTheRestInTheOrderOfArrival) {
+  std::vector<std::unique_ptr<TURNClient>> clients;
+  std::vector<std::uint16_t> ports;
+  StopSignal firstGate;
+  for (std::size_t i = 0; i < 24; ++i) {
+    if (i < RelayOpener::maxOpenings) {
+      factory->plan({.gate = i == 5 ? &firstGate : &gate});
+    }
+    clients.push_back(newClient());
+    ports.push_back(clients.back()->localPort());
+    clients.back()->send(signedRequest(*clients.back(), TURNMethod::allocate));
+    ASSERT_TRUE(
+        eventually([&] { return factory->made() == std::min(i + 1, RelayOpener::maxOpenings); }));
+  }
+  fence(*newClient());
+  EXPECT_EQ(factory->made(), RelayOpener::maxOpenings);
+  firstGate.raise();  // the others go on hanging
+  for (std::size_t i = RelayOpener::maxOpenings; i < clients.size(); ++i) {
+    EXPECT_TRUE(clients[i]->receive(patience));
+  }
+  EXPECT_EQ(factory->clients(), ports);
+  gate.raise();
+}
+
+TEST_F(TURNServerRelayTest, StopsAtOnceInTheMiddleOfOpenings) {
+  factory->planRest({.gate = &gate});
   std::vector<std::unique_ptr<TURNClient>> clients;
   for (std::size_t i = 0; i < 20; ++i) {
-    clients.push_back(std::make_unique<TURNClient>(server->boundPort()));
-    ASSERT_TRUE(clients.back()->allocate().success());
+    clients.push_back(newClient());
+    clients.back()->send(signedRequest(*clients.back(), TURNMethod::allocate));
+    ASSERT_TRUE(log.waitFor("relay OPEN attempt", std::min(i + 1, RelayOpener::maxOpenings)));
   }
-  server->stop();
-  server->stop();
-  for (std::size_t i = 0; i < clients.size(); ++i) {
-    EXPECT_EQ(factory->relay(i)->closed, 1) << i;
+  const Stopwatch time;
+  server.stop();
+  EXPECT_LT(time.seconds(), 0.3);
+  EXPECT_EQ(factory->made(), RelayOpener::maxOpenings) << "what waited is not begun";
+  for (std::size_t i = 0; i < factory->made(); ++i) {
+    EXPECT_EQ(factory->relay(i).use_count(), 2) << "held by nobody but the factory";
   }
-  const Bytes late = bytes("late");
-  factory->relay(3)->arrive(std::vector<PeerDatagram>(30, {late, peer.ip, peer.port}));
-  EXPECT_FALSE(clients[3]->receive(aMoment));
-  server = std::make_shared<TURNServer>(Credentials{}, "", factory);
-  factory->relay(3)->arrive(bytes("later still, with the server gone"), peer.ip, peer.port);
+  EXPECT_FALSE(clients.back()->receive(aMoment));
 }
 
-// A slow proxy blocks the queue for seconds. What others send meanwhile is kept, in order, but not
-// without bound.
-TEST_F(TURNServerRelayTest, AFloodDuringAnOpeningIsBounded) {
-  TURNClient client(server->boundPort());
-  ASSERT_TRUE(client.allocate().success());
-  ASSERT_TRUE(client.bindChannel(0x4001, peer).success());
-  const auto relay = factory->relay(0);
-  constexpr std::size_t limit = 32 << 20;
-  const Bytes large(60'000);
-  // Twice: what the first flood held must have been given back.
-  for (std::size_t flood = 1; flood <= 2; ++flood) {
-    const std::size_t sentBefore = relay->sent().size();
-    const std::size_t loggedBefore = log->count("relay rx 60000B");
-    std::promise<void> gate;
-    factory->plan({.gate = gate.get_future().share()});
-    TURNClient slow(server->boundPort());
-    std::thread opening([&] { EXPECT_TRUE(slow.allocate().success()); });
-    ASSERT_TRUE(log->waitFor("relay OPEN attempt", flood + 1));
-
-    for (std::uint8_t i = 0; i < 50; ++i) {
-      client.sendChannelData(0x4001, Bytes{i});
-    }
-    for (std::size_t i = 0; i < 300; ++i) {
-      client.sendChannelData(0x4001, large);
-      ASSERT_TRUE(log->waitFor("rx 60004B", (flood - 1) * 300 + i + 1));
-    }
-    client.send(Bytes{0xFF});  // its line says that what came before it is queued
-    ASSERT_TRUE(log->waitFor("kind=unknown", flood));
-    for (std::size_t i = 0; i < 1000; ++i) {
-      relay->arrive(large, "192.0.2.1", 1);
-    }
-    gate.set_value();
-    opening.join();
-    fence(client);
-
-    auto sent = relay->sent();
-    sent.erase(sent.begin(), sent.begin() + static_cast<std::ptrdiff_t>(sentBefore));
-    ASSERT_EQ(sent.size(), 350U) << "what came before the limit is all there";
-    for (std::uint8_t i = 0; i < 50; ++i) {
-      EXPECT_EQ(sent[i].payload, Bytes{i});
-    }
-    const std::size_t delivered = log->count("relay rx 60000B") - loggedBefore;
-    EXPECT_LE((300 + delivered) * large.size(), limit);
-    EXPECT_GE((300 + delivered + 2) * large.size(), limit * 98 / 100);
-    while (client.receive(aMoment)) {
-    }
+// Also those that are open but nobody has taken yet.
+TEST_F(TURNServerRelayTest, AStopLetsGoOfEveryRelay) {
+  const auto holding = newClient();
+  const auto opening = newClient();
+  ASSERT_TRUE(holding->allocate().success());
+  factory->plan({.gate = &gate});
+  opening->send(signedRequest(*opening, TURNMethod::allocate));
+  ASSERT_TRUE(log.waitFor("relay OPEN attempt", 2));
+  StopSignal stopping;
+  factory->relay(0)->tell([&](RelayListener&) {
+    waitFor(stopping.descriptor(), POLLIN, Deadline::max());
+    std::this_thread::sleep_for(aMoment);
+  });
+  gate.raise();
+  ASSERT_TRUE(log.waitFor("relay OPEN ok", 2));
+  stopping.raise();
+  server.stop();
+  EXPECT_EQ(factory->relay(0)->closed, 1);
+  for (std::size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(factory->relay(i).use_count(), 2) << "held by nobody but the factory";
   }
+}
+
+TEST_F(TURNServerRelayTest, RefreshWithLifetimeZeroReleasesTheRelayAtOnce) {
+  const auto client = newClient();
+  const auto other = newClient();
+  ASSERT_TRUE(client->allocate().success() && other->allocate().success());
+  ASSERT_TRUE(client->refresh(0).success());
+  EXPECT_EQ(factory->relay(0)->closed, 1);
+  EXPECT_EQ(factory->relay(1)->closed, 0);
+  client->sendIndication(peer, bytes("x"));
+  fence(*client);
+  EXPECT_TRUE(factory->relay(0)->sent().empty());
+  EXPECT_TRUE(client->allocate().success());
+  EXPECT_EQ(factory->made(), 3U);
+}
+
+// Whether Allocates succeed, fail, or nobody asks for any.
+TEST_F(TURNServerRelayTest, SweepsTheLongExpiredBeforeOpeningsAndEveryThirtySeconds) {
+  const auto staying = newClient();
+  ASSERT_TRUE(staying->allocate().success());
+  const auto expired = [&] {
+    EXPECT_TRUE(staying->refresh(3600).success());
+    const auto gone = newClient();
+    EXPECT_TRUE(gone->allocate().success());
+    return factory->relay(factory->made() - 1);
+  };
+  const auto byOpening = expired();
+  advance(900);  // expired for 300 seconds, at most
+  ASSERT_TRUE(newClient()->allocate().success());
+  EXPECT_EQ(byOpening->closed, 0);
+  advance(1);
+  factory->planRest({.error = "down"});
+  const auto failing = newClient();
+  EXPECT_EQ(failing->allocate().errorCode(), 500);
+  EXPECT_EQ(byOpening->closed, 1) << "before the opening that failed";
+
+  factory->planRest({});
+  const auto byTime = expired();
+  advance(901 + 30);
+  for (int i = 0; i < 2; ++i) {
+    fence(*staying);  // for the loop to look at its clock
+  }
+  EXPECT_EQ(byTime->closed, 1);
+  EXPECT_EQ(factory->relay(0)->closed, 0);
+}
+
+// The client notices by its next request and allocates anew.
+TEST_F(TURNServerRelayTest, ARelayThatHasGoneSilentGoesWithItsAllocation) {
+  const auto client = newClient();
+  ASSERT_TRUE(client->allocate().success());
+  const auto relay = factory->relay(0);
+  relay->tell([](RelayListener& listener) { listener.onAssociationEnd("end of stream"); });
+  relay->arrive({{bytes("still there"), peer}});
+  EXPECT_TRUE(client->receiveData(patience));
+  EXPECT_EQ(log.lines("relay END"), std::vector{"relay END for 127.0.0.1:" + portOf(*client) +
+                                                ": control connection: end of stream"});
+  relay->tell([](RelayListener& listener) { listener.onSilence(); });
+  ASSERT_TRUE(log.waitFor("relay SILENT since its end, released for 127.0.0.1:" + portOf(*client)));
+  EXPECT_EQ(client->refresh({}).errorCode(), 437);
+  EXPECT_EQ(relay->closed, 1);
+  EXPECT_TRUE(client->allocate().success());
+}
+
+// It may not be closed as long as no route leads to the proxy, but has no say any more.
+TEST_F(TURNServerRelayTest, ARelayThatIsCutOffAndReleasedLeavesTheNextOneAlone) {
+  const auto client = newClient();
+  ASSERT_TRUE(client->allocate().success());
+  const auto released = factory->relay(0);
+  released->cutOff = true;
+  ASSERT_TRUE(client->refresh(0).success() && client->allocate().success());
+  EXPECT_EQ(released->closed, 0);
+  released->arrive({{bytes("late"), peer}});
+  released->tell([](RelayListener& listener) {
+    listener.onAssociationEnd("end of stream");
+    listener.onSilence();
+  });
+  EXPECT_FALSE(client->receiveData(aMoment));
+  EXPECT_TRUE(client->refresh({}).success());
+  EXPECT_EQ(factory->relay(1)->closed, 0);
+  server.stop();
+  EXPECT_EQ(released->closed, 1);
 }
 
 }  // namespace

@@ -1,146 +1,168 @@
 #include <cstdint>
-#include <limits>
+#include <thread>
 
+#include <fcntl.h>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "zkturnd/Configuration.h"
+#include "zkturnd/StatusOutput.h"
 
 namespace zk {
 namespace {
 
-const std::string secret = "hunter2-the-secret";
+// Every value is a secret, and says where it belongs.
+const std::string good =
+    R"({"proxy":{"host":"my-host","port":1080,"user":"my-user","pass":"my-pass"},)"
+    R"("realm":"my-realm","username":"my-username","credential":"my-credential"})";
 
-// A configuration line in which one member may be replaced by another, or left out.
-std::string line(const std::string& member = "", const std::string& replacement = "") {
-  const std::pair<const char*, std::string> proxy[] = {{"host", R"("host":"proxy.example")"},
-                                                       {"port", R"("port":1080)"},
-                                                       {"user", R"("user":"u")"},
-                                                       {"pass", R"("pass":")" + secret + '"'}};
-  const std::pair<const char*, std::string> top[] = {
-      {"realm", R"("realm":"r")"},
-      {"username", R"("username":"alice")"},
-      {"credential", R"("credential":")" + secret + '"'}};
-  const auto joined = [&](const auto& members) {
-    std::string text;
-    for (const auto& [name, usual] : members) {
-      const std::string& one = member == name ? replacement : usual;
-      text += (text.empty() || one.empty() ? "" : ",") + one;
-    }
-    return text;
-  };
-  const std::string object = "\"proxy\":{" + joined(proxy) + "}";
-  return "{" + (member == "proxy" ? replacement : object) + "," + joined(top) + "}";
+std::string with(const std::string& replacement, const std::string& original) {
+  std::string line = good;
+  return line.replace(line.find(original), original.size(), replacement);
+}
+std::string withMember(const std::string& member) {
+  return with("{" + member + ",", "{");
+}
+std::string withPort(const std::string& value) {
+  return with(value, "1080");
 }
 
-std::string errorOf(const std::string& text) {
+// All that is in a line, or what is wrong with it.
+std::string decoded(const std::string& line) {
   try {
-    decodeConfig(text);
+    const auto& [proxy, realm, username, credential, options] = decodeConfig(line);
+    return fmt::format("{} {} {} {} {} {} {} {} {}", proxy.host, proxy.port, proxy.user, proxy.pass,
+                       realm, username, credential, options.acceptFingerprint,
+                       options.relayedPort == RelayedPort::mapped);
   } catch (const ConfigError& error) {
-    EXPECT_EQ(std::string(error.what()).find(secret), std::string::npos) << error.what();
-    EXPECT_EQ(std::string(error.what()).find('\n'), std::string::npos);
-    return error.what();
+    const std::string text = error.what();
+    EXPECT_EQ(text.find("my-"), std::string::npos) << text;
+    EXPECT_EQ(text.find('\n'), std::string::npos) << text;
+    return text;
   }
-  return "";
 }
 
-TEST(DecodeConfig, TakesEveryValueAsItStands) {
-  const Config config = decodeConfig(line());
-  EXPECT_EQ(config.proxy.host, "proxy.example");
-  EXPECT_EQ(config.proxy.port, 1080);
-  EXPECT_EQ(config.proxy.user, "u");
-  EXPECT_EQ(config.proxy.pass, secret);
-  EXPECT_EQ(config.realm, "r");
-  EXPECT_EQ(config.username, "alice");
-  EXPECT_EQ(config.credential, secret);
+constexpr const char* asItStands =
+    "my-host 1080 my-user my-pass my-realm my-username my-credential false false";
 
-  const Config odd = decodeConfig(
-      " \t{\"comment\":[{}],\"realm\":\"\",\"username\":\"\\u00e9\\n\\u0000\",\"credential\":\"\","
-      "\"proxy\":{\"user\":\"\",\"extra\":null,\"pass\":\"\",\"host\":\"\",\"port\":0}} \r\n");
-  EXPECT_EQ(odd.realm + odd.credential + odd.proxy.host + odd.proxy.user + odd.proxy.pass, "");
-  EXPECT_EQ(odd.username, std::string("\u00E9\n\0", 4));
+TEST(DecodeConfig, SaysWhatIsInTheLineOrWhatIsWrongWithItAndNoSecret) {
+  const std::string zero(1, '\0');
+  const std::string deep(500'000, '[');
+  const std::string option = R"("options":{"x":1,)";
+  const std::string behind = fmt::format("syntax error at column {}", good.size() + 1);
+  const std::string noPort = "wrong type: proxy.port must be an integer of 64 bits, not ";
+  const std::pair<std::string, std::string> cases[] = {
+      {" \t" + good + " \r\n", asItStands},
+      {withMember(R"("Realm":null,"x":[[[[{}]]]])"), asItStands},
+      {with(R"(\u00e9\n\u0000)", "my-host"), std::string("\u00E9\n\0 1080", 9)},
+      {with("", "my-host"), " 1080 my-user"},
+      // An integer, however it is written.
+      {withPort("-1"), "my-host -1 my"},
+      {withPort("1.08e3"), "my-host 1080 my"},
+      {withPort("-0.0"), "my-host 0 my"},
+      {withPort("9223372036854775807"), "my-host 9223372036854775807 my"},
+      {withPort("-9223372036854775808"), "my-host -9223372036854775808 my"},
+      {withPort("-9223372036854775808.0"), "my-host -9223372036854775808 my"},
+      {withPort("1080.5"), noPort},
+      {withPort("9223372036854775808"), noPort},
+      {withPort("9223372036854775808.0"), noPort},
+      {withPort("-1e19"), noPort},
+      {withPort("-1e999"), noPort},
+      {withPort("\"1080\""), noPort},
+      // Keys and types.
+      {with("Port", "port"), "missing key: proxy.port"},
+      {with("Proxy", "proxy"), "missing key: proxy"},
+      {R"({"proxy":["my-host"]})", "wrong type: proxy must be an object, not array"},
+      {"[" + good + "]", "wrong type: the line must be an object, not array"},
+      {withMember(option + R"("acceptFingerprint":true})"),
+       std::string(asItStands, 64) + "true false"},
+      {withMember(option + R"("acceptFingerprint":1})"),
+       "wrong type: options.acceptFingerprint must be true or false, not number"},
+      {withMember(option + R"("relayedPort":"assigned"})"), asItStands},
+      {withMember(option + R"("relayedPort":1})"),
+       "wrong type: options.relayedPort must be a string, not number"},
+      {withMember(option + R"("relayedPort":"my-port"})"),
+       "wrong value: options.relayedPort must be assigned or mapped"},
+      {withMember(R"("options":null)"), "wrong type: options must be an object, not null"},
+      // One object, and nothing behind it.
+      {good + "x", behind},
+      {good + good, behind},
+      {good + zero, behind},
+      {good + zero + "x", behind},
+      {"   ", "syntax error at column "},
+      {good.substr(0, good.size() - 1), "syntax error at column "},
+      {with("\xFF", "my-pass"), "syntax error at column "},
+      {with("\\ud800", "my-pass"), "syntax error at column "},
+      {with(zero, "my-"), "syntax error at column "},
+      // Depth and length.
+      {withMember("\"x\":" + deep), "nested more than 64 levels deep"},
+      {withMember("\"x\":" + deep.substr(0, 63) + std::string(63, ']')), asItStands},
+      {std::string(1'048'577, ' '), "line is longer than 1048576 octets"},
+      {std::string(1'048'576, ' '), "syntax error"},
+      {with(std::string(65'000, 'r'), "my-realm"), "my-host"},
+      {with(std::string(65'001, 'r'), "my-realm"), "realm is longer than 65000 octets"}};
+  for (const auto& [line, expected] : cases) {
+    EXPECT_EQ(decoded(line).substr(0, expected.size()), expected) << line.substr(0, 300);
+  }
+  for (const std::string path :
+       {"proxy.host", "proxy.user", "proxy.pass", "realm", "username", "credential"}) {
+    const std::string key = path.substr(path.find('.') + 1);
+    EXPECT_EQ(decoded(with("\"My\":", '"' + key + "\":")), "missing key: " + path);
+    EXPECT_EQ(decoded(with("null", "\"my-" + key + '"')),
+              "wrong type: " + path + " must be a string, not null");
+  }
 }
 
-TEST(DecodeConfig, TakesAnyIntegralNumberOf64BitsAsPort) {
-  const std::pair<const char*, std::int64_t> accepted[] = {
-      {"0", 0},
-      {"-1", -1},
-      {"70000", 70000},
-      {"1080.0", 1080},
-      {"1.08e3", 1080},
-      {"-0.0", 0},
-      {"9223372036854775807", std::numeric_limits<std::int64_t>::max()},
-      {"-9223372036854775808", std::numeric_limits<std::int64_t>::min()}};
-  for (const auto& [text, port] : accepted) {
-    EXPECT_EQ(decodeConfig(line("port", std::string("\"port\":") + text)).proxy.port, port) << text;
+// A number beyond a double is none of ours to judge where nobody asks for it.
+TEST(DecodeConfig, LeavesNumbersOfAnySizeToThoseWhoReadThem) {
+  for (const std::string& x : {std::string("-1.50E+0400"), std::string(400, '9') + ".5e-1"}) {
+    const std::string member = "\"x\":[" + x + R"(,"1e999\\",)" + x + "],";
+    EXPECT_EQ(decoded(with(R"(1e999\")", "my-host").insert(1, member)).substr(0, 11),
+              "1e999\" 1080");
   }
-  for (const char* const text : {"1080.5", "9223372036854775808", "1e19", "-1e19", "1e300",
-                                 "18446744073709551615", "\"1080\"", "true", "null", "[1080]"}) {
-    EXPECT_TRUE(errorOf(line("port", std::string("\"port\":") + text))
-                    .starts_with("wrong type: proxy.port must be an integer of 64 bits, not "))
-        << text;
+  for (const auto& [member, column] : {std::pair("\"x\":01e999", 11),
+                                       {"\"x\":1e999-1", 12},
+                                       {"\"x\":1e9991e999", 12},
+                                       {"\"x\":1e999,\"y\":1.e999", 18},
+                                       {"\"x\":[1e999,--1e999]", 14},
+                                       {"\"x\":[1e999,1e-]", 16}}) {
+    EXPECT_EQ(decoded(withMember(member)), fmt::format("syntax error at column {}", column));
   }
-  EXPECT_NE(errorOf(line("port", "\"port\":1e999")), "");
 }
 
-TEST(DecodeConfig, NamesTheKeyThatIsMissingOrOfAnotherType) {
-  const std::pair<const char*, const char*> strings[] = {
-      {"host", "proxy.host"}, {"user", "proxy.user"},   {"pass", "proxy.pass"},
-      {"realm", "realm"},     {"username", "username"}, {"credential", "credential"}};
-  for (const auto& [key, path] : strings) {
-    EXPECT_EQ(errorOf(line(key)), std::string("missing key: ") + path);
-    std::string capital = key;
-    capital[0] = static_cast<char>(std::toupper(capital[0]));
-    EXPECT_EQ(errorOf(line(key, '"' + capital + "\":\"" + secret + '"')),
-              std::string("missing key: ") + path);
-    for (const std::string value : {"null", "1", "true", "{}", "[\"hunter2-the-secret\"]"}) {
-      EXPECT_TRUE(errorOf(line(key, '"' + std::string(key) + "\":" + value))
-                      .starts_with(std::string("wrong type: ") + path + " must be a string, not "))
-          << key << ' ' << value;
+// Standard input that somebody made non-blocking, and a line that comes in pieces.
+TEST(ReadConfigDeathTest, WaitsForTheWholeLine) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto readFromPipe = [] {
+    int ends[2];
+    if (pipe(ends) != 0 || fcntl(ends[0], F_SETFL, O_NONBLOCK) != 0 || dup2(ends[0], 0) != 0) {
+      _exit(2);
     }
-  }
-  EXPECT_EQ(errorOf(line("port")), "missing key: proxy.port");
-  EXPECT_EQ(errorOf(line("proxy", "\"x\":0")), "missing key: proxy");
-  EXPECT_EQ(errorOf(line("proxy", "\"proxy\":[]")),
-            "wrong type: proxy must be an object, not array");
+    std::thread([&] {
+      for (const std::string& piece : {good.substr(0, 9), good.substr(9), std::string("\r\n{")}) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        [[maybe_unused]] const auto written = write(ends[1], piece.data(), piece.size());
+      }
+    }).detach();
+    _exit(readConfig().credential == "my-credential" ? 0 : 3);
+  };
+  EXPECT_EXIT(readFromPipe(), testing::ExitedWithCode(0), "");
 }
 
-TEST(DecodeConfig, RefusesWhatIsNoObjectAndNothingElse) {
-  for (const std::string text : {"[]", "null", "1", "\"hunter2-the-secret\""}) {
-    EXPECT_TRUE(errorOf(text).starts_with("wrong type: the line must be an object, not ")) << text;
-  }
-  const std::string good = line();
-  for (const std::string& text :
-       {std::string("   "), std::string(), good + "x", good + good, good.substr(0, good.size() - 1),
-        "{" + good, "\xEF\xBB\xBF{" + good, good.substr(0, 60), line("user", "\"user\":'u'"),
-        line("pass", "\"pass\":\"" + secret), line("pass", "\"pass\":\"" + secret + "\\x\""),
-        line("pass", "\"pass\":" + secret), line("pass", "\"pass\":\"\\ud800" + secret + "\""),
-        line("pass", "\"pass\":\"" + secret + "\xFF\""), line("user", "\"user\":\"\t\""),
-        "// comment\n" + good, line("port", "\"port\":0x10"), line("port", "\"port\":NaN")}) {
-    EXPECT_TRUE(errorOf(text).starts_with("syntax error")) << text << " → " << errorOf(text);
-  }
-  EXPECT_EQ(errorOf("{\"realm\":hunter2-the-secret}"), "syntax error at column 10");
+TEST(StatusOutput, LinesAreExactAndEscapeThreeCharacters) {
+  EXPECT_EQ(readyLine(65535), "{\"port\":65535,\"status\":\"ready\"}\n");
+  EXPECT_EQ(errorLine("\"\n\\ tab\tcr\rbell\a \u00E9 /"),
+            "{\"status\":\"error\",\"message\":\"\\\"\\n\\\\ tab\tcr\rbell\a \u00E9 /\"}\n");
 }
 
-TEST(DecodeConfig, SurvivesHostileDepthAndLength) {
-  constexpr std::size_t deep = 500'000;
-  for (const std::string& text :
-       {std::string(deep, '['), std::string(deep, '[') + std::string(deep, ']'),
-        line("user",
-             "\"user\":\"u\",\"x\":" + std::string(deep, '[') + std::string(deep - 400, ']')),
-        std::string(2'000'000, ' '),
-        line("user", "\"user\":\"" + std::string(2 << 20, 'u') + '"')}) {
-    EXPECT_NE(errorOf(text), "");
-  }
-  std::string objects;
-  for (int i = 0; i < 100'000; ++i) {
-    objects += "{\"a\":";
-  }
-  EXPECT_EQ(errorOf(objects), "nested more than 64 levels deep");
-  // An extra key of some depth, and a long value, are nobody's harm.
-  EXPECT_EQ(errorOf(line("user", "\"user\":\"u\",\"x\":[[[[[[]]]]]]")), "");
-  EXPECT_EQ(
-      decodeConfig(line("user", "\"user\":\"" + std::string(500'000, 'u') + '"')).proxy.user.size(),
-      500'000U);
+TEST(StatusOutputDeathTest, FailWithWritesTheLineAndEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto failOnStandardError = [] {
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    failWith("broken");
+  };
+  EXPECT_EXIT(failOnStandardError(), testing::ExitedWithCode(1), "\"message\":\"broken\"");
 }
 
 }  // namespace

@@ -1,13 +1,15 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 
 #include <netinet/in.h>
 
+#include "Loopback/EventLoop.h"
+#include "Loopback/KitSocket.h"
 #include "Platform/Bytes.h"
 
 namespace zk::loopback {
@@ -18,7 +20,7 @@ class EchoPeer {
  public:
   /// Binds `ip`:`port`, 0 meaning any free port. Throws std::system_error.
   explicit EchoPeer(const std::string& ip = "127.0.0.1", std::uint16_t port = 0);
-  ~EchoPeer();
+  ~EchoPeer() { loop_.stop(); }
   EchoPeer(const EchoPeer&) = delete;
   EchoPeer& operator=(const EchoPeer&) = delete;
 
@@ -33,13 +35,21 @@ class EchoPeer {
   std::optional<Bytes> lastPayload() const;
   std::optional<sockaddr_in> lastSource() const;
   /// Sends a datagram of its own accord. Whether the system took it.
-  bool send(const sockaddr_in& to, ByteView payload);
+  bool send(const sockaddr_in& to, ByteView payload) { return socket_.send(payload, to); }
 
  private:
-  struct State;
+  void takeDatagrams();
+
   const std::string ip_;
-  const std::unique_ptr<State> state_;
-  std::uint16_t port_ = 0;
+  const KitSocket socket_;
+  const std::uint16_t port_;
+  // These belong to the loop's thread.
+  bool echo_ = true;
+  std::size_t received_ = 0;
+  std::optional<Bytes> lastPayload_;
+  std::optional<sockaddr_in> lastSource_;
+  std::array<std::uint8_t, 65536> buffer_{};
+  EventLoop loop_{"kit.echo"};
 };
 
 }  // namespace zk::loopback

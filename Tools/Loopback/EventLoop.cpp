@@ -1,20 +1,14 @@
 #include "Loopback/EventLoop.h"
 
-#include <array>
-#include <cerrno>
-#include <climits>
+#include <algorithm>
 #include <future>
 #include <map>
 #include <mutex>
-#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <vector>
 
-#include <sys/epoll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
+#include "Platform/Poller.h"
 #include "Platform/Thread.h"
 
 namespace zk::loopback {
@@ -22,8 +16,7 @@ namespace zk::loopback {
 using Clock = std::chrono::steady_clock;
 
 struct EventLoop::State {
-  int epoll = -1;
-  int wakeUp = -1;
+  Poller poller;
 
   // The loop's thread only.
   std::unordered_map<int, std::shared_ptr<std::function<void()>>> handlers;
@@ -39,43 +32,23 @@ struct EventLoop::State {
   std::thread thread;  // guarded by joining
 
   void run();
-  int millisecondsToNextTimer() const;
+  std::chrono::nanoseconds untilNextTimer() const;
   void runTimers();
   bool runQueued();
-  void wake() const;
 };
 
 EventLoop::EventLoop(const std::string& label) : state_(std::make_unique<State>()) {
-  state_->epoll = epoll_create1(EPOLL_CLOEXEC);
-  state_->wakeUp = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (state_->epoll < 0 || state_->wakeUp < 0) {
-    throw std::system_error(errno, std::generic_category(), "event loop");
-  }
-  epoll_event event{};
-  event.events = EPOLLIN;
-  event.data.fd = state_->wakeUp;
-  epoll_ctl(state_->epoll, EPOLL_CTL_ADD, state_->wakeUp, &event);
   state_->thread = startThread(label, [state = state_.get()] { state->run(); });
 }
 
 EventLoop::~EventLoop() {
   stop();
-  close(state_->epoll);
-  close(state_->wakeUp);
 }
 
-void EventLoop::State::wake() const {
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const auto written = write(wakeUp, &one, sizeof one);
-}
-
-int EventLoop::State::millisecondsToNextTimer() const {
-  if (timers.empty()) {
-    return -1;
-  }
-  const auto left =
-      std::chrono::ceil<std::chrono::milliseconds>(timers.begin()->first - Clock::now()).count();
-  return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
+std::chrono::nanoseconds EventLoop::State::untilNextTimer() const {
+  using std::chrono::nanoseconds;
+  return timers.empty() ? nanoseconds(-1)
+                        : std::max<nanoseconds>(timers.begin()->first - Clock::now(), {});
 }
 
 void EventLoop::State::runTimers() {
@@ -104,18 +77,11 @@ bool EventLoop::State::runQueued() {
 }
 
 void EventLoop::State::run() {
-  std::array<epoll_event, 64> events;
+  std::vector<int> ready;
   while (runQueued()) {
     runTimers();
-    const int ready = epoll_wait(epoll, events.data(), static_cast<int>(events.size()),
-                                 millisecondsToNextTimer());
-    for (int i = 0; i < ready; ++i) {
-      const int descriptor = events[static_cast<std::size_t>(i)].data.fd;
-      if (descriptor == wakeUp) {
-        std::uint64_t count;
-        [[maybe_unused]] const auto taken = read(wakeUp, &count, sizeof count);
-        continue;
-      }
+    poller.wait(untilNextTimer(), ready);
+    for (const int descriptor : ready) {
       // A handler earlier in this batch may have ended this watch, or this one may end its own.
       if (const auto found = handlers.find(descriptor); found != handlers.end()) {
         const auto handler = found->second;
@@ -127,17 +93,12 @@ void EventLoop::State::run() {
 
 void EventLoop::watch(int descriptor, std::function<void()> handler) {
   state_->handlers[descriptor] = std::make_shared<std::function<void()>>(std::move(handler));
-  epoll_event event{};
-  event.events = EPOLLIN;
-  event.data.fd = descriptor;
-  if (epoll_ctl(state_->epoll, EPOLL_CTL_ADD, descriptor, &event) < 0) {
-    throw std::system_error(errno, std::generic_category(), "epoll_ctl");
-  }
+  state_->poller.add(descriptor);
 }
 
 void EventLoop::unwatch(int descriptor) {
   state_->handlers.erase(descriptor);
-  epoll_ctl(state_->epoll, EPOLL_CTL_DEL, descriptor, nullptr);
+  state_->poller.remove(descriptor);
 }
 
 void EventLoop::after(std::chrono::milliseconds delay, std::function<void()> action) {
@@ -148,7 +109,7 @@ void EventLoop::after(std::chrono::milliseconds delay, std::function<void()> act
   state_->timers.emplace(Clock::now() + delay, std::move(action));
 }
 
-void EventLoop::sync(const std::function<void()>& work) {
+void EventLoop::sync(const std::function<void()>& work) const {
   std::packaged_task<void()> task(work);
   auto done = task.get_future();
   {
@@ -159,7 +120,7 @@ void EventLoop::sync(const std::function<void()>& work) {
       task();
     } else {
       state_->queued.push_back(std::move(task));
-      state_->wake();
+      state_->poller.wake();
     }
   }
   done.get();
@@ -169,7 +130,7 @@ void EventLoop::stop() {
   {
     const std::lock_guard guard(state_->lock);
     state_->stopping = true;
-    state_->wake();
+    state_->poller.wake();
   }
   const std::lock_guard guard(state_->joining);
   if (state_->thread.joinable()) {

@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <type_traits>
 
 namespace zk::loopback {
 
@@ -28,7 +29,14 @@ class EventLoop {
 
   /// Runs `work` on the loop's thread and returns when it has run; on the caller's thread once the
   /// loop has stopped. Any thread but the loop's own.
-  void sync(const std::function<void()>& work);
+  void sync(const std::function<void()>& work) const;
+  /// The same for a question with an answer.
+  template <typename Question>
+  auto ask(const Question& question) const {
+    std::invoke_result_t<Question> answer{};
+    sync([&] { answer = question(); });
+    return answer;
+  }
   /// Ends the thread. May be called again.
   void stop();
 

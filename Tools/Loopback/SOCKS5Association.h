@@ -22,24 +22,24 @@ class SOCKS5Association {
   SOCKS5Association& operator=(const SOCKS5Association&) = delete;
 
   /// Where the client sends to.
-  sockaddr_in relayAddress() const;
+  sockaddr_in relayAddress() const { return relaySocket_.localAddress(); }
   /// Where peers see it come from.
-  sockaddr_in egressAddress() const;
+  sockaddr_in egressAddress() const { return peerSocket_.localAddress(); }
   const std::optional<sockaddr_in>& client() const { return client_; }
 
-  /// One raw datagram to the client. Whether the client is known and the system took it.
+  /// One raw datagram to the client, at once. Whether the client is known and the system took it.
   bool sendToClient(ByteView raw);
 
  private:
   void takeFrames();
   void handleFrame(ByteView frame);
-  void forward(ByteView payload, const sockaddr_in& to);
+  void answer(ByteView raw);
   void takeAnswers();
 
   SOCKS5Core& core_;
   const std::size_t number_;
-  const int relaySocket_;
-  const int peerSocket_;
+  const KitSocket relaySocket_;
+  const KitSocket peerSocket_;
   std::optional<sockaddr_in> client_;
 };
 

@@ -8,12 +8,13 @@
 #include <sys/socket.h>
 
 #include "Loopback/SOCKS5Association.h"
-#include "Platform/Sockets.h"
 
 namespace zk::loopback {
 namespace {
 
 using Action = SOCKS5Step::Action;
+
+using namespace std::chrono_literals;
 
 constexpr std::uint8_t version = 0x05;
 constexpr std::uint8_t noAuthentication = 0x00;
@@ -22,6 +23,7 @@ constexpr std::uint8_t noneAcceptable = 0xFF;
 constexpr std::uint8_t loginVersion = 0x01;
 constexpr std::uint8_t commandUDPAssociate = 0x03;
 constexpr std::uint8_t replyGeneralFailure = 0x01;
+constexpr std::uint8_t replyNotAllowed = 0x02;
 constexpr std::uint8_t replyCommandNotSupported = 0x07;
 constexpr std::uint8_t typeIPv4 = 0x01;
 constexpr std::uint8_t typeDomain = 0x03;
@@ -35,18 +37,14 @@ Bytes refusal(std::uint8_t code) {
 
 }  // namespace
 
-SOCKS5Connection::SOCKS5Connection(SOCKS5Core& core, std::size_t number, int socket)
-    : core_(core), number_(number), socket_(socket) {
+SOCKS5Connection::SOCKS5Connection(SOCKS5Core& core, std::size_t number, KitSocket socket)
+    : core_(core), number_(number), socket_(std::move(socket)) {
   const int on = 1;
-  setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-}
-
-SOCKS5Connection::~SOCKS5Connection() {
-  closeSocket(socket_);
+  setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 void SOCKS5Connection::start() {
-  core_.loop.watch(socket_, [self = weak_from_this()] {
+  core_.loop.watch(socket_.get(), [self = weak_from_this()] {
     if (const auto connection = self.lock()) {
       connection->takeOctets();
     }
@@ -59,7 +57,7 @@ void SOCKS5Connection::end() {
     return;
   }
   ended_ = true;
-  core_.loop.unwatch(socket_);
+  core_.loop.unwatch(socket_.get());
   if (association_) {
     core_.associations.erase(*association_);
   }
@@ -68,13 +66,13 @@ void SOCKS5Connection::end() {
 
 void SOCKS5Connection::reset() {
   const linger none{.l_onoff = 1, .l_linger = 0};
-  setsockopt(socket_, SOL_SOCKET, SO_LINGER, &none, sizeof none);
+  setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &none, sizeof none);
   end();
 }
 
 void SOCKS5Connection::takeOctets() {
   for (;;) {
-    const auto count = recv(socket_, core_.buffer.data(), core_.buffer.size(), MSG_DONTWAIT);
+    const auto count = recv(socket_.get(), core_.buffer.data(), core_.buffer.size(), MSG_DONTWAIT);
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
       break;
     }
@@ -177,6 +175,8 @@ void SOCKS5Connection::handleRequest(ByteView message) {
   Bytes answer;
   if (message[1] != commandUDPAssociate) {
     answer = refusal(replyCommandNotSupported);
+  } else if (core_.associations.size() >= script.sessionLimit) {
+    answer = refusal(replyNotAllowed);
   } else if (script.replyCode != 0) {
     answer = refusal(script.replyCode);
   } else {
@@ -223,6 +223,7 @@ Bytes SOCKS5Connection::associate() {
 
 void SOCKS5Connection::perform(const SOCKS5Step& step, Bytes answer, bool closeBehind) {
   answering_ = true;
+  const bool answers = !answer.empty();
   const auto act = [self = weak_from_this(), step, answer = std::move(answer), closeBehind] {
     const auto connection = self.lock();
     if (!connection || connection->ended_) {
@@ -255,7 +256,7 @@ void SOCKS5Connection::perform(const SOCKS5Step& step, Bytes answer, bool closeB
         break;
     }
   };
-  core_.loop.after(step.delay, act);
+  core_.loop.after(step.delay + (answers ? core_.script.distance : 0ms), act);
 }
 
 void SOCKS5Connection::dribble(std::chrono::milliseconds pace,
@@ -276,9 +277,9 @@ void SOCKS5Connection::dribble(std::chrono::milliseconds pace,
 }
 
 /// A client that has gone is noticed where octets are taken.
-void SOCKS5Connection::sendOctets(ByteView octets) {
+void SOCKS5Connection::sendOctets(ByteView octets) const {
   if (!octets.empty()) {
-    send(socket_, octets.data(), octets.size(), MSG_NOSIGNAL);
+    socket_.send(octets);
   }
 }
 

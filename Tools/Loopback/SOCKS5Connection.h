@@ -13,10 +13,8 @@ namespace zk::loopback {
 /// the script. The loop's thread only.
 class SOCKS5Connection : public std::enable_shared_from_this<SOCKS5Connection> {
  public:
-  /// Owns `socket`, which is non-blocking.
-  SOCKS5Connection(SOCKS5Core& core, std::size_t number, int socket);
-  /// Closes the socket and ends the association.
-  ~SOCKS5Connection();
+  /// `socket` is non-blocking.
+  SOCKS5Connection(SOCKS5Core& core, std::size_t number, KitSocket socket);
   SOCKS5Connection(const SOCKS5Connection&) = delete;
   SOCKS5Connection& operator=(const SOCKS5Connection&) = delete;
 
@@ -40,12 +38,12 @@ class SOCKS5Connection : public std::enable_shared_from_this<SOCKS5Connection> {
   void perform(const SOCKS5Step& step, Bytes answer, bool closeBehind);
   void dribble(std::chrono::milliseconds pace, const std::shared_ptr<const Bytes>& answer,
                std::size_t at, bool closeBehind);
-  void sendOctets(ByteView octets);
+  void sendOctets(ByteView octets) const;
   void answered(bool closeBehind);
 
   SOCKS5Core& core_;
   const std::size_t number_;
-  const int socket_;
+  const KitSocket socket_;
   Phase phase_ = Phase::greeting;
   bool answering_ = false;  // a delayed or dribbling answer is under way
   bool mute_ = false;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Loopback/EventLoop.h"
+#include "Loopback/KitSocket.h"
 #include "Loopback/SOCKS5Script.h"
 #include "Loopback/SOCKS5Server.h"
 
@@ -19,12 +20,21 @@ class SOCKS5Association;
 /// What the proxy, its connections and its associations share. All of it belongs to the loop's
 /// thread.
 struct SOCKS5Core {
-  EventLoop& loop;
-  std::string ip;
+  SOCKS5Core(const std::string& onIP, std::uint16_t port, SOCKS5Script withScript)
+      : ip(onIP), script(std::move(withScript)), listener(KitSocket::listener(onIP, port)) {}
+
+  SOCKS5Association* association(std::size_t number) {
+    const auto found = associations.find(number);
+    return found == associations.end() ? nullptr : found->second.get();
+  }
+
+  EventLoop loop{"kit.socks5"};  // first, as the others leave it when they go
+  const std::string ip;
   SOCKS5Script script;
+  KitSocket listener;
   SOCKS5Server::Counts counts{};
-  std::map<std::size_t, std::shared_ptr<SOCKS5Connection>> connections{};
   std::map<std::size_t, std::unique_ptr<SOCKS5Association>> associations{};
+  std::map<std::size_t, std::shared_ptr<SOCKS5Connection>> connections{};
   std::vector<Bytes> controlBytes{};         // by number of the connection
   std::vector<std::vector<Bytes>> frames{};  // by number of the association
   std::array<std::uint8_t, 65536> buffer{};

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Platform/Bytes.h"
+#include "Platform/IPv4.h"
 
 namespace zk::loopback {
 
@@ -47,6 +48,12 @@ struct SOCKS5Script {
   /// octets. Runs on the proxy's thread.
   std::function<Bytes(Bytes)> editAssociateReply{};
 
+  /// The round trip between client and proxy: whatever the proxy sends to a client, by TCP or UDP,
+  /// leaves so much later.
+  std::chrono::milliseconds distance{0};
+  /// The associations that there may be at a time; more are refused.
+  std::size_t sessionLimit = SIZE_MAX;
+
   /// REP of the answer to UDP ASSOCIATE. Anything but 0 makes no association, and the connection is
   /// closed behind the answer.
   std::uint8_t replyCode = 0;
@@ -57,9 +64,12 @@ struct SOCKS5Script {
   /// BND.PORT; absent: the relay's true port.
   std::optional<std::uint16_t> announcePort{};
 
-  void announceIPv4(const std::string& dottedQuad);
-  void announceDomain(const std::string& name);
-  void announceIPv6(const std::array<std::uint8_t, 16>& octets);
+  /// `dottedQuad` must be one.
+  void announceIPv4(const std::string& dottedQuad) {
+    announce(0x01, parseIPv4(dottedQuad).value());
+  }
+  void announceDomain(const std::string& name) { announce(0x03, bytesOf(name)); }
+  void announceIPv6(const std::array<std::uint8_t, 16>& octets) { announce(0x04, octets); }
 
   /// `onAccept` has no answer to send: all actions that would send one go on with the conversation,
   /// except `silence` and `half`, which read and record but never answer.
@@ -81,6 +91,12 @@ struct SOCKS5Script {
   std::vector<Bytes> garbage{};
   /// Keeps a copy of every frame that clients send, for SOCKS5Server::frames().
   bool recordFrames = false;
+
+ private:
+  void announce(std::uint8_t type, ByteView octets) {
+    announceType = type;
+    announceAddress = Bytes(octets.begin(), octets.end());
+  }
 };
 
 }  // namespace zk::loopback

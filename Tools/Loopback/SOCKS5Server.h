@@ -14,6 +14,9 @@
 
 namespace zk::loopback {
 
+class SOCKS5Connection;
+struct SOCKS5Core;
+
 /// A SOCKS5 proxy (RFC 1928, RFC 1929) for UDP ASSOCIATE over IPv4, all on one thread of its own.
 ///
 /// Each association has one socket towards its client and one towards peers, both bound to the
@@ -82,8 +85,10 @@ class SOCKS5Server {
   void stop();
 
  private:
-  struct State;
-  std::unique_ptr<State> state_;
+  void acceptAll();
+  void endAll(void (SOCKS5Connection::*end)());
+
+  std::unique_ptr<SOCKS5Core> core_;
   std::uint16_t port_ = 0;
 };
 

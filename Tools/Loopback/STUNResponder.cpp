@@ -2,10 +2,7 @@
 
 #include <array>
 
-#include "Loopback/EventLoop.h"
-#include "Loopback/KitSocket.h"
 #include "Platform/IPv4.h"
-#include "Platform/Sockets.h"
 #include "ZelkorTURN/TURNAttributes.h"
 #include "ZelkorTURN/TURNMessage.h"
 
@@ -46,66 +43,43 @@ Bytes makeAnswer(const STUNScript& script, const TURNMessage& request, const soc
 
 }  // namespace
 
-struct STUNResponder::State {
-  State(STUNScript startScript, const std::string& boundIP, std::uint16_t port)
-      : ip(boundIP), socket(openBoundUDPSocket(boundIP, port)), script(std::move(startScript)) {
-    loop.sync([this] { loop.watch(socket, [this] { takeDatagrams(); }); });
-  }
-  ~State() {
-    loop.stop();
-    closeSocket(socket);
-  }
-
-  void takeDatagrams() {
-    while (const auto arrival = takeDatagram(socket, buffer)) {
-      const auto request = TURNMessage::decode(arrival->datagram);
-      if (!request || request->method != methodBinding || request->klass != TURNClass::request) {
-        continue;
-      }
-      ++requests;
-      if (script.answer == Answer::silence) {
-        continue;
-      }
-      loop.after(script.delay, [this, now = script, from = arrival->from,
-                                wire = makeAnswer(script, *request, arrival->from)] {
-        if (now.answer == Answer::garbageFirst) {
-          sendDatagram(socket, bytesOf("not a STUN message at all"), from);
-        }
-        sendDatagram(socket, wire, from);
-        if (now.answer == Answer::duplicate) {
-          sendDatagram(socket, wire, from);
-        }
-      });
-    }
-  }
-
-  // Everything belongs to the loop's thread.
-  const std::string ip;
-  const int socket;
-  STUNScript script;
-  std::size_t requests = 0;
-  std::array<std::uint8_t, 65536> buffer{};
-  EventLoop loop{"kit.stun"};
-};
-
 STUNResponder::STUNResponder(STUNScript script, const std::string& ip, std::uint16_t port)
-    : state_(std::make_unique<State>(std::move(script), ip, port)),
-      port_(portNumber(localAddress(state_->socket))) {}
+    : ip_(ip),
+      socket_(KitSocket::boundUDP(ip, port)),
+      port_(portNumber(socket_.localAddress())),
+      script_(std::move(script)) {
+  loop_.sync([this] { loop_.watch(socket_.get(), [this] { takeDatagrams(); }); });
+}
 
-STUNResponder::~STUNResponder() = default;
-
-std::string STUNResponder::target() const {
-  return state_->ip + ":" + std::to_string(port_);
+void STUNResponder::takeDatagrams() {
+  while (const auto arrival = socket_.receive(buffer_)) {
+    const auto request = TURNMessage::decode(arrival->datagram);
+    if (!request || request->method != methodBinding || request->klass != TURNClass::request) {
+      continue;
+    }
+    ++requests_;
+    if (script_.answer == Answer::silence) {
+      continue;
+    }
+    loop_.after(script_.delay, [this, how = script_.answer, from = arrival->from,
+                                wire = makeAnswer(script_, *request, arrival->from)] {
+      if (how == Answer::garbageFirst) {
+        socket_.send(bytesOf("not a STUN message at all"), from);
+      }
+      socket_.send(wire, from);
+      if (how == Answer::duplicate) {
+        socket_.send(wire, from);
+      }
+    });
+  }
 }
 
 void STUNResponder::setScript(STUNScript script) {
-  state_->loop.sync([&] { state_->script = std::move(script); });
+  loop_.sync([&] { script_ = std::move(script); });
 }
 
 std::size_t STUNResponder::requests() const {
-  std::size_t requests = 0;
-  state_->loop.sync([&] { requests = state_->requests; });
-  return requests;
+  return loop_.ask([&] { return requests_; });
 }
 
 }  // namespace zk::loopback

@@ -1,13 +1,15 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 
-#include <netinet/in.h>
+#include "Loopback/EventLoop.h"
+#include "Loopback/KitSocket.h"
+#include "Platform/Bytes.h"
 
 namespace zk::loopback {
 
@@ -38,21 +40,28 @@ class STUNResponder {
   /// Binds `ip`:`port`, 0 meaning any free port. Throws std::system_error.
   explicit STUNResponder(STUNScript script = {}, const std::string& ip = "127.0.0.1",
                          std::uint16_t port = 0);
-  ~STUNResponder();
+  ~STUNResponder() { loop_.stop(); }
   STUNResponder(const STUNResponder&) = delete;
   STUNResponder& operator=(const STUNResponder&) = delete;
 
   std::uint16_t port() const { return port_; }
   /// Address and port as an entry of ZK_STUN_IPS.
-  std::string target() const;
+  std::string target() const { return ip_ + ":" + std::to_string(port_); }
   void setScript(STUNScript script);
   /// Binding requests that have arrived, answered or not.
   std::size_t requests() const;
 
  private:
-  struct State;
-  const std::unique_ptr<State> state_;
-  std::uint16_t port_ = 0;
+  void takeDatagrams();
+
+  const std::string ip_;
+  const KitSocket socket_;
+  const std::uint16_t port_;
+  // These belong to the loop's thread.
+  STUNScript script_;
+  std::size_t requests_ = 0;
+  std::array<std::uint8_t, 65536> buffer_{};
+  EventLoop loop_{"kit.stun"};
 };
 
 }  // namespace zk::loopback

@@ -2,15 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <system_error>
 
-#include <poll.h>
-#include <sys/socket.h>
-
-#include "Loopback/KitSocket.h"
 #include "Platform/IPv4.h"
-#include "Platform/Sockets.h"
 
 namespace zk::loopback {
 namespace {
@@ -63,24 +56,13 @@ std::optional<std::uint32_t> TURNAnswer::lifetime() const {
 }
 
 TURNClient::TURNClient(std::uint16_t serverPort, TURNCredentials credentials)
-    : credentials_(std::move(credentials)),
-      socket_(openBoundUDPSocket("127.0.0.1", 0)),
-      realm_(credentials_.realm.value_or("")) {
-  const sockaddr_in server = socketAddress("127.0.0.1", serverPort);
+    : credentials_(std::move(credentials)), realm_(credentials_.realm.value_or("")) {
   // Connected, so that nobody but the server is heard.
-  if (connect(socket_, reinterpret_cast<const sockaddr*>(&server), sizeof server) < 0) {
-    const int error = errno;
-    closeSocket(socket_);
-    throw std::system_error(error, std::generic_category(), "connect");
-  }
-}
-
-TURNClient::~TURNClient() {
-  closeSocket(socket_);
+  socket_.connectTo(socketAddress("127.0.0.1", serverPort));
 }
 
 std::uint16_t TURNClient::localPort() const {
-  return portNumber(localAddress(socket_));
+  return portNumber(socket_.localAddress());
 }
 
 void TURNClient::setRetransmission(Milliseconds interval, int times) {
@@ -89,23 +71,21 @@ void TURNClient::setRetransmission(Milliseconds interval, int times) {
 }
 
 bool TURNClient::send(ByteView datagram) {
-  const auto sent = ::send(socket_, datagram.data(), datagram.size(), MSG_NOSIGNAL);
-  return sent >= 0 && static_cast<std::size_t>(sent) == datagram.size();
+  return socket_.send(datagram);
 }
 
 std::optional<Bytes> TURNClient::waitForDatagram(Clock::time_point deadline) {
   std::array<std::uint8_t, 65536> buffer;
   for (;;) {
-    const auto count = recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (count >= 0) {
-      return Bytes(buffer.begin(), buffer.begin() + count);
+    // An error tells that an earlier datagram found no server; another one may.
+    if (const auto arrival = socket_.receive(buffer)) {
+      return Bytes(arrival->datagram.begin(), arrival->datagram.end());
     }
-    // ECONNREFUSED tells that an earlier datagram found no server; another one may.
-    const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) {
+    const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0) {
       return std::nullopt;
     }
-    pollSocket(socket_, POLLIN, static_cast<int>(left));
+    socket_.waitReadable(left);
   }
 }
 
@@ -165,15 +145,21 @@ TURNAnswer TURNClient::authenticatedRequest(const TURNMessage& message) {
     realm_ = textOf(answer.message->first(TURNAttr::realm));
   }
   attempt = message;
-  random_.fill(attempt.txID);
+  attempt.txID = freshTransaction();
   sign(attempt);
   return request(attempt);
 }
 
-TURNMessage TURNClient::makeRequest(std::uint16_t method) {
+TransactionID TURNClient::freshTransaction() {
   TransactionID transaction{};
-  random_.fill(transaction);
-  return {method, TURNClass::request, transaction};
+  for (std::uint8_t& octet : transaction) {
+    octet = static_cast<std::uint8_t>(random_());
+  }
+  return transaction;
+}
+
+TURNMessage TURNClient::makeRequest(std::uint16_t method) {
+  return {method, TURNClass::request, freshTransaction()};
 }
 
 void TURNClient::sign(TURNMessage& message) const {
@@ -216,9 +202,7 @@ TURNAnswer TURNClient::bindChannel(std::uint16_t number, const Address& peer) {
 }
 
 bool TURNClient::sendIndication(const Address& peer, ByteView payload) {
-  TransactionID transaction{};
-  random_.fill(transaction);
-  TURNMessage message(TURNMethod::send, TURNClass::indication, transaction, payload.size() + 24);
+  TURNMessage message(TURNMethod::send, TURNClass::indication, freshTransaction());
   appendPeer(message, peer);
   message.append(TURNAttr::data, payload);
   return send(message.encode());

@@ -4,12 +4,13 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <random>
 #include <string>
 
 #include <netinet/in.h>
 
+#include "Loopback/KitSocket.h"
 #include "Platform/Bytes.h"
-#include "Platform/Random.h"
 #include "ZelkorTURN/TURNAttributes.h"
 #include "ZelkorTURN/TURNAuth.h"
 #include "ZelkorTURN/TURNMessage.h"
@@ -56,14 +57,13 @@ class TURNClient {
   /// A client on a free port of the loopback for the server on 127.0.0.1:`serverPort`. Throws
   /// std::system_error.
   explicit TURNClient(std::uint16_t serverPort, TURNCredentials credentials = {});
-  ~TURNClient();
   TURNClient(const TURNClient&) = delete;
   TURNClient& operator=(const TURNClient&) = delete;
 
   /// The client's own address, which the server should report as mapped.
   std::uint16_t localPort() const;
   /// Its socket, for a driver that sends and receives without copies.
-  int socket() const { return socket_; }
+  int socket() const { return socket_.get(); }
 
   /// How long a request waits for its answer; 5 seconds unless set. Opening a relay through a bad
   /// proxy can take the server more than 20.
@@ -97,6 +97,7 @@ class TURNClient {
   /// `timeout`.
   std::optional<TURNData> receiveData(Milliseconds timeout);
 
+  TransactionID freshTransaction();
   /// A request without attributes and with a fresh transaction ID.
   TURNMessage makeRequest(std::uint16_t method);
   /// Appends USERNAME, REALM, NONCE and MESSAGE-INTEGRITY with what the server named last, for
@@ -113,8 +114,8 @@ class TURNClient {
   TURNAuth::LongTermKey key() const;
 
   const TURNCredentials credentials_;
-  int socket_ = -1;
-  RandomPool random_;
+  KitSocket socket_ = KitSocket::boundUDP();
+  std::independent_bits_engine<std::mt19937_64, 8, unsigned> random_{std::random_device{}()};
   Milliseconds timeout_{5000};
   Milliseconds retransmissionInterval_{0};
   int retransmissions_ = 0;

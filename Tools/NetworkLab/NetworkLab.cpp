@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
@@ -56,12 +57,23 @@ bridge() {  # INTERFACE ADDRESS PORT, at home
   ip -n home link add $1 type bridge mcast_snooping 0  # it would say so to all neighbours
   end home $1 $2; ip -n home link set $3 master $1
 }
+name() { echo "$2 $1" >>/etc/hosts; }  # NAME ADDRESS
 trafficTakes() { ip -n home route get 10.2.0.2 | grep -q "dev $1 "; }
+ipv6() {  # HOST INTERFACE ADDRESS
+  ip netns exec $1 sh -c "echo 0 >/proc/sys/net/ipv6/conf/$2/disable_ipv6"
+  ip -n $1 addr add $3/64 dev $2 nodad
+}
+neighbourAnswers() {  # for whatever home asks for on the wire
+  ip netns exec router sh -c 'cd /proc/sys/net/ipv4
+    echo 0 >neigh/wire/proxy_delay; echo 1 >conf/wire/proxy_arp'
+}
+onWire() { ip -n router rule add pref 10 iif wire "$@"; }
 )";
 
 constexpr const char* hosts = R"(
 for name in home router proxy internet; do host $name; done
 ip netns exec router sh -c 'echo 1 >/proc/sys/net/ipv4/ip_forward'
+echo 127.0.0.1 localhost >/etc/hosts
 link proxy inner 10.2.0.2 router proxy 10.2.0.1
 link proxy outer 203.0.113.2 internet proxy 203.0.113.1
 ip -n proxy route add 10.0.0.0/8 via 10.2.0.1
@@ -73,7 +85,7 @@ constexpr const char* bothEndsOfVPN = "end home vpn 10.8.0.2; end router vpn 10.
 
 constexpr const char* proxySettings = R"(
 logoutput: /tmp/danted.log
-internal: inner port = 1080
+internal: 10.2.0.2 port = 1080
 external: outer
 clientmethod: none
 socksmethod: none
@@ -83,13 +95,13 @@ client pass { from: 0.0.0.0/0 to: 0.0.0.0/0 }
 socks pass { from: 0.0.0.0/0 to: 0.0.0.0/0 }
 )";
 
+constexpr const char* startProxy =
+    "ip netns exec proxy danted -D -f /run/danted.conf -p /run/danted.pid\n";
+
 constexpr const char* asNobody =
     "#!/bin/sh\n"
     "exec setpriv --reuid=65534 --regid=65534 --clear-groups --inh-caps=-all --bounding-set=-all "
     "--no-new-privs /run/zkturnd\n";
-
-constexpr const char* startProxy =
-    "ip netns exec proxy danted -D -f /run/danted.conf -p /run/danted.pid\n";
 
 // What the lab is made of, once each.
 constexpr const char* needs[] = {
@@ -133,6 +145,13 @@ void prepareMachine(const std::string& daemon) {
   fs::copy_file(daemon, "/run/zkturnd");  // it may lie where nobody can read, or in /tmp
   mountEmpty("/tmp", "tmpfs", "mode=1777");
   mountEmpty("/proc", "proc", nullptr);
+  for (const char* const file : {"/etc/hosts", "/etc/resolv.conf"}) {
+    const std::string own = "/run/" + fs::path(file).filename().string();
+    writeFile(own, "");
+    if (mount(own.c_str(), file, nullptr, MS_BIND, nullptr) != 0) {
+      fail(file);
+    }
+  }
   writeFile("/run/danted.conf", proxySettings);
   writeFile("/run/zkturnd-as-nobody", asNobody);
   fs::permissions("/run/zkturnd-as-nobody", fs::perms(0755));
@@ -161,10 +180,41 @@ int openRecorder() {
   return recorder;
 }
 
-Packet parsePacket(std::string link, std::uint16_t etherType, ByteView packet) {
-  const bool isIPv4 = etherType == ETH_P_IP && packet.size() >= 20;
-  return {std::move(link), etherType, isIPv4 ? packet[9] : std::uint8_t{0},
-          isIPv4 ? formatIPv4(&packet[16]) : ""};
+constexpr const char* neighbours = "10.1.";
+
+// What is recorded of a packet; empty for what the kernel tells neighbours and senders.
+std::string describe(const std::string& link, std::uint16_t etherType, ByteView packet) {
+  std::string kind = "other";
+  std::string destination = "?";
+  int protocol = IPPROTO_RAW;
+  std::array<char, INET6_ADDRSTRLEN> text{};
+  if (etherType == ETH_P_ARP && packet.size() >= 28) {
+    kind = "ARP";
+    destination = formatIPv4(&packet[24]);
+    protocol = destination.starts_with(neighbours) ? IPPROTO_ICMP : protocol;
+  } else if (etherType == ETH_P_IP && packet.size() >= 20) {
+    protocol = packet[9];
+    destination = formatIPv4(&packet[16]);
+  } else if (etherType == ETH_P_IPV6 && packet.size() >= 40) {
+    protocol = packet[6];
+    destination = inet_ntop(AF_INET6, &packet[24], text.data(), text.size());
+  }
+  if (protocol == IPPROTO_ICMP || protocol == IPPROTO_ICMPV6 || protocol == IPPROTO_HOPOPTS) {
+    return {};
+  }
+  if (protocol == IPPROTO_TCP || protocol == IPPROTO_UDP) {
+    kind = protocol == IPPROTO_TCP ? "TCP" : "UDP";
+  }
+  return kind + " to " + destination + " by " + link;
+}
+
+void stopProxy() {
+  pid_t proxy = -1;
+  if (std::ifstream("/run/danted.pid") >> proxy) {
+    kill(-proxy, SIGKILL);  // all its processes: one with a session would outlive the others
+    while (waitpid(-proxy, nullptr, 0) > 0) {
+    }
+  }
 }
 
 }  // namespace
@@ -191,11 +241,11 @@ std::string enterPrivateMachine(const std::string& daemon) {
 }
 
 NetworkLab::NetworkLab(const std::string& homeScript) {
-  run(std::string(vocabulary) + hosts);
+  change(hosts);
   in("router", [this] { recorder_ = openRecorder(); });
   in("router", [this] { vpnAtRouter_ = openTun(); });
   in("home", [this] { vpnAtHome_ = openTun(); });
-  run(std::string(vocabulary) + bothEndsOfVPN + homeScript);
+  change(bothEndsOfVPN + homeScript);
   run(startProxy);
   loop_ = std::make_unique<loopback::EventLoop>("lab");
   loop_->sync([this] {
@@ -210,11 +260,7 @@ NetworkLab::~NetworkLab() {
   for (const int descriptor : {recorder_, vpnAtHome_, vpnAtRouter_}) {
     close(descriptor);
   }
-  pid_t proxy = -1;
-  if (std::ifstream("/run/danted.pid") >> proxy) {
-    kill(proxy, SIGTERM);  // the first of its processes, which ends the others
-    waitpid(proxy, nullptr, 0);
-  }
+  stopProxy();
 }
 
 void NetworkLab::in(const std::string& host, const std::function<void()>& work) {
@@ -229,32 +275,36 @@ void NetworkLab::in(const std::string& host, const std::function<void()>& work) 
   }).get();
 }
 
-void NetworkLab::setForwarding(bool forwards) {
-  loop_->sync([&] { forwards_ = forwards; });
+void NetworkLab::change(const std::string& script) {
+  run(std::string(vocabulary) + script);
 }
 
-void NetworkLab::cutWire() {
-  run("ip -n router rule add pref 10 iif wire blackhole");
+bool NetworkLab::hasLinks(const std::string& kind) {
+  // Some kinds want more than a name, and refuse with another text.
+  return std::system(("! ip link add zk0 type " + kind + " 2>&1 | grep -q 'Unknown device type'")
+                         .c_str()) == 0;
 }
 
-void NetworkLab::dropUDPOnWire() {
-  run("ip -n router rule add pref 10 iif wire ipproto udp blackhole");
+void NetworkLab::restartProxy() {
+  stopProxy();
+  run(startProxy);
 }
 
-std::vector<Packet> NetworkLab::packets() {
-  std::vector<Packet> packets;
+std::map<std::string, std::size_t> NetworkLab::takeTraffic() {
+  std::map<std::string, std::size_t> traffic;
   tpacket_stats statistics{};
   loop_->sync([&] {
     recordWire();
     recordVPN();
     socklen_t length = sizeof statistics;
     getsockopt(recorder_, SOL_PACKET, PACKET_STATISTICS, &statistics, &length);
-    packets = packets_;
+    traffic.swap(traffic_);
   });
   if (statistics.tp_drops != 0) {
     throw std::runtime_error("the recorder has lost packets");
   }
-  return packets;
+  traffic.erase("");
+  return traffic;
 }
 
 void NetworkLab::recordWire() {
@@ -271,10 +321,11 @@ void NetworkLab::recordWire() {
     ifreq request{};
     request.ifr_ifindex = from.sll_ifindex;
     ioctl(recorder_, SIOCGIFNAME, &request);
-    const std::string link = request.ifr_name;
+    std::string link = request.ifr_name;
+    link = link.substr(0, link.find('.'));  // of a VLAN
     if (from.sll_pkttype != PACKET_OUTGOING && link.starts_with("wire")) {
-      packets_.push_back(parsePacket(link, ntohs(from.sll_protocol),
-                                     ByteView(head).first(static_cast<std::size_t>(count))));
+      ++traffic_[describe(link, ntohs(from.sll_protocol),
+                          ByteView(head).first(static_cast<std::size_t>(count)))];
     }
   }
 }
@@ -288,8 +339,8 @@ void NetworkLab::recordVPN() {
     }
     const auto packet = ByteView(buffer).first(static_cast<std::size_t>(count));
     const bool isIPv4 = packet[0] >> 4 == 4;
-    packets_.push_back(parsePacket("vpn", isIPv4 ? ETH_P_IP : ETH_P_IPV6, packet));
-    if (forwards_ && write(vpnAtRouter_, packet.data(), packet.size()) < 0) {
+    ++traffic_[describe("vpn", isIPv4 ? ETH_P_IP : ETH_P_IPV6, packet)];
+    if (write(vpnAtRouter_, packet.data(), packet.size()) < 0) {
       return;
     }
   }

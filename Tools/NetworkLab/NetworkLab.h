@@ -1,10 +1,11 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "Loopback/EventLoop.h"
 
@@ -19,21 +20,13 @@ namespace zk::lab {
 /// could not be done, and is empty if it could. Before any thread is started.
 std::string enterPrivateMachine(const std::string& daemon);
 
-/// A packet that left home, as it was seen at the other end of its link.
-struct Packet {
-  std::string link;  // "wire", "wire2" or "vpn"
-  std::uint16_t etherType;
-  std::uint8_t protocol;    // of IPv4 packets
-  std::string destination;  // of IPv4 packets
-};
-
 /// A network with five hosts, each a network namespace:
 ///
 ///   home --- wire, wire2 --- router --- proxy --- internet
 ///      `-------- vpn --------'          (Dante)   (STUN server, peers)
 ///
 /// The VPN is a tun device at home that this process holds. It records what it gets, and carries it
-/// to the router once it is told to. What leaves home by a wire is recorded by the router.
+/// to the router. What leaves home by a wire is recorded by the router.
 class NetworkLab {
  public:
   static constexpr const char* proxyInner = "10.2.0.2";      // where home reaches the proxy
@@ -53,14 +46,20 @@ class NetworkLab {
   /// starts stay there.
   static void in(const std::string& host, const std::function<void()>& work);
 
-  /// Whether the VPN carries packets to the router. It does not at first.
-  void setForwarding(bool forwards);
-  /// Makes the router drop without a word what comes in on the wire, or the UDP of it.
-  void cutWire();
-  void dropUDPOnWire();
+  /// Changes the network, in shell and with the same vocabulary.
+  static void change(const std::string& script);
 
-  /// All packets that have left home so far. Throws when the recorder has lost any.
-  std::vector<Packet> packets();
+  /// Whether the kernel can make links of that kind: "bond", "macvlan".
+  static bool hasLinks(const std::string& kind);
+
+  /// Ends the proxy, and with it all associations, and starts it anew.
+  static void restartProxy();
+
+  /// The packets that have left home since this was last called, as they were seen at the other
+  /// end of their link, and how many of each: "UDP to 10.2.0.2 by wire". A link is "wire", "wire2"
+  /// or "vpn"; ARP counts when it asks for somebody beyond the neighbours. ICMP does not, which
+  /// comes from the kernel. Throws when the recorder has lost any.
+  std::map<std::string, std::size_t> takeTraffic();
 
  private:
   void recordWire();
@@ -70,9 +69,7 @@ class NetworkLab {
   int recorder_ = -1;
   int vpnAtHome_ = -1;
   int vpnAtRouter_ = -1;
-  // These belong to the loop's thread.
-  bool forwards_ = false;
-  std::vector<Packet> packets_;
+  std::map<std::string, std::size_t> traffic_;  // belongs to the loop's thread
   std::unique_ptr<loopback::EventLoop> loop_;
 };
 

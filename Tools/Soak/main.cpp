@@ -1,32 +1,48 @@
 // Puts the daemon under load for some minutes, prints what it measured, and ends with status 1 when
 // a bound was not kept.
 
+#include <array>
+#include <atomic>
 #include <chrono>
-#include <csignal>
-#include <cstdlib>
+#include <cstdio>
+#include <memory>
+#include <thread>
 #include <vector>
 
+#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <sys/resource.h>
 
-#include "Bench.h"
-#include "Load.h"
+#include "Loopback/DaemonProcess.h"
+#include "Loopback/EchoPeer.h"
+#include "Loopback/Load.h"
+#include "Loopback/SOCKS5Server.h"
+#include "Loopback/STUNResponder.h"
+#include "Loopback/Scratch.h"
+#include "Loopback/TURNClient.h"
 
 namespace zk::soak {
 namespace {
 
+using namespace loopback;
+using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t manyClients = 600;
 constexpr std::size_t manyRounds = 10'000;
 constexpr std::size_t stormPorts = 400;
 constexpr std::size_t stormRequests = 200'000;
+// Together they stay below what the daemon's socket buffer holds: what is lost is then the fault of
+// a relay, not of the load.
+constexpr std::size_t steadyClients = 4;
+constexpr unsigned steadyWindow = 12;
 
 // What freed memory the allocator may keep. A leak of 100 octets per datagram or of a kilobyte per
 // round is several times that.
 constexpr std::size_t keptKilobytes = 8 * 1024;
 // A nonce is remembered for 300 seconds, and takes so much meanwhile.
 constexpr std::size_t octetsPerNonce = 200;
-constexpr auto nonceLifetime = std::chrono::seconds(301);
+constexpr auto nonceLifetime = 301s;
 
 bool allKept = true;
 
@@ -41,133 +57,263 @@ double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
+/// What many threads count together.
+struct Tally {
+  std::atomic<std::uint64_t> sent{0};      // towards the peer
+  std::atomic<std::uint64_t> lost{0};      // of those, the ones that never came back
+  std::atomic<std::uint64_t> rounds{0};    // clients that came and went
+  std::atomic<std::uint64_t> failures{0};  // requests that were not answered with success
+};
+
+/// What the daemon holds.
+struct Holdings {
+  std::size_t kilobytes = 0;
+  std::size_t descriptors = 0;
+  std::size_t threads = 0;
+};
+
+/// The proxy, the STUN server, the peer, and a daemon that was started with room for 1024
+/// descriptors only.
+class World {
+ public:
+  explicit World(const std::string& binary) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit usual{1024, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &usual);
+    daemon_ = std::make_unique<DaemonProcess>(
+        binary, ChildProcess::Environment{{"ZK_STUN_IPS", stun_.target()}});
+    setrlimit(RLIMIT_NOFILE, &limit);
+    port_ = daemon_->serve({.proxyPort = proxy_.port()});
+  }
+
+  std::uint16_t port() const { return port_; }
+  TURNAttributes::Address peer() const { return {peer_.ip(), peer_.port()}; }
+  DaemonProcess& daemon() { return *daemon_; }
+  Holdings holdings() const {
+    return {daemon_->residentKilobytes(), daemon_->descriptorCount(), daemon_->threadCount()};
+  }
+  /// The same when it has stopped changing.
+  Holdings settledHoldings() const {
+    std::this_thread::sleep_for(500ms);
+    return holdings();
+  }
+
+ private:
+  STUNResponder stun_;
+  SOCKS5Server proxy_;
+  EchoPeer peer_;
+  std::unique_ptr<DaemonProcess> daemon_;
+  std::uint16_t port_ = 0;
+};
+
+void exchange(const Endpoint& endpoint, std::uint64_t count, unsigned window, Tally& tally) {
+  const auto result = runLoad(
+      {endpoint}, {.payload = 1000, .outstanding = window, .count = count, .patience = 500ms});
+  tally.sent += result.sent;
+  tally.lost += result.losses();
+}
+
+/// One client's whole life: a port of its own, an allocation, some data, and the release.
+void comeAndGo(const World& world, std::uint64_t datagrams, Tally& tally) {
+  TURNClient client(world.port());
+  if (!client.allocate().success()) {
+    ++tally.failures;
+    return;
+  }
+  exchange(Endpoint::indications(client, world.peer()), datagrams, 1, tally);
+  tally.failures += !client.refresh(0).success();
+  ++tally.rounds;
+}
+
+/// Clients at full rate, and clients that come and go, for as long as this lives.
+class FullLoad {
+ public:
+  FullLoad(const World& world, Tally& tally) {
+    for (std::size_t i = 0; i < steadyClients; ++i) {
+      threads_.emplace_back([this, &world, &tally, i] {
+        TURNClient client(world.port());
+        const bool isChannel = i % 2 == 0;
+        const bool ready = client.allocate().success() &&
+                           (!isChannel || client.bindChannel(0x4000, world.peer()).success());
+        tally.failures += !ready;
+        const Endpoint endpoint = isChannel ? Endpoint::channelData(client, 0x4000)
+                                            : Endpoint::indications(client, world.peer());
+        while (ready && !ending_) {
+          exchange(endpoint, 200, steadyWindow, tally);
+        }
+        client.setTimeout(500ms);  // the daemon may be gone, which is the point
+        client.refresh(0);
+      });
+    }
+    threads_.emplace_back([this, &world, &tally] {
+      while (!ending_) {
+        comeAndGo(world, 5, tally);
+        std::this_thread::sleep_for(20ms);
+      }
+    });
+  }
+  ~FullLoad() {
+    ending_ = true;
+    for (std::thread& thread : threads_) {
+      thread.join();
+    }
+  }
+  FullLoad(const FullLoad&) = delete;
+  FullLoad& operator=(const FullLoad&) = delete;
+
+ private:
+  std::atomic<bool> ending_{false};
+  std::vector<std::thread> threads_;
+};
+
 void report(const char* stage, const Holdings& held, const std::string& figures) {
   fmt::print("{:<22}{:>9} KiB {:>6} fds {:>5} threads   {}\n", stage, held.kilobytes,
              held.descriptors, held.threads, figures);
-  std::fflush(stdout);
 }
 
-void checkReturned(const Holdings& now, const Holdings& then, std::size_t moreKilobytes) {
-  check(now.descriptors == then.descriptors, "descriptors are those of the beginning");
-  check(now.threads == then.threads, "threads are those of the beginning");
-  check(now.kilobytes <= then.kilobytes + keptKilobytes + moreKilobytes,
-        fmt::format("at most {} KiB more than at the beginning", keptKilobytes + moreKilobytes));
-}
+/// One world from its beginning to its end, stage by stage: after each of them what is held must be
+/// what was held at the beginning.
+class Trial {
+ public:
+  explicit Trial(const std::string& binary) : world_(binary) {
+    Tally warmUp;
+    comeAndGo(world_, 100, warmUp);
+    beginning_ = world_.settledHoldings();
+    report("beginning", beginning_, "");
+  }
 
-Holdings serveMany(Bench& bench, Tally& tally) {
-  std::vector<std::unique_ptr<TURNClient>> clients;
-  const auto start = Clock::now();
-  for (std::size_t i = 0; i < manyClients; ++i) {
-    clients.push_back(std::make_unique<TURNClient>(bench.port()));
-    tally.failures += !clients.back()->allocate().success();
+  void serveMany() {
+    Tally tally;
+    std::vector<std::unique_ptr<TURNClient>> clients;
+    const auto start = Clock::now();
+    for (std::size_t i = 0; i < manyClients; ++i) {
+      clients.push_back(std::make_unique<TURNClient>(world_.port()));
+      tally.failures += !clients.back()->allocate().success();
+    }
+    const double opening = secondsSince(start);
+    for (const auto& client : clients) {
+      exchange(Endpoint::indications(*client, world_.peer()), 10, 5, tally);
+    }
+    report("600 clients at once", world_.holdings(),
+           fmt::format("{:.2f} ms per opening, {} datagrams, {} lost", opening * 1000 / manyClients,
+                       tally.sent.load(), tally.lost.load()));
+    for (const auto& client : clients) {
+      tally.failures += !client->refresh(0).success();
+    }
+    nonces_ += manyClients;
+    finish("... and released", "", tally);
+    check(tally.lost == 0, "no datagram is lost");
   }
-  const double opening = secondsSince(start);
-  for (const auto& client : clients) {
-    exchange(*client, bench.peer(), 0, 10, 5, tally);
-  }
-  report("600 clients at once", bench.holdings(),
-         fmt::format("{:.2f} ms per opening, {} datagrams, {} lost", opening * 1000 / manyClients,
-                     tally.sent.load(), tally.lost.load()));
-  for (const auto& client : clients) {
-    tally.failures += !client->refresh(0).success();
-  }
-  return bench.settledHoldings();
-}
 
-void checkEnd(Bench& bench, const char* how, void (*end)(loopback::DaemonProcess&)) {
-  Tally ignored;
-  FullLoad load(bench.port(), bench.peer(), ignored);
-  std::this_thread::sleep_for(std::chrono::seconds(1));
-  const auto start = Clock::now();
-  end(bench.daemon());
-  const auto status = bench.daemon().waitExit(std::chrono::seconds(10));
-  const double took = secondsSince(start);
-  fmt::print("{} at full load: status {} after {:.0f} ms\n", how,
-             status ? std::to_string(*status) : "none", took * 1000);
-  check(ignored.sent > 1000, "it was at full load");
-  check(status == 0, "the exit status is 0");
-  check(took < 1.0, "it ends within a second");
-}
+  void serveRounds() {
+    Tally tally;
+    const auto start = Clock::now();
+    for (std::size_t i = 0; i < manyRounds; ++i) {
+      comeAndGo(world_, 1, tally);
+    }
+    const double each = secondsSince(start) * 1000 / manyRounds;
+    nonces_ += manyRounds;
+    finish("10000 rounds", fmt::format("{:.2f} ms per round, {} lost", each, tally.lost.load()),
+           tally);
+    check(tally.rounds == manyRounds, "every round succeeds");
+    check(tally.lost == 0, "no datagram is lost");
+  }
+
+  /// Allocate requests without credentials.
+  void endureStorm() {
+    constexpr std::size_t burst = 50;
+    std::vector<std::unique_ptr<TURNClient>> clients;
+    for (std::size_t i = 0; i < stormPorts; ++i) {
+      clients.push_back(std::make_unique<TURNClient>(world_.port()));
+    }
+    std::size_t answered = 0;
+    const auto start = Clock::now();
+    for (std::size_t sent = 0; sent < stormRequests; sent += burst) {
+      for (std::size_t i = sent; i < sent + burst; ++i) {
+        clients[i % stormPorts]->send(
+            clients[i % stormPorts]->makeRequest(TURNMethod::allocate).encode());
+      }
+      for (std::size_t i = sent; i < sent + burst; ++i) {
+        answered += clients[i % stormPorts]->receive(500ms).has_value();
+      }
+    }
+    const double rate = static_cast<double>(stormRequests) / secondsSince(start);
+    nonces_ += stormRequests;
+    lastStorm_ = Clock::now();
+    finish("storm, 400 ports",
+           fmt::format("{} requests, {:.0f} per second, {} unanswered", stormRequests, rate,
+                       stormRequests - answered),
+           {});
+    check(answered == stormRequests, "every request is answered");
+  }
+
+  void endureFullRate(int minutes) {
+    Tally tally;
+    const auto start = Clock::now();
+    {
+      const FullLoad load(world_, tally);
+      for (int minute = 1; minute <= minutes; ++minute) {
+        std::this_thread::sleep_until(start + std::chrono::minutes(minute));
+        report("full rate", world_.holdings(),
+               fmt::format("{} datagrams each way, {} lost, {} clients came and went",
+                           tally.sent.load(), tally.lost.load(), tally.rounds.load()));
+      }
+    }
+    const double rate = static_cast<double>(tally.sent) / secondsSince(start);
+    nonces_ += tally.rounds;
+    finish("end", fmt::format("{:.0f} datagrams each way per second", rate), tally);
+    check(tally.lost * 10'000 <= tally.sent, "at most one datagram in ten thousand is lost");
+    check(tally.rounds > static_cast<std::uint64_t>(minutes) * 60, "clients come and go");
+  }
+
+  void end(const char* how, void (ChildProcess::*tell)()) {
+    Tally tally;
+    const FullLoad load(world_, tally);
+    std::this_thread::sleep_for(1s);
+    const auto start = Clock::now();
+    (world_.daemon().*tell)();
+    const auto status = world_.daemon().waitExit(10s);
+    const double took = secondsSince(start);
+    fmt::print("{} at full load: status {} after {:.0f} ms\n", how,
+               status ? std::to_string(*status) : "none", took * 1000);
+    check(tally.sent > 1000, "it was at full load");
+    check(status == 0, "the exit status is 0");
+    check(took < 1.0, "it ends within a second");
+  }
+
+ private:
+  void finish(const char* stage, const std::string& figures, const Tally& tally) const {
+    const Holdings now = world_.settledHoldings();
+    report(stage, now, figures);
+    const bool forgotten = Clock::now() - lastStorm_ > nonceLifetime;
+    const std::size_t more = keptKilobytes + (forgotten ? 0 : nonces_ * octetsPerNonce / 1024);
+    check(tally.failures == 0, "every client gets and releases its relay");
+    check(now.descriptors == beginning_.descriptors, "descriptors are those of the beginning");
+    check(now.threads == beginning_.threads, "threads are those of the beginning");
+    check(now.kilobytes <= beginning_.kilobytes + more,
+          fmt::format("at most {} KiB more than at the beginning", more));
+  }
+
+  World world_;
+  Holdings beginning_;
+  std::size_t nonces_ = 0;
+  Clock::time_point lastStorm_ = Clock::now();
+};
 
 int run(int minutes) {
-  LogKeeper logs;
-  if (!logs.isPrivate()) {
-    fmt::print("without root: some gigabytes of log lines go to /tmp\n");
+  const std::string binary = pathByDescriptor(programBeside("zkturnd"));
+  const PrivateTmp logs(512 * 1024);
+  if (!logs.mounted()) {
+    fmt::print("without root: the log lines go to the machine's /tmp\n");
   }
-  Bench bench;
-  logs.begin();
-  std::size_t nonces = 0;
-  auto lastStorm = Clock::now();
-  const auto memoryOfNonces = [&] {
-    return Clock::now() - lastStorm > nonceLifetime ? 0 : nonces * octetsPerNonce / 1024;
-  };
-
-  Tally warmUp;
-  comeAndGo(bench.port(), bench.peer(), 100, warmUp);
-  const Holdings beginning = bench.settledHoldings();
-  report("beginning", beginning, "");
-
-  Tally many;
-  const Holdings afterMany = serveMany(bench, many);
-  nonces += manyClients;
-  report("... and released", afterMany, "");
-  check(many.failures == 0, "every client gets and releases its relay");
-  check(many.lost == 0, "no datagram is lost");
-  checkReturned(afterMany, beginning, memoryOfNonces());
-
-  Tally rounds;
-  auto start = Clock::now();
-  for (std::size_t i = 0; i < manyRounds; ++i) {
-    comeAndGo(bench.port(), bench.peer(), 1, rounds);
-  }
-  nonces += manyRounds;
-  const Holdings afterRounds = bench.settledHoldings();
-  report("10000 rounds", afterRounds,
-         fmt::format("{:.2f} ms per round, {} lost", secondsSince(start) * 1000 / manyRounds,
-                     rounds.lost.load()));
-  check(rounds.rounds == manyRounds && rounds.failures == 0, "every round succeeds");
-  check(rounds.lost == 0, "no datagram is lost");
-  checkReturned(afterRounds, beginning, memoryOfNonces());
-
-  start = Clock::now();
-  const std::size_t answered = storm(bench.port(), stormPorts, stormRequests);
-  nonces += stormRequests;
-  lastStorm = Clock::now();
-  const Holdings afterStorm = bench.settledHoldings();
-  report("storm, 400 ports", afterStorm,
-         fmt::format("{} requests, {:.0f} per second, {} unanswered", stormRequests,
-                     static_cast<double>(stormRequests) / secondsSince(start),
-                     stormRequests - answered));
-  check(answered == stormRequests, "every request is answered");
-  checkReturned(afterStorm, beginning, memoryOfNonces());
-
-  Tally full;
-  start = Clock::now();
-  Holdings during;
-  {
-    FullLoad load(bench.port(), bench.peer(), full);
-    for (int minute = 1; minute <= minutes; ++minute) {
-      std::this_thread::sleep_until(start + std::chrono::minutes(minute));
-      during = bench.holdings();
-      report("full rate", during,
-             fmt::format("{} datagrams each way, {} lost, {} clients came and went",
-                         full.sent.load(), full.lost.load(), full.rounds.load()));
-    }
-  }
-  const double took = secondsSince(start);
-  nonces += full.rounds;
-  const Holdings end = bench.settledHoldings();
-  report(
-      "end", end,
-      fmt::format("{:.0f} datagrams each way per second", static_cast<double>(full.sent) / took));
-  check(full.failures == 0, "every client gets and releases its relay");
-  check(full.lost * 10'000 <= full.sent, "at most one datagram in ten thousand is lost");
-  check(full.rounds > static_cast<std::uint64_t>(minutes) * 60, "clients come and go");
-  checkReturned(end, beginning, memoryOfNonces());
-
-  checkEnd(bench, "end of input", [](loopback::DaemonProcess& daemon) { daemon.closeInput(); });
-  Bench second;
-  checkEnd(second, "SIGTERM", [](loopback::DaemonProcess& daemon) { daemon.terminate(); });
+  Trial trial(binary);
+  trial.serveMany();
+  trial.serveRounds();
+  trial.endureStorm();
+  trial.endureFullRate(minutes);
+  trial.end("end of input", &ChildProcess::closeInput);
+  Trial(binary).end("SIGTERM", &ChildProcess::terminate);
   fmt::print("{}\n", allKept ? "every bound was kept" : "a bound was NOT kept");
   return allKept ? 0 : 1;
 }
@@ -176,13 +322,17 @@ int run(int minutes) {
 }  // namespace zk::soak
 
 int main(int argc, char** argv) {
-  const int minutes = argc == 2 ? std::atoi(argv[1]) : 0;
-  if (minutes < 1) {
-    fmt::print(stderr, "usage: zkturnd-soak MINUTES\n");
-    return 2;
-  }
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  CLI::App app("Puts the daemon under load.", "zkturnd-soak");
+  int minutes = 0;
+  app.add_option("MINUTES", minutes, "How long at full rate")
+      ->required()
+      ->check(CLI::Range(1, 1440));
   try {
+    app.parse(argc, argv);
     return zk::soak::run(minutes);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
   } catch (const std::exception& error) {
     fmt::print(stderr, "zkturnd-soak: {}\n", error.what());
     return 1;

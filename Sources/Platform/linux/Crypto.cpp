@@ -1,7 +1,7 @@
 #include "Platform/Crypto.h"
 
-#include <cstdlib>
 #include <memory>
+#include <stdexcept>
 
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>
@@ -11,36 +11,42 @@
 namespace zk {
 namespace {
 
-// Only a broken installation of the library refuses these algorithms, and no answer may leave
-// without the right digest.
+// A configuration of the library without these algorithms refuses them, as does a broken
+// installation, and no answer may leave without the right digest.
 void require(bool ok) {
   if (!ok) {
-    std::abort();
+    throw std::runtime_error("the crypto library does not offer MD5 and HMAC-SHA1");
   }
 }
 
-struct ContextDeleter {
+struct Deleter {
+  void operator()(EVP_MAC* algorithm) const { EVP_MAC_free(algorithm); }
   void operator()(EVP_MAC_CTX* context) const { EVP_MAC_CTX_free(context); }
 };
-using Context = std::unique_ptr<EVP_MAC_CTX, ContextDeleter>;
+using Context = std::unique_ptr<EVP_MAC_CTX, Deleter>;
 
 // An HMAC-SHA1 without a key, made once: looking an algorithm up costs more than using it.
 const EVP_MAC_CTX* hmacTemplate() {
   static const EVP_MAC_CTX* const prepared = [] {
-    EVP_MAC* const hmac = EVP_MAC_fetch(nullptr, OSSL_MAC_NAME_HMAC, nullptr);
-    EVP_MAC_CTX* const context = EVP_MAC_CTX_new(hmac);
-    EVP_MAC_free(hmac);
+    const std::unique_ptr<EVP_MAC, Deleter> hmac(
+        EVP_MAC_fetch(nullptr, OSSL_MAC_NAME_HMAC, nullptr));
+    require(hmac != nullptr);
+    Context context(EVP_MAC_CTX_new(hmac.get()));
     char digest[] = "SHA1";
     const OSSL_PARAM parameters[] = {
         OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest, 0),
         OSSL_PARAM_construct_end()};
-    require(context != nullptr && EVP_MAC_CTX_set_params(context, parameters) == 1);
-    return context;
+    require(context != nullptr && EVP_MAC_CTX_set_params(context.get(), parameters) == 1);
+    return context.release();
   }();
   return prepared;
 }
 
 }  // namespace
+
+void requireDigests() {
+  hmacSHA1(md5({}), {});
+}
 
 MD5Digest md5(ByteView data) {
   MD5Digest digest;

@@ -1,77 +1,72 @@
 #include "Platform/ByteStreamPair.h"
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
-#include <limits>
 
 #include <poll.h>
 #include <sys/socket.h>
 
-#include "Platform/Sockets.h"
-
 namespace zk {
 namespace {
 
-// The socket's pending error, or the error of asking.
-int pendingError(int socket) {
-  int error = 0;
-  socklen_t length = sizeof error;
-  return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
+// As much is thrown away in one go; a far end that floods must not keep the caller.
+constexpr int mostReads = 16;
+
+// Runs `call` until a signal does not interrupt it.
+template <typename Call>
+std::ptrdiff_t uninterrupted(Call call) {
+  ssize_t result = 0;
+  do {
+    result = call();
+  } while (result < 0 && errno == EINTR);
+  return result;
+}
+
+bool wouldBlock(std::ptrdiff_t result) {
+  return result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+}
+
+// Runs `call` when the socket is ready for it.
+template <typename Call>
+std::ptrdiff_t whenReady(int socket, short events, Deadline deadline, const StopSignal* stop,
+                         Call call) {
+  while (true) {
+    const Wait wait = waitFor(socket, events, deadline, stop);
+    if (wait != Wait::ready) {
+      return wait == Wait::failed ? -1 : 0;
+    }
+    const std::ptrdiff_t result = uninterrupted(call);
+    if (!wouldBlock(result)) {
+      return result;
+    }
+  }
 }
 
 }  // namespace
 
-std::unique_ptr<ByteStreamPair> ByteStreamPair::create(int socket) {
-  int type = 0;
-  socklen_t length = sizeof type;
-  if (getsockopt(socket, SOL_SOCKET, SO_TYPE, &type, &length) != 0 || type != SOCK_STREAM) {
-    return nullptr;
-  }
-  return std::unique_ptr<ByteStreamPair>(new ByteStreamPair(socket));
-}
-
-ByteStreamPair::~ByteStreamPair() {
-  close();
-}
-
-void ByteStreamPair::open() {
-  const int error = pendingError(socket_);
-  status_ = error == 0 ? StreamStatus::open : StreamStatus::error;
-  if (error != 0) {
-    errorDescription_ = errorText(error);
-  }
-}
-
 std::ptrdiff_t ByteStreamPair::read(std::span<std::uint8_t> into, Deadline deadline) {
-  using std::chrono::milliseconds;
-  const auto left =
-      std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-  const auto limit = std::clamp<long long>(left, 0, std::numeric_limits<int>::max());
-  const int ready = pollSocket(socket_, POLLIN, static_cast<int>(limit));
-  if (ready <= 0) {
-    return ready;
-  }
-  ssize_t received = 0;
-  do {
-    received = recv(socket_, into.data(), into.size(), 0);
-  } while (received < 0 && errno == EINTR);
-  return received;
+  return whenReady(socket_.get(), POLLIN, deadline, stop_,
+                   [&] { return recv(socket_.get(), into.data(), into.size(), 0); });
 }
 
-std::ptrdiff_t ByteStreamPair::write(ByteView bytes) {
-  ssize_t sent = 0;
-  do {
-    sent = send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-  } while (sent < 0 && errno == EINTR);
-  return sent;
+std::ptrdiff_t ByteStreamPair::write(ByteView bytes, Deadline deadline) {
+  return whenReady(socket_.get(), POLLOUT, deadline, stop_,
+                   [&] { return send(socket_.get(), bytes.data(), bytes.size(), sendFlags); });
 }
 
-void ByteStreamPair::close() {
-  if (socket_ >= 0) {
-    closeSocket(socket_);
-    socket_ = -1;
+std::optional<std::string> ByteStreamPair::takeEnd() {
+  std::array<std::uint8_t, 4096> discarded;
+  for (int i = 0; i < mostReads; ++i) {
+    const std::ptrdiff_t received = uninterrupted(
+        [&] { return recv(socket_.get(), discarded.data(), discarded.size(), MSG_DONTWAIT); });
+    if (received == 0) {
+      return "end of stream";
+    }
+    if (received < 0) {
+      return wouldBlock(received) ? std::nullopt : std::optional(errorText(errno));
+    }
   }
-  status_ = StreamStatus::closed;
+  return std::nullopt;
 }
 
 }  // namespace zk

@@ -36,10 +36,6 @@ std::uint64_t monotonicNanoseconds() {
   return nanosecondsOf(CLOCK_MONOTONIC);
 }
 
-std::uint64_t coarseMonotonicNanoseconds() {
-  return nanosecondsOf(CLOCK_MONOTONIC_COARSE);
-}
-
 std::int64_t wallClockMicroseconds() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);

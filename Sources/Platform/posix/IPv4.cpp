@@ -6,7 +6,6 @@
 #include <arpa/inet.h>
 
 namespace zk {
-namespace {
 
 // As inet_pton() has it: four decimal numbers of 0 to 255 without leading zeros. Read here because
 // inet_pton() wants a terminated text, would not see what stands behind a zero octet, and is called
@@ -30,8 +29,6 @@ std::optional<IPv4Octets> parseDottedQuad(std::string_view text) {
   }
   return at == text.size() ? std::optional(octets) : std::nullopt;
 }
-
-}  // namespace
 
 std::optional<IPv4Octets> parseIPv4(std::string_view text) {
   if (const auto strict = parseDottedQuad(text)) {
@@ -58,10 +55,6 @@ std::optional<IPv4Octets> parseIPv4(std::string_view text) {
     return std::nullopt;
   }
   return octets;
-}
-
-bool isDottedQuad(std::string_view text) {
-  return parseDottedQuad(text).has_value();
 }
 
 std::string formatIPv4(const std::uint8_t* octets) {

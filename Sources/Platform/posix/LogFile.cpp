@@ -1,10 +1,11 @@
 #include "Platform/LogFile.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <cstdio>
+#include <string>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,116 +14,81 @@
 namespace zk {
 namespace {
 
-// Half a second: the coarse clock and the writer's own pace add to it, and the promise is one.
-constexpr std::uint64_t lookInterval = 500'000'000;
+constexpr std::uint64_t lookInterval = 500'000'000;  // nanoseconds; the promise is a second
 
-// `file` appends by itself. pwrite() then appends like write(), whatever the offset says, and does
-// without the lock of the file position, for which threads that write at the same time would queue.
-void writeText(int file, std::string_view text) {
-  // A full disk loses the line. There is nobody to tell.
-  [[maybe_unused]] const ssize_t written = pwrite(file, text.data(), text.size(), 0);
-}
-
-bool isControl(char c) {
-  return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+bool isOurs(int file, struct stat& status) {
+  return fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
+         status.st_nlink == 1;
 }
 
 }  // namespace
 
-// Eight octets at a time, without branches; the last eight may overlap those before. Of octets
-// below 0x80, those below 0x20 get the high bit by the subtraction, and 0x7F by the addition.
-// Carries spread from octets of 0xFF only, and may make it look closer for nothing.
-bool holdsControl(std::string_view text) {
-  constexpr std::size_t step = sizeof(std::uint64_t);
-  constexpr std::uint64_t ones = 0x0101010101010101;
-  const auto suspicious = [](const char* at) {
-    std::uint64_t octets = 0;
-    std::memcpy(&octets, at, step);
-    return ((octets - 0x20 * ones) | (octets + ones)) & ~octets & 0x80 * ones;
-  };
-  if (text.size() >= step) {
-    const char* const last = text.data() + text.size() - step;
-    std::uint64_t found = suspicious(last);
-    for (const char* at = text.data(); at < last; at += step) {
-      found |= suspicious(at);
+void LogFile::append(std::string_view lines) {
+  look(monotonicNanoseconds());
+  while (file_ && !lines.empty()) {
+    const ssize_t written = write(file_.get(), lines.data(), lines.size());
+    if (written <= 0) {
+      if (written < 0 && errno == EINTR) {
+        continue;
+      }
+      return;  // a full disk loses the lines; there is nobody to tell
     }
-    if (found == 0) {
-      return false;
-    }
-  }
-  return std::any_of(text.begin(), text.end(), isControl);
-}
-
-void keepOnOneLine(std::span<char> message) {
-  if (holdsControl({message.data(), message.size()})) {
-    std::replace_if(message.begin(), message.end(), isControl, '?');
+    size_ += static_cast<std::uint64_t>(written);
+    lines.remove_prefix(static_cast<std::size_t>(written));
   }
 }
 
-int openLogFile(const char* path, LogPosition position, LogFileMode mode) {
-  const int flags = O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY |
-                    (position == LogPosition::append ? O_APPEND : 0);
-  // Creating is a second step: in a sticky directory the system may refuse O_CREAT on a file of
-  // somebody else's that can be written.
-  int file = open(path, flags);
-  if (file < 0 && errno == ENOENT) {
-    file = open(path, flags | O_CREAT | O_EXCL, mode.bits);
-    if (file >= 0 && mode.ignoresUmask) {
-      fchmod(file, mode.bits);
+void LogFile::look(std::uint64_t now) {
+  if (now >= nextLook_) {
+    nextLook_ = now + lookInterval;
+    struct stat status {};
+    if (!file_ || !isAtPath() || fstat(file_.get(), &status) != 0) {
+      open();
+    } else {
+      size_ = static_cast<std::uint64_t>(status.st_size);  // others append, or truncate, too
     }
-    if (file < 0 && errno == EEXIST) {
-      file = open(path, flags);  // somebody else was first
+  }
+  if (file_ && size_ >= maxSize) {
+    rotate();
+  }
+}
+
+bool LogFile::isAtPath() const {
+  struct stat atPath {};
+  struct stat ours {};
+  return lstat(path_, &atPath) == 0 && fstat(file_.get(), &ours) == 0 &&
+         atPath.st_ino == ours.st_ino && atPath.st_dev == ours.st_dev;
+}
+
+void LogFile::open() {
+  // Not blocking, or a pipe in the file's place would hold us before it can be refused.
+  const int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+  Descriptor opened(::open(path_, flags));
+  if (!opened && errno == ENOENT) {
+    opened = Descriptor(::open(path_, flags | O_CREAT | O_EXCL, mode_.bits));
+    if (opened && mode_.ignoresUmask) {
+      fchmod(opened.get(), mode_.bits);
+    }
+    if (!opened && errno == EEXIST) {
+      opened = Descriptor(::open(path_, flags));  // somebody else was first
     }
   }
   struct stat status {};
-  if (file >= 0 && (fstat(file, &status) != 0 || !S_ISREG(status.st_mode))) {
-    close(file);
-    return -1;
+  if (opened && !isOurs(opened.get(), status)) {
+    opened.reset();
   }
-  if (file >= 0 && position == LogPosition::endAtOpening) {
-    lseek(file, 0, SEEK_END);
-  }
-  return file;
+  size_ = static_cast<std::uint64_t>(status.st_size);
+  file_ = std::move(opened);
 }
 
-void appendToFile(const char* path, std::string_view text, LogFileMode mode) {
-  const int file = openLogFile(path, LogPosition::append, mode);
-  if (file >= 0) {
-    writeText(file, text);
-    close(file);
+// Another process may be about to do the same: whoever has the lock looks whether the file is still
+// the one at the path, and so a young file never takes the place of the one before.
+void LogFile::rotate() {
+  if (flock(file_.get(), LOCK_EX | LOCK_NB) == 0 && isAtPath()) {
+    const std::string before = std::string(path_) + ".1";
+    std::rename(path_, before.c_str());
   }
-}
-
-void KeptLogFile::append(std::string_view text) {
-  const std::uint64_t now = coarseMonotonicNanoseconds();
-  std::uint64_t due = nextLook_.load(std::memory_order_relaxed);
-  if (now >= due && nextLook_.compare_exchange_strong(due, now + lookInterval)) {
-    reopenIfReplaced();
-  }
-  const int file = file_;
-  if (file >= 0) {
-    writeText(file, text);
-  } else {
-    appendToFile(path_, text);  // another thread may be about to open it for good
-  }
-}
-
-// On one thread at a time: whoever moved nextLook_ on has half a second for it.
-void KeptLogFile::reopenIfReplaced() {
-  const int kept = file_;
-  struct stat atPath {};
-  struct stat ours {};
-  if (kept >= 0 && lstat(path_, &atPath) == 0 && fstat(kept, &ours) == 0 &&
-      atPath.st_ino == ours.st_ino && atPath.st_dev == ours.st_dev) {
-    return;
-  }
-  const int opened = openLogFile(path_, LogPosition::append);
-  if (kept < 0) {
-    file_ = opened;
-  } else if (opened >= 0) {
-    dup3(opened, kept, O_CLOEXEC);
-    close(opened);
-  }
+  open();
 }
 
 }  // namespace zk

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include <unistd.h>
+#include <sys/random.h>
 
 namespace zk {
 
@@ -13,7 +13,7 @@ int randomBytes(std::span<std::uint8_t> out) {
 
 void RandomPool::fill(std::span<std::uint8_t> out) {
   if (octets_.size() - used_ < out.size()) {
-    if (randomBytes(octets_) != 0) {
+    if (source_(octets_) != 0) {
       return;
     }
     used_ = 0;

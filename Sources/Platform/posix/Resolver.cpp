@@ -1,24 +1,36 @@
 #include "Platform/Resolver.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <memory>
+#include <system_error>
 
 #include <netdb.h>
+#include <poll.h>
+
+#include "Platform/Mutex.h"
+#include "Platform/Thread.h"
 
 namespace zk {
 namespace {
 
-Resolution resolve(const std::string& host, const std::string& port, int family, int type,
-                   int protocol) {
+// Threads that wait for a resolver although nobody waits for them any more. A resolver that is
+// silent keeps each for half a minute; clients that keep trying must not pile them up.
+constexpr int mostLeftBehind = 16;
+std::atomic<int> leftBehind{0};
+
+struct Question {
+  std::string host;
+  std::string port;
   addrinfo hints{};
-  hints.ai_family = family;
-  hints.ai_socktype = type;
-  hints.ai_protocol = protocol;
+};
+
+Resolution ask(const Question& question, int extraFlags) {
+  addrinfo hints = question.hints;
+  hints.ai_flags |= extraFlags;
   addrinfo* list = nullptr;
-  // The resolver would read a name with a NUL in it as the shorter name in front of the NUL.
-  const int code = host.find('\0') == std::string::npos
-                       ? getaddrinfo(host.c_str(), port.c_str(), &hints, &list)
-                       : EAI_NONAME;
+  const int code = getaddrinfo(question.host.c_str(), question.port.c_str(), &hints, &list);
   Resolution result;
   if (code == 0) {
     for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
@@ -35,14 +47,81 @@ Resolution resolve(const std::string& host, const std::string& port, int family,
   return result;
 }
 
-}  // namespace
+// One lookup, shared by the thread that does it and the one that waits.
+class Lookup {
+ public:
+  Lookup() : pipe_(openPipe()) {}
 
-Resolution resolveTCP(const std::string& host, const std::string& port) {
-  return resolve(host, port, AF_UNSPEC, SOCK_STREAM, IPPROTO_TCP);
+  void conclude(Resolution result) {
+    const MutexLock guard(lock_);
+    result_ = std::move(result);
+    isConcluded_ = true;
+    pipe_.writer.reset();  // wakes the waiter
+    if (isLeftBehind_) {
+      --leftBehind;
+    }
+  }
+
+  Resolution await(Deadline deadline, const StopSignal* stop) {
+    const Wait outcome = waitFor(pipe_.reader.get(), POLLIN, deadline, stop);
+    const MutexLock guard(lock_);
+    if (isConcluded_) {
+      return std::move(result_);
+    }
+    isLeftBehind_ = true;
+    ++leftBehind;
+    return {{}, outcome == Wait::stopped ? "stopped" : gai_strerror(EAI_AGAIN)};
+  }
+
+ private:
+  Pipe pipe_;
+  Mutex lock_;
+  Resolution result_ GUARDED_BY(lock_);
+  bool isConcluded_ GUARDED_BY(lock_) = false;
+  bool isLeftBehind_ GUARDED_BY(lock_) = false;
+};
+
+Resolution resolve(Question question, Deadline deadline, const StopSignal* stop) {
+  // The resolver would read a name with a NUL in it as the shorter name in front of the NUL.
+  if (question.host.find('\0') != std::string::npos) {
+    return {{}, gai_strerror(EAI_NONAME)};
+  }
+  Resolution numeric = ask(question, AI_NUMERICHOST);
+  if (!numeric.addresses.empty()) {
+    return numeric;
+  }
+  if (leftBehind >= mostLeftBehind) {
+    return {{}, "too many lookups are still waiting for the resolver"};
+  }
+  try {
+    const auto lookup = std::make_shared<Lookup>();
+    startThread("zk.resolve", [lookup, asked = std::move(question)] {
+      lookup->conclude(ask(asked, 0));
+    }).detach();
+    return lookup->await(deadline, stop);
+  } catch (const std::system_error& error) {  // no thread or no pipe to be had
+    return {{}, "no lookup: " + errorText(error.code().value())};
+  }
 }
 
-Resolution resolveUDPv4(const std::string& host, const std::string& port) {
-  return resolve(host, port, AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+addrinfo hintsFor(int family, int type, int protocol) {
+  addrinfo hints{};
+  hints.ai_family = family;
+  hints.ai_socktype = type;
+  hints.ai_protocol = protocol;
+  return hints;
+}
+
+}  // namespace
+
+Resolution resolveTCP(const std::string& host, const std::string& port, Deadline deadline,
+                      const StopSignal* stop) {
+  return resolve({host, port, hintsFor(AF_UNSPEC, SOCK_STREAM, IPPROTO_TCP)}, deadline, stop);
+}
+
+Resolution resolveUDPv4(const std::string& host, const std::string& port, Deadline deadline,
+                        const StopSignal* stop) {
+  return resolve({host, port, hintsFor(AF_INET, SOCK_DGRAM, IPPROTO_UDP)}, deadline, stop);
 }
 
 }  // namespace zk

@@ -1,15 +1,19 @@
 #include "Platform/Sockets.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <limits>
 #include <system_error>
 
 #include <net/if.h>
+#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "Platform/Clock.h"
+#include "Platform/StopSignal.h"
 
 namespace zk {
 
@@ -17,8 +21,56 @@ std::string errorText(int error) {
   return std::generic_category().message(error);
 }
 
-int openSocket(int family, int type, int protocol) {
-  return socket(family, type | SOCK_CLOEXEC, protocol);
+std::string lastErrorText() {
+  return errorText(errno);
+}
+
+std::string numericText(const sockaddr& address) {
+  std::array<char, NI_MAXHOST> text{};
+  const socklen_t length =
+      address.sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+  getnameinfo(&address, length, text.data(), text.size(), nullptr, 0, NI_NUMERICHOST);
+  return text.data();
+}
+
+Wait waitFor(int descriptor, short events, Deadline deadline, const StopSignal* stop) {
+  using std::chrono::milliseconds;
+  std::array<pollfd, 2> watched{
+      {{descriptor, events, 0}, {stop != nullptr ? stop->descriptor() : -1, POLLIN, 0}}};
+  while (true) {
+    const auto left =
+        std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+    const auto limit = std::clamp<long long>(left, 0, std::numeric_limits<int>::max());
+    const int ready = poll(watched.data(), watched.size(), static_cast<int>(limit));
+    if (stop != nullptr && stop->isRaised()) {
+      return Wait::stopped;
+    }
+    if (ready < 0 && errno != EINTR) {
+      return Wait::failed;
+    }
+    if (ready > 0) {
+      return Wait::ready;
+    }
+    if (left <= 0) {
+      return Wait::timedOut;
+    }
+  }
+}
+
+bool connectSocket(int socket, const sockaddr& to, Deadline deadline, const StopSignal* stop) {
+  const socklen_t length = to.sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+  int error = connect(socket, &to, length) == 0 ? 0 : errno;
+  if (error == EINPROGRESS) {
+    if (waitFor(socket, POLLOUT, deadline, stop) != Wait::ready) {
+      return false;
+    }
+    socklen_t size = sizeof error;
+    getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size);
+  }
+  if (error != 0) {
+    throw std::system_error(error, std::generic_category(), "connect");
+  }
+  return true;
 }
 
 int openUDPSocket() {
@@ -36,11 +88,6 @@ sockaddr_in localAddress(int socket) {
   return address;
 }
 
-bool pinToInterface(int socket, unsigned interfaceIndex) {
-  const int index = static_cast<int>(interfaceIndex);
-  return setsockopt(socket, SOL_SOCKET, SO_BINDTOIFINDEX, &index, sizeof index) == 0;
-}
-
 unsigned interfaceIndex(const std::string& name) {
   return if_nametoindex(name.c_str());
 }
@@ -48,10 +95,28 @@ unsigned interfaceIndex(const std::string& name) {
 std::ptrdiff_t sendDatagram(int socket, ByteView datagram, const sockaddr_in& to) {
   ssize_t sent = 0;
   do {
-    sent = sendto(socket, datagram.data(), datagram.size(), MSG_NOSIGNAL,
+    sent = sendto(socket, datagram.data(), datagram.size(), sendFlags,
                   reinterpret_cast<const sockaddr*>(&to), sizeof to);
   } while (sent < 0 && errno == EINTR);
   return sent;
+}
+
+std::optional<std::size_t> receiveDatagram(int socket, std::span<std::uint8_t> into,
+                                           sockaddr_in& from) {
+  while (true) {
+    socklen_t length = sizeof from;
+    const ssize_t received =
+        recvfrom(socket, into.data(), into.size(), 0, reinterpret_cast<sockaddr*>(&from), &length);
+    if (received >= 0) {
+      return static_cast<std::size_t>(received);
+    }
+    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      return std::nullopt;
+    }
+    if (errno != EINTR) {
+      throw std::system_error(errno, std::generic_category(), "recvfrom");
+    }
+  }
 }
 
 void shutdownSocket(int socket) {

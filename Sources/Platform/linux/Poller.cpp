@@ -1,0 +1,77 @@
+// epoll, level-triggered: what was reported and is still readable goes to the end of the system's
+// list, which is what gives descriptors their turns.
+
+#include "Platform/Poller.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <limits>
+#include <system_error>
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace zk {
+namespace {
+
+constexpr std::size_t maxEvents = 64;
+
+Descriptor opened(int descriptor, const char* call) {
+  if (descriptor < 0) {
+    throw std::system_error(errno, std::generic_category(), call);
+  }
+  return Descriptor(descriptor);
+}
+
+}  // namespace
+
+Poller::Poller()
+    : poller_(opened(epoll_create1(EPOLL_CLOEXEC), "epoll_create1")),
+      wakeUp_(opened(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")) {
+  add(wakeUp_.get());
+}
+
+void Poller::add(int descriptor) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.fd = descriptor;
+  if (epoll_ctl(poller_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
+    throw std::system_error(errno, std::generic_category(), "epoll_ctl");
+  }
+}
+
+void Poller::remove(int descriptor) {
+  epoll_ctl(poller_.get(), EPOLL_CTL_DEL, descriptor, nullptr);
+}
+
+void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready) {
+  using std::chrono::milliseconds;
+  // Rounded up: a timer that is not yet due would be waited for in a busy loop.
+  const auto wanted = std::chrono::ceil<milliseconds>(limit).count();
+  const int timeout =
+      limit.count() < 0
+          ? -1
+          : static_cast<int>(std::min<std::int64_t>(wanted, std::numeric_limits<int>::max()));
+  std::array<epoll_event, maxEvents> events;
+  const int count = epoll_wait(poller_.get(), events.data(), maxEvents, timeout);
+  ready.clear();
+  for (int i = 0; i < count; ++i) {
+    const int descriptor = events[static_cast<std::size_t>(i)].data.fd;
+    if (descriptor == wakeUp_.get()) {
+      std::uint64_t counter = 0;
+      [[maybe_unused]] const ssize_t got = read(descriptor, &counter, sizeof counter);
+    } else {
+      ready.push_back(descriptor);
+    }
+  }
+}
+
+void Poller::wake() {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const ssize_t written = write(wakeUp_.get(), &one, sizeof one);
+}
+
+}  // namespace zk

@@ -1,0 +1,112 @@
+#include "Platform/EventLoop.h"
+
+#include <algorithm>
+
+#include "Platform/Poller.h"
+
+namespace zk {
+
+EventLoop::EventLoop(Clock clock) : clock_(std::move(clock)), poller_(std::make_unique<Poller>()) {}
+
+EventLoop::~EventLoop() = default;
+
+void EventLoop::watch(int descriptor, Source& source) {
+  poller_->add(descriptor);
+  sources_[descriptor] = &source;
+}
+
+void EventLoop::unwatch(int descriptor) {
+  if (sources_.erase(descriptor) > 0) {
+    poller_->remove(descriptor);
+    // The number may be given to a new socket before the round is over.
+    std::replace(ready_.begin(), ready_.end(), descriptor, -1);
+  }
+}
+
+EventLoop::TimerID EventLoop::after(std::chrono::nanoseconds delay, Task task) {
+  const TimerID timer{clock_() + static_cast<std::uint64_t>(delay.count()), ++timersMade_};
+  timers_.emplace(timer, std::move(task));
+  return timer;
+}
+
+void EventLoop::cancel(TimerID timer) {
+  timers_.erase(timer);
+}
+
+void EventLoop::post(Task task) {
+  bool wasEmpty = false;
+  {
+    const MutexLock guard(lock_);
+    wasEmpty = posted_.empty();
+    posted_.push_back(std::move(task));
+  }
+  if (wasEmpty) {
+    poller_->wake();
+  }
+}
+
+void EventLoop::run() {
+  while (!stopping_) {
+    turn(true);
+  }
+}
+
+void EventLoop::stop() {
+  stopping_ = true;
+  poller_->wake();
+}
+
+void EventLoop::turn(bool mayWait) {
+  poller_->wait(mayWait ? untilNextTimer() : std::chrono::nanoseconds::zero(), ready_);
+  for (std::size_t i = 0; i < ready_.size() && !stopping_; ++i) {
+    const auto source = sources_.find(ready_[i]);
+    if (source != sources_.end()) {
+      source->second->onReadable();
+    }
+  }
+  ready_.clear();
+  runDueTimers();
+  runPosted();
+  if (endOfRound_) {
+    endOfRound_();
+  }
+}
+
+// Only those that were due when the round came to them: a timer that sets itself anew for now must
+// not keep the descriptors from their turn.
+void EventLoop::runDueTimers() {
+  if (timers_.empty()) {
+    return;
+  }
+  const TimerID last{clock_(), timersMade_};
+  while (!timers_.empty() && timers_.begin()->first <= last && !stopping_) {
+    const auto timer = timers_.extract(timers_.begin());
+    timer.mapped()();
+  }
+}
+
+void EventLoop::runPosted() {
+  std::vector<Task> tasks;
+  {
+    const MutexLock guard(lock_);
+    tasks.swap(posted_);
+  }
+  for (const Task& task : tasks) {
+    if (stopping_) {
+      return;
+    }
+    task();
+  }
+}
+
+// Negative for ever.
+std::chrono::nanoseconds EventLoop::untilNextTimer() const {
+  if (timers_.empty()) {
+    return std::chrono::nanoseconds(-1);
+  }
+  const std::uint64_t due = timers_.begin()->first.first;
+  const std::uint64_t now = clock_();
+  return std::chrono::nanoseconds(due > now ? due - now : 0);
+}
+
+}  // namespace zk

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "zkturn-check/Check.h"
+
+namespace zk::check {
+
+/// Prints findings on standard output: for people, step by step as they come, with colours and a
+/// progress bar on a terminal; or for programs, as one JSON object at the end. Control characters,
+/// which a proxy may hide in its answers, become "?".
+class Report {
+ public:
+  explicit Report(const Options& options);
+
+  Watcher watcher();
+  void conclude(const Findings& findings);
+
+ private:
+  void print(const Step& step);
+  void printBar(unsigned done, unsigned of);
+  void clearBar();
+
+  const Options& options_;
+  const bool isTerminal_;
+  const bool hasColours_;
+  bool isBarShown_ = false;
+};
+
+}  // namespace zk::check

@@ -1,0 +1,120 @@
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "Platform/Clock.h"
+#include "Platform/EventLoop.h"
+#include "Platform/Sockets.h"
+
+namespace zk {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Watches the reading end of a pipe that holds an octet, or none.
+class Reader final : public EventLoop::Source {
+ public:
+  Reader(EventLoop& loop, std::function<void()> work, bool isReadable = true)
+      : loop_(loop), work_(std::move(work)) {
+    EXPECT_EQ(write(pipe_.writer.get(), "x", isReadable ? 1 : 0), isReadable ? 1 : 0);
+    loop_.watch(descriptor(), *this);
+  }
+  ~Reader() { loop_.unwatch(descriptor()); }
+  void onReadable() override { work_(); }
+  int descriptor() const { return pipe_.reader.get(); }
+
+ private:
+  EventLoop& loop_;
+  const std::function<void()> work_;
+  Pipe pipe_ = openPipe();
+};
+
+class EventLoopTest : public testing::Test {
+ protected:
+  std::uint64_t now_ = 5'000'000'000;
+  EventLoop loop_{[this] { return now_; }};
+  std::string order_;
+};
+
+TEST_F(EventLoopTest, CallsNobodyTwiceBeforeAllOthers) {
+  constexpr std::size_t count = 150;  // more than the system reports at once
+  std::vector<std::size_t> calls;
+  std::vector<std::unique_ptr<Reader>> readers;
+  for (std::size_t i = 0; i < count; ++i) {
+    readers.push_back(std::make_unique<Reader>(loop_, [&calls, i] { calls.push_back(i); }));
+  }
+  while (calls.size() < 3 * count) {
+    loop_.turn(false);
+  }
+  for (auto from = calls.begin(); from < calls.begin() + 3 * count; from += count) {
+    EXPECT_EQ(std::set<std::size_t>(from, from + count).size(), count);
+  }
+}
+
+// Also when the number goes to another descriptor before the round is over.
+TEST_F(EventLoopTest, CallsNobodyWhoIsNoLongerWatched) {
+  std::unique_ptr<Reader> readers[2];
+  std::unique_ptr<Reader> another;
+  for (const int i : {0, 1}) {
+    readers[i] = std::make_unique<Reader>(loop_, [&, i] {
+      order_ += 'r';
+      const int freed = readers[1 - i]->descriptor();
+      readers[1 - i].reset();
+      another = std::make_unique<Reader>(
+          loop_, [&] { order_ += 'a'; }, false);
+      EXPECT_EQ(another->descriptor(), freed);
+      readers[i].reset();  // itself, too
+    });
+  }
+  loop_.turn(false);
+  loop_.turn(false);
+  EXPECT_EQ(order_, "r");
+}
+
+TEST_F(EventLoopTest, RunsTimersWhenTheyAreDueInTheirOrder) {
+  const auto says = [this](char name) { return [this, name] { order_ += name; }; };
+  loop_.after(10ms, says('d'));
+  loop_.after(5ms, says('a'));
+  const auto cancelled = loop_.after(5ms, says('x'));
+  loop_.after(5ms, [&] {
+    order_ += 'b';
+    loop_.after(0ms, says('c'));  // in the next round: it must not keep others from their turn
+  });
+  loop_.cancel(cancelled);
+  for (const auto& [milliseconds, sofar] : {std::pair(4, ""), {1, "ab"}, {0, "abc"}, {5, "abcd"}}) {
+    now_ += static_cast<std::uint64_t>(milliseconds) * 1'000'000;
+    loop_.turn(false);
+    EXPECT_EQ(order_, sofar);
+  }
+}
+
+// Woken while it waits: for a post, a timer, and the stop.
+TEST(RunningLoop, RunsWhatOthersPostInOrderUntilItIsStopped) {
+  EventLoop loop(monotonicNanoseconds);
+  std::vector<int> ran;
+  std::thread thread([&] { loop.run(); });
+  for (int i = 0; i < 1000; ++i) {
+    loop.post([&, i] { ran.push_back(i); });
+  }
+  loop.post([&] {
+    loop.after(1ms, [&] {
+      loop.post([&] { loop.stop(); });
+      loop.post([&] { ran.push_back(-1); });  // behind the stop
+    });
+  });
+  thread.join();
+  ASSERT_EQ(ran.size(), 1000U);
+  EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
+  EventLoop waiting(monotonicNanoseconds);
+  std::thread other([&] { waiting.run(); });
+  std::this_thread::sleep_for(20ms);
+  waiting.stop();
+  other.join();
+}
+
+}  // namespace
+}  // namespace zk

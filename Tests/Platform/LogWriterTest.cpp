@@ -1,0 +1,127 @@
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "Platform/LogCallback.h"
+#include "Platform/LogWriter.h"
+#include "Support.h"
+
+namespace zk {
+namespace {
+
+using namespace std::chrono_literals;
+using test::contentOf;
+namespace fs = std::filesystem;
+
+TEST(LogLine, HoldsNoControlCharactersOfStrangers) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"plain → \"text\" é", "plain → \"text\" é"},
+      {"a\nb\r\t\x1b[2J\x7f", "a?b???[2J?"},
+      {"c1 \xC2\x80 \xC2\x9F \xC2\xA0", "c1 ? ? \xC2\xA0"},
+      {"\xE2\x80\xAE\xE2\x80\xA8\xE2\x81\xA6\xE2\x80\x8E\xD8\x9C", "?????"},
+      {"\xE2\x80\x94 \xE2\x81\xAA \xD8\x9B", "\xE2\x80\x94 \xE2\x81\xAA \xD8\x9B"},
+      {"cut \xE2\x80", "cut \xE2\x80"}};
+  for (const auto& [text, safe] : cases) {
+    std::string line;
+    logLine([&](std::string_view its) { line = its; }, FMT_COMPILE("{} {}"), 1,
+            std::string_view(text));
+    EXPECT_EQ(line, std::string("1 ") + safe);
+  }
+  logLine(LogCallback(), FMT_COMPILE("{}"), 1);  // nobody listens
+}
+
+TEST(LogWriter, HasEveryLineInItsFileSoonAndInOrder) {
+  const test::TemporaryFolder folder;
+  const std::string paths[] = {folder / "a", folder / "b"};
+  test::writeFile(paths[0], "before\n");
+  LogWriter writer("zk.test.log");
+  writer.open(paths[0].c_str());
+  writer.open(paths[1].c_str());
+  double soonest = 9;
+  for (std::size_t i = 1; i <= 10; ++i) {
+    const test::Stopwatch time;
+    writer.append(0, "line\n");
+    EXPECT_TRUE(test::eventually([&] { return contentOf(paths[0]).size() == 7 + i * 5; }));
+    soonest = std::min(soonest, time.seconds());
+  }
+  EXPECT_LT(soonest, 0.03);
+
+  std::string wanted[] = {contentOf(paths[0]), ""};
+  std::thread threads[2];
+  for (std::size_t file = 0; file < 2; ++file) {
+    threads[file] = std::thread([&, file] {
+      for (int i = 0; i < 20'000; ++i) {
+        const std::string line = fmt::format("{} {}\n", file, i);
+        writer.append(file, line);
+        wanted[file] += line;
+      }
+    });
+  }
+  for (std::size_t file = 0; file < 2; ++file) {
+    threads[file].join();
+  }
+  EXPECT_TRUE(writer.flush(5s));
+  EXPECT_TRUE(contentOf(paths[0]) == wanted[0]);
+  EXPECT_TRUE(contentOf(paths[1]) == wanted[1]);
+}
+
+// Faster than any disk, as the writer gathers for some milliseconds before it even begins.
+TEST(LogWriter, CountsTheLinesForWhichThereIsNoRoom) {
+  const test::TemporaryFolder folder;
+  const std::string path = folder / "log";
+  constexpr std::size_t count = 64 << 10;
+  std::string piece;
+  for (int i = 0; i < 128; ++i) {
+    piece += std::string(511, '.') + '\n';
+  }
+  {
+    LogWriter writer("zk.test.log");
+    writer.open(path.c_str());
+    for (std::size_t i = 0; i < count / 128; ++i) {
+      writer.append(0, piece);
+    }
+  }  // the end writes what is pending
+  std::ifstream all(path);
+  std::size_t whole = 0;
+  std::size_t lost = 0;
+  for (std::string next; std::getline(all, next); ++whole) {
+    std::size_t some = 0;
+    if (std::sscanf(next.c_str(), "%zu lines LOST: the disk did not keep up", &some) == 1) {
+      lost += some;
+      --whole;
+    }
+  }
+  EXPECT_GT(lost, 0U);
+  EXPECT_GE(whole, LogWriter::maxPending / 512);
+  EXPECT_EQ(whole + lost, count);
+}
+
+// Two daemons at once: neither loses the other's lines, nor puts a young file in the place of the
+// one before.
+TEST(LogFile, BeginsAnewAtItsLargestSizeWhoeverElseWrites) {
+  const test::TemporaryFolder folder;
+  const std::string path = folder / "log";
+  test::writeFile(path, "");
+  test::writeFile(path + ".1", "the one before");
+  fs::resize_file(path, LogFile::maxSize - 8);  // takes no disk
+  LogFile one(path.c_str(), {});
+  LogFile other(path.c_str(), {});
+  other.append({});
+  one.append("1234567\n");
+  other.append("fits\n");  // as far as it knows: it looked before
+  one.append("new\n");
+  EXPECT_EQ(contentOf(path), "new\n");
+  EXPECT_EQ(fs::file_size(path + ".1"), LogFile::maxSize + 5);
+  std::this_thread::sleep_for(600ms);
+  other.append("other\n");
+  one.append("one\n");
+  EXPECT_EQ(contentOf(path), "new\nother\none\n");
+  EXPECT_EQ(fs::file_size(path + ".1"), LogFile::maxSize + 5);
+}
+
+}  // namespace
+}  // namespace zk

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace zk::loopback {
+
+/// A program that this one has started, with a pipe to its standard input and one from its standard
+/// output. It ends with this object, and so does what it has started itself. One thread at a time;
+/// the counters from any.
+class ChildProcess {
+ public:
+  using Milliseconds = std::chrono::milliseconds;
+  using Environment = std::map<std::string, std::string>;
+
+  /// Starts `arguments[0]`, which is a path, with this process's environment plus `environment`,
+  /// which wins; with default signal dispositions and no blocked signals. Its standard error is
+  /// this process's, or with `output` both outputs go to that file. SIGPIPE is ignored in this
+  /// process from now on, as the child may end before its input is written. Throws
+  /// std::system_error.
+  explicit ChildProcess(std::vector<std::string> arguments, const Environment& environment = {},
+                        const std::string& output = {});
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  pid_t pid() const { return pid_; }
+
+  /// Writes to its standard input. Whether all of it was taken.
+  bool write(std::string_view text);
+  /// The next line on its standard output, without the line feed. Absent after `timeout`, and when
+  /// the output ends before a line feed.
+  std::optional<std::string> readLine(Milliseconds timeout);
+  /// Ends its standard input.
+  void closeInput();
+  /// SIGTERM.
+  void terminate();
+  void sendSignal(int signal);
+  /// The exit status, or the negated number of the signal that ended the process; absent when it
+  /// still runs after `timeout`.
+  std::optional<int> waitExit(Milliseconds timeout);
+
+  /// The entries of /proc/PID/fd and /proc/PID/task; 0 once the process is gone.
+  std::size_t descriptorCount() const;
+  std::size_t threadCount() const;
+  /// VmRSS in KiB, and CPU time that all threads, ended ones included, have used so far: its own
+  /// and its children's that are still there.
+  std::size_t residentKilobytes() const;
+  std::chrono::nanoseconds cpuTime() const;
+
+ private:
+  pid_t pid_ = -1;
+  int input_ = -1;   // our end of its standard input
+  int output_ = -1;  // our end of its standard output
+  std::string buffered_;
+  std::optional<int> exitStatus_;
+};
+
+/// Where an installed program is, the sbin folders included; empty when it is not.
+std::string findProgram(const std::string& name);
+
+/// The path of the program of that name that was built beside this one.
+std::string programBeside(const std::string& name);
+
+/// Another path for the file at `path`, by a descriptor: valid in every process while this one
+/// lives, even when a mount hides the first one.
+std::string pathByDescriptor(const std::string& path);
+
+}  // namespace zk::loopback

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <thread>
+
+#include <netinet/in.h>
+
+#include "Loopback/KitSocket.h"
+
+namespace zk::loopback {
+
+/// The cheapest far side there is: one socket, on a thread of its own, that stands for a proxy's
+/// relay and all peers behind it. A proxy whose script announces its port sends clients there.
+///
+/// It answers STUN Binding requests behind a SOCKS5 UDP header, so that a relay finds its egress
+/// address (203.0.113.9) and comes up. Every other datagram goes to the handler.
+class FarSide {
+ public:
+  /// Gets a datagram, which it may change, and its sender, on the far side's thread. Whether the
+  /// datagram is sent back, as all are without a handler.
+  using Handler = std::function<bool(std::span<std::uint8_t> datagram, const sockaddr_in& from)>;
+
+  explicit FarSide(Handler handler = {}, KitSocket socket = KitSocket::boundUDP());
+  ~FarSide();
+  FarSide(const FarSide&) = delete;
+  FarSide& operator=(const FarSide&) = delete;
+
+  const KitSocket& socket() const { return socket_; }
+  std::uint16_t port() const;
+
+ private:
+  void run();
+
+  const KitSocket socket_;
+  const Handler handler_;
+  std::atomic<bool> ending_{false};
+  std::thread thread_;
+};
+
+}  // namespace zk::loopback

@@ -1,0 +1,121 @@
+#include "Loopback/ForeignProxy.h"
+
+#include <map>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+#include "Loopback/KitSocket.h"
+#include "Platform/IPv4.h"
+
+namespace zk::loopback {
+namespace {
+
+using nlohmann::json;
+
+/// Which Debian package each program comes from.
+const std::map<std::string, std::string> packages{{"danted", "dante-server"},
+                                                  {"v2ray", "v2ray"},
+                                                  {"ss-local", "shadowsocks-libev"},
+                                                  {"ss-server", "shadowsocks-libev"}};
+
+/// A port that is free for TCP and UDP on the loopback, or was a moment ago.
+std::uint16_t freePort() {
+  for (;;) {
+    const KitSocket stream = KitSocket::listener();
+    const std::uint16_t port = portNumber(stream.localAddress());
+    try {
+      KitSocket::boundUDP("127.0.0.1", port);
+      return port;
+    } catch (const std::system_error&) {  // the next one, then
+    }
+  }
+}
+
+bool accepts(std::uint16_t port) {
+  try {
+    KitSocket::connectedTCP(socketAddress("127.0.0.1", port));
+    return true;
+  } catch (const std::system_error&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+std::string ForeignProxy::hindrance(const std::string& name) {
+  for (const std::string& program : {name, std::string(name == "ss-local" ? "ss-server" : name)}) {
+    if (findProgram(program).empty()) {
+      return fmt::format("{} is not installed (Debian: {})", program, packages.at(program));
+    }
+  }
+  return name == "danted" && geteuid() != 0 ? "danted needs root" : "";
+}
+
+ForeignProxy::ForeignProxy(const std::string& name, const std::optional<SOCKS5Login>& login)
+    : port_(freePort()) {
+  if (name == "danted") {
+    startDante(login.has_value());
+  } else if (name == "v2ray") {
+    startV2Ray(login);
+  } else {
+    startShadowsocks();
+  }
+  for (int attempt = 0; !accepts(port_); ++attempt) {
+    if (attempt == 1000) {
+      throw std::runtime_error(name + " does not start: " + output());
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+void ForeignProxy::start(std::vector<std::string> command) {
+  command[0] = findProgram(command[0]);
+  servers_.push_back(std::make_unique<ChildProcess>(command, ChildProcess::Environment{},
+                                                    folder_.path() / "output"));
+}
+
+void ForeignProxy::startDante(bool withLogin) {
+  const std::string file = folder_.write(
+      "danted.conf",
+      fmt::format("logoutput: stdout\ninternal: 127.0.0.1 port = {}\nexternal: 127.0.0.1\n"
+                  "clientmethod: none\nsocksmethod: {}\n"
+                  "user.privileged: root\nuser.unprivileged: nobody\n"
+                  "client pass {{ from: 127.0.0.1/32 to: 127.0.0.1/32 }}\n"
+                  "socks pass {{ from: 127.0.0.1/32 to: 0.0.0.0/0 command: udpassociate }}\n"
+                  "socks pass {{ from: 0.0.0.0/0 to: 127.0.0.1/32 command: udpreply }}\n",
+                  port_, withLogin ? "username" : "none"));
+  start({"danted", "-f", file, "-p", folder_.path() / "pid"});
+}
+
+void ForeignProxy::startV2Ray(const std::optional<SOCKS5Login>& login) {
+  json settings{{"udp", true}, {"ip", "127.0.0.1"}, {"auth", login ? "password" : "noauth"}};
+  if (login) {
+    settings["accounts"] = json::array({{{"user", login->user}, {"pass", login->password}}});
+  }
+  const json config{{"log", {{"loglevel", "warning"}, {"access", "none"}}},
+                    {"inbounds", json::array({{{"listen", "127.0.0.1"},
+                                               {"port", port_},
+                                               {"protocol", "socks"},
+                                               {"settings", settings}}})},
+                    {"outbounds", json::array({{{"protocol", "freedom"}}})}};
+  start({"v2ray", "-config", folder_.write("v2ray.json", config.dump())});
+}
+
+void ForeignProxy::startShadowsocks() {
+  const std::string remote = std::to_string(freePort());
+  const std::vector<std::string> shared{"-s",     "127.0.0.1", "-p",          remote, "-k",
+                                        "secret", "-m",        "aes-128-gcm", "-u"};
+  std::vector<std::string> server{"ss-server"};
+  std::vector<std::string> local{"ss-local", "-b", "127.0.0.1", "-l", std::to_string(port_)};
+  server.insert(server.end(), shared.begin(), shared.end());
+  local.insert(local.end(), shared.begin(), shared.end());
+  start(server);
+  start(local);
+}
+
+}  // namespace zk::loopback
