@@ -1,0 +1,76 @@
+// kqueue, level-triggered: what was reported and is still readable goes to the end of the system's
+// list, which is what gives descriptors their turns.
+
+#include "Platform/Poller.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/event.h>
+
+namespace zk {
+namespace {
+
+constexpr int maxEvents = 64;
+
+// The one event of wake(). Its numbers are not those of descriptors.
+constexpr std::uintptr_t wakeUpEvent = 0;
+
+bool change(int queue, std::uintptr_t which, int filter, int flags, unsigned filterFlags = 0) {
+  struct kevent event {};
+  EV_SET(&event, which, static_cast<std::int16_t>(filter), static_cast<std::uint16_t>(flags),
+         filterFlags, 0, nullptr);
+  return kevent(queue, &event, 1, nullptr, 0, nullptr) == 0;
+}
+
+[[noreturn]] void fail(const char* call) {
+  throw std::system_error(errno, std::generic_category(), call);
+}
+
+}  // namespace
+
+Poller::Poller() : poller_(kqueue()) {
+  if (!poller_) {
+    fail("kqueue");
+  }
+  fcntl(poller_.get(), F_SETFD, FD_CLOEXEC);
+  if (!change(poller_.get(), wakeUpEvent, EVFILT_USER, EV_ADD | EV_CLEAR)) {
+    fail("kevent");
+  }
+}
+
+void Poller::add(int descriptor) {
+  if (!change(poller_.get(), static_cast<std::uintptr_t>(descriptor), EVFILT_READ, EV_ADD)) {
+    fail("kevent");
+  }
+}
+
+void Poller::remove(int descriptor) {
+  change(poller_.get(), static_cast<std::uintptr_t>(descriptor), EVFILT_READ, EV_DELETE);
+}
+
+void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready) {
+  using std::chrono::seconds;
+  const auto whole = std::chrono::floor<seconds>(limit);
+  const timespec timeout{static_cast<time_t>(whole.count()),
+                         static_cast<long>((limit - whole).count())};
+  std::array<struct kevent, maxEvents> events;
+  const int count = kevent(poller_.get(), nullptr, 0, events.data(), maxEvents,
+                           limit.count() < 0 ? nullptr : &timeout);
+  ready.clear();
+  for (int i = 0; i < count; ++i) {
+    const struct kevent& event = events[static_cast<std::size_t>(i)];
+    if (event.filter == EVFILT_READ) {
+      ready.push_back(static_cast<int>(event.ident));
+    }
+  }
+}
+
+void Poller::wake() {
+  change(poller_.get(), wakeUpEvent, EVFILT_USER, 0, NOTE_TRIGGER);
+}
+
+}  // namespace zk
