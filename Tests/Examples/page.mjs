@@ -1,0 +1,110 @@
+// Opens the example page in headless Chromium, through the example parent, the daemon and a proxy.
+//
+//     node page.mjs FOLDER-OF-EXAMPLES DAEMON FAR-SIDE
+
+import { spawn } from 'node:child_process';
+import { existsSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { createInterface } from 'node:readline';
+import { pathToFileURL } from 'node:url';
+
+const [examples, daemon, farSide] = process.argv.slice(2);
+const patience = 20000;
+
+const browser = ['/usr/bin/chromium', '/usr/bin/google-chrome'].find(existsSync);
+if (!browser) {
+  console.log('skipped: chromium is not installed');
+  process.exit(0);
+}
+
+const folder = mkdtempSync(join(tmpdir(), 'zk-test-'));
+const children = [];
+const start = (program, parameters, options) => {
+  const child = spawn(program, parameters, { stdio: ['pipe', 'pipe', 'inherit'], ...options });
+  children.push(child);
+  return child;
+};
+const lineOf = (child) => new Promise((resolve, reject) => {
+  createInterface({ input: child.stdout }).once('line', resolve);
+  child.once('error', reject);
+  child.once('exit', (status) => reject(new Error(`${child.spawnfile} ended: ${status}`)));
+});
+
+// The DevTools protocol on two pipes: one JSON object each, with a zero behind it.
+function devTools(child) {
+  const waiting = new Map();
+  let number = 0;
+  let rest = '';
+  child.stdio[4].setEncoding('utf8').on('data', (text) => {
+    const messages = (rest + text).split('\0');
+    rest = messages.pop();
+    for (const { id, result, error } of messages.map((message) => JSON.parse(message))) {
+      error ? waiting.get(id)?.reject(new Error(error.message)) : waiting.get(id)?.resolve(result);
+    }
+  });
+  return (method, params = {}, sessionId = undefined) => new Promise((resolve, reject) => {
+    waiting.set(++number, { resolve, reject });
+    child.stdio[3].write(JSON.stringify({ id: number, method, params, sessionId }) + '\0');
+  });
+}
+
+// The text of the page once it has come to a result.
+async function visit(url) {
+  const chromium = start(browser, [
+    '--headless', '--remote-debugging-pipe', `--user-data-dir=${join(folder, 'profile')}`,
+    '--no-first-run', '--disable-gpu', '--disable-quic', '--disable-sync', '--disable-extensions',
+    '--disable-background-networking', '--disable-component-update', '--disable-default-apps',
+    '--host-resolver-rules=MAP * ~NOTFOUND',
+    // The far end's own address has to be one that the proxy can use.
+    '--disable-features=WebRtcHideLocalIpsWithMdns',
+    ...(process.getuid() === 0 ? ['--no-sandbox'] : []), 'about:blank',
+  ], { stdio: ['ignore', 'ignore', 'ignore', 'pipe', 'pipe'] });
+  const call = devTools(chromium);
+  const { targetId } = await call('Target.createTarget', { url });
+  const { sessionId } = await call('Target.attachToTarget', { targetId, flatten: true });
+  const evaluate = async (expression) =>
+    (await call('Runtime.evaluate', { expression }, sessionId)).result.value;
+  while (true) {
+    const result = await evaluate('document.querySelector("#result")?.textContent');
+    if (result && result !== 'connecting') {
+      return { result, log: await evaluate('document.querySelector("#log").textContent') };
+    }
+    await new Promise((resolve) => setTimeout(resolve, 50));
+  }
+}
+
+async function run() {
+  const { proxyPort, stun } = JSON.parse(await lineOf(start(farSide, [])));
+  const config = JSON.parse(readFileSync(join(examples, 'config.json'), 'utf8'));
+  config.proxy.port = proxyPort;
+  const configFile = join(folder, 'config.json');
+  writeFileSync(configFile, JSON.stringify(config));
+  const parent = start(process.execPath, [join(examples, 'parent.mjs'), configFile, daemon],
+                       { env: { ...process.env, ZK_STUN_IPS: stun } });
+  const port = (await lineOf(parent)).match(/turn:127\.0\.0\.1:(\d+)\?/)[1];
+  const url = pathToFileURL(join(examples, 'page.html'));
+  url.search = new URLSearchParams(
+    { port, username: config.username, credential: config.credential });
+  const { result, log } = await visit(url.href);
+  console.log(log + result);
+  const offered = log.match(/^near: candidate:.*/gm) ?? [];
+  const relayOnly = offered.length > 0 && offered.every((line) => line.includes(' typ relay '));
+  return result === 'connected' && relayOnly ? 0 : 1;
+}
+
+const finish = (status) => {
+  for (const child of children) {
+    child.kill('SIGKILL');
+  }
+  rmSync(folder, { recursive: true, force: true, maxRetries: 10 });
+  process.exit(status);
+};
+setTimeout(() => {
+  console.log('no result in time');
+  finish(1);
+}, patience).unref();
+run().then(finish, (error) => {
+  console.log(error);
+  finish(1);
+});
