@@ -1,3 +1,4 @@
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <future>
@@ -20,6 +21,7 @@
 namespace {
 std::promise<void> resolverSpeaks;
 const std::shared_future<void> resolverSpeaking = resolverSpeaks.get_future().share();
+std::atomic<int> waitForResolver{0};  // threads, which must be gone before the promise is
 }  // namespace
 
 // The system's resolver, with some names of the tests' own. None is looked up anywhere else.
@@ -30,7 +32,9 @@ extern "C" int getaddrinfo(const char* host, const char* port, const addrinfo* h
   const std::string_view name = host;
   const bool mayLookUp = (hints->ai_flags & AI_NUMERICHOST) == 0;
   if (mayLookUp && name == "silent.test") {
+    ++waitForResolver;
     resolverSpeaking.wait();
+    --waitForResolver;
   }
   if (mayLookUp && name == "two.test") {  // nobody listens at the first
     addrinfo* second = nullptr;
@@ -359,6 +363,7 @@ TEST(SOCKS5Control, EndsEveryWaitWhenItIsStopped) {
   resolverSpeaks.set_value();
   EXPECT_TRUE(test::eventually(
       [&] { return failureOf([&] { oneMore.connect(); }).find("too many") == std::string::npos; }));
+  EXPECT_TRUE(test::eventually([] { return waitForResolver == 0; }));
 }
 
 TEST(SOCKS5Control, PutsTogetherAnswersThatComeInPieces) {
