@@ -34,8 +34,6 @@ class PrivateNetwork {
     return reachable ? run("ip link set dead down; ip addr add " + address)  // frees what waits
                      : run("ip link set dead up && ip addr del " + address);
   }
-  /// Has everything that is not here go to that host.
-  static bool setDefaultRoute() { return run(std::string("ip route add default via ") + host); }
 
  private:
   static bool run(const std::string& script) {

@@ -67,9 +67,6 @@ Pipe openPipe();
 /// socket(), close-on-exec. -1 and errno on failure.
 int openSocket(int family, int type, int protocol);
 
-/// An IPv4 UDP socket, close-on-exec. -1 and errno on failure.
-int openUDPSocket();
-
 /// bind(). Whether it succeeded; errno when not.
 bool bindSocket(int socket, const sockaddr_in& address);
 
@@ -79,16 +76,10 @@ sockaddr_in localAddress(int socket);
 /// The index of the interface of that name, 0 when there is none.
 unsigned interfaceIndex(const std::string& name);
 
-/// One datagram out. Octets sent, or -1 and errno. Repeats a call that a signal interrupted.
-std::ptrdiff_t sendDatagram(int socket, ByteView datagram, const sockaddr_in& to);
-
 /// One datagram in, cut at the size of `into`, and whom it came from. Octets received; absent when
 /// none waits in a socket that does not block. Throws std::system_error.
 std::optional<std::size_t> receiveDatagram(int socket, std::span<std::uint8_t> into,
                                            sockaddr_in& from);
-
-/// Ends reception and transmission; a thread blocked in a receive on it comes back.
-void shutdownSocket(int socket);
 
 void closeSocket(int socket);
 

@@ -73,10 +73,6 @@ bool connectSocket(int socket, const sockaddr& to, Deadline deadline, const Stop
   return true;
 }
 
-int openUDPSocket() {
-  return openSocket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-}
-
 bool bindSocket(int socket, const sockaddr_in& address) {
   return bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
@@ -90,15 +86,6 @@ sockaddr_in localAddress(int socket) {
 
 unsigned interfaceIndex(const std::string& name) {
   return if_nametoindex(name.c_str());
-}
-
-std::ptrdiff_t sendDatagram(int socket, ByteView datagram, const sockaddr_in& to) {
-  ssize_t sent = 0;
-  do {
-    sent = sendto(socket, datagram.data(), datagram.size(), sendFlags,
-                  reinterpret_cast<const sockaddr*>(&to), sizeof to);
-  } while (sent < 0 && errno == EINTR);
-  return sent;
 }
 
 std::optional<std::size_t> receiveDatagram(int socket, std::span<std::uint8_t> into,
@@ -117,10 +104,6 @@ std::optional<std::size_t> receiveDatagram(int socket, std::span<std::uint8_t> i
       throw std::system_error(errno, std::generic_category(), "recvfrom");
     }
   }
-}
-
-void shutdownSocket(int socket) {
-  shutdown(socket, SHUT_RDWR);
 }
 
 void closeSocket(int socket) {
