@@ -55,6 +55,10 @@ bool pinToInterface(int socket, int family, unsigned interfaceIndex);
 /// with 0 of them it asks no more.
 void keepAlive(int socket, std::chrono::seconds idle, std::chrono::seconds interval, int probes);
 
+/// Whether the system throws away, and so does not acknowledge, what arrives for a TCP connection
+/// from beyond a router. The far end sends it again.
+void ignoreDistant(int socket, bool isIgnored);
+
 /// A pipe, close-on-exec. Throws std::system_error.
 struct Pipe {
   Descriptor reader;

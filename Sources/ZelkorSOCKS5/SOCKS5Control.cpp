@@ -241,10 +241,13 @@ sockaddr_in SOCKS5Control::relayAddress(std::uint8_t addressType, const std::str
   return address;
 }
 
-void SOCKS5Control::watchAlive(bool isWatched) {
-  if (stream_) {
-    keepAlive(stream_->descriptor(), aliveIdle, aliveInterval, isWatched ? aliveProbes : 0);
-  }
+void SOCKS5Control::watchAlive() {
+  keepAlive(descriptor(), aliveIdle, aliveInterval, aliveProbes);
+}
+
+void SOCKS5Control::setQuiet(bool isQuiet) {
+  keepAlive(descriptor(), aliveIdle, aliveInterval, isQuiet ? 0 : aliveProbes);
+  ignoreDistant(descriptor(), isQuiet);
 }
 
 std::optional<std::string> SOCKS5Control::takeEnd() {

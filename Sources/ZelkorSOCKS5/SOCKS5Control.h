@@ -58,7 +58,10 @@ class SOCKS5Control {
   std::optional<unsigned> pinnedInterface() const { return pinnedInterface_; }
 
   /// Once the association is made: has the system notice a proxy that is gone without a word.
-  void watchAlive(bool isWatched = true);
+  void watchAlive();
+  /// While there is no way to the proxy: nothing is sent on the connection, no acknowledgement
+  /// either.
+  void setQuiet(bool isQuiet);
   /// The connection's socket, readable when takeEnd() has something to say. -1 without one.
   int descriptor() const { return stream_ ? stream_->descriptor() : -1; }
   /// Why the connection has ended; absent while it lives. Never blocks. What the proxy says on it

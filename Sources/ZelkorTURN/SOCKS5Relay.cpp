@@ -91,7 +91,7 @@ void SOCKS5Relay::receive(const RelayLoop& loop, RelayListener& listener) {
 void SOCKS5Relay::onRouteChange(const RouteCheck& hasRoute) {
   const bool isCutOff = interface_ && !hasRoute(*interface_, relayAddr_);
   if (std::exchange(isCutOff_, isCutOff) != isCutOff) {
-    control_->watchAlive(!isCutOff);
+    control_->setQuiet(isCutOff);
     logLine(settings_->dataPlaneLog,
             FMT_COMPILE("SEND fd={} {}: the interface has {} to the proxy"), socket_.descriptor(),
             isCutOff ? "stops" : "goes on", isCutOff ? "no route" : "a route");

@@ -3,6 +3,7 @@
 #include <system_error>
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -39,6 +40,13 @@ void keepAlive(int socket, std::chrono::seconds idle, std::chrono::seconds inter
   set(IPPROTO_TCP, TCP_KEEPINTVL, static_cast<int>(interval.count()));
   set(IPPROTO_TCP, TCP_KEEPCNT, probes);
   set(SOL_SOCKET, SO_KEEPALIVE, probes > 0 ? 1 : 0);
+}
+
+// What has crossed a router has lost one of its hops, of which there are 255 at most (RFC 5082).
+void ignoreDistant(int socket, bool isIgnored) {
+  const int leastHops = isIgnored ? 255 : 0;
+  setsockopt(socket, IPPROTO_IP, IP_MINTTL, &leastHops, sizeof leastHops);
+  setsockopt(socket, IPPROTO_IPV6, IPV6_MINHOPCOUNT, &leastHops, sizeof leastHops);
 }
 
 Pipe openPipe() {

@@ -52,6 +52,9 @@ void keepAlive(int socket, std::chrono::seconds idle, std::chrono::seconds inter
   setOption(socket, SOL_SOCKET, SO_KEEPALIVE, probes > 0 ? 1 : 0);
 }
 
+// There is no such option, nor a need for it: see README.md.
+void ignoreDistant(int /*socket*/, bool /*isIgnored*/) {}
+
 Pipe openPipe() {
   std::array<int, 2> ends{};
   if (pipe(ends.data()) != 0) {
