@@ -1,12 +1,9 @@
 #pragma once
 
-#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -42,18 +39,10 @@ inline std::string textOf(ByteView bytes) {
   return {bytes.begin(), bytes.end()};
 }
 
-/// Whether `text` begins like `shape`, in which # stands for a digit and all else for itself.
-inline bool beginsLike(std::string_view text, std::string_view shape) {
-  return text.size() >= shape.size() &&
-         std::equal(shape.begin(), shape.end(), text.begin(), [](char wanted, char found) {
-           return wanted == '#' ? found >= '0' && found <= '9' : found == wanted;
-         });
-}
-
-/// Looks until `condition` holds or five seconds have passed. Whether it held.
+/// Looks until `condition` holds or ten seconds have passed. Whether it held.
 template <typename Condition>
 bool eventually(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) {
       return false;
@@ -72,54 +61,6 @@ class Stopwatch {
 
  private:
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-};
-
-/// A folder of the test's own, gone with it.
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "zk-test-XXXXXX").string();
-    path_ = ::mkdtemp(name.data());
-  }
-  ~TemporaryFolder() { std::filesystem::remove_all(path_); }
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-
- private:
-  std::filesystem::path path_;
-};
-
-inline std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-inline void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary) << content;
-}
-
-/// What is appended, from now on, to a log that other processes write to as well.
-class LogTail {
- public:
-  explicit LogTail(std::string path) : path_(std::move(path)), from_(size()) {}
-  std::string text() const {
-    std::ifstream file(path_, std::ios::binary);
-    file.seekg(static_cast<std::streamoff>(size() < from_ ? 0 : from_));  // 0: a new file by now
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-  bool has(const std::string& piece) const { return text().find(piece) != std::string::npos; }
-
- private:
-  std::uintmax_t size() const {
-    std::error_code none;
-    const auto octets = std::filesystem::file_size(path_, none);
-    return none ? 0 : octets;
-  }
-
-  const std::string path_;
-  const std::uintmax_t from_;
 };
 
 /// An environment variable for as long as this lives. Not while other threads run.

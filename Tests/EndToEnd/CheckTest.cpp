@@ -131,7 +131,7 @@ TEST(Check, RemarksOnWhatIsLessThanItShouldBe) {
   const STUNResponder other(STUNScript{.mappedIP = egressIP, .mappedPort = 40001});
   SOCKS5Server proxy;
   std::thread forgetting([&] {
-    becomesTrue([&] { return other.requests() > 0; });
+    eventually([&] { return other.requests() > 0; });
     proxy.closeControlConnections();
   });
   const Result result = check(proxy.port(), {"--stun", stun.target(), "--stun", other.target(),

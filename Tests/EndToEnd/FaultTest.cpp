@@ -62,7 +62,7 @@ void expectRefusedAndHarmless(const Fault& fault) {
     std::this_thread::sleep_for(milliseconds(10));
   } while (!isRefused);
   opening.join();
-  EXPECT_TRUE(becomesTrue([&] {
+  EXPECT_TRUE(eventually([&] {
     return rig->daemon.descriptorCount() == descriptors && rig->daemon.threadCount() == threads;
   }));
 
@@ -208,7 +208,7 @@ TEST_F(FaultLogTest, ARelayThatSendsNonsense) {
 TEST(FaultTest, AnEgressAddressThatCannotBeFound) {
   const auto rig = Rig::ready({}, {.answer = STUNScript::Answer::silence});
   EXPECT_EQ(rig->client()->allocate().errorCode(), 500) << "fails closed or not at all";
-  EXPECT_TRUE(becomesTrue([&] { return rig->proxy.counts().openAssociations == 0; }));
+  EXPECT_TRUE(eventually([&] { return rig->proxy.counts().openAssociations == 0; }));
 }
 
 }  // namespace

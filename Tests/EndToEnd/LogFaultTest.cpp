@@ -33,7 +33,7 @@ void expectService(Rig& rig, std::size_t payload = 5) {
 }
 
 bool willContain(const char* log, const std::string& text, std::size_t times = 1) {
-  return becomesTrue([&] { return count(contentOf(log), text) >= times; });
+  return eventually([&] { return count(contentOf(log), text) >= times; });
 }
 
 TEST_F(LogFaultTest, NewLinesFollowOldOnesAndBearTheirTime) {
@@ -75,7 +75,7 @@ TEST_F(LogFaultTest, AFullDiskCostsLinesOnly) {
   EXPECT_LE(fs::file_size(dataPlaneLog), size + 4096) << "the disk was not full";
   fs::remove("/tmp/filler");
   expectService(*rig);
-  EXPECT_TRUE(becomesTrue([&] { return fs::file_size(dataPlaneLog) > size + 1000; }));
+  EXPECT_TRUE(eventually([&] { return fs::file_size(dataPlaneLog) > size + 1000; }));
   EXPECT_TRUE(rig->stops());
 }
 

@@ -202,7 +202,7 @@ TEST_F(NetworkLabTest, NotOnePacketOfACallLeavesHomeForAnybodyButTheProxy) {
     ASSERT_TRUE(echoes(*client, *peer, payload, 0x4000)) << "round " << round;
   }
   // Nothing comes back that would tell that the last one has arrived.
-  EXPECT_TRUE(becomesTrue([&] { return silent->received() == rounds; })) << silent->received();
+  EXPECT_TRUE(eventually([&] { return silent->received() == rounds; })) << silent->received();
   EXPECT_TRUE(client->refresh(0).success());
   end();
 
@@ -225,7 +225,7 @@ TEST_F(NetworkLabTest, OneStrayPacketOnEitherLinkIsNoticed) {
   });
   const Traffic strays{"UDP to 198.51.100.11 by vpn", "UDP to 198.51.100.12 by wire"};
   Traffic seen;
-  EXPECT_TRUE(becomesTrue([&] { return (seen = both(seen, traffic())) == strays; }));
+  EXPECT_TRUE(eventually([&] { return (seen = both(seen, traffic())) == strays; }));
 }
 
 TEST_F(NetworkLabTest, AClientOfARestartedProxyIsToldToAllocateAnewAndServed) {
@@ -238,7 +238,7 @@ TEST_F(NetworkLabTest, AClientOfARestartedProxyIsToldToAllocateAnewAndServed) {
   NetworkLab::restartProxy();
   const auto begin = Clock::now();
   int code = 0;
-  EXPECT_TRUE(becomesTrue([&] { return (code = client->refresh({}).errorCode()) != 0; }));
+  EXPECT_TRUE(eventually([&] { return (code = client->refresh({}).errorCode()) != 0; }));
   EXPECT_EQ(code, 437);
   EXPECT_GE(Clock::now() - begin, milliseconds(4'000)) << "it has not been silent for 5 seconds";
   EXPECT_TRUE(client->allocate().success()) << "the same client";

@@ -18,10 +18,12 @@
 
 #include "Loopback/DaemonProcess.h"
 #include "Loopback/EchoPeer.h"
+#include "Loopback/PrivateTmp.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
 #include "Loopback/Scratch.h"
 #include "Loopback/TURNClient.h"
+#include "Support.h"
 
 namespace zk::test {
 
@@ -48,19 +50,6 @@ inline constexpr const char* egressIP = "203.0.113.9";
 inline Bytes bytes(std::string_view text) {
   const ByteView view = bytesOf(text);
   return {view.begin(), view.end()};
-}
-
-/// Whether `condition` holds before patience ends.
-template <typename Condition>
-bool becomesTrue(const Condition& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + patience;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(milliseconds(5));
-  }
-  return true;
 }
 
 /// The program under test, by a descriptor: its path may be hidden by a mount.

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <fstream>
 #include <thread>
 #include <vector>
 
@@ -6,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "Loopback/Scratch.h"
 #include "Platform/LogCallback.h"
 #include "Platform/LogWriter.h"
 #include "Support.h"
@@ -14,7 +16,8 @@ namespace zk {
 namespace {
 
 using namespace std::chrono_literals;
-using test::contentOf;
+using loopback::contentOf;
+using loopback::TemporaryFolder;
 namespace fs = std::filesystem;
 
 TEST(LogLine, HoldsNoControlCharactersOfStrangers) {
@@ -35,9 +38,8 @@ TEST(LogLine, HoldsNoControlCharactersOfStrangers) {
 }
 
 TEST(LogWriter, HasEveryLineInItsFileSoonAndInOrder) {
-  const test::TemporaryFolder folder;
-  const std::string paths[] = {folder / "a", folder / "b"};
-  test::writeFile(paths[0], "before\n");
+  const TemporaryFolder folder;
+  const std::string paths[] = {folder.write("a", "before\n"), folder.path() / "b"};
   LogWriter writer("zk.test.log");
   writer.open(paths[0].c_str());
   writer.open(paths[1].c_str());
@@ -71,8 +73,8 @@ TEST(LogWriter, HasEveryLineInItsFileSoonAndInOrder) {
 
 // Faster than any disk, as the writer gathers for some milliseconds before it even begins.
 TEST(LogWriter, CountsTheLinesForWhichThereIsNoRoom) {
-  const test::TemporaryFolder folder;
-  const std::string path = folder / "log";
+  const TemporaryFolder folder;
+  const std::string path = folder.path() / "log";
   constexpr std::size_t fits = LogWriter::maxPending / 512;
   std::string lines;
   for (std::size_t i = 0; i < fits; ++i) {
@@ -103,10 +105,9 @@ TEST(LogWriter, CountsTheLinesForWhichThereIsNoRoom) {
 // Two daemons at once: neither loses the other's lines, nor puts a young file in the place of the
 // one before.
 TEST(LogFile, BeginsAnewAtItsLargestSizeWhoeverElseWrites) {
-  const test::TemporaryFolder folder;
-  const std::string path = folder / "log";
-  test::writeFile(path, "");
-  test::writeFile(path + ".1", "the one before");
+  const TemporaryFolder folder;
+  const std::string path = folder.write("log", "");
+  folder.write("log.1", "the one before");
   fs::resize_file(path, LogFile::maxSize - 8);  // takes no disk
   LogFile one(path.c_str(), {});
   LogFile other(path.c_str(), {});

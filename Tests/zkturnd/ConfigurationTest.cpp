@@ -1,10 +1,7 @@
 #include <cstdint>
-#include <thread>
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include "zkturnd/Configuration.h"
 #include "zkturnd/StatusOutput.h"
@@ -131,38 +128,10 @@ TEST(DecodeConfig, LeavesNumbersOfAnySizeToThoseWhoReadThem) {
   }
 }
 
-// Standard input that somebody made non-blocking, and a line that comes in pieces.
-TEST(ReadConfigDeathTest, WaitsForTheWholeLine) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto readFromPipe = [] {
-    int ends[2];
-    if (pipe(ends) != 0 || fcntl(ends[0], F_SETFL, O_NONBLOCK) != 0 || dup2(ends[0], 0) != 0) {
-      _exit(2);
-    }
-    std::thread([&] {
-      for (const std::string& piece : {good.substr(0, 9), good.substr(9), std::string("\r\n{")}) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        [[maybe_unused]] const auto written = write(ends[1], piece.data(), piece.size());
-      }
-    }).detach();
-    _exit(readConfig().credential == "my-credential" ? 0 : 3);
-  };
-  EXPECT_EXIT(readFromPipe(), testing::ExitedWithCode(0), "");
-}
-
 TEST(StatusOutput, LinesAreExactAndEscapeThreeCharacters) {
   EXPECT_EQ(readyLine(65535), "{\"port\":65535,\"status\":\"ready\"}\n");
   EXPECT_EQ(errorLine("\"\n\\ tab\tcr\rbell\a \u00E9 /"),
             "{\"status\":\"error\",\"message\":\"\\\"\\n\\\\ tab\tcr\rbell\a \u00E9 /\"}\n");
-}
-
-TEST(StatusOutputDeathTest, FailWithWritesTheLineAndEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto failOnStandardError = [] {
-    dup2(STDERR_FILENO, STDOUT_FILENO);
-    failWith("broken");
-  };
-  EXPECT_EXIT(failOnStandardError(), testing::ExitedWithCode(1), "\"message\":\"broken\"");
 }
 
 }  // namespace

@@ -3,9 +3,7 @@
 #include <fstream>
 #include <sstream>
 
-#include <sched.h>
 #include <stdlib.h>
-#include <sys/mount.h>
 
 namespace zk::loopback {
 
@@ -30,19 +28,6 @@ std::string TemporaryFolder::script(const std::string& text) const {
   const std::string file = write("start", "#!/bin/bash\n" + text + "\n");
   fs::permissions(file, fs::perms::owner_all);
   return file;
-}
-
-PrivateTmp::PrivateTmp(int kilobytes) {
-  const std::string size = "size=" + std::to_string(kilobytes) + "k";
-  mounted_ = unshare(CLONE_NEWNS) == 0 &&
-             mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-             mount("tmpfs", "/tmp", "tmpfs", 0, size.c_str()) == 0;
-}
-
-PrivateTmp::~PrivateTmp() {
-  if (mounted_) {
-    umount2("/tmp", MNT_DETACH);
-  }
 }
 
 std::string contentOf(const fs::path& file) {

@@ -16,9 +16,9 @@
 #include "Loopback/DaemonProcess.h"
 #include "Loopback/EchoPeer.h"
 #include "Loopback/Load.h"
+#include "Loopback/PrivateTmp.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
-#include "Loopback/Scratch.h"
 #include "Loopback/TURNClient.h"
 
 namespace zk::soak {

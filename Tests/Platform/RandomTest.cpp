@@ -1,37 +1,13 @@
 #include <cerrno>
-#include <filesystem>
 #include <numeric>
-#include <stdexcept>
 
 #include <gtest/gtest.h>
 
-#include "Platform/Crypto.h"
+#include "Platform/Bytes.h"
 #include "Platform/Random.h"
-#include "Support.h"
 
 namespace zk {
 namespace {
-
-TEST(CryptoDeathTest, SaysAtTheStartWhenThereAreNoDigests) {
-  EXPECT_NO_THROW(requireDigests());
-  if (std::filesystem::exists("/System/Library")) {
-    GTEST_SKIP() << "the system's own library is not configured";
-  }
-  const test::TemporaryFolder folder;
-  test::writeFile(folder / "none.cnf",
-                  "openssl_conf = all\n[all]\nproviders = some\n[some]\nnull = on\n"
-                  "[on]\nactivate = 1\n");
-  const test::Environment configured("OPENSSL_CONF", folder / "none.cnf");
-  GTEST_FLAG_SET(death_test_style, "threadsafe");  // in a process where nothing is loaded yet
-  const auto start = [] {
-    try {
-      requireDigests();
-    } catch (const std::runtime_error&) {
-      _exit(3);
-    }
-  };
-  EXPECT_EXIT(start(), testing::ExitedWithCode(3), "");
-}
 
 int asked = 0;
 
