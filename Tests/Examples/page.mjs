@@ -3,7 +3,8 @@
 //     node page.mjs FOLDER-OF-EXAMPLES DAEMON FAR-SIDE
 
 import { spawn } from 'node:child_process';
-import { existsSync, mkdtempSync, readFileSync, rmSync, writeFileSync } from 'node:fs';
+import { existsSync, mkdtempSync, readFileSync, writeFileSync } from 'node:fs';
+import { rm } from 'node:fs/promises';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { createInterface } from 'node:readline';
@@ -93,11 +94,12 @@ async function run() {
   return result === 'connected' && relayOnly ? 0 : 1;
 }
 
-const finish = (status) => {
+const finish = async (status) => {
   for (const child of children) {
     child.kill('SIGKILL');
   }
-  rmSync(folder, { recursive: true, force: true, maxRetries: 10 });
+  // The browser's processes write for a moment longer than it lives.
+  await rm(folder, { recursive: true, force: true, maxRetries: 10, retryDelay: 50 });
   process.exit(status);
 };
 setTimeout(() => {
