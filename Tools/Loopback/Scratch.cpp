@@ -3,7 +3,7 @@
 #include <fstream>
 #include <sstream>
 
-#include <stdlib.h>
+#include <unistd.h>
 
 namespace zk::loopback {
 
