@@ -283,7 +283,6 @@ struct Scenario {
   const char* name;
   std::vector<Step> steps;
   FarSide far{};
-  const char* needs = nullptr;       // a kind of link that the kernel may not have
   std::vector<std::string> log{};    // what stands in it
   const char* viaDefault = nullptr;  // ZK_EGRESS_VIA_DEFAULT
 };
@@ -296,9 +295,6 @@ class ScenarioTest : public NetworkLabTest, public testing::WithParamInterface<S
 
 TEST_P(ScenarioTest, CallsTakeTheRightWay) {
   const Scenario& scenario = GetParam();
-  if (scenario.needs != nullptr && !NetworkLab::hasLinks(scenario.needs)) {
-    GTEST_SKIP() << "this kernel has no links of the kind " << scenario.needs;
-  }
   const std::string asked = "ARP to 10.2.0.2 by wire";
   Traffic expected;
   for (const Step& step : scenario.steps) {
@@ -338,11 +334,6 @@ TEST_P(ScenarioTest, CallsTakeTheRightWay) {
   EXPECT_EQ(rest, expected) << "at the end";
 }
 
-std::string addressOn(const std::string& link) {
-  return "link home lan0 none router wire 10.1.0.1\n" + link +
-         "\nroute default via 10.1.0.1 metric 100\n" + vpn;
-}
-
 const std::string udpByVPN = "UDP to 10.2.0.2 by vpn";
 const std::string noEgress =
     "relay OPEN en0 failed (TCP connect to proxy failed: egress probe failed";
@@ -353,18 +344,15 @@ const Scenario scenarios[] = {
      {{wireAndVPN + "onWire ipproto udp blackhole", both(by("wire"), {udpByVPN})},
       {"", {udpByVPN}, Step::none}},
      {},
-     nullptr,
      {noEgress, "relay OPEN ok (via-default) ip=203.0.113.2 "}},
     {"TheWireIsCutAndNothingSaysToLeaveIt",
      {{wireAndVPN + "onWire blackhole", {"TCP to 10.2.0.2 by wire"}, Step::fails}},
      {},
-     nullptr,
      {"relay OPEN en0 failed (" + noAnswer + ")", "relay OPEN FAILED both rungs: " + noAnswer}},
     // The first rung's datagrams are pinned all the same.
     {"TheWireIsCutAndTheEnvironmentSaysToLeaveIt",
      {{wireAndVPN + "onWire blackhole", both(by("vpn"), {"UDP to 10.2.0.2 by wire"})}},
      {},
-     nullptr,
      {noEgress, "relay OPEN ok (via-default) ip=203.0.113.2 "},
      "1"},
     {"AVPNTakesTheDefaultRouteInThreeWays",
@@ -402,32 +390,6 @@ const Scenario scenarios[] = {
        both(by("wire"), {udpByVPN})}}},
     {"TheFirstWireHasNoRoute",
      {{"link home lan0 10.1.0.2 router wire 10.1.0.1\n" + secondWire + vpn, by("wire2")}}},
-    // Containers are in another bridge, which comes first. This one's port is no veth, of which
-    // bridges for containers are made.
-    {"TheAddressIsOnABridge",
-     {{addressOn(containers + R"(
-          ip -n home link add link lan0 name port0 type macvlan mode passthru
-          ip -n home link set port0 up; bridge br0 10.1.0.2 port0)"),
-       by("wire")}}},
-    {"TheAddressIsOnAMacvlan",
-     {{addressOn("ip -n home link add link lan0 name mac0 type macvlan; end home mac0 10.1.0.2"),
-       by("wire")}},
-     {},
-     "macvlan"},
-    {"TheAddressIsOnABond",
-     {{addressOn(R"(ip -n home link add bond0 type bond mode active-backup
-          ip -n home link set lan0 down; ip -n home link set lan0 master bond0
-          end home bond0 10.1.0.2)"),
-       by("wire")}},
-     {},
-     "bond"},
-    {"TheAddressIsOnAVLAN",
-     {{addressOn(R"(ip -n router addr del 10.1.0.1/24 dev wire
-          ip -n router link add link wire name wire.5 type vlan id 5; end router wire.5 10.1.0.1
-          ip -n home link add link lan0 name lan0.5 type vlan id 5; end home lan0.5 10.1.0.2)"),
-       by("wire")}},
-     {},
-     "vlan"},
     {"TheProxyIsInAContainer",
      {{wireAndVPN + containers, {}}},
      {"container", "172.17.0.2", "172.17.0.2"}},

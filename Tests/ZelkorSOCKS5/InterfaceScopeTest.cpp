@@ -52,6 +52,10 @@ on() {  # NAME ADDRESS: what is stacked on a cable
   ip link set $1 up; ip addr add $2/24 dev $1
 }
 route() { ip route add "$@"; }
+links() {  # KIND: some kernels have none of it; other kinds want more than a name
+  ! LC_ALL=C ip link add try type $1 2>&1 | grep -q "Unknown device type" || exit 77
+  ip link del try || :
+}
 usual() { wire lan0 10.1.0.2; route default via 10.1.0.1; }
 vpn() { ip tuntap add vpn mode tun; ip link set vpn up; ip addr add 10.8.0.2/24 dev vpn; }
 )";
@@ -98,6 +102,12 @@ const Case cases[] = {
     {"wire lan0; ip link add link lan0 name up0 type macvlan; on up0 10.1.0.2; "
      "route default via 10.1.0.1",
      anywhere, "up0"},
+    {"links vlan; wire lan0; ip link add link lan0 name up0 type vlan id 5; on up0 10.1.0.2; "
+     "route default via 10.1.0.1",
+     anywhere, "up0"},
+    {"links bond; wire lan0; ip link add up0 type bond mode active-backup; ip link set lan0 down; "
+     "ip link set lan0 master up0; on up0 10.1.0.2; route default via 10.1.0.1",
+     anywhere, "up0"},
     {"wire lan0; ip link add link lan0 name port type macvlan mode passthru; "
      "ip link add br0 type bridge; ip link set port master br0 up; on br0 10.1.0.2; "
      "route default via 10.1.0.1",
@@ -121,7 +131,11 @@ TEST(InterfaceScope, ChoosesTheInterfaceThatTheDestinationCallsFor) {
     std::thread([&c] {
       SCOPED_TRACE(std::string(c.machine) + " to " + c.destination);
       ASSERT_TRUE(test::enterNewNetwork());
-      ASSERT_EQ(std::system((std::string(vocabulary) + c.machine).c_str()), 0);
+      const int status = std::system((std::string(vocabulary) + c.machine).c_str());
+      if (WEXITSTATUS(status) == 77) {
+        return;
+      }
+      ASSERT_EQ(status, 0);
       sockaddr_storage destination{};
       auto& ipv4 = reinterpret_cast<sockaddr_in&>(destination);
       auto& ipv6 = reinterpret_cast<sockaddr_in6&>(destination);

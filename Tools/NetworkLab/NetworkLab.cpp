@@ -279,12 +279,6 @@ void NetworkLab::change(const std::string& script) {
   run(std::string(vocabulary) + script);
 }
 
-bool NetworkLab::hasLinks(const std::string& kind) {
-  // Some kinds want more than a name, and refuse with another text.
-  return std::system(("! ip link add zk0 type " + kind + " 2>&1 | grep -q 'Unknown device type'")
-                         .c_str()) == 0;
-}
-
 void NetworkLab::restartProxy() {
   stopProxy();
   run(startProxy);

@@ -49,9 +49,6 @@ class NetworkLab {
   /// Changes the network, in shell and with the same vocabulary.
   static void change(const std::string& script);
 
-  /// Whether the kernel can make links of that kind: "bond", "macvlan".
-  static bool hasLinks(const std::string& kind);
-
   /// Ends the proxy, and with it all associations, and starts it anew.
   static void restartProxy();
 
