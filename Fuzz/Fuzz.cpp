@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <fstream>
 
+#include <fmt/format.h>
+
 namespace zk::fuzz {
 
 void require(bool holds, const char* property) {
@@ -24,22 +26,8 @@ std::uint8_t Input::octet() {
   return taken.empty() ? std::uint8_t{0} : taken[0];
 }
 
-AttributeWalk::AttributeWalk(ByteView datagram, std::size_t from, std::size_t end) {
-  while (from + 4 <= end) {
-    const std::size_t length = datagram[from + 2] * 256U + datagram[from + 3];
-    isWellFormed = from + 4 + length <= end;
-    if (!isWellFormed) {
-      return;
-    }
-    places.push_back({from, readUInt16(datagram, from), datagram.subspan(from + 4, length)});
-    from += 4 + (length + 3) / 4 * 4;
-  }
-}
-
 std::string dottedQuad(ByteView octets) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%d.%d.%d.%d", octets[0], octets[1], octets[2], octets[3]);
-  return text;
+  return fmt::format("{}", fmt::join(octets.begin(), octets.end(), "."));
 }
 
 namespace {

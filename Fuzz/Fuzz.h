@@ -33,19 +33,6 @@ class Input {
   ByteView rest_;
 };
 
-/// The attributes between two offsets of a datagram (RFC 5389 section 15), read independently of
-/// the product, up to the first one that does not fit.
-struct AttributeWalk {
-  struct Place {
-    std::size_t at;
-    std::uint16_t type;
-    ByteView value;
-  };
-  AttributeWalk(ByteView datagram, std::size_t from, std::size_t end);
-  std::vector<Place> places;
-  bool isWellFormed = true;
-};
-
 /// "a.b.c.d"
 std::string dottedQuad(ByteView octets);
 

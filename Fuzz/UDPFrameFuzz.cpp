@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <sstream>
 
+#include <fmt/format.h>
+
 #include "Fuzz.h"
 #include "Platform/IPv4.h"
 #include "Platform/UTF8.h"
@@ -26,19 +28,12 @@ Bytes lenientOctets(std::string_view text) {
 }
 
 std::string addressText(std::uint8_t type, ByteView address) {
-  if (type == 1) {
-    return dottedQuad(address);
-  }
   if (type == 3) {
     const std::string text(textOf(address));
     return repairedUTF8(text) == text ? text : "";
   }
-  std::string pairs;
-  for (const std::uint8_t octet : address) {
-    constexpr std::string_view digits = "0123456789abcdef";
-    pairs += {digits[octet >> 4], digits[octet & 15], ':'};
-  }
-  return pairs.substr(0, 47);
+  return type == 1 ? dottedQuad(address)
+                   : fmt::format("{:02x}", fmt::join(address.begin(), address.end(), ":"));
 }
 
 void checkUnwrap(ByteView datagram) {
