@@ -115,6 +115,7 @@ std::vector<Bytes> seeds() {
       {{"127.0.0.1", 1080, "proxy user", "p\"ass\\"}, "zk.example", "\xC3\xA9lise", "cr\ned", {}});
   std::vector<std::string> lines{good.dump(),
                                  good.dump() + " x",
+                                 good.dump() + '\0',
                                  "[]",
                                  "{\"proxy\":[\x01\x01[",
                                  "{\"realm\":\"\x01\x50r\",\"proxy\":{\"port\":1e99}}",

@@ -196,8 +196,8 @@ void run(ByteView bytes) {
 std::vector<Bytes> seeds() {
   // The first octet chooses credentials: none, good ones, those that just fit, one that is too
   // long, a user name alone; and good ones when silence is not put off.
-  std::vector<Bytes> all;
-  for (const std::uint8_t choice : std::to_array<std::uint8_t>({0, 12, 18, 22, 2, 237})) {
+  std::vector<Bytes> all{{237, 5}};
+  for (const std::uint8_t choice : std::to_array<std::uint8_t>({0, 12, 18, 22, 2})) {
     for (const Bytes& login : {Bytes{5}, Bytes{4, 0}, Bytes{5, 0xFF}, Bytes{5, 0},
                                Bytes{5, 2, 1, 0}, Bytes{5, 2, 1, 1}}) {
       for (const Bytes& reply :

@@ -1,7 +1,7 @@
 // Loop, table and openings together, on a clock that the input moves: datagrams of four clients and
-// of their peers, openings that succeed, fail or linger while everything else goes on. The harness
-// turns the loop itself. It keeps a model of what RFC 5766 calls for, apart from how the server
-// does it: who is owed which answers and datagrams in which order, and who has a relay.
+// of their peers, openings that succeed or fail, and take their time while everything else goes on.
+// The harness turns the loop itself. It keeps a model of what RFC 5766 calls for, apart from how
+// the server does it: who is owed which answers and datagrams in which order, and who has a relay.
 
 #include <array>
 #include <functional>
@@ -40,9 +40,7 @@ struct TURNServerAccess {
 namespace fuzz {
 namespace {
 
-using Address = TURNAttributes::Address;
-
-constexpr auto indication = TURNClass::indication;
+using namespace TURNAttributes;
 
 const Credentials credentials{"user", "zk.example", "password"};
 const TURNAuth::LongTermKey goodKey =
@@ -51,14 +49,11 @@ const TURNAuth::LongTermKey goodKey =
 const std::array<std::string, 5> names{"198.51.100.1", "198.51.100.2", "proxy.test", "",
                                        std::string("10.0.0.1\0x", 10)};
 
-std::optional<Address> peerOf(const TURNMessage& message) {
-  const auto value = message.first(TURNAttr::xorPeerAddress);
-  return value ? TURNAttributes::decodeXorAddress(*value) : std::nullopt;
-}
-
-std::optional<std::uint32_t> lifetimeOf(const TURNMessage& message) {
-  const auto value = message.first(TURNAttr::lifetime);
-  return value ? TURNAttributes::decodeLifetime(*value) : std::nullopt;
+// What `decode` reads in the first attribute of that type; nothing when there is none.
+template <typename Decode>
+auto valueOf(const TURNMessage& message, std::uint16_t type, Decode decode) {
+  const auto value = message.first(type);
+  return value ? decode(*value) : decltype(decode(*value)){};
 }
 
 struct Datagram {
@@ -77,7 +72,6 @@ const std::string& relayName(std::uint8_t faults) {
 // What all relays share. Clients are known by their ports.
 struct Script {
   std::uint8_t faults = 0;
-  std::function<void()> whileOpening;                     // beside which the loop goes on
   std::vector<std::pair<std::uint16_t, bool>> concluded;  // openings, with success or without
   std::map<std::uint16_t, RelayListener*> live;           // of the relays in use
   std::map<std::uint16_t, std::vector<Datagram>> sent;
@@ -95,7 +89,6 @@ struct ScriptedRelay final : TURNRelay {
     --script.relays;
   }
   RelayedAddress allocateRelay(const OpeningAttempt& attempt) override {
-    script.whileOpening();
     const bool fails = (faults & (attempt.viaDefault ? secondFails : firstFails)) != 0;
     const bool isUsable = !fails && isDottedQuad(relayName(faults));
     if (isUsable || attempt.viaDefault) {
@@ -144,7 +137,6 @@ struct ScriptedFactory final : TURNRelayFactory {
 // What a datagram says to a client.
 struct Told {
   std::uint16_t method;  // or the channel
-  TURNClass klass = indication;
   TransactionID txID{};  // of an answer
   int error = 0;
   std::optional<std::uint32_t> lifetime{};
@@ -190,11 +182,6 @@ struct Client {
 class World {
  public:
   explicit World(Input& input) : input_(input) {
-    script_.whileOpening = [this] {
-      for (; linger_ > 0 && !input_.isEmpty(); --linger_) {
-        step();
-      }
-    };
     access_.prepare([this](const std::string&, std::function<void()> body) {
       if ((script_.faults & noThread) != 0) {
         throw std::system_error(EAGAIN, std::generic_category());
@@ -226,7 +213,6 @@ class World {
         script_.faults = input_.octet();
         break;
       case 4:
-        linger_ = input_.octet() % 8;
         runOpening();
         break;
       case 5:
@@ -250,7 +236,6 @@ class World {
   // Opens what still is to be opened, for nobody.
   void end() {
     endBurst();
-    linger_ = 0;
     while (!bodies_.empty()) {
       runOpening();
     }
@@ -284,7 +269,7 @@ class World {
       const std::uint8_t which = input_.octet();
       if (which % 4 == 3) {
         message.append(TURNAttr::xorPeerAddress,
-                       *TURNAttributes::encodeXorAddress(names[which >> 4 & 1], which >> 6));
+                       *encodeXorAddress(names[which >> 4 & 1], which >> 6));
       } else {
         const std::uint16_t type = which < 0xC0 ? types[which % 4] : input_.number();
         message.append(type, input_.take(input_.octet()));
@@ -337,8 +322,8 @@ class World {
         return channel.second.ip == ip && channel.second.port == port;
       });
       const Told told = bound == channels.end()
-                            ? Told{TURNMethod::dataMsg, indication, {}, 0, {}, {payload, ip, port}}
-                            : Told{bound->first, indication, {}, 0, {}, {payload}};
+                            ? Told{TURNMethod::dataMsg, {}, 0, {}, {payload, ip, port}}
+                            : Told{bound->first, {}, 0, {}, {payload}};
       client.owed.insert(client.owed.end(), burst.size(), told);
     }
   }
@@ -349,9 +334,7 @@ class World {
     if (!bodies_.empty()) {
       const auto body = std::move(bodies_.front());
       bodies_.pop_front();
-      ++running_;
       body();
-      --running_;
     }
   }
 
@@ -370,10 +353,10 @@ class World {
       const Client::Opening opening = *std::exchange(client.opening, std::nullopt);
       if (ending.second) {
         client.held = Client::Held{now_ + 600, opening.txID};
-        owe(client, TURNMethod::allocate, opening.txID, 0, 600);
+        client.owed.push_back({TURNMethod::allocate, opening.txID, 0, 600});
       } else {
         client.failures[opening.txID] = now_ + 40;
-        owe(client, TURNMethod::allocate, opening.txID, 500);
+        client.owed.push_back({TURNMethod::allocate, opening.txID, 500});
       }
       for (const Bytes& datagram : opening.kept) {
         judge(client, datagram);
@@ -392,8 +375,9 @@ class World {
         opening.octets += datagram.size();
         opening.kept.push_back(datagram);
       }
-    } else if (message && message->method == TURNMethod::send && message->klass == indication) {
-      const auto peer = peerOf(*message);
+    } else if (message && message->method == TURNMethod::send &&
+               message->klass == TURNClass::indication) {
+      const auto peer = valueOf(*message, TURNAttr::xorPeerAddress, decodeXorAddress);
       const auto data = message->first(TURNAttr::data);
       if (peer && data && client.isAlive(now_)) {
         client.due.push_back({joined({*data}), peer->ip, peer->port});
@@ -401,7 +385,7 @@ class World {
     } else if (message) {
       const int challenge = gateError(*message, datagram);
       if (challenge != 0) {
-        owe(client, message->method, message->txID, challenge);
+        client.owed.push_back({message->method, message->txID, challenge});
       } else {
         judgeRequest(client, *message);
       }
@@ -417,12 +401,12 @@ class World {
 
   // Whether MESSAGE-INTEGRITY holds is for another harness to judge.
   int gateError(const TURNMessage& message, ByteView datagram) const {
-    const auto nonce = message.first(TURNAttr::nonce);
+    const auto nonce = valueOf(message, TURNAttr::nonce, decodeNonce);
     if (!nonce || !message.first(TURNAttr::username) || !message.first(TURNAttr::realm) ||
-        !message.first(TURNAttr::messageIntegrity) || !TURNAttributes::decodeNonce(*nonce)) {
+        !message.first(TURNAttr::messageIntegrity)) {
       return 401;
     }
-    const auto issued = nonces_.find(std::string(textOf(*nonce)));
+    const auto issued = nonces_.find(std::string(*nonce));
     if (issued == nonces_.end() || now_ - issued->second > 300) {
       return 438;
     }
@@ -433,38 +417,38 @@ class World {
     int error = 0;
     std::optional<std::uint32_t> lifetime;
     if (message.method == TURNMethod::allocate) {
-      const auto transport = message.first(TURNAttr::requestedTransport);
       const auto failed = client.failures.find(message.txID);
       if (client.held) {
         error = client.held->txID == message.txID ? 0 : 437;
         lifetime = 600;
-      } else if (!transport || !TURNAttributes::isUDPTransport(*transport)) {
+      } else if (!valueOf(message, TURNAttr::requestedTransport, isUDPTransport)) {
         error = 442;
       } else if (failed != client.failures.end() && failed->second >= now_) {
         error = 500;
       } else {
         sweep();
         client.opening = Client::Opening{message.txID};
-        if ((script_.faults & noThread) != 0 && bodies_.empty() && running_ == 0) {
+        if ((script_.faults & noThread) != 0 && bodies_.empty()) {
           script_.concluded.emplace_back(client.tuple.clientPort, false);
         }
         return;
       }
     } else if (message.method == TURNMethod::refresh) {
       error = client.held ? 0 : 437;
-      lifetime = std::min(lifetimeOf(message).value_or(600), 3600U);
+      lifetime = valueOf(message, TURNAttr::lifetime, decodeLifetime).value_or(600);
+      lifetime = std::min(*lifetime, 3600U);
       if (lifetime == 0U) {
         client.held.reset();
       } else if (client.held) {
         client.held->expiry = now_ + *lifetime;
       }
     } else if (message.method == TURNMethod::channelBind) {
-      const auto number = message.first(TURNAttr::channelNumber);
-      const auto peer = peerOf(message);
+      const auto number = valueOf(message, TURNAttr::channelNumber, decodeChannelNumber);
+      const auto peer = valueOf(message, TURNAttr::xorPeerAddress, decodeXorAddress);
       if (!client.isAlive(now_)) {
         error = 437;
-      } else if (number && number->size() >= 2 && (*number)[0] >> 6 == 1 && peer) {
-        client.held->channels[readUInt16(*number, 0)] = *peer;
+      } else if (number && *number >> 14 == 1 && peer) {
+        client.held->channels[*number] = *peer;
       } else {
         error = 400;
       }
@@ -473,7 +457,10 @@ class World {
     } else {
       error = 400;
     }
-    owe(client, message.method, message.txID, error, error == 0 ? lifetime : std::nullopt);
+    if (error != 0) {
+      lifetime.reset();
+    }
+    client.owed.push_back({message.method, message.txID, error, lifetime});
   }
 
   void sweep() {
@@ -484,35 +471,31 @@ class World {
     }
   }
 
-  static void owe(Client& client, std::uint16_t method, const TransactionID& txID, int error,
-                  std::optional<std::uint32_t> lifetime = std::nullopt) {
-    const auto klass = error == 0 ? TURNClass::successResponse : TURNClass::errorResponse;
-    client.owed.push_back({method, klass, txID, error, lifetime});
-  }
-
   // Learns the nonce of a challenge.
   Told read(const Bytes& datagram) {
     if (datagram[0] >> 6 == 1) {
       const ByteView payload = ByteView(datagram).subspan(4);
       require(payload.size() == readUInt16(datagram, 2), "the length of ChannelData is true");
-      return {readUInt16(datagram, 0), indication, {}, 0, {}, {joined({payload})}};
+      return {readUInt16(datagram, 0), {}, 0, {}, {joined({payload})}};
     }
     const TURNMessage message = TURNMessage::decode(datagram).value();
-    if (message.klass == indication) {
-      const Address peer = peerOf(message).value();
+    if (message.klass == TURNClass::indication) {
+      const Address peer = valueOf(message, TURNAttr::xorPeerAddress, decodeXorAddress).value();
       const Bytes payload = joined({message.first(TURNAttr::data).value()});
-      return {message.method, message.klass, {}, 0, {}, {payload, peer.ip, peer.port}};
+      return {message.method, {}, 0, {}, {payload, peer.ip, peer.port}};
     }
-    const auto code = message.first(TURNAttr::errorCode);
-    const int error = code ? TURNAttributes::decodeErrorCode(*code).value() : 0;
-    if (const auto nonce = message.first(TURNAttr::nonce)) {
-      latestNonce_ = textOf(*nonce);
+    const int error = valueOf(message, TURNAttr::errorCode, decodeErrorCode).value_or(0);
+    require(message.klass == (error == 0 ? TURNClass::successResponse : TURNClass::errorResponse),
+            "an answer is a success or holds an error");
+    if (const auto nonce = valueOf(message, TURNAttr::nonce, decodeNonce)) {
+      latestNonce_ = *nonce;
       require(nonces_.emplace(latestNonce_, now_).second && (error == 401 || error == 438),
               "a challenge holds a new nonce");
     } else {
       require(TURNAuth::verifyMessageIntegrity(datagram, goodKey), "an answer is signed");
     }
-    return {message.method, message.klass, message.txID, error, lifetimeOf(message)};
+    return {message.method, message.txID, error,
+            valueOf(message, TURNAttr::lifetime, decodeLifetime)};
   }
 
   // What must hold between bursts.
@@ -529,25 +512,21 @@ class World {
           "just what a live allocation allows is relayed, in order");
 
       const Allocation* const allocation = access_.allocation(client.tuple);
-      require(allocation != nullptr
-                  ? client.held && client.held->expiry == allocation->lifetimeExpiry
-                  : !client.held,
+      require((allocation != nullptr) == client.held.has_value() &&
+                  (allocation == nullptr || allocation->lifetimeExpiry == client.held->expiry),
               "an allocation just where there must be one");
       require(script_.live.contains(client.tuple.clientPort) == client.held.has_value(),
               "a relay just as long as its allocation");
       held += client.held ? 1 : 0;
     }
-    require(running_ > 0 || !script_.concluded.empty() || script_.relays == held,
-            "no relay outlives its use");
+    require(!script_.concluded.empty() || script_.relays == held, "no relay outlives its use");
   }
 
   Input& input_;
   std::uint64_t now_ = 0;  // the server's clock, in seconds
   std::uint64_t nextSweep_ = 30;
   Script script_;
-  std::size_t linger_ = 0;                    // steps that the next opening takes
   std::deque<std::function<void()>> bodies_;  // of the openings' threads
-  int running_ = 0;
   std::deque<Bytes> burst_;
   std::array<Client, 4> clients_;
   std::map<std::string, std::uint64_t> nonces_;  // all that were ever issued, and when
@@ -571,12 +550,14 @@ void run(ByteView bytes) {
 
 std::vector<Bytes> seeds() {
   // Steps as World::step() reads them, for client 0 but for A: o runs the openings and turns the
-  // loop, l runs one while others take steps, a asks, n with a new transaction, b binds a channel,
-  // r refreshes, z with lifetime zero, k signs with another key, c changes on the way, s takes the
-  // first nonce, i, d and p are data, f is a flood, e the relay's end, x, y and t have openings
-  // fail and w succeed, T turns the loop, the others let time pass.
+  // loop, l only runs one, a asks, n with a new transaction, b binds a channel, B another one to
+  // the same peer and R the same one to another peer, r refreshes, z with lifetime zero, k signs
+  // with another key, c changes on the way, s takes the first nonce, i, d and p are data, f is a
+  // flood, e the relay's end, x, y and t have openings fail and w succeed, T turns the loop, the
+  // others let time pass.
   std::istringstream letters(
-      "o040005 l0407 a08000000 A18000000 n08200000 b0803000203000440030000 r08020000 "
+      "o0405 l04 a08000000 A18000000 n08200000 b0803000203000440030000 B0803000203000440020000 "
+      "R0803000213000440030000 r08020000 "
       "z08020001010400000000 k08020600 c08020700001E01 s08020200 i881700020302026869 "
       "d0106400300026869 p02001005 f06 e02000000 x0303 y0304 t0308 w0300 T05 "
       "10000 20002 30003 40004 70007 90009");
@@ -591,7 +572,7 @@ std::vector<Bytes> seeds() {
   for (const std::string_view text :
        {"aobidprzidpaoidp", "abidpaidpfAoidp", "aob9idprksridp972idpao", "xao3wano4aidp",
         "alAidpa3Abocidp", "xanidpwooideidpao", "yaoidpwnoidp", "taoidpwnoidp", "aAtnw2zo",
-        "affoaidp", "Ao97T1aaoaidpn"}) {
+        "affoaidp", "aobRpBbpidp", "Ao97T1aaoaidpn"}) {
     Bytes& seed = all.emplace_back();
     for (const char letter : text) {
       append(seed, steps.at(letter));

@@ -104,7 +104,7 @@ void checkMessage(const TURNMessage& message, ByteView datagram, const Walk& wal
           "method and class are those of the header");
   Bytes wire = joined({datagram.first(20)});
   for (const auto& place : walk.places) {
-    wire.insert(wire.end(), &datagram[place.at], &*place.value.begin() + place.value.size());
+    append(wire, datagram.subspan(place.at, 4 + place.value.size()));
     wire.resize((wire.size() + 3) / 4 * 4);
     checkValue(place.value);
     require(areEqual(message.first(place.type).value(), walk.first(place.type)->value),
@@ -127,9 +127,9 @@ void run(ByteView bytes) {
   const Bytes key = joined({input.take(input.octet()), Bytes(1)});
   const std::size_t position = input.number();
   const std::uint8_t change = std::max<std::uint8_t>(input.octet(), 1);
-  const auto changed = [&](ByteView octets, std::size_t among) {
+  const auto changed = [&](ByteView octets, std::size_t at) {
     Bytes other = joined({octets});
-    other[position % among] ^= change;
+    other[at % other.size()] ^= change;
     return other;
   };
   const ByteView datagram = input.rest();
@@ -157,8 +157,9 @@ void run(ByteView bytes) {
     writeUInt16(&shorter[2], static_cast<std::uint16_t>(shorter.size() - 20));
     require(!isAccepted || verifyMessageIntegrity(shorter, key),
             "a FINGERPRINT vouches for nothing but itself");
-    require(!isAccepted || !verifyMessageIntegrity(changed(datagram, declared.size()), key, true),
-            "a changed octet does not verify");
+    for (std::size_t at = 0; isAccepted && at < declared.size(); ++at) {
+      require(!verifyMessageIntegrity(changed(datagram, at), key, true), "no octet can change");
+    }
   } else {
     require(isAccepted == isSigned, "without a FINGERPRINT there is no difference");
   }
@@ -172,9 +173,9 @@ void run(ByteView bytes) {
         return verifyMessageIntegrity(octets, byKey, acceptFingerprint);
       };
       require(verifies(wire, key), "what is signed verifies");
-      require(!verifies(wire, changed(key, key.size())), "by its key only");
+      require(!verifies(wire, changed(key, position)), "by its key only");
       require(!verifies(ByteView(wire).first(position % wire.size()), key) &&
-                  (acceptFingerprint || !verifies(changed(wire, wire.size()), key)),
+                  (acceptFingerprint || !verifies(changed(wire, position), key)),
               "neither cut nor changed");
     }
   }
