@@ -69,8 +69,10 @@ const std::string& relayName(std::uint8_t faults) {
   return names[(faults >> 4) % names.size()];
 }
 
-// What all relays share. Clients are known by their ports.
-struct Script {
+// Makes the relays, and what all of them share. Clients are known by their ports.
+struct Script final : TURNRelayFactory {
+  std::shared_ptr<TURNRelay> makeRelay(const FiveTuple& client) override;
+
   std::uint8_t faults = 0;
   std::vector<std::pair<std::uint16_t, bool>> concluded;  // openings, with success or without
   std::map<std::uint16_t, RelayListener*> live;           // of the relays in use
@@ -126,13 +128,9 @@ struct ScriptedRelay final : TURNRelay {
   bool isInUse = false;
 };
 
-struct ScriptedFactory final : TURNRelayFactory {
-  explicit ScriptedFactory(Script& itsScript) : script(itsScript) {}
-  std::shared_ptr<TURNRelay> makeRelay(const FiveTuple& client) override {
-    return std::make_shared<ScriptedRelay>(script, client.clientPort);
-  }
-  Script& script;
-};
+std::shared_ptr<TURNRelay> Script::makeRelay(const FiveTuple& client) {
+  return std::make_shared<ScriptedRelay>(*this, client.clientPort);
+}
 
 // What a datagram says to a client.
 struct Told {
@@ -183,7 +181,7 @@ class World {
  public:
   explicit World(Input& input) : input_(input) {
     access_.prepare([this](const std::string&, std::function<void()> body) {
-      if ((script_.faults & noThread) != 0) {
+      if ((script_->faults & noThread) != 0) {
         throw std::system_error(EAGAIN, std::generic_category());
       }
       bodies_.push_back(std::move(body));
@@ -210,7 +208,7 @@ class World {
         fromRelay(client);
         break;
       case 3:
-        script_.faults = input_.octet();
+        script_->faults = input_.octet();
         break;
       case 4:
         runOpening();
@@ -240,7 +238,7 @@ class World {
       runOpening();
     }
     server_.stop();
-    require(script_.relays == 0, "a stop leaves no relay open");
+    require(script_->relays == 0, "a stop leaves no relay open");
   }
 
  private:
@@ -304,8 +302,8 @@ class World {
     const std::uint8_t detail = input_.octet();
     const auto port = static_cast<std::uint16_t>(detail % 4);
     const Bytes payload(input_.octet(), detail);
-    const auto relay = script_.live.find(client.tuple.clientPort);
-    if (relay == script_.live.end()) {
+    const auto relay = script_->live.find(client.tuple.clientPort);
+    if (relay == script_->live.end()) {
       return;
     }
     if (detail == 0) {
@@ -340,7 +338,7 @@ class World {
 
   void turn() {
     endBurst();
-    const auto concluded = std::exchange(script_.concluded, {});
+    const auto concluded = std::exchange(script_->concluded, {});
     access_.turn();
     if (now_ >= nextSweep_) {
       nextSweep_ = now_ + 30;
@@ -383,12 +381,7 @@ class World {
         client.due.push_back({joined({*data}), peer->ip, peer->port});
       }
     } else if (message) {
-      const int challenge = gateError(*message, datagram);
-      if (challenge != 0) {
-        client.owed.push_back({message->method, message->txID, challenge});
-      } else {
-        judgeRequest(client, *message);
-      }
+      judgeRequest(client, *message, datagram);
     } else if (datagram[0] >> 6 == 1 && datagram.size() >= 4 && client.isAlive(now_)) {
       const std::size_t length = readUInt16(datagram, 2);
       const auto channel = client.held->channels.find(readUInt16(datagram, 0));
@@ -413,10 +406,12 @@ class World {
     return TURNAuth::verifyMessageIntegrity(datagram, goodKey) ? 0 : 401;
   }
 
-  void judgeRequest(Client& client, const TURNMessage& message) {
-    int error = 0;
+  void judgeRequest(Client& client, const TURNMessage& message, ByteView datagram) {
+    int error = gateError(message, datagram);
     std::optional<std::uint32_t> lifetime;
-    if (message.method == TURNMethod::allocate) {
+    if (error != 0) {
+      // It goes no further.
+    } else if (message.method == TURNMethod::allocate) {
       const auto failed = client.failures.find(message.txID);
       if (client.held) {
         error = client.held->txID == message.txID ? 0 : 437;
@@ -428,8 +423,8 @@ class World {
       } else {
         sweep();
         client.opening = Client::Opening{message.txID};
-        if ((script_.faults & noThread) != 0 && bodies_.empty()) {
-          script_.concluded.emplace_back(client.tuple.clientPort, false);
+        if ((script_->faults & noThread) != 0 && bodies_.empty()) {
+          script_->concluded.emplace_back(client.tuple.clientPort, false);
         }
         return;
       }
@@ -507,33 +502,33 @@ class World {
         told.push_back(read(datagram));
       }
       require(told == std::exchange(client.owed, {}), "just what is owed comes, in order");
-      require(
-          std::exchange(script_.sent[client.tuple.clientPort], {}) == std::exchange(client.due, {}),
-          "just what a live allocation allows is relayed, in order");
+      require(std::exchange(script_->sent[client.tuple.clientPort], {}) ==
+                  std::exchange(client.due, {}),
+              "just what a live allocation allows is relayed, in order");
 
       const Allocation* const allocation = access_.allocation(client.tuple);
       require((allocation != nullptr) == client.held.has_value() &&
                   (allocation == nullptr || allocation->lifetimeExpiry == client.held->expiry),
               "an allocation just where there must be one");
-      require(script_.live.contains(client.tuple.clientPort) == client.held.has_value(),
+      require(script_->live.contains(client.tuple.clientPort) == client.held.has_value(),
               "a relay just as long as its allocation");
       held += client.held ? 1 : 0;
     }
-    require(!script_.concluded.empty() || script_.relays == held, "no relay outlives its use");
+    require(!script_->concluded.empty() || script_->relays == held, "no relay outlives its use");
   }
 
   Input& input_;
   std::uint64_t now_ = 0;  // the server's clock, in seconds
   std::uint64_t nextSweep_ = 30;
-  Script script_;
+  const std::shared_ptr<Script> script_ = std::make_shared<Script>();
   std::deque<std::function<void()>> bodies_;  // of the openings' threads
   std::deque<Bytes> burst_;
   std::array<Client, 4> clients_;
   std::map<std::string, std::uint64_t> nonces_;  // all that were ever issued, and when
   std::string latestNonce_;
 
-  TURNServer server_{credentials, credentials.realm, std::make_shared<ScriptedFactory>(script_),
-                     false, [this] { return (123 + now_) * 1'000'000'000; }};
+  TURNServer server_{credentials, credentials.realm, script_, false,
+                     [this] { return (123 + now_) * 1'000'000'000; }};
   TURNServerAccess access_{server_};
 };
 
