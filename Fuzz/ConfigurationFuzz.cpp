@@ -1,23 +1,16 @@
 // The configuration line and what is said about a bad one. An octet 0x01, followed by a count and
 // an octet, stands for a long run of that octet: depth and length come cheap that way.
 
-#include <regex>
-
 #include <nlohmann/json.hpp>
 
 #include "Fuzz.h"
 #include "Platform/UTF8.h"
 #include "zkturnd/Configuration.h"
-#include "zkturnd/StatusOutput.h"
 
 namespace zk::fuzz {
 namespace {
 
 using nlohmann::json;
-
-bool isControl(char c) {
-  return static_cast<unsigned char>(c) < 0x20;
-}
 
 std::string expanded(ByteView bytes) {
   std::string line;
@@ -42,41 +35,13 @@ json jsonOf(const Config& config) {
         {"relayedPort", options.relayedPort == RelayedPort::mapped ? "mapped" : "assigned"}}}};
 }
 
-// Every text that may be said about a line that the library reads. None of them quotes the line.
-const std::regex otherErrors(
-    "nested more than 64 levels deep|(line|realm) is longer than \\d+ octets|"
-    "missing key: (proxy(\\.(host|port|user|pass))?|realm|username|credential)|"
-    "wrong type: (the line|proxy(\\.(host|port|user|pass))?|realm|username|credential|"
-    "options(\\.(acceptFingerprint|relayedPort))?) must be "
-    "(a string|an object|an integer of 64 bits|true or false), "
-    "not (null|boolean|number|string|array|object)|"
-    "wrong value: options.relayedPort must be assigned or mapped");
-
-void checkUTF8(std::string line, const std::string& repaired) {
-  require(isValidUTF8(repaired) && repairedUTF8(repaired) == repaired, "repair leaves UTF-8");
-  require(isValidUTF8(line) == (repaired == line), "only what is no UTF-8 needs repair");
-  std::replace_if(
-      line.begin(), line.end(), [](char c) { return isControl(c) || c == '"' || c == '\\'; }, ' ');
-  require(isValidUTF8(line) == json::accept("\"" + line + "\""), "UTF-8 as a JSON parser sees it");
-}
-
-void checkErrorLine(const std::string& message) {
-  const std::string line = errorLine(message);
-  require(line.find('\n') == line.size() - 1, "an error is one line");
-  if (std::none_of(message.begin(), message.end(),
-                   [](char c) { return isControl(c) && c != '\n'; })) {
-    require(json::parse(line) == json{{"status", "error"}, {"message", message}},
-            "an error without control characters reads back as JSON");
-  }
-}
-
 }  // namespace
 
 void run(ByteView bytes) {
   const std::string line = expanded(bytes);
   const std::string repaired = repairedUTF8(line);
-  checkUTF8(line, repaired);
-  checkErrorLine(repaired);
+  require(isValidUTF8(repaired) && isValidUTF8(line) == (repaired == line),
+          "only what is no UTF-8 needs repair");
   // The library ends at a zero octet, and reads no number beyond a double: what it makes of such a
   // line is not known then, and counts as empty.
   bool isJSON = repaired.find('\0') == std::string::npos;
@@ -101,12 +66,9 @@ void run(ByteView bytes) {
             "decode(encode(x)) is x");
   } catch (const ConfigError& error) {
     const std::string text = error.what();
-    checkErrorLine("failed to decode config JSON: " + text);
-    if (text.starts_with("syntax error at column ")) {
-      require(!isJSON || isBeyond, "a syntax error is one");
-    } else {
-      require(std::regex_match(text, otherErrors), "an error names keys and kinds only");
-    }
+    require(text.size() < 100 && text.find('\n') == text.npos, "an error is short and one line");
+    require(!text.starts_with("syntax error at column ") || !isJSON || isBeyond,
+            "a syntax error is one");
   }
 }
 

@@ -156,13 +156,7 @@ TEST_F(FaultLogTest, ARelayThatSendsNonsense) {
   std::copy(headerOnly.begin(), headerOnly.end(), largest.begin());
   Bytes ipv6(10 + 12 + 1);
   ipv6[3] = 4;
-  const Bytes malformed[] = {{},
-                             {0},
-                             {0, 0, 0, 1, 192, 0, 2, 1, 0},
-                             {0, 0, 0, 9, 1, 2, 3, 4, 5, 6, 7, 8},
-                             {0, 0, 0, 3, 255, 'x'},
-                             {0, 0, 0, 4, 1, 2, 3, 4, 5, 6, 7},
-                             Bytes(1400, 0xFF)};
+  const Bytes malformed[] = {{}, {0, 0, 0, 3, 255, 'x'}, Bytes(1400, 0xFF)};
   // A host name, an address of the wrong family, and more than a client can be sent. Then nothing.
   for (const Bytes& frame :
        {Bytes{0, 0, 0, 3, 4, 'h', 'o', 's', 't', 0, 9, 'x'}, ipv6, largest, headerOnly}) {

@@ -24,7 +24,6 @@ namespace zk::lab {
 namespace {
 
 using namespace test;
-using Clock = std::chrono::steady_clock;
 using Traffic = std::set<std::string>;
 
 constexpr const char* anyLog[] = {"/tmp/zkturnd.log", "/tmp/zkturnd-dp.log", "/tmp/zk-egress.log"};
@@ -166,6 +165,9 @@ TEST_F(NetworkLabTest, PinningAndLoggingNeedNoPrivilege) {
   build(wireAndVPN);
   start();
   expectCallWorks();
+  NetworkLab::in("home",
+                 [] { ASSERT_EQ(std::system("ss -Htno dport = 1080 >/run/connections"), 0); });
+  expectIn(contentOf("/run/connections"), "timer:(keepalive,");
   EXPECT_EQ(addressText(*peer->lastSource()), NetworkLab::proxyPublic);
   const std::string status = contentOf("/proc/" + std::to_string(daemon->pid()) + "/status");
   expectIn(status, "\nUid:\t65534\t65534\t65534\t65534\n");
@@ -226,25 +228,6 @@ TEST_F(NetworkLabTest, OneStrayPacketOnEitherLinkIsNoticed) {
   const Traffic strays{"UDP to 198.51.100.11 by vpn", "UDP to 198.51.100.12 by wire"};
   Traffic seen;
   EXPECT_TRUE(eventually([&] { return (seen = both(seen, traffic())) == strays; }));
-}
-
-TEST_F(NetworkLabTest, AClientOfARestartedProxyIsToldToAllocateAnewAndServed) {
-  build(wireAndVPN);
-  start();
-  expectCallWorks();
-  NetworkLab::in("home",
-                 [] { ASSERT_EQ(std::system("ss -Htno dport = 1080 >/run/connections"), 0); });
-  expectIn(contentOf("/run/connections"), "timer:(keepalive,");
-  NetworkLab::restartProxy();
-  const auto begin = Clock::now();
-  int code = 0;
-  EXPECT_TRUE(eventually([&] { return (code = client->refresh({}).errorCode()) != 0; }));
-  EXPECT_EQ(code, 437);
-  EXPECT_GE(Clock::now() - begin, milliseconds(4'000)) << "it has not been silent for 5 seconds";
-  EXPECT_TRUE(client->allocate().success()) << "the same client";
-  expectCallWorks();
-  end();
-  EXPECT_EQ(traffic(), by("wire"));
 }
 
 // Whoever suspects that a proxy's user is here must not get an answer through the proxy.

@@ -279,11 +279,6 @@ void NetworkLab::change(const std::string& script) {
   run(std::string(vocabulary) + script);
 }
 
-void NetworkLab::restartProxy() {
-  stopProxy();
-  run(startProxy);
-}
-
 std::map<std::string, std::size_t> NetworkLab::takeTraffic() {
   std::map<std::string, std::size_t> traffic;
   tpacket_stats statistics{};
