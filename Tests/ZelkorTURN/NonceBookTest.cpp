@@ -47,9 +47,9 @@ TEST(NonceBook, KnowsNoTextThatIsNotANonce) {
   book.issue(known, 7);
   EXPECT_EQ(book.issueTime(known), 7U);
   for (const char* const text :
-       {"", "00112233445566778899AABBCCDDEEFF", "00112233445566778899aabbccddee??",
-        "00112233445566778899aabbccdddeff", "60112233445566778899aabbccddeeff",
-        "00112233445566778899aabbccddeeff0"}) {
+       {"", "00112233445566778899AABBCCDDEEFF", "0?112233445566778899aabbccddeeff",
+        "?0112233445566778899aabbccddeeff", "00112233445566778899aabbccdddeff",
+        "60112233445566778899aabbccddeeff", "00112233445566778899aabbccddeeff0"}) {
     EXPECT_EQ(book.issueTime(text), std::nullopt) << text;
   }
 }

@@ -17,21 +17,27 @@
 
 #include "Loopback/TURNClient.h"
 #include "Platform/Sockets.h"
+#include "Support.h"
 #include "ZelkorTURN/TURNServer.h"
 
 namespace zk::test {
 
 using loopback::TURNAnswer;
 using loopback::TURNClient;
-using loopback::TURNData;
 using std::chrono::milliseconds;
 
 inline constexpr milliseconds patience{10'000};  // for what must come
 inline constexpr milliseconds aMoment{100};      // for what must not
 
 inline Bytes bytes(std::string_view text) {
-  const ByteView view = bytesOf(text);
-  return {view.begin(), view.end()};
+  return copyOf(bytesOf(text));
+}
+
+using Texts = std::vector<std::string>;
+using Attributes = std::vector<std::pair<std::uint16_t, Bytes>>;
+
+inline Bytes xorAddress(const TURNClient::Address& address) {
+  return copyOf(*TURNAttributes::encodeXorAddress(address.ip, address.port));
 }
 
 /// Lines from many threads, for one that waits for them.
@@ -46,7 +52,7 @@ class Log {
     return [this](std::string_view line) { append(line); };
   }
   /// Those that contain `piece`.
-  std::vector<std::string> lines(const std::string& piece = "") const {
+  Texts lines(const std::string& piece = "") const {
     const std::lock_guard guard(lock_);
     return matching(piece);
   }
@@ -62,15 +68,15 @@ class Log {
   }
 
  private:
-  std::vector<std::string> matching(const std::string& piece) const {
-    std::vector<std::string> found = lines_;
+  Texts matching(const std::string& piece) const {
+    Texts found = lines_;
     std::erase_if(found, [&](const auto& line) { return line.find(piece) == line.npos; });
     return found;
   }
 
   mutable std::mutex lock_;
   std::condition_variable changed_;
-  std::vector<std::string> lines_;
+  Texts lines_;
 };
 
 /// What a relay of the test does when the server opens it.
@@ -140,7 +146,7 @@ class ScriptedRelay final : public TURNRelay {
   }
 
   /// "payload→ip:port " of each datagram of each burst.
-  std::vector<std::string> bursts() const {
+  Texts bursts() const {
     const std::lock_guard guard(lock_);
     return bursts_;
   }
@@ -162,7 +168,7 @@ class ScriptedRelay final : public TURNRelay {
   EventLoop* loop_ = nullptr;
   RelayListener* listener_ = nullptr;
   mutable std::mutex lock_;
-  std::vector<std::string> bursts_;
+  Texts bursts_;
 };
 
 class ScriptedFactory final : public TURNRelayFactory {
@@ -220,14 +226,19 @@ class ServerFixture : public testing::Test {
 
   void advance(std::uint64_t seconds) { clock += seconds * 1'000'000'000; }
 
-  /// A signed request that the test sends itself.
-  static Bytes signedRequest(TURNClient& client, std::uint16_t method) {
-    TURNMessage request = client.makeRequest(method);
-    if (method == TURNMethod::allocate) {
-      request.append(TURNAttr::requestedTransport, Bytes{17, 0, 0, 0});
+  static TURNMessage request(TURNClient& client, std::uint16_t method,
+                             const Attributes& attributes = {}) {
+    TURNMessage message = client.makeRequest(method);
+    for (const auto& [type, value] : attributes) {
+      message.append(type, value);
     }
-    client.sign(request);
-    return request.encode();
+    return message;
+  }
+  static TURNMessage signedRequest(TURNClient& client, std::uint16_t method,
+                                   const Attributes& attributes = {}) {
+    TURNMessage message = request(client, method, attributes);
+    client.sign(message);
+    return message;
   }
 
   /// A client that has been challenged, so that what it signs is taken.
@@ -236,7 +247,25 @@ class ServerFixture : public testing::Test {
     EXPECT_EQ(client->refresh({}).errorCode(), 437);
     return client;
   }
+  /// And one that has a relay.
+  std::unique_ptr<TURNClient> allocated() {
+    auto client = newClient();
+    EXPECT_TRUE(client->allocate().success());
+    return client;
+  }
+  /// And one whose relay is being opened until `end` is raised.
+  std::unique_ptr<TURNClient> opening(const StopSignal& end) {
+    auto client = newClient();
+    const std::size_t before = factory->made();
+    factory->plan({.gate = &end});
+    client->send(signedRequest(*client, TURNMethod::allocate, udp).encode());
+    EXPECT_TRUE(eventually([&] { return factory->made() == before + 1; }));
+    return client;
+  }
 
+  const Attributes udp{{TURNAttr::requestedTransport, {17, 0, 0, 0}}};
+  const TURNClient::Address peer{"198.51.100.7", 4711};
+  const std::string toPeer = "→198.51.100.7:4711 ";
   Log log;
   StopSignal gate;
   const std::shared_ptr<ScriptedFactory> factory = std::make_shared<ScriptedFactory>();

@@ -1,4 +1,3 @@
-#include <cerrno>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
@@ -74,19 +73,6 @@ TEST(MessageIntegrity, IsJudgedByItsFirstAttributeAndThatOneWhole) {
     EXPECT_FALSE(verifyMessageIntegrity(message, matrixKey, false));
     EXPECT_FALSE(verifyMessageIntegrity(message, matrixKey, true));
   }
-}
-
-TEST(Nonce, IsSixteenRandomOctetsInHexadecimal) {
-  EXPECT_EQ(makeNonce([](std::span<std::uint8_t> out) {
-              std::fill(out.begin(), out.end(), std::uint8_t{0xA5});
-              out[0] = 0x07;
-              return 0;
-            }),
-            "07a5a5a5a5a5a5a5a5a5a5a5a5a5a5a5");
-  const std::string nonce = makeNonce();
-  EXPECT_NE(nonce, makeNonce());
-  EXPECT_TRUE(validateNonce(nonce, {nonce}) && !validateNonce(nonce, {}));
-  EXPECT_THROW(makeNonce([](std::span<std::uint8_t>) { return EIO; }), TURNAuthError);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "Support.h"
-#include "ZelkorTURN/TURNAttributes.h"
 #include "ZelkorTURN/TURNMessage.h"
 
 namespace zk {
@@ -76,28 +75,6 @@ TEST(TURNMessage, HoldsAttributesUpToTheLengthFieldAndNoMore) {
   Bytes octets = wire("0003", "FFFF", "0013 FFFB");
   octets.resize(20 + 65535);
   EXPECT_EQ(TURNMessage::decode(octets), std::nullopt);
-}
-
-TEST(TURNMessageDeathTest, StopsOnAMethodThatDoesNotFit) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(TURNMessage(0x1000, TURNClass::request, txID), "");
-}
-
-TEST(TURNAttributes, AreReadByTheirFirstOctets) {
-  using namespace TURNAttributes;
-  EXPECT_EQ(encodeErrorCode({437, "Alloc"}), hex("00000425 416C6C6F63"));
-  EXPECT_EQ(decodeErrorCode(hex("FFFF0426")), 438);
-  EXPECT_EQ(decodeErrorCode(hex("000004")), std::nullopt);
-  EXPECT_TRUE(isUDPTransport(hex("11")) && isUDPTransport(hex("11FFFFFF")));
-  EXPECT_FALSE(isUDPTransport(hex("06000000")) || isUDPTransport({}));
-  EXPECT_EQ(decodeLifetime(hex("12345678")), 0x12345678U);
-  EXPECT_EQ(decodeLifetime(hex("00000258 FF")), 600U);
-  EXPECT_EQ(decodeLifetime(hex("000258")), std::nullopt);
-  EXPECT_EQ(decodeChannelNumber(hex("40010000")), 0x4001);
-  EXPECT_EQ(decodeChannelNumber(hex("FFFE")), 0xFFFE);
-  EXPECT_EQ(decodeChannelNumber(hex("40")), std::nullopt);
-  EXPECT_EQ(decodeNonce(hex("007F")), std::string_view("\0\x7F", 2));
-  EXPECT_EQ(decodeNonce(hex("616280")), std::nullopt);
 }
 
 }  // namespace
