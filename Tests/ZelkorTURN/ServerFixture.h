@@ -1,9 +1,7 @@
 #pragma once
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -40,27 +38,25 @@ inline Bytes xorAddress(const TURNClient::Address& address) {
   return copyOf(*TURNAttributes::encodeXorAddress(address.ip, address.port));
 }
 
-/// Lines from many threads, for one that waits for them.
+/// Lines from many threads.
 class Log {
  public:
-  void append(std::string_view line) {
-    const std::lock_guard guard(lock_);
-    lines_.emplace_back(line);
-    changed_.notify_all();
-  }
   LogCallback callback() {
-    return [this](std::string_view line) { append(line); };
+    return [this](std::string_view line) {
+      const std::lock_guard guard(lock_);
+      lines_.emplace_back(line);
+    };
   }
   /// Those that contain `piece`.
   Texts lines(const std::string& piece = "") const {
     const std::lock_guard guard(lock_);
-    return matching(piece);
+    Texts found = lines_;
+    std::erase_if(found, [&](const auto& line) { return line.find(piece) == line.npos; });
+    return found;
   }
   std::size_t count(const std::string& piece) const { return lines(piece).size(); }
-  /// Whether `times` lines that contain `piece` have come in time.
-  bool waitFor(const std::string& piece, std::size_t times = 1) {
-    std::unique_lock guard(lock_);
-    return changed_.wait_for(guard, patience, [&] { return matching(piece).size() >= times; });
+  bool waitFor(const std::string& piece, std::size_t times = 1) const {
+    return eventually([&] { return count(piece) >= times; });
   }
   void clear() {
     const std::lock_guard guard(lock_);
@@ -68,14 +64,7 @@ class Log {
   }
 
  private:
-  Texts matching(const std::string& piece) const {
-    Texts found = lines_;
-    std::erase_if(found, [&](const auto& line) { return line.find(piece) == line.npos; });
-    return found;
-  }
-
   mutable std::mutex lock_;
-  std::condition_variable changed_;
   Texts lines_;
 };
 
@@ -175,7 +164,7 @@ class ScriptedFactory final : public TURNRelayFactory {
  public:
   std::shared_ptr<TURNRelay> makeRelay(const FiveTuple& forClient) override {
     const std::lock_guard guard(lock_);
-    RelayPlan plan = rest_;
+    RelayPlan plan;
     if (!plans_.empty()) {
       plan = std::move(plans_.front());
       plans_.pop_front();
@@ -184,14 +173,15 @@ class ScriptedFactory final : public TURNRelayFactory {
     relays_.push_back(std::make_shared<ScriptedRelay>(std::move(plan)));
     return relays_.back();
   }
-  /// The next relay without a plan of its own gets this one; those without any get the rest's.
+  /// For the next relay without a plan. Those without any work.
   void plan(RelayPlan plan) {
     const std::lock_guard guard(lock_);
     plans_.push_back(std::move(plan));
   }
-  void planRest(RelayPlan plan) {
-    const std::lock_guard guard(lock_);
-    rest_ = std::move(plan);
+  /// For the two attempts of one opening.
+  void planFailure() {
+    plan({.error = "down"});
+    plan({.error = "down"});
   }
   std::size_t made() const { return clients().size(); }
   /// The ports of those for whom relays were made, in that order.
@@ -207,7 +197,6 @@ class ScriptedFactory final : public TURNRelayFactory {
  private:
   mutable std::mutex lock_;
   std::deque<RelayPlan> plans_;
-  RelayPlan rest_;
   std::vector<std::uint16_t> clients_;
   std::vector<std::shared_ptr<ScriptedRelay>> relays_;
 };
@@ -215,7 +204,10 @@ class ScriptedFactory final : public TURNRelayFactory {
 /// A running server on a clock that the test moves, with relays that the test scripts.
 class ServerFixture : public testing::Test {
  protected:
-  ServerFixture() { server.debugLog = log.callback(); }
+  ServerFixture() {
+    server.debugLog = log.callback();
+    server.start();
+  }
   ~ServerFixture() override { server.stop(); }
 
   /// Returns when the server has dealt with all that was sent to it before.

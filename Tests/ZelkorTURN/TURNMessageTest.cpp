@@ -1,5 +1,3 @@
-#include <stdexcept>
-
 #include <gtest/gtest.h>
 
 #include "Support.h"
@@ -58,23 +56,6 @@ TEST(TURNMessage, TakesWhatItCanReadAndNothingThatIsCutShort) {
     EXPECT_EQ(TURNMessage::decode(header), std::nullopt) << octet;
     header[octet] ^= 0x40;
   }
-}
-
-TEST(TURNMessage, HoldsAttributesUpToTheLengthFieldAndNoMore) {
-  TURNMessage message(TURNMethod::dataMsg, TURNClass::indication, txID);
-  message.append(TURNAttr::data, hex("A1A2A3A4A5"));
-  EXPECT_EQ(message.encode(), wire("0017", "000C", "0013 0005 A1A2A3A4A5 000000"));
-  message.append(TURNAttr::data, Bytes(65512, 1));  // a section of 65528
-  EXPECT_EQ(test::copyOf(*message.first(TURNAttr::data)), hex("A1A2A3A4A5"));
-  EXPECT_EQ(message.first(TURNAttr::lifetime), std::nullopt);
-  EXPECT_THROW(message.append(TURNAttr::data, Bytes(5)), std::length_error);
-  message.append(TURNAttr::data, {});
-  EXPECT_THROW(message.append(TURNAttr::data, {}), std::length_error);
-  EXPECT_EQ(TURNMessage::decode(message.encode()), message);
-  // The last attribute of the largest section has no room for its padding in a length field.
-  Bytes octets = wire("0003", "FFFF", "0013 FFFB");
-  octets.resize(20 + 65535);
-  EXPECT_EQ(TURNMessage::decode(octets), std::nullopt);
 }
 
 }  // namespace
