@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"

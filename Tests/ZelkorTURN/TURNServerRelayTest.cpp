@@ -71,6 +71,7 @@ TEST_F(TURNServerRelayTest, AnOpeningHoldsUpNobodyButItsClient) {
   factory->plan({.gate = &gate});
   const Bytes request = signedRequest(*client, TURNMethod::allocate, udp).encode();
   client->send(request);
+  ASSERT_TRUE(eventually([&] { return factory->made() == 2; }));
   std::string wanted;
   for (std::size_t i = 0; i < TURNServer::maxKeptDatagrams; ++i) {
     client->send(request);
