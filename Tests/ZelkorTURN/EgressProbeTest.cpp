@@ -6,7 +6,6 @@
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
 #include "Platform/IPv4.h"
-#include "PrivateNetwork.h"
 #include "Support.h"
 #include "ZelkorSOCKS5/SOCKS5Control.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
