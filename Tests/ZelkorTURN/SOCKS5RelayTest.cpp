@@ -90,6 +90,9 @@ class Relay : public testing::Test, public RelayListener {
     for (const auto& [payload, ip, port] : datagrams) {
       received_.emplace_back(copyOf(payload), fmt::format("{}:{}", ip, port));
     }
+    if (closesOnData_) {
+      relay_->close();
+    }
   }
   void onAssociationEnd(std::string_view reason) override { ends_.emplace_back(reason); }
   void onSilence() override {
@@ -113,6 +116,7 @@ class Relay : public testing::Test, public RelayListener {
   std::unique_ptr<SOCKS5Relay> relay_;
   RelayedAddress opened_;
   std::string fd_;  // "fd=7"
+  bool closesOnData_ = false;
   std::vector<std::pair<Bytes, std::string>> received_;
   std::vector<std::string> ends_;
   int silences_ = 0;
@@ -182,12 +186,17 @@ TEST_F(Relay, DropsWhatIsMalformedAndWhatStrangersSendUntilItIsClosed) {
                                portNumber(stranger.localAddress())),
                    "RECV recvfrom n=9", "RECV unwrap FAILED 9B (DROPPED)", "RECV recvfrom n=12",
                    "RECV unwrap OK from host:258 1B → handler"}));
-  proxy_.injectToClients(fromPeer("too late"));
-  relay_->close();
+  // The listener closes it while the end of the control connection is at hand, too.
+  closesOnData_ = true;
+  proxy_.injectToClients(fromPeer("the last"));
+  proxy_.closeControlConnections();
+  ASSERT_TRUE(eventually([&] { return proxy_.counts().openConnections == 0; }));
+  pass(1s);
   const Bytes payload(1);
   relay_->sendAll(std::vector<PeerDatagram>{{payload, peer_.ip(), peer_.port()}});
   pass(1s);
-  EXPECT_EQ(received_.size(), 1U);
+  EXPECT_EQ(received_.size(), 2U);
+  EXPECT_TRUE(ends_.empty());
   EXPECT_EQ(log_.count("SEND"), 0U);
 }
 

@@ -214,7 +214,7 @@ TEST_F(TURNRequestTest, ARefreshRevivesForTheTimeAskedWithinBounds) {
 }
 
 // For how long, the relays' tests show.
-TEST(AllocationTable, SoManyOfTheLatestFailuresAreRemembered) {
+TEST(AllocationTable, SoManyOfTheLatestFailuresAreRememberedUntilTheyArePast) {
   const Credentials credentials{"alice", "zkturnd.test", "wonderland"};
   const FiveTuple client{"127.0.0.1", 5000};
   AllocationTable table("zkturnd.test");
@@ -231,13 +231,19 @@ TEST(AllocationTable, SoManyOfTheLatestFailuresAreRemembered) {
   message.append(TURNAttr::nonce, *challenge.first(TURNAttr::nonce));
   TURNAuth::appendMessageIntegrity(message,
                                    TURNAuth::longTermKey("alice", "zkturnd.test", "wonderland"));
-  table.conclude({client, message.txID, {}}, {}, 0);
+  const auto fails = [&](const TransactionID& txID) { table.conclude({client, txID, {}}, {}, 0); };
+  fails(message.txID);
   for (std::size_t i = 1; i < AllocationTable::maxFailures; ++i) {
-    table.conclude({client, {2}, {}}, {}, 0);
+    fails({2});
   }
+  table.prune(AllocationTable::failureMemory);
   EXPECT_TRUE(answerTo(message)) << "the oldest is still among them";
-  table.conclude({client, {2}, {}}, {}, 0);
+  fails({2});
   EXPECT_FALSE(answerTo(message)) << "it is to be opened anew";
+  fails(message.txID);
+  EXPECT_TRUE(answerTo(message));
+  table.prune(AllocationTable::failureMemory + 1);
+  EXPECT_FALSE(answerTo(message));
 }
 
 // ---- CreatePermission and ChannelBind ---------------------------------------------------------
