@@ -213,24 +213,45 @@ TEST_F(TURNRequestTest, ARefreshRevivesForTheTimeAskedWithinBounds) {
   EXPECT_EQ(errorOf(ask(TURNMethod::refresh)), mismatch);
 }
 
-// For how long, the relays' tests show.
-TEST(AllocationTable, SoManyOfTheLatestFailuresAreRememberedUntilTheyArePast) {
-  const Credentials credentials{"alice", "zkturnd.test", "wonderland"};
-  const FiveTuple client{"127.0.0.1", 5000};
-  AllocationTable table("zkturnd.test");
-  const auto answerTo = [&](const TURNMessage& message) {
+// What no client can see or wait for, at the table.
+class AllocationTableTest : public testing::Test {
+ protected:
+  std::optional<TURNMessage> answerTo(const TURNMessage& message) {
     const auto outcome = table.handle(message, client, message.encode(), credentials, 0);
     const auto* const answer = std::get_if<TURNMessage>(&outcome);
     return answer ? std::optional(*answer) : std::nullopt;
-  };
-  TURNMessage message(TURNMethod::allocate, TURNClass::request, {1});
-  const TURNMessage challenge = answerTo(message).value();
-  message.append(TURNAttr::requestedTransport, Bytes{17, 0, 0, 0});
-  message.append(TURNAttr::username, {});
-  message.append(TURNAttr::realm, {});
-  message.append(TURNAttr::nonce, *challenge.first(TURNAttr::nonce));
-  TURNAuth::appendMessageIntegrity(message,
-                                   TURNAuth::longTermKey("alice", "zkturnd.test", "wonderland"));
+  }
+  TURNMessage signedRequest(std::uint16_t method, const Attributes& attributes) {
+    TURNMessage message(method, TURNClass::request, {1});
+    const TURNMessage challenge = answerTo(message).value();
+    for (const auto& [type, value] : attributes) {
+      message.append(type, value);
+    }
+    message.append(TURNAttr::username, {});
+    message.append(TURNAttr::realm, {});
+    message.append(TURNAttr::nonce, *challenge.first(TURNAttr::nonce));
+    TURNAuth::appendMessageIntegrity(message, TURNAuth::longTermKey("alice", "r", "wonderland"));
+    return message;
+  }
+
+  const Credentials credentials{"alice", "r", "wonderland"};
+  const FiveTuple client{"127.0.0.1", 5000};
+  AllocationTable table{"r"};
+};
+
+TEST_F(AllocationTableTest, PermissionsAreNotedByAddressAlone) {
+  table.conclude({client, {9}, {}}, RelayedAddress{"192.0.2.10", 7000}, 0);
+  answerTo(signedRequest(TURNMethod::createPermission,
+                         {{TURNAttr::xorPeerAddress, xorAddress({"192.0.2.1", 1})},
+                          {TURNAttr::xorMappedAddress, xorAddress({"192.0.2.9", 1})},
+                          {TURNAttr::xorPeerAddress, xorAddress({"192.0.2.1", 3})}}));
+  EXPECT_EQ(table.allocation(client)->permissions, std::set<std::string>{"192.0.2.1"});
+}
+
+// For how long, the relays' tests show.
+TEST_F(AllocationTableTest, SoManyOfTheLatestFailuresAreRememberedUntilTheyArePast) {
+  const TURNMessage message =
+      signedRequest(TURNMethod::allocate, {{TURNAttr::requestedTransport, {17, 0, 0, 0}}});
   const auto fails = [&](const TransactionID& txID) { table.conclude({client, txID, {}}, {}, 0); };
   fails(message.txID);
   for (std::size_t i = 1; i < AllocationTable::maxFailures; ++i) {
