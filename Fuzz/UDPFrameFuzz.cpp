@@ -1,9 +1,6 @@
 // The header of the UDP association: unwrap(wrap(x)) is x, and unwrap() takes just the datagrams
 // that RFC 1928 section 7 describes, whatever RSV and FRAG hold. The texts of IPv4 addresses too.
 
-#include <cstdlib>
-#include <sstream>
-
 #include <fmt/format.h>
 
 #include "Fuzz.h"
@@ -13,19 +10,6 @@
 
 namespace zk::fuzz {
 namespace {
-
-// The rule of parseIPv4(), independently of the product.
-Bytes lenientOctets(std::string_view text) {
-  Bytes octets;
-  std::istringstream pieces{std::string(text)};
-  for (std::string piece; std::getline(pieces, piece, '.');) {
-    if (!piece.empty() && piece.find_first_not_of("0123456789") == std::string::npos &&
-        std::strtod(piece.c_str(), nullptr) < 256) {
-      octets.push_back(static_cast<std::uint8_t>(std::strtod(piece.c_str(), nullptr)));
-    }
-  }
-  return octets.size() == 4 ? octets : Bytes(4);
-}
 
 std::string addressText(std::uint8_t type, ByteView address) {
   if (type == 3) {
@@ -62,7 +46,7 @@ void run(ByteView bytes) {
   const std::uint16_t port = input.number();
   const std::string_view peer = textOf(input.take(input.octet() % 32));
   const ByteView payload = input.rest();
-  const Bytes octets = lenientOctets(peer);
+  const IPv4Octets octets = parseIPv4(peer).value_or(IPv4Octets{});
   require(!isDottedQuad(peer) || dottedQuad(octets) == peer,
           "a strict dotted quad is its own normal form");
   Bytes header = joined({Bytes{0, 0, 0, 1}, octets, Bytes(2)});

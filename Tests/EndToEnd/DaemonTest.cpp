@@ -304,20 +304,6 @@ TEST(DaemonTest, RelaysInBothFormsBothWays) {
   EXPECT_EQ(data->payload, bytes("knock"));
 }
 
-TEST(DaemonTest, OpensSixteenRelaysInTheTimeOfOne) {
-  const auto rig = Rig::ready({.distance = milliseconds(100)});
-  const auto timeOf = [&](int count) {
-    const auto began = Clock::now();
-    for (auto& answer : allocateAll(*rig, count, patience)) {
-      EXPECT_TRUE(answer.get().success());
-    }
-    return Clock::now() - began;
-  };
-  const auto one = timeOf(1);
-  EXPECT_GE(one, milliseconds(300));  // a greeting, an association and a STUN answer
-  EXPECT_LT(timeOf(16), 2 * one);
-}
-
 // Clients come and go; while they are there each costs two descriptors and no thread.
 TEST(DaemonTest, GivesBackWhatItTook) {
   const auto rig = Rig::ready();

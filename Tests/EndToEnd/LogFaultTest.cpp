@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <future>
 
 #include <sys/stat.h>
 
@@ -24,10 +23,10 @@ constexpr milliseconds noticeTime{1000};
 
 using LogFaultTest = PrivateTmpTest;
 
-void expectService(Rig& rig, std::size_t payload = 5) {
+void expectService(Rig& rig) {
   const auto client = rig.allocated();
   for (int i = 0; i < 20; ++i) {
-    ASSERT_TRUE(echoes(*client, rig.peer, Bytes(payload)));
+    ASSERT_TRUE(echoes(*client, rig.peer, Bytes(5)));
   }
   EXPECT_TRUE(client->refresh(0).success());
 }
@@ -163,25 +162,6 @@ TEST_F(LogFaultTest, NoticesWithinASecondWhatBecameOfItsFile) {
   EXPECT_LT(fs::file_size(dataPlaneLog), 4096U);
   EXPECT_EQ(fs::file_size(std::string(dataPlaneLog) + ".1"), 64U << 20);
   EXPECT_TRUE(rig->stops());
-}
-
-TEST_F(LogFaultTest, TwoDaemonsKeepEachOthersLines) {
-  const auto first = Rig::ready();
-  const auto second = Rig::ready();
-  auto other = std::async(std::launch::async, [&] {
-    for (int i = 0; i < 10; ++i) {
-      expectService(*second, 201);
-    }
-  });
-  for (int i = 0; i < 10; ++i) {
-    expectService(*first, 101);
-  }
-  other.get();
-  EXPECT_TRUE(first->stops() && second->stops());
-  const std::string log = contentOf(dataPlaneLog);
-  EXPECT_EQ(count(log, "\nSEND"), 400U);
-  EXPECT_EQ(count(log, " 101B sendto="), 200U);
-  EXPECT_EQ(count(log, " 201B sendto="), 200U);
 }
 
 // Nobody waits for the disk: not a datagram, not the word that the start failed, and a stop for no

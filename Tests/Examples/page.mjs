@@ -32,47 +32,25 @@ const lineOf = (child) => new Promise((resolve, reject) => {
   child.once('exit', (status) => reject(new Error(`${child.spawnfile} ended: ${status}`)));
 });
 
-// The DevTools protocol on two pipes: one JSON object each, with a zero behind it.
-function devTools(child) {
-  const waiting = new Map();
-  let number = 0;
-  let rest = '';
-  child.stdio[4].setEncoding('utf8').on('data', (text) => {
-    const messages = (rest + text).split('\0');
-    rest = messages.pop();
-    for (const { id, result, error } of messages.map((message) => JSON.parse(message))) {
-      error ? waiting.get(id)?.reject(new Error(error.message)) : waiting.get(id)?.resolve(result);
-    }
-  });
-  return (method, params = {}, sessionId = undefined) => new Promise((resolve, reject) => {
-    waiting.set(++number, { resolve, reject });
-    child.stdio[3].write(JSON.stringify({ id: number, method, params, sessionId }) + '\0');
-  });
-}
-
-// The text of the page once it has come to a result.
+// What the page says on the browser's console until it has come to a result.
 async function visit(url) {
   const chromium = start(browser, [
-    '--headless', '--remote-debugging-pipe', `--user-data-dir=${join(folder, 'profile')}`,
+    '--headless', '--enable-logging=stderr', `--user-data-dir=${join(folder, 'profile')}`,
     '--no-first-run', '--disable-gpu', '--disable-quic', '--disable-sync', '--disable-extensions',
     '--disable-background-networking', '--disable-component-update', '--disable-default-apps',
     '--host-resolver-rules=MAP * ~NOTFOUND',
     // The far end's own address has to be one that the proxy can use.
     '--disable-features=WebRtcHideLocalIpsWithMdns',
-    ...(process.getuid() === 0 ? ['--no-sandbox'] : []), 'about:blank',
-  ], { stdio: ['ignore', 'ignore', 'ignore', 'pipe', 'pipe'] });
-  const call = devTools(chromium);
-  const { targetId } = await call('Target.createTarget', { url });
-  const { sessionId } = await call('Target.attachToTarget', { targetId, flatten: true });
-  const evaluate = async (expression) =>
-    (await call('Runtime.evaluate', { expression }, sessionId)).result.value;
-  while (true) {
-    const result = await evaluate('document.querySelector("#result")?.textContent');
-    if (result && result !== 'connecting') {
-      return { result, log: await evaluate('document.querySelector("#log").textContent') };
+    ...(process.getuid() === 0 ? ['--no-sandbox'] : []), url,
+  ], { stdio: ['ignore', 'ignore', 'pipe'] });
+  const said = [];
+  for await (const line of createInterface({ input: chromium.stderr })) {
+    said.push(line.match(/:CONSOLE.*?\] "(.*)", source: /)?.[1] ?? '');
+    if (said.at(-1).startsWith('result: ')) {
+      break;
     }
-    await new Promise((resolve) => setTimeout(resolve, 50));
   }
+  return said.filter((line) => line);
 }
 
 async function run() {
@@ -87,11 +65,11 @@ async function run() {
   const url = pathToFileURL(join(examples, 'page.html'));
   url.search = new URLSearchParams(
     { port, username: config.username, credential: config.credential });
-  const { result, log } = await visit(url.href);
-  console.log(log + result);
-  const offered = log.match(/^near: candidate:.*/gm) ?? [];
+  const said = await visit(url.href);
+  console.log(said.join('\n'));
+  const offered = said.filter((line) => line.startsWith('near: candidate:'));
   const relayOnly = offered.length > 0 && offered.every((line) => line.includes(' typ relay '));
-  return result === 'connected' && relayOnly ? 0 : 1;
+  return said.at(-1) === 'result: connected' && relayOnly ? 0 : 1;
 }
 
 const finish = async (status) => {

