@@ -1,5 +1,6 @@
 // zkturn-check, run as a user does, on proxies of all sorts.
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "EndToEnd/Rig.h"
@@ -17,7 +18,8 @@ struct Result {
 };
 
 // For a proxy on the loopback, unless `port` is 0.
-Result check(std::uint16_t port, const std::vector<std::string>& options) {
+Result check(std::uint16_t port, const std::vector<std::string>& options,
+             bool isOnTerminal = false) {
   const TemporaryFolder folder;
   const std::string output = folder.path() / "output";
   std::vector<std::string> arguments{programBeside("zkturn-check")};
@@ -25,6 +27,10 @@ Result check(std::uint16_t port, const std::vector<std::string>& options) {
     arguments.push_back("127.0.0.1:" + std::to_string(port));
   }
   arguments.insert(arguments.end(), options.begin(), options.end());
+  if (isOnTerminal) {
+    arguments = {findProgram("script"), "-qec", fmt::format("{}", fmt::join(arguments, " ")),
+                 "/dev/null"};
+  }
   ChildProcess program(arguments, {}, output);
   const auto status = program.waitExit(longPatience);
   return {status.value_or(-1), contentOf(output)};
@@ -143,6 +149,18 @@ TEST(Check, RemarksOnWhatIsLessThanItShouldBe) {
   EXPECT_TRUE(result.says("forgets an association after 1 s of silence"));
   // All that the servers heard came from the proxy.
   EXPECT_EQ(proxy.counts().datagramsToPeers, stun.requests() + other.requests());
+}
+
+TEST(Check, ShowsColoursAndItsProgressOnATerminal) {
+  const STUNResponder stun;
+  const SOCKS5Server proxy;
+  const Result result =
+      check(proxy.port(), {"--stun", stun.target(), "--count", "3", "--idle", "0"}, true);
+  EXPECT_EQ(result.status, 0) << result.output;
+  EXPECT_TRUE(result.says("\033[32m"));
+  EXPECT_TRUE(result.says(" 2/3\r  ")) << result.output;
+  EXPECT_TRUE(result.says(" 3/3\r\033[K ")) << result.output;
+  EXPECT_EQ(count(result.output, "\033[K"), 1U) << "cleared when it is done";
 }
 
 TEST(Check, RefusesWrongUsageInOneSentence) {

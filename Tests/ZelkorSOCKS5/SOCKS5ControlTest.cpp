@@ -12,6 +12,7 @@
 
 #include "Loopback/SOCKS5Server.h"
 #include "Platform/IPv4.h"
+#include "Platform/Resolver.h"
 #include "Platform/Sockets.h"
 #include "Platform/StopSignal.h"
 #include "Support.h"
@@ -253,8 +254,8 @@ const Answer answers[] = {
      "SOCKS5 protocol error: relay 239.1.2.3:40000: a multicast address"},
     {"127.0.0.1", "05000001 FFFFFFFF 9C40", "",
      "SOCKS5 protocol error: relay 255.255.255.255:40000: the broadcast address"},
-    {"127.0.0.1", "05000001 00000005 9C40", "",
-     "SOCKS5 protocol error: relay 0.0.0.5:40000: no host's address"},
+    {"127.0.0.1", "05000001 00FF0005 9C40", "",
+     "SOCKS5 protocol error: relay 0.255.0.5:40000: no host's address"},
     {"127.0.0.1", "05000001 C0000201 0000", "",
      "SOCKS5 protocol error: relay 192.0.2.1:0: no port to send to"},
     {"127.0.0.1", "05000003 05 72656C6179 9C40", "",
@@ -266,12 +267,13 @@ const Answer answers[] = {
     {"::1", "05000001 00000000 9C40", "", "SOCKS5 protocol error: relay 0.0.0.0:40000: means"},
     // What cannot be reached from as far away as the proxy means the proxy.
     {"203.0.113.5", "05000001 C0000201 9C40", "192.0.2.1", "192.0.2.1"},
-    {"203.0.113.5", "05000001 0A010203 9C40", "10.1.2.3", "203.0.113.5"},
-    {"203.0.113.5", "05000001 64400001 9C40", "100.64.0.1", "203.0.113.5"},
+    {"203.0.113.5", "05000001 0AFF0203 9C40", "10.255.2.3", "203.0.113.5"},
+    {"203.0.113.5", "05000001 647F0001 9C40", "100.127.0.1", "203.0.113.5"},
     {"203.0.113.5", "05000001 AC1F0001 9C40", "172.31.0.1", "203.0.113.5"},
     {"203.0.113.5", "05000001 AC200001 9C40", "172.32.0.1", "172.32.0.1"},
-    {"203.0.113.5", "05000001 A9FE0101 9C40", "169.254.1.1", "203.0.113.5"},
-    {"203.0.113.5", "05000001 7F000001 9C40", "127.0.0.1", "203.0.113.5"},
+    {"203.0.113.5", "05000001 A9FEFF01 9C40", "169.254.255.1", "203.0.113.5"},
+    {"203.0.113.5", "05000001 7FFF0001 9C40", "127.255.0.1", "203.0.113.5"},
+    {"203.0.113.5", "05000001 C0A8FF01 9C40", "192.168.255.1", "203.0.113.5"},
     {"203.0.113.5", "05000003 0A 696E6E65722E74657374 9C40", "inner.test", "203.0.113.5"},
     {"192.168.9.9", "05000001 0A010203 9C40", "10.1.2.3", "10.1.2.3"},
     {"192.168.9.9", "05000001 7F000001 9C40", "127.0.0.1", "192.168.9.9"},
@@ -354,9 +356,11 @@ TEST(SOCKS5Control, EndsEveryWaitWhenItIsStopped) {
     stopped("127.0.0.1", proxy.port(), opens);
   }
   // Lookups that are given up leave a thread behind each, and not any number of them.
-  for (int i = 0; i < 16; ++i) {
+  for (int i = 0; i < 15; ++i) {
     stopped("silent.test", 1, connects);
   }
+  const Deadline soon = std::chrono::steady_clock::now() + 50ms;
+  EXPECT_EQ(resolveTCP("silent.test", "1", soon, nullptr).error, gai_strerror(EAI_AGAIN));
   SOCKS5Control oneMore("silent.test", 1, {}, {}, longLimit);
   EXPECT_EQ(failureOf([&] { oneMore.connect(); }),
             "TCP connect to proxy failed: getaddrinfo: "
