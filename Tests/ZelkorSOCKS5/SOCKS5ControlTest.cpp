@@ -391,10 +391,12 @@ TEST(SOCKS5Control, TellsWhyItCannotConnect) {
     refused = proxy.port();
   }
   const auto descriptors = test::openDescriptors();
+  const test::Stopwatch resolving;
   for (const char* const host : {"127.0.0.1", "two.test"}) {
     EXPECT_EQ(connecting(host, refused),
               "TCP connect to proxy failed: connect: " + errorText(ECONNREFUSED));
   }
+  EXPECT_LT(resolving.seconds(), patience);
   for (const auto& [host, port] : {std::pair{std::string("a\0b", 3), 1080L},
                                    {"127.0.0.1", -1L},
                                    {"127.0.0.1", 1L << 40},
