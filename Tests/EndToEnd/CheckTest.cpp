@@ -104,7 +104,7 @@ TEST(Check, TellsWhatIsWrongWithAProxyAndWhatToTry) {
          s.announceIPv6({0x20, 1});
        }),
        {},
-       {"IPv6", "ask its operator"}},
+       {": IPv6", "ask its operator"}},
       {with([](auto& s) { s.announceDomain("evil\033[2J\n"); }), {}, {"evil?[2J?"}},
       {with([](auto& s) { s.relay = SOCKS5Script::Relay::dropAll; }),
        {},
@@ -158,6 +158,7 @@ TEST(Check, ShowsColoursAndItsProgressOnATerminal) {
       check(proxy.port(), {"--stun", stun.target(), "--count", "3", "--idle", "0"}, true);
   EXPECT_EQ(result.status, 0) << result.output;
   EXPECT_TRUE(result.says("\033[32m"));
+  EXPECT_TRUE(result.says("relay 127.0.0.1:"));
   EXPECT_TRUE(result.says(" 2/3\r  ")) << result.output;
   EXPECT_TRUE(result.says(" 3/3\r\033[K ")) << result.output;
   EXPECT_EQ(count(result.output, "\033[K"), 1U) << "cleared when it is done";
