@@ -154,7 +154,7 @@ TEST_F(TURNRequestTest, ARetransmittedAllocateGetsTheSameAnswerAndNothingElse) {
   const TURNMessage message =
       signedRequest(*client, TURNMethod::allocate,
                     {{TURNAttr::lifetime, hex("0000003C")}, udp[0]});  // that is not looked at
-  for (const std::uint64_t wait : {0, 30, 270}) {
+  for (const std::uint64_t wait : {0U, 30U, 270U}) {
     advance(wait);
     const TURNAnswer answer = client->request(message);
     EXPECT_TRUE(answer.success());
