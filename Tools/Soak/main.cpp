@@ -1,6 +1,7 @@
 // Puts the daemon under load for some minutes, prints what it measured, and ends with status 1 when
 // a bound was not kept.
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -248,13 +249,15 @@ class Trial {
     check(answered == stormRequests, "every request is answered");
   }
 
-  void endureFullRate(int minutes) {
+  void endureFullRate(double minutes) {
     Tally tally;
     const auto start = Clock::now();
+    const auto end = start + std::chrono::milliseconds(static_cast<int>(minutes * 60'000));
     {
       const FullLoad load(world_, tally);
-      for (int minute = 1; minute <= minutes; ++minute) {
-        std::this_thread::sleep_until(start + std::chrono::minutes(minute));
+      for (auto next = start; next < end;) {
+        next = std::min(next + 1min, end);
+        std::this_thread::sleep_until(next);
         report("full rate", world_.holdings(),
                fmt::format("{} datagrams each way, {} lost, {} clients came and went",
                            tally.sent.load(), tally.lost.load(), tally.rounds.load()));
@@ -264,7 +267,7 @@ class Trial {
     nonces_ += tally.rounds;
     finish("end", fmt::format("{:.0f} datagrams each way per second", rate), tally);
     check(tally.lost * 10'000 <= tally.sent, "at most one datagram in ten thousand is lost");
-    check(tally.rounds > static_cast<std::uint64_t>(minutes) * 60, "clients come and go");
+    check(static_cast<double>(tally.rounds) > minutes * 60, "clients come and go");
   }
 
   void end(const char* how, void (ChildProcess::*tell)()) {
@@ -301,7 +304,7 @@ class Trial {
   Clock::time_point lastStorm_ = Clock::now();
 };
 
-int run(int minutes) {
+int run(double minutes) {
   const std::string binary = pathByDescriptor(programBeside("zkturnd"));
   const PrivateTmp logs(512 * 1024);
   if (!logs.mounted()) {
@@ -324,10 +327,10 @@ int run(int minutes) {
 int main(int argc, char** argv) {
   setvbuf(stdout, nullptr, _IOLBF, 0);
   CLI::App app("Puts the daemon under load.", "zkturnd-soak");
-  int minutes = 0;
+  double minutes = 0;
   app.add_option("MINUTES", minutes, "How long at full rate")
       ->required()
-      ->check(CLI::Range(1, 1440));
+      ->check(CLI::Range(0.1, 1440.0));
   try {
     app.parse(argc, argv);
     return zk::soak::run(minutes);
