@@ -51,8 +51,8 @@ void expectService(const ForeignProxy& proxy, const std::optional<SOCKS5Login>& 
     for (const Endpoint& way : {Endpoint::channelData(client, 0x4000),
                                 Endpoint::indications(client, {other.ip(), other.port()}),
                                 Endpoint::indications(second, {other.ip(), other.port()})}) {
-      const auto result = runLoad(
-          {way}, {.payload = size, .outstanding = 1, .count = 50, .patience = milliseconds(1000)});
+      const auto result =
+          runLoad({way}, {.payload = size, .outstanding = 1, .count = 50, .patience = patience});
       EXPECT_LE(result.losses(), 1U);
       EXPECT_EQ(result.strange, 0U);
     }
