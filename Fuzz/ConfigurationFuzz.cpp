@@ -3,8 +3,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Base/UTF8.h"
 #include "Fuzz.h"
-#include "Platform/UTF8.h"
 #include "zkturnd/Configuration.h"
 
 namespace zk::fuzz {

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/Bytes.h"
+#include "Base/Bytes.h"
 
 /// What the harnesses share. Each of them defines run() and seeds() and nothing else.
 namespace zk::fuzz {

@@ -7,8 +7,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "Base/IPv4.h"
 #include "Fuzz.h"
-#include "Platform/IPv4.h"
 #include "Platform/Resolver.h"
 #include "ZelkorSOCKS5/SOCKS5Control.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"

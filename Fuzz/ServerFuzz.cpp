@@ -11,8 +11,8 @@
 
 #include <sys/socket.h>
 
+#include "Base/IPv4.h"
 #include "Fuzz.h"
-#include "Platform/IPv4.h"
 #include "ZelkorSOCKS5/SOCKS5Error.h"
 #include "ZelkorTURN/TURNServer.h"
 

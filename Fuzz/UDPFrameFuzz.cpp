@@ -3,9 +3,9 @@
 
 #include <fmt/format.h>
 
+#include "Base/IPv4.h"
+#include "Base/UTF8.h"
 #include "Fuzz.h"
-#include "Platform/IPv4.h"
-#include "Platform/UTF8.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
 
 namespace zk::fuzz {

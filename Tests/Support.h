@@ -8,7 +8,7 @@
 #include <string_view>
 #include <thread>
 
-#include "Platform/Bytes.h"
+#include "Base/Bytes.h"
 
 namespace zk::test {
 

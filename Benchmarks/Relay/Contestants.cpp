@@ -6,11 +6,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "Base/IPv4.h"
 #include "Loopback/DaemonProcess.h"
 #include "Loopback/ForeignProxy.h"
 #include "Loopback/SOCKS5Frame.h"
 #include "Loopback/SOCKS5Server.h"
-#include "Platform/IPv4.h"
 
 namespace zk::bench {
 namespace {

@@ -5,10 +5,10 @@
 
 #include <sys/socket.h>
 
+#include "Base/IPv4.h"
 #include "Loopback/KitSocket.h"
 #include "Loopback/SOCKS5Frame.h"
 #include "Loopback/TURNClient.h"
-#include "Platform/IPv4.h"
 
 namespace zk::bench {
 namespace {

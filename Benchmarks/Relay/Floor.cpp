@@ -6,8 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "Base/IPv4.h"
 #include "Loopback/KitSocket.h"
-#include "Platform/IPv4.h"
 
 namespace zk::bench {
 namespace {

@@ -17,11 +17,11 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include "Base/IPv4.h"
 #include "Contestants.h"
 #include "Line.h"
 #include "Loopback/Scratch.h"
 #include "Platform/Clock.h"
-#include "Platform/IPv4.h"
 #include "Report.h"
 
 namespace zk::bench {

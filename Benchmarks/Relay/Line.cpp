@@ -5,9 +5,9 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "Base/IPv4.h"
 #include "Loopback/SOCKS5Frame.h"
 #include "Platform/Clock.h"
-#include "Platform/IPv4.h"
 
 namespace zk::bench {
 namespace {

@@ -6,7 +6,7 @@
 #include <span>
 #include <string>
 
-#include "Platform/Bytes.h"
+#include "Base/Bytes.h"
 #include "Platform/Descriptor.h"
 #include "Platform/Sockets.h"
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <initializer_list>
 
-#include "Platform/Bytes.h"
+#include "Base/Bytes.h"
 
 namespace zk {
 

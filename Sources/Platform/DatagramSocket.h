@@ -9,7 +9,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "Platform/Bytes.h"
+#include "Base/Bytes.h"
 #include "Platform/Descriptor.h"
 
 namespace zk {

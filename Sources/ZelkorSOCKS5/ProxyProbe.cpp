@@ -4,7 +4,7 @@
 
 #include <poll.h>
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 #include "ZelkorSOCKS5/SOCKS5Control.h"
 #include "ZelkorSOCKS5/SOCKS5Error.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"

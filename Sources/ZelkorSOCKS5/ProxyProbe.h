@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Bytes.h"
+#include "Base/Bytes.h"
 #include "Platform/DatagramSocket.h"
 #include "Platform/Sockets.h"
 

@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 #include <sys/socket.h>
 
-#include "Platform/IPv4.h"
+#include "Base/Endpoint.h"
 #include "Platform/Resolver.h"
 #include "Platform/StopSignal.h"
 #include "ZelkorSOCKS5/AddressReach.h"

@@ -2,8 +2,8 @@
 
 #include <fmt/format.h>
 
-#include "Platform/IPv4.h"
-#include "Platform/UTF8.h"
+#include "Base/IPv4.h"
+#include "Base/UTF8.h"
 
 namespace zk {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Bytes.h"
+#include "Base/Bytes.h"
 
 namespace zk {
 

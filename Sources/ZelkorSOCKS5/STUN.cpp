@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 #include "Platform/Random.h"
 
 namespace zk::STUN {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 
 namespace zk {
 namespace {

@@ -13,7 +13,7 @@
 #include <unordered_set>
 #include <variant>
 
-#include "Platform/LogCallback.h"
+#include "Base/LogLine.h"
 #include "ZelkorTURN/NonceBook.h"
 #include "ZelkorTURN/RelayInterfaces.h"
 #include "ZelkorTURN/TURNAttributes.h"

@@ -11,7 +11,7 @@
 #include <fmt/format.h>
 #include <poll.h>
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 #include "Platform/Mutex.h"
 #include "Platform/Resolver.h"
 #include "Platform/Sockets.h"

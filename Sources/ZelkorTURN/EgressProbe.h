@@ -6,8 +6,8 @@
 
 #include <netinet/in.h>
 
+#include "Base/LogLine.h"
 #include "Platform/DatagramSocket.h"
-#include "Platform/LogCallback.h"
 #include "Platform/StopSignal.h"
 
 namespace zk {

@@ -3,7 +3,7 @@
 #include <system_error>
 #include <utility>
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 #include "Platform/Thread.h"
 #include "ZelkorSOCKS5/SOCKS5Error.h"
 

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "Platform/LogCallback.h"
+#include "Base/LogLine.h"
 #include "Platform/Mutex.h"
 #include "Platform/StopSignal.h"
 #include "ZelkorTURN/Allocation.h"

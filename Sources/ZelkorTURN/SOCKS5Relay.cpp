@@ -4,7 +4,7 @@
 #include <system_error>
 #include <utility>
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 #include "ZelkorSOCKS5/InterfaceScope.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
 #include "ZelkorTURN/EgressProbe.h"

@@ -11,9 +11,9 @@
 
 #include <netinet/in.h>
 
+#include "Base/LogLine.h"
 #include "Platform/DatagramSocket.h"
 #include "Platform/EventLoop.h"
-#include "Platform/LogCallback.h"
 #include "ZelkorSOCKS5/SOCKS5Control.h"
 #include "ZelkorTURN/RelayInterfaces.h"
 

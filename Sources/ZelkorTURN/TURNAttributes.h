@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-#include "Platform/Bytes.h"
+#include "Base/Bytes.h"
 #include "ZelkorSOCKS5/STUN.h"
 
 namespace zk {

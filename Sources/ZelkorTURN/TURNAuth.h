@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Bytes.h"
+#include "Base/Bytes.h"
 #include "Platform/Crypto.h"
 #include "Platform/Random.h"
 #include "ZelkorTURN/TURNMessage.h"

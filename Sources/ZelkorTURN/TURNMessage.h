@@ -5,7 +5,7 @@
 #include <iterator>
 #include <optional>
 
-#include "Platform/Bytes.h"
+#include "Base/Bytes.h"
 #include "ZelkorSOCKS5/STUN.h"
 
 namespace zk {

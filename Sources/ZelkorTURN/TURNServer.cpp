@@ -7,7 +7,7 @@
 #include <map>
 #include <utility>
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 #include "Platform/Thread.h"
 
 namespace zk {

@@ -13,11 +13,11 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Base/LogLine.h"
 #include "Platform/Clock.h"
 #include "Platform/DatagramSocket.h"
 #include "Platform/EventLoop.h"
 #include "Platform/Interfaces.h"
-#include "Platform/LogCallback.h"
 #include "Platform/Random.h"
 #include "ZelkorTURN/Allocation.h"
 #include "ZelkorTURN/RelayInterfaces.h"

@@ -9,7 +9,7 @@
 
 #include <fmt/format.h>
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 #include "Platform/Interfaces.h"
 #include "Platform/Resolver.h"
 #include "ZelkorSOCKS5/InterfaceScope.h"

@@ -7,7 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 
 namespace zk::check {
 namespace {

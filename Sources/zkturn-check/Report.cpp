@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
-#include "Platform/LogCallback.h"
+#include "Base/LogLine.h"
 
 namespace zk::check {
 namespace {

@@ -6,8 +6,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "Base/UTF8.h"
 #include "Platform/Process.h"
-#include "Platform/UTF8.h"
 #include "zkturnd/StatusOutput.h"
 
 namespace zk {

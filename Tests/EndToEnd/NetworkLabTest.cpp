@@ -14,10 +14,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Base/IPv4.h"
 #include "EndToEnd/Rig.h"
 #include "Loopback/SOCKS5Frame.h"
 #include "NetworkLab/NetworkLab.h"
-#include "Platform/IPv4.h"
 #include "Platform/Sockets.h"
 
 namespace zk::lab {

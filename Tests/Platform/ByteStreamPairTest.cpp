@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include "Base/IPv4.h"
 #include "Platform/ByteStreamPair.h"
-#include "Platform/IPv4.h"
 #include "Platform/StopSignal.h"
 #include "Support.h"
 

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Base/IPv4.h"
 #include "Platform/DatagramSocket.h"
-#include "Platform/IPv4.h"
 #include "PrivateNetwork.h"
 #include "Support.h"
 #include "System.h"

@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "Base/LogLine.h"
 #include "Loopback/Scratch.h"
-#include "Platform/LogCallback.h"
 #include "Platform/LogWriter.h"
 #include "Support.h"
 

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Platform/Bytes.h"
+#include "Base/Bytes.h"
 #include "Platform/Random.h"
 
 namespace zk {

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
+#include "Base/IPv4.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
-#include "Platform/IPv4.h"
 #include "Support.h"
 #include "ZelkorSOCKS5/ProxyProbe.h"
 

@@ -10,8 +10,8 @@
 #include <netdb.h>
 #include <sys/socket.h>
 
+#include "Base/IPv4.h"
 #include "Loopback/SOCKS5Server.h"
-#include "Platform/IPv4.h"
 #include "Platform/Resolver.h"
 #include "Platform/Sockets.h"
 #include "Platform/StopSignal.h"

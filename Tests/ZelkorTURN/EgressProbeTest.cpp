@@ -3,9 +3,9 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "Base/IPv4.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
-#include "Platform/IPv4.h"
 #include "Support.h"
 #include "ZelkorSOCKS5/SOCKS5Control.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"

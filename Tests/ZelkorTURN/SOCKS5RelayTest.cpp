@@ -7,10 +7,10 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "Base/IPv4.h"
 #include "Loopback/EchoPeer.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
-#include "Platform/IPv4.h"
 #include "PrivateNetwork.h"
 #include "Support.h"
 #include "ZelkorSOCKS5/SOCKS5Error.h"

@@ -16,13 +16,13 @@
 #include <netdb.h>
 #include <unistd.h>
 
+#include "Base/IPv4.h"
 #include "Loopback/DaemonProcess.h"
 #include "Loopback/EchoPeer.h"
 #include "Loopback/Load.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
 #include "Loopback/TURNClient.h"
-#include "Platform/IPv4.h"
 
 namespace zk::demo {
 namespace {

@@ -1,6 +1,6 @@
 #include "Loopback/EchoPeer.h"
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 
 namespace zk::loopback {
 

@@ -8,9 +8,9 @@
 
 #include <netinet/in.h>
 
+#include "Base/Bytes.h"
 #include "Loopback/EventLoop.h"
 #include "Loopback/KitSocket.h"
-#include "Platform/Bytes.h"
 
 namespace zk::loopback {
 

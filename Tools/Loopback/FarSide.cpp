@@ -1,7 +1,7 @@
 #include "Loopback/FarSide.h"
 
+#include "Base/IPv4.h"
 #include "Loopback/SOCKS5Frame.h"
-#include "Platform/IPv4.h"
 #include "Platform/Thread.h"
 #include "ZelkorTURN/TURNAttributes.h"
 #include "ZelkorTURN/TURNMessage.h"

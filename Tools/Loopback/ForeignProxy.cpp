@@ -9,8 +9,8 @@
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
+#include "Base/IPv4.h"
 #include "Loopback/KitSocket.h"
-#include "Platform/IPv4.h"
 
 namespace zk::loopback {
 namespace {

@@ -10,7 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 
 namespace zk::loopback {
 namespace {

@@ -5,8 +5,8 @@
 #include <functional>
 #include <vector>
 
+#include "Base/Bytes.h"
 #include "Loopback/TURNClient.h"
-#include "Platform/Bytes.h"
 
 namespace zk::loopback {
 

@@ -5,8 +5,8 @@
 
 #include <netinet/in.h>
 
+#include "Base/Bytes.h"
 #include "Loopback/SOCKS5Core.h"
-#include "Platform/Bytes.h"
 
 namespace zk::loopback {
 

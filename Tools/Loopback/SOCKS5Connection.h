@@ -4,8 +4,8 @@
 #include <memory>
 #include <optional>
 
+#include "Base/Bytes.h"
 #include "Loopback/SOCKS5Core.h"
-#include "Platform/Bytes.h"
 
 namespace zk::loopback {
 

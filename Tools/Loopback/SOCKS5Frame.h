@@ -5,7 +5,7 @@
 
 #include <netinet/in.h>
 
-#include "Platform/Bytes.h"
+#include "Base/Bytes.h"
 
 namespace zk::loopback {
 

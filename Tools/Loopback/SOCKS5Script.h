@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Bytes.h"
-#include "Platform/IPv4.h"
+#include "Base/Bytes.h"
+#include "Base/IPv4.h"
 
 namespace zk::loopback {
 

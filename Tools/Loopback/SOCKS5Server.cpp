@@ -3,10 +3,10 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include "Base/IPv4.h"
 #include "Loopback/SOCKS5Association.h"
 #include "Loopback/SOCKS5Connection.h"
 #include "Loopback/SOCKS5Core.h"
-#include "Platform/IPv4.h"
 
 namespace zk::loopback {
 namespace {

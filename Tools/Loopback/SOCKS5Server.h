@@ -9,8 +9,8 @@
 
 #include <netinet/in.h>
 
+#include "Base/Bytes.h"
 #include "Loopback/SOCKS5Script.h"
-#include "Platform/Bytes.h"
 
 namespace zk::loopback {
 

@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 #include "ZelkorTURN/TURNAttributes.h"
 #include "ZelkorTURN/TURNMessage.h"
 

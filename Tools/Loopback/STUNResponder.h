@@ -7,9 +7,9 @@
 #include <optional>
 #include <string>
 
+#include "Base/Bytes.h"
 #include "Loopback/EventLoop.h"
 #include "Loopback/KitSocket.h"
-#include "Platform/Bytes.h"
 
 namespace zk::loopback {
 

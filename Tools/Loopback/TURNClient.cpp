@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 
 namespace zk::loopback {
 namespace {

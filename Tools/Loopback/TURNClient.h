@@ -9,8 +9,8 @@
 
 #include <netinet/in.h>
 
+#include "Base/Bytes.h"
 #include "Loopback/KitSocket.h"
-#include "Platform/Bytes.h"
 #include "ZelkorTURN/TURNAttributes.h"
 #include "ZelkorTURN/TURNAuth.h"
 #include "ZelkorTURN/TURNMessage.h"

@@ -25,8 +25,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Platform/Bytes.h"
-#include "Platform/IPv4.h"
+#include "Base/Bytes.h"
+#include "Base/IPv4.h"
 #include "Platform/Sockets.h"
 
 namespace zk::lab {

@@ -11,8 +11,8 @@
 #include <netinet/udp.h>
 #include <sys/mman.h>
 
+#include "Base/IPv4.h"
 #include "Platform/DatagramSocket.h"
-#include "Platform/IPv4.h"
 
 namespace zk {
 namespace {

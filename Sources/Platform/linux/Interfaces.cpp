@@ -19,7 +19,7 @@
 #include <netinet/in.h>
 #include <unistd.h>
 
-#include "Platform/Bytes.h"
+#include "Base/Bytes.h"
 #include "Platform/Descriptor.h"
 #include "Platform/Sockets.h"
 

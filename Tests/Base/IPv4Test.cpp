@@ -3,7 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 
 namespace zk {
 namespace {

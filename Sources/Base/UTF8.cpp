@@ -1,4 +1,4 @@
-#include "Platform/UTF8.h"
+#include "Base/UTF8.h"
 
 namespace zk {
 namespace {

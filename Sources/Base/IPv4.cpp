@@ -1,4 +1,4 @@
-#include "Platform/IPv4.h"
+#include "Base/IPv4.h"
 
 #include <charconv>
 #include <cstring>

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "Platform/UTF8.h"
+#include "Base/UTF8.h"
 
 namespace zk {
 namespace {

@@ -1,4 +1,4 @@
-#include "Platform/LogCallback.h"
+#include "Base/LogLine.h"
 
 #include <algorithm>
 

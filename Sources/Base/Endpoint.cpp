@@ -1,0 +1,109 @@
+#include "Base/Endpoint.h"
+
+#include <charconv>
+
+#include <fmt/format.h>
+
+namespace zk {
+
+std::string Endpoint::ip() const {
+  std::array<char, 16> text;
+  std::size_t length = 0;
+  for (const unsigned octet : octets()) {
+    if (octet >= 100) {
+      text[length++] = static_cast<char>('0' + octet / 100);
+    }
+    if (octet >= 10) {
+      text[length++] = static_cast<char>('0' + octet / 10 % 10);
+    }
+    text[length++] = static_cast<char>('0' + octet % 10);
+    text[length++] = '.';
+  }
+  return {text.data(), length - 1};
+}
+
+std::string Endpoint::text() const {
+  return fmt::format("{}:{}", ip(), port);
+}
+
+std::array<std::uint8_t, 4> Endpoint::octets() const {
+  return {static_cast<std::uint8_t>(address >> 24), static_cast<std::uint8_t>(address >> 16),
+          static_cast<std::uint8_t>(address >> 8), static_cast<std::uint8_t>(address)};
+}
+
+sockaddr_in Endpoint::socketAddress() const {
+  sockaddr_in made{};
+  made.sin_family = AF_INET;
+  made.sin_port = htons(port);
+  made.sin_addr.s_addr = htonl(address);
+  return made;
+}
+
+// As inet_pton() has it: four decimal numbers of 0 to 255 without leading zeros. Read here because
+// inet_pton() wants a terminated text and would not see what stands behind a zero octet.
+std::optional<std::uint32_t> parseAddress(std::string_view text) {
+  std::uint32_t address = 0;
+  std::size_t at = 0;
+  for (int i = 0; i < 4; ++i) {
+    if (i > 0 && (at == text.size() || text[at++] != '.')) {
+      return std::nullopt;
+    }
+    const std::size_t start = at;
+    unsigned value = 0;
+    while (at < text.size() && text[at] >= '0' && text[at] <= '9' && at - start < 3) {
+      value = value * 10 + static_cast<unsigned>(text[at++] - '0');
+    }
+    if (at == start || value > 255 || (at - start > 1 && text[start] == '0')) {
+      return std::nullopt;
+    }
+    address = address << 8 | value;
+  }
+  return at == text.size() ? std::optional(address) : std::nullopt;
+}
+
+std::optional<std::uint32_t> parseAddressLeniently(std::string_view text) {
+  std::uint32_t address = 0;
+  int count = 0;
+  while (!text.empty()) {
+    const std::size_t dot = text.find('.');
+    const std::string_view piece = text.substr(0, dot);
+    text = dot == std::string_view::npos ? std::string_view{} : text.substr(dot + 1);
+
+    std::uint8_t octet = 0;
+    const auto [end, error] = std::from_chars(piece.data(), piece.data() + piece.size(), octet);
+    if (error == std::errc{} && end == piece.data() + piece.size()) {
+      address = address << 8 | octet;
+      ++count;
+    }
+  }
+  return count == 4 ? std::optional(address) : std::nullopt;
+}
+
+std::optional<std::uint16_t> parsePort(std::string_view text) {
+  std::uint16_t port = 0;
+  const char* const end = text.data() + text.size();
+  const auto [stopped, error] = std::from_chars(text.data(), end, port);
+  return error == std::errc{} && stopped == end ? std::optional(port) : std::nullopt;
+}
+
+std::string HostPort::text() const {
+  return host.find(':') != std::string::npos ? fmt::format("[{}]:{}", host, port)
+                                             : fmt::format("{}:{}", host, port);
+}
+
+std::optional<HostPort> parseHostPort(std::string_view text) {
+  const std::size_t colon = text.rfind(':');
+  if (colon == std::string_view::npos) {
+    return std::nullopt;
+  }
+  std::string_view host = text.substr(0, colon);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+    host = host.substr(1, host.size() - 2);
+  } else if (host.empty() || host.find_first_of(":[]") != std::string_view::npos) {
+    return std::nullopt;
+  }
+  const auto port = parsePort(text.substr(colon + 1));
+  return port && *port != 0 ? std::optional(HostPort{std::string(host), *port}) : std::nullopt;
+}
+
+}  // namespace zk
