@@ -48,7 +48,7 @@ constexpr LoadKind loads[] = {{200, 32}, {200, 1}, {20, 32}, {1200, 32}};
 Measurement measure(const Contestant& contestant, const LoadKind& load,
                     std::chrono::milliseconds duration, unsigned burst = 1) {
   const auto before = contestant.process().cpuTime();
-  const LoadResult result = runLoad(contestant.endpoints(), {.payload = load.payload,
+  const LoadResult result = runLoad(contestant.legs(), {.payload = load.payload,
                                                              .outstanding = load.outstanding,
                                                              .duration = duration,
                                                              .burst = burst});
