@@ -32,8 +32,7 @@ class Floor final : public Contestant {
     name_ = "floor";
     port_ = portSaidBy(child_);
     socket_.connectTo(localEndpoint(port_));
-    legs_.push_back(
-        {socket_.get(), 0, [](ByteView payload) { return concatenated({}, payload); }});
+    legs_.push_back({socket_.get(), 0, [](ByteView payload) { return concatenated({}, payload); }});
   }
   const ChildProcess& process() const override { return child_; }
 
@@ -58,7 +57,7 @@ class Daemon final : public Contestant {
         throw std::runtime_error("the daemon gave no relay");
       }
       legs_.push_back(isChannel ? CallLeg::onChannel(client, channel)
-                                     : CallLeg::indications(client, peer));
+                                : CallLeg::indications(client, peer));
     }
   }
   const ChildProcess& process() const override { return daemon_; }
@@ -81,8 +80,8 @@ class Proxy final : public Contestant {
     port_ = readUInt16(answer, 8);
     socket_.connectTo(localEndpoint(port_));
     legs_.push_back({socket_.get(), socks5HeaderSize, [farPort](ByteView payload) {
-                            return socks5Frame(localEndpoint(farPort), payload);
-                          }});
+                       return socks5Frame(localEndpoint(farPort), payload);
+                     }});
   }
   const ChildProcess& process() const override { return proxy_.process(); }
 

@@ -187,7 +187,8 @@ class Rows {
     return {.login = SOCKS5Login{"user", "password"}, .distance = Milliseconds(distance)};
   }
 
-  static LoadResult besideOpening(World& world, Line& line, const SOCKS5Script& script, bool succeeds) {
+  static LoadResult besideOpening(World& world, Line& line, const SOCKS5Script& script,
+                                  bool succeeds) {
     world.proxy.setScript(script);
     bool opened = false;
     const LoadResult seen = observe(line, [&] { opened = open(world); });
@@ -349,7 +350,8 @@ std::string enterMachine() {
     if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) {
       throw std::runtime_error("cannot make namespaces: only root can");
     }
-    runScript("mount --make-rprivate / && ip link set lo up && mount -t tmpfs -o size=2g tmpfs /tmp && "
+    runScript(
+        "mount --make-rprivate / && ip link set lo up && mount -t tmpfs -o size=2g tmpfs /tmp && "
         "echo nameserver 127.0.0.1 >/tmp/resolv.conf && "
         "mount --bind /tmp/resolv.conf /etc/resolv.conf && "
         "mkfs.ext4 -qF /tmp/disk 1g >/dev/null && mount -o loop /tmp/disk /tmp");

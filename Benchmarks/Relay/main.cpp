@@ -49,9 +49,9 @@ Measurement measure(const Contestant& contestant, const LoadKind& load,
                     std::chrono::milliseconds duration, unsigned burst = 1) {
   const auto before = contestant.process().cpuTime();
   const LoadResult result = runLoad(contestant.legs(), {.payload = load.payload,
-                                                             .outstanding = load.outstanding,
-                                                             .duration = duration,
-                                                             .burst = burst});
+                                                        .outstanding = load.outstanding,
+                                                        .duration = duration,
+                                                        .burst = burst});
   const auto used = contestant.process().cpuTime() - before;
   const auto roundTrips = static_cast<double>(result.roundTrips());
   return {

@@ -117,19 +117,18 @@ std::string failureReason(std::uint16_t clientPort, std::uintmax_t from) {
 loopback::LoadResult exchange(const char* label, const CallLeg& leg, std::uint64_t count) {
   unsigned shown = 101;
   auto result = loopback::runLoad(
-      {leg},
-      {.payload = payloadSize,
-       .outstanding = windowSize,
-       .count = count,
-       .patience = 2s,
-       .progress = [&](std::uint64_t done) {
-         const auto percent = static_cast<unsigned>(done * 100 / count);
-         if (percent != shown) {
-           shown = percent;
-           showPassingLine(fmt::format("{:<17} [{:#<{}}{: <{}}] {:3} %", label, "", percent * 2 / 5,
-                                       "", 40 - percent * 2 / 5, percent));
-         }
-       }});
+      {leg}, {.payload = payloadSize,
+              .outstanding = windowSize,
+              .count = count,
+              .patience = 2s,
+              .progress = [&](std::uint64_t done) {
+                const auto percent = static_cast<unsigned>(done * 100 / count);
+                if (percent != shown) {
+                  shown = percent;
+                  showPassingLine(fmt::format("{:<17} [{:#<{}}{: <{}}] {:3} %", label, "",
+                                              percent * 2 / 5, "", 40 - percent * 2 / 5, percent));
+                }
+              }});
   showPassingLine("");
   return result;
 }
@@ -207,8 +206,7 @@ void run(const Options& options) {
   }
   fmt::print("daemon:           process {}, TURN on 127.0.0.1:{}\n", daemon.pid(), port);
   fmt::print("proxy:            {}{}\n", proxyText, ownProxy ? " (the demo's own)" : "");
-  fmt::print("peer:             {}{}\n", peer.text(),
-             echo ? " (the demo's own echo)" : "");
+  fmt::print("peer:             {}{}\n", peer.text(), echo ? " (the demo's own echo)" : "");
   fmt::print("relayed address:  {}\n", answer.relayedAddress().value_or(Endpoint{}).text());
   fmt::print("sending:          {} datagrams of {} octets each way, {} under way at a time\n",
              2 * datagramsPerForm, payloadSize, windowSize);

@@ -104,10 +104,10 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments, const Environment
   Pipe toChild = openPipe();
   Pipe fromChild = openPipe();
   Pipe failure = openPipe();  // closed by a successful exec()
-  const Descriptor log(output.empty() ? -1
-                                      : open(output.c_str(),
-                                             O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC,
-                                             S_IRUSR | S_IWUSR));
+  const Descriptor log(
+      output.empty()
+          ? -1
+          : open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR));
   pid_ = fork();
   if (pid_ == 0) {
     setpgid(0, 0);

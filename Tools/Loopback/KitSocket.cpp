@@ -93,8 +93,8 @@ bool KitSocket::send(ByteView datagram) const {
 std::optional<Arrival> KitSocket::receive(std::span<std::uint8_t> into, int flags) const {
   sockaddr_in from{};
   socklen_t length = sizeof from;
-  const auto count = recvfrom(get(), into.data(), into.size(), flags,
-                              reinterpret_cast<sockaddr*>(&from), &length);
+  const auto count =
+      recvfrom(get(), into.data(), into.size(), flags, reinterpret_cast<sockaddr*>(&from), &length);
   if (count < 0) {
     return std::nullopt;
   }

@@ -251,15 +251,14 @@ LoadResult runCall(const CallLeg& leg, std::chrono::milliseconds duration) {
       ++pictures;
       nextPicture += pictureEvery;
     }
-    const std::uint64_t next = now < end ? std::min({nextSound, nextPicture, end})
-                                         : end + nanoseconds(patience);
+    const std::uint64_t next =
+        now < end ? std::min({nextSound, nextPicture, end}) : end + nanoseconds(patience);
     if (now >= next && now >= end) {
       break;
     }
     const auto left = std::chrono::nanoseconds(next > now ? next - now : 0);
     waitReadable(leg.socket, std::chrono::ceil<std::chrono::milliseconds>(left));
-    for (ssize_t n = 0;
-         (n = recv(leg.socket, buffer.data(), buffer.size(), MSG_DONTWAIT)) >= 0;) {
+    for (ssize_t n = 0; (n = recv(leg.socket, buffer.data(), buffer.size(), MSG_DONTWAIT)) >= 0;) {
       const ByteView datagram = ByteView(buffer).first(static_cast<std::size_t>(n));
       const ByteView content = datagram.subspan(std::min(datagram.size(), leg.payloadAt));
       ledger.take(sound.fits(content) || picture.fits(content) ? content : ByteView{});

@@ -44,8 +44,8 @@ Bytes sendIndicationTo(const Endpoint& peer, ByteView payload,
 
 /// A datagram from a peer, in either form.
 struct TURNData {
-  std::optional<Endpoint> peer;  // it came as a Data indication
-  std::optional<std::uint16_t> channel;         // it came as ChannelData
+  std::optional<Endpoint> peer;          // it came as a Data indication
+  std::optional<std::uint16_t> channel;  // it came as ChannelData
   Bytes payload;
 };
 

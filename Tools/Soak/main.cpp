@@ -109,8 +109,8 @@ class World {
 };
 
 void exchange(const CallLeg& leg, std::uint64_t count, unsigned window, Tally& tally) {
-  const auto result = runLoad(
-      {leg}, {.payload = 1000, .outstanding = window, .count = count, .patience = 500ms});
+  const auto result =
+      runLoad({leg}, {.payload = 1000, .outstanding = window, .count = count, .patience = 500ms});
   tally.sent += result.sent;
   tally.lost += result.losses();
 }
@@ -139,7 +139,7 @@ class FullLoad {
                            (!isChannel || client.bindChannel(0x4000, world.peer()).success());
         tally.failures += !ready;
         const CallLeg leg = isChannel ? CallLeg::onChannel(client, 0x4000)
-                                            : CallLeg::indications(client, world.peer());
+                                      : CallLeg::indications(client, world.peer());
         while (ready && !ending_) {
           exchange(leg, 200, steadyWindow, tally);
         }
