@@ -251,7 +251,7 @@ Bytes SOCKS5Control::readExactly(std::size_t count) {
 
 void SOCKS5Control::tell(Stage stage, const std::string& detail) const {
   if (onStage) {
-    onStage(stage, detail);
+    onStage(*this, stage, detail);
   }
 }
 

@@ -37,7 +37,7 @@ class SOCKS5Control {
 
   enum class Stage { nameFound, connected, methodChosen, loggedIn, associated };
   /// Told of each stage once it is behind, with what was found there, for those who want to watch.
-  using StageWatcher = std::function<void(Stage, const std::string&)>;
+  using StageWatcher = std::function<void(const SOCKS5Control&, Stage, const std::string&)>;
   StageWatcher onStage;
 
   /// Resolves the proxy and connects to the first of its addresses that answers. Sockets are pinned
