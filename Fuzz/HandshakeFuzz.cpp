@@ -119,10 +119,19 @@ class Conversation {
 
 // The proxy's.
 int listeningSocket() {
-  const int socket = openSocket(AF_INET, SOCK_STREAM, 0);
-  require(bindSocket(socket, socketAddress("127.0.0.1", 0)) && listen(socket, 16) == 0,
+  const int listener = socket(AF_INET, SOCK_STREAM, 0);
+  const sockaddr_in address = socketAddress("127.0.0.1", 0);
+  require(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+              listen(listener, 16) == 0,
           "a listener can be had");
-  return socket;
+  return listener;
+}
+
+std::uint16_t portOf(int socket) {
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length);
+  return portNumber(address);
 }
 
 int lowestFreeDescriptor() {
@@ -135,7 +144,7 @@ int lowestFreeDescriptor() {
 
 void run(ByteView bytes) {
   static const int listener = listeningSocket();
-  static const std::uint16_t port = portNumber(localAddress(listener));
+  static const std::uint16_t port = portOf(listener);
   static const std::array<Text, 5> credentials{Text(), "", "of-the-proxy", std::string(255, 'o'),
                                                std::string(256, 'o')};
   Input input(bytes);
@@ -187,7 +196,7 @@ void run(ByteView bytes) {
 
   const linger reset{1, 0};  // leaves no port waiting behind
   setsockopt(proxy, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-  closeSocket(proxy);
+  close(proxy);
   control.close();
   control.close();
   require(lowestFreeDescriptor() == descriptor, "no descriptor is left open");

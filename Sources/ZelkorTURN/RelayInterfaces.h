@@ -10,6 +10,7 @@
 #include <netinet/in.h>
 
 #include "Base/Bytes.h"
+#include "Platform/Interfaces.h"
 
 namespace zk {
 
@@ -63,8 +64,9 @@ class RelayListener {
   ~RelayListener() = default;
 };
 
-/// Whether a route of that interface leads to the destination.
-using RouteCheck = std::function<bool(unsigned interfaceIndex, const sockaddr_in& destination)>;
+/// Whether a route of that interface leads to the destination, as far as the system can be asked.
+using RouteCheck =
+    std::function<RouteAnswer(unsigned interfaceIndex, const sockaddr_in& destination)>;
 
 /// What the relays of one loop share: it calls them, and they receive and send in its bursts.
 struct RelayLoop {

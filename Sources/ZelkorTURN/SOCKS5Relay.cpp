@@ -89,7 +89,11 @@ void SOCKS5Relay::receive(const RelayLoop& loop, RelayListener& listener) {
 }
 
 void SOCKS5Relay::onRouteChange(const RouteCheck& hasRoute) {
-  const bool isCutOff = interface_ && !hasRoute(*interface_, relayAddr_);
+  const RouteAnswer answer = interface_ ? hasRoute(*interface_, relayAddr_) : RouteAnswer::yes;
+  if (answer == RouteAnswer::unknown) {
+    return;
+  }
+  const bool isCutOff = answer == RouteAnswer::no;
   if (std::exchange(isCutOff_, isCutOff) != isCutOff) {
     control_->setQuiet(isCutOff);
     logLine(settings_->dataPlaneLog,

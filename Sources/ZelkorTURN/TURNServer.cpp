@@ -59,12 +59,13 @@ void logAnswer(const LogCallback& debugLog, const TURNMessage& answer) {
 }
 
 // Asks the system once for each way: mostly all relays have the same.
-RouteCheck routeCheck() {
+RouteCheck routeCheck(Interfaces& look) {
   using Way = std::pair<unsigned, in_addr_t>;
-  return [known = std::map<Way, bool>()](unsigned interface, const sockaddr_in& to) mutable {
+  return [&look, known = std::map<Way, RouteAnswer>()](unsigned interface,
+                                                       const sockaddr_in& to) mutable {
     const auto [entry, isNew] = known.try_emplace({interface, to.sin_addr.s_addr});
     if (isNew) {
-      entry->second = hasRoute(interface, reinterpret_cast<const sockaddr&>(to));
+      entry->second = look.askRoute(interface, reinterpret_cast<const sockaddr&>(to));
     }
     return entry->second;
   };
@@ -135,9 +136,7 @@ void TURNServer::prepare() {
   opener_.emplace(relayFactory_, debugLog);
   loop_->atEndOfRound([this] { sendOutbox(); });
   routes_.emplace(*this);
-  if (routes_->descriptor() >= 0) {
-    loop_->watch(routes_->descriptor(), *routes_);
-  }
+  loop_->watch(routes_->descriptor(), *routes_);
   sweepRegularly();
 }
 
@@ -329,8 +328,9 @@ void TURNServer::concludeOpening(const FiveTuple& client,
     auto relay = std::make_unique<ClientRelay>(*this, client, opened->relay);
     try {
       opened->relay->receive({*loop_, *receiver_, relaySender_}, *relay);
-      opened->relay->onRouteChange(routeCheck());  // what changed before nobody has told it
-      releaseRelay(client);                        // one that this one replaces
+      opened->relay->onRouteChange(
+          routeCheck(routes_->look()));  // what changed before nobody has told it
+      releaseRelay(client);              // one that this one replaces
       relayMap_[client] = std::move(relay);
       address = opened->address;
     } catch (const std::system_error& error) {
@@ -346,7 +346,7 @@ void TURNServer::concludeOpening(const FiveTuple& client,
 
 void TURNServer::Routes::onReadable() {
   watch_.drain();
-  const RouteCheck check = routeCheck();
+  const RouteCheck check = routeCheck(look_);
   for (const auto& [client, relay] : server_.relayMap_) {
     relay->relay->onRouteChange(check);
   }

@@ -75,11 +75,13 @@ class TURNServer final : EventLoop::Source {
    public:
     explicit Routes(TURNServer& server) : server_(server) {}
     int descriptor() const { return watch_.descriptor(); }
+    Interfaces& look() { return look_; }
     void onReadable() override;
 
    private:
     TURNServer& server_;
     RouteWatch watch_;
+    Interfaces look_;
   };
   // A client's relay, and what the datagrams at hand have for it.
   struct ClientRelay final : RelayListener {

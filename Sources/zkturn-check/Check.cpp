@@ -192,7 +192,7 @@ void Checker::connect() {
   const std::optional<bool> override =
       options_.viaDefault ? std::optional(true) : std::nullopt;  // as the daemon does by itself
   const auto way = [](std::optional<unsigned> index) -> std::string {
-    for (const NetworkInterface& interface : availableInterfaces()) {
+    for (const NetworkInterface& interface : Interfaces().available()) {
       if (index == interface.index) {
         return "pinned to " + interface.name;
       }

@@ -206,8 +206,7 @@ TEST(SOCKS5Control, NamesWhatIsWrongWithAnAnswer) {
 class CannedProxy {
  public:
   explicit CannedProxy(const std::string& ip, std::uint16_t port = 0)
-      : listener_(openSocket(ip.find(':') == std::string::npos ? AF_INET : AF_INET6, SOCK_STREAM,
-                             IPPROTO_TCP)) {
+      : listener_(socket(ip.find(':') == std::string::npos ? AF_INET : AF_INET6, SOCK_STREAM, 0)) {
     sockaddr_in ipv4 = socketAddress(ip, port);
     sockaddr_in6 ipv6{};
     ipv6.sin6_family = AF_INET6;

@@ -172,7 +172,8 @@ int openTun() {
 }
 
 int openRecorder() {
-  const int recorder = openSocket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK, htons(ETH_P_ALL));
+  const int recorder =
+      socket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, htons(ETH_P_ALL));
   if (recorder < 0 || setsockopt(recorder, SOL_SOCKET, SO_RCVBUFFORCE, &recorderBuffer,
                                  sizeof recorderBuffer) != 0) {
     fail("recorder");
