@@ -24,9 +24,11 @@ Descriptor openNonBlockingSocket(int family, int type, int protocol) {
 }
 
 // One option for both families.
-bool pinToInterface(int socket, int /*family*/, unsigned interfaceIndex) {
+void pinToInterface(int socket, int /*family*/, unsigned interfaceIndex) {
   const int index = static_cast<int>(interfaceIndex);
-  return setsockopt(socket, SOL_SOCKET, SO_BINDTOIFINDEX, &index, sizeof index) == 0;
+  if (setsockopt(socket, SOL_SOCKET, SO_BINDTOIFINDEX, &index, sizeof index) != 0) {
+    throw std::system_error(errno, std::generic_category(), "pin");
+  }
 }
 
 // What has crossed a router has lost one of its hops, of which there are 255 at most (RFC 5082).

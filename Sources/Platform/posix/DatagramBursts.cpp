@@ -10,7 +10,6 @@
 #include <sys/mman.h>
 #include <sys/uio.h>
 
-#include "Base/IPv4.h"
 #include "Platform/DatagramSocket.h"
 #include "Platform/posix/Messages.h"
 
@@ -70,8 +69,8 @@ ByteView DatagramReceiver::datagram(std::size_t i) const {
   return ByteView(room_->buffers[i]).first(room_->messages[i].length);
 }
 
-const sockaddr_in& DatagramReceiver::sender(std::size_t i) const {
-  return room_->senders[i];
+Endpoint DatagramReceiver::sender(std::size_t i) const {
+  return Endpoint::of(room_->senders[i]);
 }
 
 // ---- Sending -----------------------------------------------------------------------------------
@@ -102,7 +101,7 @@ std::size_t DatagramSender::Burst::runFrom(std::size_t first, std::size_t end) c
   std::size_t count = 1;
   while (first + count < end && (count + 1) * size <= maxSegmented && sizes[first + count] > 0 &&
          sizes[first + count] <= size &&
-         isSameAddress(receivers[first], receivers[first + count])) {
+         Endpoint::of(receivers[first]) == Endpoint::of(receivers[first + count])) {
     ++count;
     if (sizes[first + count - 1] < size) {
       break;
@@ -130,14 +129,14 @@ DatagramSender::DatagramSender() : burst_(std::make_unique<Burst>()) {}
 
 DatagramSender::~DatagramSender() = default;
 
-void DatagramSender::add(ByteView header, ByteView payload, const sockaddr_in& to) {
+void DatagramSender::add(ByteView header, ByteView payload, const Endpoint& to) {
   assert(!isFull() && header.size() <= maxHeader);
   const std::size_t i = count_++;
   std::copy(header.begin(), header.end(), burst_->headers[i].begin());
   burst_->vectors[2 * i] = {burst_->headers[i].data(), header.size()};
   burst_->vectors[2 * i + 1] = {const_cast<std::uint8_t*>(payload.data()), payload.size()};
   burst_->sizes[i] = header.size() + payload.size();
-  burst_->receivers[i] = to;
+  burst_->receivers[i] = to.socketAddress();
 }
 
 std::span<const DatagramSender::Result> DatagramSender::send(DatagramSocket& socket) {
