@@ -66,13 +66,7 @@ class Interfaces {
   /// 0. A socket pinned to an interface without one would take the destination for a neighbour and
   /// ask for it on the local network, where anybody may answer.
   bool hasRoute(unsigned interfaceIndex, const sockaddr& destination);
-  RouteAnswer askRoute(unsigned interfaceIndex, const sockaddr& destination) {
-    try {
-      return hasRoute(interfaceIndex, destination) ? RouteAnswer::yes : RouteAnswer::no;
-    } catch (const LookFailed&) {
-      return RouteAnswer::unknown;
-    }
-  }
+  RouteAnswer askRoute(unsigned interfaceIndex, const sockaddr& destination);
 
   /// The most specific route to `destination`, whichever table it stands in, when it is a link
   /// route.

@@ -1,9 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
-#include <optional>
-#include <span>
 #include <string>
 
 #include <netinet/in.h>
@@ -16,9 +13,6 @@ class StopSignal;
 
 /// The system's text for an error number.
 std::string errorText(int error);
-
-/// The same for the last call that has failed on this thread.
-std::string lastErrorText();
 
 /// An IPv4 or IPv6 address as numbers, without its port.
 std::string numericText(const sockaddr& address);
@@ -62,10 +56,5 @@ struct Pipe {
   Descriptor writer;
 };
 Pipe openPipe();
-
-/// One datagram in, cut at the size of `into`, and whom it came from. Octets received; absent when
-/// none waits in a socket that does not block. Throws std::system_error.
-std::optional<std::size_t> receiveDatagram(int socket, std::span<std::uint8_t> into,
-                                           sockaddr_in& from);
 
 }  // namespace zk

@@ -4,8 +4,6 @@
 #include "Platform/Interfaces.h"
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <limits>
 #include <map>
 #include <utility>
@@ -16,6 +14,7 @@
 
 #include "Platform/Sockets.h"
 #include "Platform/linux/Netlink.h"
+#include "Platform/posix/System.h"
 
 namespace zk {
 namespace {
@@ -171,7 +170,7 @@ bool Interfaces::hasRoute(unsigned interfaceIndex, const sockaddr& destination) 
 }
 
 std::optional<LinkRoute> Interfaces::linkRouteTo(const sockaddr& destination) {
-  const ByteView address = addressOf(destination);
+  const ByteView address = octetsOf(destination);
   std::optional<Route> best;
   system_->dump(RTM_GETROUTE, destination.sa_family, [&](const nlmsghdr* message) {
     Route route = readRoute(message);
@@ -195,15 +194,8 @@ RouteWatch::RouteWatch() : socket_(openNonBlockingSocket(AF_NETLINK, SOCK_RAW, N
   sockaddr_nl groups{};
   groups.nl_family = AF_NETLINK;
   groups.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV4_RULE;
-  if (bind(socket_.get(), reinterpret_cast<const sockaddr*>(&groups), sizeof groups) != 0) {
-    throw std::system_error(errno, std::generic_category(), "netlink");
-  }
-}
-
-void RouteWatch::drain() {
-  std::array<std::uint8_t, 4096> discarded;
-  while (recv(socket_.get(), discarded.data(), discarded.size(), 0) > 0) {
-  }
+  require(bind(socket_.get(), reinterpret_cast<const sockaddr*>(&groups), sizeof groups) == 0,
+          "netlink");
 }
 
 }  // namespace zk

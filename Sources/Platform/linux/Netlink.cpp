@@ -3,10 +3,8 @@
 #include <cerrno>
 #include <system_error>
 
-#include <netinet/in.h>
-
 #include "Platform/Interfaces.h"
-#include "Platform/Sockets.h"
+#include "Platform/posix/System.h"
 
 namespace zk {
 namespace {
@@ -22,18 +20,6 @@ bool meansNoRoute(int error) {
          error == EACCES;
 }
 
-bool sharePrefix(ByteView a, ByteView b, unsigned bits) {
-  for (std::size_t i = 0; i < a.size() && bits > 0; ++i) {
-    const unsigned here = std::min(bits, 8U);
-    const auto mask = static_cast<std::uint8_t>(0xFF << (8 - here));
-    if (((a[i] ^ b[i]) & mask) != 0) {
-      return false;
-    }
-    bits -= here;
-  }
-  return true;
-}
-
 // The error in an answer of that kind, 0 for none.
 int errorIn(const nlmsghdr* message) {
   int error = 0;  // negative, and first of what follows the header
@@ -45,19 +31,10 @@ int errorIn(const nlmsghdr* message) {
 
 }  // namespace
 
-ByteView addressOf(const sockaddr& address) {
-  if (address.sa_family == AF_INET6) {
-    const auto& in6 = reinterpret_cast<const sockaddr_in6&>(address).sin6_addr;
-    return {reinterpret_cast<const std::uint8_t*>(&in6), sizeof in6};
-  }
-  const auto& in = reinterpret_cast<const sockaddr_in&>(address).sin_addr;
-  return {reinterpret_cast<const std::uint8_t*>(&in), sizeof in};
-}
-
 bool Route::covers(ByteView address) const {
   return destination.empty() ? prefixLength == 0
                              : destination.size() == address.size() &&
-                                   sharePrefix(destination, address, prefixLength);
+                                   sharePrefix(destination.data(), address.data(), prefixLength);
 }
 
 Route readRoute(const nlmsghdr* message) {
@@ -110,14 +87,7 @@ struct Netlink::Request {
   }
 };
 
-Netlink::Netlink()
-    : socket_([] {
-        try {
-          return openNonBlockingSocket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
-        } catch (const std::system_error& error) {
-          fail(error.code().value());
-        }
-      }()) {}
+Netlink::Netlink() : socket_(openForLooks(AF_NETLINK, SOCK_RAW)) {}
 
 void Netlink::dump(std::uint16_t type, int family, const Visit& visit) {
   Request request(type, family);
@@ -129,7 +99,7 @@ void Netlink::dump(std::uint16_t type, int family, const Visit& visit) {
 }
 
 std::optional<Route> Netlink::routeTo(const sockaddr& destination, unsigned interface) {
-  const ByteView address = addressOf(destination);
+  const ByteView address = octetsOf(destination);
   Request request(RTM_GETROUTE, destination.sa_family);
   request.route.rtm_dst_len = static_cast<unsigned char>(address.size() * 8);
   // The entry of the table, and a failure when there is none. Without this the kernel answers that

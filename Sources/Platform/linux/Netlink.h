@@ -40,9 +40,6 @@ inline std::uint32_t numberOf(const rtattr* attribute) {
   return number;
 }
 
-/// The octets of an IPv4 or IPv6 address.
-ByteView addressOf(const sockaddr& address);
-
 /// One entry of the routing tables.
 struct Route {
   bool isUnicast = false;

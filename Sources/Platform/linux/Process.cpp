@@ -1,6 +1,7 @@
 #include "Platform/Process.h"
 
 #include <malloc.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include "Platform/posix/System.h"
@@ -13,6 +14,13 @@ void closeInherited() {
 
 rlim_t mostDescriptors(rlim_t hardLimit) {
   return hardLimit;
+}
+
+// What is longer is refused.
+const std::size_t maxThreadName = 15;
+
+void nameThisThread(const char* name) {
+  pthread_setname_np(pthread_self(), name);
 }
 
 void returnFreedMemory() {

@@ -1,6 +1,4 @@
 #include <array>
-#include <cerrno>
-#include <system_error>
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -17,18 +15,14 @@ const int keepAliveIdleOption = TCP_KEEPIDLE;
 
 Descriptor openNonBlockingSocket(int family, int type, int protocol) {
   Descriptor opened(socket(family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, protocol));
-  if (!opened) {
-    throw std::system_error(errno, std::generic_category(), "socket");
-  }
+  require(static_cast<bool>(opened), "socket");
   return opened;
 }
 
 // One option for both families.
 void pinToInterface(int socket, int /*family*/, unsigned interfaceIndex) {
   const int index = static_cast<int>(interfaceIndex);
-  if (setsockopt(socket, SOL_SOCKET, SO_BINDTOIFINDEX, &index, sizeof index) != 0) {
-    throw std::system_error(errno, std::generic_category(), "pin");
-  }
+  require(setsockopt(socket, SOL_SOCKET, SO_BINDTOIFINDEX, &index, sizeof index) == 0, "pin");
 }
 
 // What has crossed a router has lost one of its hops, of which there are 255 at most (RFC 5082).
@@ -40,9 +34,7 @@ void ignoreDistant(int socket, bool isIgnored) {
 
 Pipe openPipe() {
   std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-    throw std::system_error(errno, std::generic_category(), "pipe");
-  }
+  require(pipe2(ends.data(), O_CLOEXEC) == 0, "pipe");
   return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 

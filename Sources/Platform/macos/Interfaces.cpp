@@ -3,7 +3,6 @@
 #include "Platform/Interfaces.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdint>
 
@@ -16,6 +15,7 @@
 
 #include "Platform/Sockets.h"
 #include "Platform/macos/RoutingTable.h"
+#include "Platform/posix/System.h"
 
 namespace zk {
 namespace {
@@ -107,13 +107,8 @@ struct Interfaces::System {
   Descriptor socket;  // for questions about media
 };
 
-Interfaces::Interfaces() : system_(std::make_unique<System>()) {
-  try {
-    system_->socket = openNonBlockingSocket(AF_INET, SOCK_DGRAM, 0);
-  } catch (const std::system_error& error) {
-    throw LookFailed(error.code(), "socket");
-  }
-}
+Interfaces::Interfaces()
+    : system_(std::make_unique<System>(System{openForLooks(AF_INET, SOCK_DGRAM)})) {}
 
 Interfaces::~Interfaces() = default;
 
@@ -154,8 +149,7 @@ InterfaceState Interfaces::stateOf(unsigned interfaceIndex) {
 
 bool Interfaces::hasRoute(unsigned interfaceIndex, const sockaddr& destination) {
   const auto octets = octetsOf(destination);
-  const std::vector<Route> routes =
-      octets.empty() ? std::vector<Route>() : routesOf(destination.sa_family);
+  const std::vector<Route> routes = routesOf(destination.sa_family);
   return std::any_of(routes.begin(), routes.end(), [&](const Route& route) {
     return (interfaceIndex == 0 || route.interfaceIndex == interfaceIndex) && route.leadsTo(octets);
   });
@@ -163,9 +157,6 @@ bool Interfaces::hasRoute(unsigned interfaceIndex, const sockaddr& destination) 
 
 std::optional<LinkRoute> Interfaces::linkRouteTo(const sockaddr& destination) {
   const auto octets = octetsOf(destination);
-  if (octets.empty()) {
-    return std::nullopt;
-  }
   const std::vector<Route> routes = routesOf(destination.sa_family);
   const Route* best = nullptr;
   for (const Route& route : routes) {
@@ -199,11 +190,5 @@ bool Interfaces::isOwnAddress(const sockaddr& destination) {
 }
 
 RouteWatch::RouteWatch() : socket_(openNonBlockingSocket(PF_ROUTE, SOCK_RAW, AF_INET)) {}
-
-void RouteWatch::drain() {
-  std::array<std::uint8_t, 4096> discarded;
-  while (read(socket_.get(), discarded.data(), discarded.size()) > 0) {
-  }
-}
 
 }  // namespace zk

@@ -6,6 +6,7 @@
 
 #include <dirent.h>
 #include <malloc/malloc.h>
+#include <pthread.h>
 #include <sys/syslimits.h>
 #include <unistd.h>
 
@@ -32,6 +33,12 @@ void closeInherited() {
 // The hard limit is usually "none", which the system does not take for the soft one.
 rlim_t mostDescriptors(rlim_t hardLimit) {
   return std::min<rlim_t>(OPEN_MAX, hardLimit);
+}
+
+const std::size_t maxThreadName = 63;
+
+void nameThisThread(const char* name) {
+  pthread_setname_np(name);
 }
 
 void returnFreedMemory() {

@@ -10,6 +10,7 @@
 #include <sys/sysctl.h>
 
 #include "Platform/Interfaces.h"
+#include "Platform/posix/System.h"
 
 namespace zk {
 namespace {
@@ -67,31 +68,12 @@ Route routeOf(const rt_msghdr& header, std::span<const std::uint8_t> rest, int f
 
 }  // namespace
 
-// The octets of an IPv4 or IPv6 address; none for another family.
-std::span<const std::uint8_t> octetsOf(const sockaddr& address) {
-  const auto* const raw = reinterpret_cast<const std::uint8_t*>(&address);
-  switch (address.sa_family) {
-    case AF_INET:
-      return {raw + offsetof(sockaddr_in, sin_addr), sizeof(in_addr)};
-    case AF_INET6:
-      return {raw + offsetof(sockaddr_in6, sin6_addr), sizeof(in6_addr)};
-    default:
-      return {};
-  }
-}
-
 bool isLinkLocal(std::span<const std::uint8_t> octets) {
   return octets.size() == sizeof(in6_addr) && octets[0] == 0xFE && (octets[1] & 0xC0) == 0x80;
 }
 
 bool Route::leadsTo(std::span<const std::uint8_t> destination) const {
-  for (unsigned bit = 0; bit < prefixLength; ++bit) {
-    const unsigned mask = 0x80U >> bit % 8;
-    if (((network[bit / 8] ^ destination[bit / 8]) & mask) != 0) {
-      return false;
-    }
-  }
-  return true;
+  return sharePrefix(network.data(), destination.data(), prefixLength);
 }
 
 std::vector<Route> routesOf(int family) {

@@ -11,9 +11,6 @@
 
 namespace zk {
 
-/// The octets of an IPv4 or IPv6 address; none for another family.
-std::span<const std::uint8_t> octetsOf(const sockaddr& address);
-
 bool isLinkLocal(std::span<const std::uint8_t> octets);
 
 /// One entry of the routing table (route(4)).

@@ -1,6 +1,4 @@
 #include <array>
-#include <cerrno>
-#include <system_error>
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -17,20 +15,19 @@ const int keepAliveIdleOption = TCP_KEEPALIVE;
 
 Descriptor openNonBlockingSocket(int family, int type, int protocol) {
   Descriptor opened(socket(family, type, protocol));
-  if (!opened || fcntl(opened.get(), F_SETFD, FD_CLOEXEC) != 0 ||
-      fcntl(opened.get(), F_SETFL, O_NONBLOCK) != 0) {
-    throw std::system_error(errno, std::generic_category(), "socket");
-  }
+  require(opened && fcntl(opened.get(), F_SETFD, FD_CLOEXEC) == 0 &&
+              fcntl(opened.get(), F_SETFL, O_NONBLOCK) == 0,
+          "socket");
   setOption(opened.get(), SOL_SOCKET, SO_NOSIGPIPE, 1);
   return opened;
 }
 
 void pinToInterface(int socket, int family, unsigned interfaceIndex) {
   const bool isIPv6 = family == AF_INET6;
-  if (setsockopt(socket, isIPv6 ? IPPROTO_IPV6 : IPPROTO_IP, isIPv6 ? IPV6_BOUND_IF : IP_BOUND_IF,
-                 &interfaceIndex, sizeof interfaceIndex) != 0) {
-    throw std::system_error(errno, std::generic_category(), "pin");
-  }
+  require(
+      setsockopt(socket, isIPv6 ? IPPROTO_IPV6 : IPPROTO_IP, isIPv6 ? IPV6_BOUND_IF : IP_BOUND_IF,
+                 &interfaceIndex, sizeof interfaceIndex) == 0,
+      "pin");
 }
 
 // There is no such option, nor a need for it: see README.md.
@@ -38,9 +35,7 @@ void ignoreDistant(int /*socket*/, bool /*isIgnored*/) {}
 
 Pipe openPipe() {
   std::array<int, 2> ends{};
-  if (pipe(ends.data()) != 0) {
-    throw std::system_error(errno, std::generic_category(), "pipe");
-  }
+  require(pipe(ends.data()) == 0, "pipe");
   for (const int end : ends) {
     fcntl(end, F_SETFD, FD_CLOEXEC);
   }

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <system_error>
 #include <utility>
 
 #include <sys/mman.h>
@@ -12,6 +11,7 @@
 
 #include "Platform/DatagramSocket.h"
 #include "Platform/posix/Messages.h"
+#include "Platform/posix/System.h"
 
 namespace zk {
 namespace {
@@ -50,9 +50,7 @@ void DatagramReceiver::Release::operator()(Room* room) const {
 DatagramReceiver::DatagramReceiver() {
   void* const room = mmap(nullptr, sizeof(Room), PROT_READ | PROT_WRITE,
                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (room == MAP_FAILED) {
-    throw std::system_error(errno, std::generic_category(), "mmap");
-  }
+  require(room != MAP_FAILED, "mmap");
   room_.reset(static_cast<Room*>(room));
   for (std::size_t i = 0; i < maxBurst; ++i) {
     room_->vectors[i] = {room_->buffers[i].data(), room_->buffers[i].size()};

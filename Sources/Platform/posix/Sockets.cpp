@@ -20,10 +20,6 @@ std::string errorText(int error) {
   return std::generic_category().message(error);
 }
 
-std::string lastErrorText() {
-  return errorText(errno);
-}
-
 std::string numericText(const sockaddr& address) {
   std::array<char, NI_MAXHOST> text{};
   const socklen_t length =
@@ -78,24 +74,6 @@ void keepAlive(int socket, std::chrono::seconds idle, std::chrono::seconds inter
   setOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, static_cast<int>(interval.count()));
   setOption(socket, IPPROTO_TCP, TCP_KEEPCNT, probes);
   setOption(socket, SOL_SOCKET, SO_KEEPALIVE, probes > 0 ? 1 : 0);
-}
-
-std::optional<std::size_t> receiveDatagram(int socket, std::span<std::uint8_t> into,
-                                           sockaddr_in& from) {
-  while (true) {
-    socklen_t length = sizeof from;
-    const ssize_t received =
-        recvfrom(socket, into.data(), into.size(), 0, reinterpret_cast<sockaddr*>(&from), &length);
-    if (received >= 0) {
-      return static_cast<std::size_t>(received);
-    }
-    if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      return std::nullopt;
-    }
-    if (errno != EINTR) {
-      throw std::system_error(errno, std::generic_category(), "recvfrom");
-    }
-  }
 }
 
 }  // namespace zk
