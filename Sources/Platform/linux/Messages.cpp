@@ -37,8 +37,10 @@ void cutIntoSegments(msghdr& message, std::size_t size, SegmentControl& control)
   std::memcpy(CMSG_DATA(header), &segment, sizeof segment);
 }
 
+// EMSGSIZE and EINVAL: a segment is larger than what the way takes in one piece. A datagram by
+// itself would be cut into fragments.
 bool refusesSegments(int error) {
-  return error == EIO || error == EINVAL || error == ENOPROTOOPT;
+  return error == EIO || error == EINVAL || error == EMSGSIZE || error == ENOPROTOOPT;
 }
 
 }  // namespace zk
