@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include "Base/IPv4.h"
+#include "Base/Endpoint.h"
 #include "Platform/ByteStreamPair.h"
 #include "Platform/StopSignal.h"
 #include "Support.h"
@@ -29,7 +29,7 @@ class ByteStreams : public testing::Test {
   }
   void connectAnew() {
     const Descriptor listener(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
-    sockaddr_in address = socketAddress("127.0.0.1", 0);
+    sockaddr_in address = Endpoint{INADDR_LOOPBACK, 0}.socketAddress();
     socklen_t length = sizeof address;
     auto* const raw = reinterpret_cast<sockaddr*>(&address);
     EXPECT_EQ(bind(listener.get(), raw, length), 0);

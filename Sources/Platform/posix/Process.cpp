@@ -86,7 +86,14 @@ std::size_t readInput(std::span<char> into) {
 }
 
 void writeOutput(std::string_view text) {
-  [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
+  while (!text.empty() &&
+         waitFor(STDOUT_FILENO, POLLOUT, Deadline::max(), stopRequest) != Wait::stopped) {
+    const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
+    if (written < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+      return;
+    }
+    text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
+  }
 }
 
 void endProcess(int status) {
