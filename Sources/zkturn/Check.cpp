@@ -117,7 +117,7 @@ void Checker::step(Mark mark, std::string name, std::string detail) {
 
 void Checker::connect() {
   const auto way = [](std::optional<unsigned> index) -> std::string {
-    for (const NetworkInterface& interface : availableInterfaces()) {
+    for (const NetworkInterface& interface : Interfaces().available()) {
       if (index == interface.index) {
         return "pinned to " + interface.name;
       }

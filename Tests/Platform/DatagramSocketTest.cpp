@@ -95,6 +95,27 @@ TEST(DatagramSocket, ReceivesSoManyAtATimeAndTellsErrorsFromNothing) {
   EXPECT_THROW(near.send(Bytes(largest + 1), far.localAddress()), std::system_error);
 }
 
+// An interface takes less than an Ethernet, as many a VPN's does: the system cuts no segments for
+// it, but does cut datagrams into fragments.
+TEST(DatagramSocket, BurstsPassAWayThatTakesLessThanTheirDatagrams) {
+  const test::PrivateNetwork network;
+  if (!network) {
+    GTEST_SKIP() << "no namespaces here";
+  }
+  DatagramSocket from = boundSocket();
+  const DatagramSocket to = boundSocket();
+  DatagramSender sender;
+  const Bytes payload(1400, 7);
+  ASSERT_EQ(std::system("ip link set lo mtu 1280"), 0);
+  for (int burst = 0; burst < 2; ++burst) {
+    for (std::size_t i = 0; i < 20; ++i) {
+      sender.add({}, payload, to.localAddress());
+    }
+    sender.send(from);
+  }
+  EXPECT_TRUE(allWaiting(to, from.localAddress()) == std::vector<Bytes>(40, payload));
+}
+
 TEST(DatagramSocket, SaysFromWhereOnThereIsNoRoom) {
   const test::PrivateNetwork network;
   if (!network) {
