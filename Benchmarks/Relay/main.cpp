@@ -9,11 +9,11 @@
 #include <CLI/CLI.hpp>
 
 #include "Contestants.h"
+#include "FarSide.h"
 #include "Flood.h"
 #include "Floor.h"
 #include "Independence.h"
 #include "Loopback/DaemonProcess.h"
-#include "Loopback/FarSide.h"
 #include "Loopback/TURNClient.h"
 #include "Platform/Clock.h"
 #include "Report.h"
