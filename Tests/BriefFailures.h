@@ -14,8 +14,8 @@ class BriefPrinter final : public testing::TestEventListener {
   explicit BriefPrinter(testing::TestEventListener* printer) : printer_(printer) {}
 
   void OnTestPartResult(const testing::TestPartResult& result) override {
-    printer_->OnTestPartResult({result.type(), result.file_name(), result.line_number(),
-                                brief(result.message()).c_str()});
+    printer_->OnTestPartResult(
+        {result.type(), result.file_name(), result.line_number(), brief(result.message()).c_str()});
   }
 
   void OnTestProgramStart(const testing::UnitTest& t) override { printer_->OnTestProgramStart(t); }

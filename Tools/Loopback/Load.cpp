@@ -99,7 +99,7 @@ class Load {
 
   LoadResult call() {
     patterns_ = {Pattern(legs_, 160), Pattern(legs_, 1100)};
-    const std::chrono::nanoseconds gaps[] = {1s / 50, 1000000000ns / 30};
+    const std::chrono::nanoseconds gaps[] = {20ms, 33333us};
     std::uint64_t next[] = {start_, start_};
     unsigned pictures = 0;
     const std::uint64_t end = endOf(plan_.duration);
