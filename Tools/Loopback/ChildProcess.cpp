@@ -251,7 +251,9 @@ std::string runScript(const std::string& script) {
     }
   }
   if (shell.waitExit({}) != 0) {
-    throw std::runtime_error("cannot: " + script + "\n" + said);
+    throw std::runtime_error(
+        "failed: " + said +
+        script.substr(script.size() - std::min<std::size_t>(script.size(), 200)));
   }
   return said;
 }
