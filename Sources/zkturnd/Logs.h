@@ -7,7 +7,7 @@
 
 namespace zk {
 
-/// The three logs of the daemon. Every operation but flush() takes one line without its line feed,
+/// The three logs of the daemon. Every operation but flush() takes lines as LogCallback has it,
 /// returns at once, and may be called on any thread.
 class Logs {
  public:
@@ -17,9 +17,9 @@ class Logs {
 
   /// /tmp/zkturnd.log: the daemon and its TURN service, with the time at which each line was
   /// reported.
-  void appendDebugLog(std::string_view message);
+  void appendDebugLog(std::string_view lines);
   /// /tmp/zkturnd-dp.log: every datagram to and from the proxy.
-  void zkDPLog(std::string_view line);
+  void zkDPLog(std::string_view lines);
   /// /tmp/zk-egress.log: the search for the proxy's public address, with the date.
   void plog(std::string_view line);
 

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include "Base/IPv4.h"
+#include "Base/Endpoint.h"
 #include "Platform/ByteStreamPair.h"
 #include "Platform/StopSignal.h"
 #include "Support.h"
@@ -24,7 +24,7 @@ class ByteStreams : public testing::Test {
  protected:
   ByteStreams() {
     const Descriptor listener(openSocket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
-    EXPECT_TRUE(bindSocket(listener.get(), socketAddress("127.0.0.1", 0)));
+    EXPECT_TRUE(bindSocket(listener.get(), Endpoint{INADDR_LOOPBACK, 0}.socketAddress()));
     listen(listener.get(), 1);
     const sockaddr_in address = localAddress(listener.get());
     Descriptor near = openNonBlockingSocket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
