@@ -45,7 +45,7 @@ constexpr const char* interfaceGone = "ip -n home link del new0\n";
 const std::set<std::string> allowedTraffic{"TCP to 10.2.0.2 by wire", "UDP to 10.2.0.2 by wire"};
 constexpr std::uint16_t channel = 0x4000;
 constexpr std::size_t overMTU = 1400;
-constexpr auto openPatience = 30s;  // both attempts at a proxy that does not answer
+constexpr auto openPatience = 20s;  // both attempts at a proxy that does not answer
 
 struct Job {
   explicit Job(const std::string& line) {
@@ -91,6 +91,9 @@ class Run {
     }
     const std::size_t descriptors = daemon_->descriptorCount();
     const auto first = open();
+    if (!broken_.empty()) {  // nor will it answer anything else
+      return broken_;
+    }
     const auto second = open();
     for (const auto& client : {first.get(), second.get()}) {
       demand(!client || carries(*client), "a new relay does not carry");
@@ -185,7 +188,7 @@ class Run {
     std::unique_ptr<TURNClient> client;
     NetworkLab::in("home", [&] { client = std::make_unique<TURNClient>(*port_); });
     client->setTimeout(openPatience);
-    client->setRetransmission(500ms, 59);
+    client->setRetransmission(500ms, 39);
     const TURNAnswer answer = client->allocate();
     if (answer.success() && client->bindChannel(channel, peer_->endpoint()).success()) {
       return client;
