@@ -86,6 +86,11 @@ class Run {
     NetworkLab::in("home", [this] { start(); });
     if (!port_) {
       const bool saysWhy = daemon_->statusLine().starts_with(R"({"status":"error")");
+      if (!saysWhy && (job_.error == "EIO" || job_.error == "ENOSPC") && isOutputLost()) {
+        daemon_->terminate();
+        demand(daemon_->waitExit(3s) == 0, "it does not end");
+        return broken_.empty() ? "ok, nobody can hear it" : broken_;
+      }
       demand(saysWhy && daemon_->waitExit(3s) == 1, "no ready line, no error line");
       return broken_.empty() ? "ok, did not start" : broken_;
     }
@@ -170,6 +175,12 @@ class Run {
                       "/proc/{0}/status` * 1024 + {1} * 1048576))",
                       daemon_->pid(), job_.call));
     }
+  }
+
+  bool isOutputLost() const {
+    const std::string log = contentOf(log_);
+    const auto at = log.find("write(1, ");
+    return at != log.npos && log.substr(at, log.find('\n', at) - at).ends_with("(INJECTED)");
   }
 
   std::size_t injected() const {
