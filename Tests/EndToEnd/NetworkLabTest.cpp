@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "BriefFailures.h"
 #include "EndToEnd/Rig.h"
 #include "Loopback/SOCKS5Frame.h"
 #include "NetworkLab/NetworkLab.h"
@@ -75,7 +76,7 @@ class NetworkLabTest : public testing::Test {
  protected:
   void SetUp() override {
     if (!whyNoLab.empty()) {
-      GTEST_SKIP() << "no network lab here: " << whyNoLab;
+      GTEST_SKIP() << "needs root, and what the network lab is made of: " << whyNoLab;
     }
   }
 
@@ -471,6 +472,7 @@ INSTANTIATE_TEST_SUITE_P(Scenarios, ScenarioTest, testing::ValuesIn(scenarios),
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
+  zk::test::failBriefly();
   if (!testing::GTEST_FLAG(list_tests)) {
     zk::lab::whyNoLab = zk::lab::enterPrivateMachine(ZK_DAEMON);
   }
