@@ -30,6 +30,7 @@ using Traffic = std::set<std::string>;
 
 constexpr const char* anyLog[] = {"/tmp/zkturnd.log", "/tmp/zkturnd-dp.log", "/tmp/zk-egress.log"};
 
+std::string checkBinary;
 std::string whyNoLab;  // empty when the lab can be built
 
 const std::string wire = R"(
@@ -331,7 +332,24 @@ void PrintTo(const Scenario& scenario, std::ostream* out) {
   *out << scenario.name;
 }
 
-class ScenarioTest : public NetworkLabTest, public testing::WithParamInterface<Scenario> {};
+class ScenarioTest : public NetworkLabTest, public testing::WithParamInterface<Scenario> {
+ protected:
+  // zkturn check goes the ways of the daemon, and finds what the daemon will find.
+  void expectCheckSaysSo(const Step& step, bool viaDefault) {
+    std::vector<std::string> command{
+        checkBinary, "check",        HostPort{config.proxyHost, NetworkLab::proxyPort}.text(),
+        "--stun",    stun->target(), "--count",
+        "1",         "--idle",       "0"};
+    if (viaDefault) {
+      command.emplace_back("--via-default");
+    }
+    NetworkLab::in("home", [&] {
+      ChildProcess check(command, {}, "/tmp/check");
+      EXPECT_EQ(check.waitExit(longPatience), step.newCall == Step::works ? 0 : 1);
+    });
+    EXPECT_EQ(traffic(), step.traffic) << contentOf("/tmp/check");
+  }
+};
 
 TEST_P(ScenarioTest, CallsTakeTheRightWay) {
   const Scenario& scenario = GetParam();
@@ -341,6 +359,7 @@ TEST_P(ScenarioTest, CallsTakeTheRightWay) {
     SCOPED_TRACE(step.script);
     if (daemon == nullptr) {
       build(step.script, scenario.far);
+      expectCheckSaysSo(step, scenario.viaDefault != nullptr);
       start(scenario.viaDefault);
     } else {
       NetworkLab::change(step.script);
@@ -474,6 +493,9 @@ int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
   zk::test::failBriefly();
   if (!testing::GTEST_FLAG(list_tests)) {
+    // In there this process has another number.
+    const std::string path = zk::test::pathByDescriptor(zk::test::programBeside("zkturn"));
+    zk::lab::checkBinary = "/proc/self" + path.substr(path.rfind("/fd/"));
     zk::lab::whyNoLab = zk::lab::enterPrivateMachine(ZK_DAEMON);
   }
   return RUN_ALL_TESTS();
