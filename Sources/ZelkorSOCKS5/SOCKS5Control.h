@@ -72,11 +72,9 @@ class SOCKS5Control {
   void close() { stream_.reset(); }
 
  private:
-  bool hasCredentials() const { return username_ && password_; }
   bool tryAddress(const struct ResolvedAddress& address, std::optional<bool> viaDefault,
                   std::string& failure);
   void negotiate();
-  void authenticate();
   std::string readAddress(std::uint8_t addressType);
   sockaddr_in relayAddress(std::uint8_t addressType, const std::string& answered,
                            std::uint16_t port) const;
