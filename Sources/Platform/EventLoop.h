@@ -48,8 +48,8 @@ class EventLoop {
   /// when the system refuses.
   void watch(int descriptor, Source& source);
   /// Calls the source of a watched descriptor for these from now on, in place of `readable` alone:
-  /// whenever it is, as long as it is. With neither, nobody is called, at its end neither. Throws
-  /// std::system_error when the system refuses.
+  /// whenever it is, as long as it is. Failed alone counts as readable. Throws std::system_error
+  /// when the system refuses.
   using Interest = Poller::Interest;
   void setInterest(int descriptor, Interest interest);
   /// No call back for `descriptor` begins after this. Before the descriptor is closed.

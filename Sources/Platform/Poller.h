@@ -11,10 +11,12 @@ namespace zk {
 /// The system's way of waiting for many descriptors at once, for EventLoop.
 class Poller {
  public:
-  /// What is waited for on a descriptor. With neither, not even its end is reported.
+  /// What is waited for on a descriptor. Its failure comes with each, and by itself where the
+  /// system can tell; with none of them nothing is reported.
   struct Interest {
     bool readable = false;
     bool writable = false;
+    bool failed = false;
     bool operator==(const Interest&) const = default;
   };
 

@@ -105,15 +105,17 @@ TEST_F(EventLoopTest, CallsForWhatIsOfInterestWhileItLasts) {
   EXPECT_EQ(write(far.get(), "x", 1), 1);
   EXPECT_EQ(turns({.readable = true, .writable = true}), "rr");
   EXPECT_EQ(turns({}), "");
+  EXPECT_EQ(turns({.failed = true}), "");
   while (recv(far.get(), octets.data(), octets.size(), MSG_DONTWAIT) > 0) {
   }
   EXPECT_EQ(turns({.readable = true, .writable = true}), "rwrw");
   far.reset();
   EXPECT_EQ(turns({}), "") << "an end that nobody waits for must not keep the loop busy";
   EXPECT_EQ(turns({.writable = true}), "ww");
+  EXPECT_EQ(turns({.failed = true}), "rr");
   loop_.unwatch(near.get());
   loop_.turn(false);
-  EXPECT_EQ(order_, "ww");
+  EXPECT_EQ(order_, "rr");
 }
 
 TEST_F(EventLoopTest, RunsTimersWhenTheyAreDueInTheirOrder) {

@@ -71,10 +71,10 @@ void EventLoop::turn(bool mayWait) {
       continue;
     }
     const auto [source, interest] = found->second;
-    if (interest.readable) {
-      source->onReadable();
-    } else if (interest.writable) {  // a descriptor that failed while it was full
+    if (interest.writable && !interest.readable) {  // a descriptor that failed while it was full
       source->onWritable();
+    } else if (interest != Interest()) {
+      source->onReadable();
     }
   }
   for (std::size_t i = 0; i < writable_.size() && !stopping_; ++i) {
