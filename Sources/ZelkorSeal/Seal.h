@@ -3,7 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
-#include <optional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -54,9 +54,9 @@ class SealFailure : public std::runtime_error {
 class Seal final : private EventLoop::Source {
  public:
   struct Plan {
-    std::vector<std::string> command;          // at least its name, which is looked up in PATH
-    std::vector<std::string> environment;      // NAME=VALUE, on top of this process's own
-    bool keepsBus = false;                     // the session bus shows in it
+    std::vector<std::string> command;      // at least its name, which is looked up in PATH
+    std::vector<std::string> environment;  // NAME=VALUE, on top of this process's own
+    bool keepsBus = false;                 // the session bus shows in it
   };
 
   /// Begins the making, in a process of its own. Before there is another thread, a socket, or a
@@ -80,7 +80,18 @@ class Seal final : private EventLoop::Source {
   void start(EventLoop& loop, Ended ended);
 
  private:
+  // Who hears the signals of this process, once they are the command's.
+  class Signals;
+
   void onReadable() override;
+  void stopAsWell(int signal);
+  int waitForEnd();
+
+  pid_t process_ = -1;  // process 1 of the seal, until its status is known
+  Descriptor pair_;     // to it
+  EventLoop* loop_ = nullptr;
+  Ended ended_;
+  std::unique_ptr<Signals> signals_;
 };
 
 }  // namespace zk
