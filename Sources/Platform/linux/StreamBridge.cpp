@@ -56,21 +56,18 @@ void StreamBridge::move(End& from) {
   bool isWell = false;
   try {
     isWell = transfer(from, to);
+    if (from.hasEnded && from.held() == 0 && !std::exchange(from.isToldOn, true)) {
+      to.socket.endOutput();
+    }
+    updateInterest(near_);
+    updateInterest(far_);
   } catch (const std::system_error&) {  // no pipe to be had
+    isWell = false;
   }
-  if (!isWell) {
-    close(true);
-    return;
+  const bool isOver = near_.isToldOn && far_.isToldOn;
+  if (!isWell || isOver) {
+    close(!isWell);
   }
-  if (from.hasEnded && from.held() == 0 && !std::exchange(from.isToldOn, true)) {
-    to.socket.endOutput();
-  }
-  if (near_.isToldOn && far_.isToldOn) {
-    close(false);
-    return;
-  }
-  updateInterest(near_);
-  updateInterest(far_);
 }
 
 // One piece, so that others get their turn. Whether both sockets are well.
