@@ -45,15 +45,14 @@ const sockaddr& generic(const sockaddr_storage& address) {
   return reinterpret_cast<const sockaddr&>(address);
 }
 
-// A credential's length has one octet.
+}  // namespace
+
 void requireSendable(const char* name, const std::string& credential) {
   if (credential.size() > longestCredential) {
     throw SOCKS5Error::authFailed(
         fmt::format("{} is {} octets long, at most 255 can be sent", name, credential.size()));
   }
 }
-
-}  // namespace
 
 SOCKS5Control::SOCKS5Control(std::string host, std::int64_t port,
                              std::optional<std::string> username,
