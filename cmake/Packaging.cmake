@@ -3,9 +3,9 @@ include(GNUInstallDirs)
 
 install(TARGETS zkturnd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(FILES docs/zkturnd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-if(TARGET zkturn-check)
-  install(TARGETS zkturn-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  install(FILES docs/zkturn-check.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+if(TARGET zkturn)
+  install(TARGETS zkturn RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES docs/zkturn.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 # The README refers to the other documents by these paths.

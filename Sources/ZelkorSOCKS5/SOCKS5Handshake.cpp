@@ -18,15 +18,14 @@ constexpr std::uint8_t subnegotiationVersion = 0x01;
 constexpr std::uint8_t succeeded = 0x00;
 constexpr std::size_t longestCredential = 255;
 
-// A credential's length has one octet.
+}  // namespace
+
 void requireSendable(const char* name, const std::string& credential) {
   if (credential.size() > longestCredential) {
     throw SOCKS5Error::authFailed(
         fmt::format("{} is {} octets long, at most 255 can be sent", name, credential.size()));
   }
 }
-
-}  // namespace
 
 SOCKS5Handshake::SOCKS5Handshake(const std::optional<std::string>& username,
                                  const std::optional<std::string>& password)

@@ -9,6 +9,10 @@
 
 namespace zk {
 
+/// Throws SOCKS5Error::authFailed for a credential that no proxy can be sent, since its length has
+/// one octet (RFC 1929); `name` says in the text which one it is.
+void requireSendable(const char* name, const std::string& credential);
+
 /// The client's side of the method selection (RFC 1928 section 3) and the login (RFC 1929), as
 /// steps without I/O, for those who wait for a proxy and those who must not. One after the other:
 /// send message(), take() an answer of answerSize octets, until isDone().

@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <linux/if_tun.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <net/route.h>
 #include <sys/ioctl.h>
@@ -20,7 +21,8 @@ namespace {
 constexpr const char* loopback = "lo";
 constexpr const char* tunName = "eth0";
 constexpr std::uint32_t netmask = 0xFFFFFF00;
-constexpr int queueLength = 4096;  // packets; the default of 500 is less than one full window
+constexpr std::uint32_t queueLength =
+    4096;  // packets; the default of 500 is less than one full window
 constexpr int backlog = 4096;
 
 ifreq requestFor(const char* interface) {
@@ -61,6 +63,31 @@ void disableIPv6() {
               "switch IPv6 off");
 }
 
+// By netlink: the older way needs a privilege outside of the namespace.
+void lengthenQueue() {
+  struct {
+    nlmsghdr header;
+    ifinfomsg link;
+    rtattr attribute;
+    std::uint32_t length;
+  } request{};
+  request.header.nlmsg_len = sizeof request;
+  request.header.nlmsg_type = RTM_NEWLINK;
+  request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+  request.link.ifi_index = static_cast<int>(if_nametoindex(tunName));
+  request.attribute = {RTA_LENGTH(sizeof request.length), IFLA_TXQLEN};
+  request.length = queueLength;
+  struct {
+    nlmsghdr header;
+    nlmsgerr result;
+  } answer{};
+  const Descriptor kernel(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+  const bool isAnswered = kernel && send(kernel.get(), &request, sizeof request, 0) > 0 &&
+                          recv(kernel.get(), &answer, sizeof answer, MSG_TRUNC) > 0;
+  errno = isAnswered ? -answer.result.error : errno;
+  requireStep(isAnswered && answer.result.error == 0, SealStep::network, "give the tun its queue");
+}
+
 void equipTun(int socket) {
   ifreq request = requestFor(tunName);
   request.ifr_addr = genericAddress({SealNetwork::address, 0});
@@ -69,8 +96,7 @@ void equipTun(int socket) {
   ask(socket, SIOCSIFNETMASK, request, "give the tun its netmask");
   request.ifr_mtu = SealNetwork::mtu;
   ask(socket, SIOCSIFMTU, request, "give the tun its MTU");
-  request.ifr_qlen = queueLength;
-  ask(socket, SIOCSIFTXQLEN, request, "give the tun its queue");
+  lengthenQueue();
   disableIPv6();
   bringUp(socket, tunName);
   rtentry route{};

@@ -6,9 +6,16 @@
 #include <string>
 #include <vector>
 
-#include "zkturn-check/Options.h"
+#include "zkturn/ProxyOptions.h"
 
-namespace zk::check {
+namespace zk {
+
+/// What a check is to find out, beside the proxy.
+struct CheckOptions {
+  unsigned count = 20;
+  unsigned idleSeconds = 5;
+  bool asJSON = false;
+};
 
 /// One thing that was asked of the proxy, and what came.
 struct Step {
@@ -40,7 +47,8 @@ struct Watcher {
 };
 
 /// Asks the proxy for all that a relay needs of it, one thing after the other, up to the first
-/// without which there is no relay. Blocks meanwhile; never throws.
-Findings check(const Options& options, const Watcher& watcher);
+/// without which there is no relay, and prints what came. Blocks meanwhile. 0 when the proxy
+/// carries UDP, else 1. Throws UsageError.
+int check(const ProxyOptions& proxy, const CheckOptions& options);
 
-}  // namespace zk::check
+}  // namespace zk

@@ -1,4 +1,4 @@
-#include "zkturn-check/Report.h"
+#include "zkturn/Report.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -8,8 +8,9 @@
 #include <unistd.h>
 
 #include "Base/LogLine.h"
+#include "Platform/Terminal.h"
 
-namespace zk::check {
+namespace zk {
 namespace {
 
 constexpr unsigned barWidth = 30;
@@ -23,18 +24,19 @@ std::string printable(const std::string& text) {
 
 }  // namespace
 
-Report::Report(const Options& options)
-    : options_(options),
-      isTerminal_(isatty(STDOUT_FILENO) == 1),
+Report::Report(const ProxyOptions& proxy, const CheckOptions& options)
+    : proxy_(proxy.proxy),
+      asJSON_(options.asJSON),
+      isTerminal_(isTerminal(STDOUT_FILENO)),
       hasColours_(isTerminal_ && std::getenv("NO_COLOR") == nullptr) {
-  if (!options_.asJSON) {
-    fmt::print("Checking {}\n\n", printable(options_.proxy.text()));
+  if (!asJSON_) {
+    fmt::print("Checking {}\n\n", printable(proxy_.text()));
     std::fflush(stdout);
   }
 }
 
 Watcher Report::watcher() {
-  if (options_.asJSON) {
+  if (asJSON_) {
     return {};
   }
   Watcher watcher{[this](const Step& step) { print(step); }, {}};
@@ -74,14 +76,14 @@ void Report::clearBar() {
 }
 
 void Report::conclude(const Findings& findings) {
-  if (!options_.asJSON) {
+  if (!asJSON_) {
     fmt::print("\n{}\n", printable(findings.verdict));
     return;
   }
   const auto orNull = [](const auto& optional) {
     return optional ? nlohmann::ordered_json(*optional) : nlohmann::ordered_json();
   };
-  nlohmann::ordered_json json{{"proxy", printable(options_.proxy.text())},
+  nlohmann::ordered_json json{{"proxy", printable(proxy_.text())},
                               {"carriesUDP", findings.carriesUDP},
                               {"verdict", printable(findings.verdict)},
                               {"relay", printable(findings.relay)},
@@ -94,7 +96,7 @@ void Report::conclude(const Findings& findings) {
                               {"survivesIdle", orNull(findings.survivesIdle)},
                               {"steps", nlohmann::ordered_json::array()}};
   if (findings.seenByPeers) {
-    json["seenByPeers"] = {{"address", findings.seenByPeers->host},
+    json["seenByPeers"] = {{"address", findings.seenByPeers->ip()},
                            {"port", findings.seenByPeers->port}};
   }
   if (const auto& trips = findings.roundTrips; !trips.empty()) {
@@ -111,4 +113,4 @@ void Report::conclude(const Findings& findings) {
   fmt::print("{}\n", json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
-}  // namespace zk::check
+}  // namespace zk

@@ -1,15 +1,15 @@
 #pragma once
 
-#include "zkturn-check/Check.h"
+#include "zkturn/Check.h"
 
-namespace zk::check {
+namespace zk {
 
 /// Prints findings on standard output: for people, step by step as they come, with colours and a
 /// progress bar on a terminal; or for programs, as one JSON object at the end. Control characters,
 /// which a proxy may hide in its answers, become "?".
 class Report {
  public:
-  explicit Report(const Options& options);
+  Report(const ProxyOptions& proxy, const CheckOptions& options);
 
   Watcher watcher();
   void conclude(const Findings& findings);
@@ -19,10 +19,11 @@ class Report {
   void printBar(unsigned done, unsigned of);
   void clearBar();
 
-  const Options& options_;
+  const HostPort proxy_;
+  const bool asJSON_;
   const bool isTerminal_;
   const bool hasColours_;
   bool isBarShown_ = false;
 };
 
-}  // namespace zk::check
+}  // namespace zk

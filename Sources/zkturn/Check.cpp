@@ -1,15 +1,13 @@
 // The order is that of a relay being opened, so that what fails here fails there. Everything goes
 // to the proxy: STUN servers are addressed through it.
 
-#include "zkturn-check/Check.h"
+#include "zkturn/Check.h"
 
 #include <algorithm>
-#include <charconv>
 #include <thread>
 
 #include <fmt/format.h>
 
-#include "Base/IPv4.h"
 #include "Platform/Interfaces.h"
 #include "Platform/Resolver.h"
 #include "ZelkorSOCKS5/InterfaceScope.h"
@@ -17,8 +15,10 @@
 #include "ZelkorSOCKS5/SOCKS5Control.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
 #include "ZelkorSOCKS5/STUN.h"
+#include "zkturn/Advice.h"
+#include "zkturn/Report.h"
 
-namespace zk::check {
+namespace zk {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -40,10 +40,6 @@ constexpr std::size_t sizeOfMedia = 1200;
 // know. Nobody knows this one.
 constexpr std::uint16_t paddingAttribute = 0xFFF0;
 
-bool holds(const std::string& text, std::string_view piece) {
-  return text.find(piece) != std::string::npos;
-}
-
 constexpr const char* stepNames[] = {"name", "connection", "method", "login", "association"};
 
 const char* nameOf(Stage stage) {
@@ -57,74 +53,14 @@ Stage after(Stage stage, const std::string& found) {
              : static_cast<Stage>(static_cast<int>(stage) + 1);
 }
 
-// Why a check ends: what the proxy does not do, and one sentence of what was asked, what came, and
-// what to try.
-struct Failure {
-  std::string without;
-  std::string asked;
-  std::string came;
-  std::string tryThis;
-};
-
-// What the proxy or the system said, without the names of our own calls.
-std::string answerIn(const SOCKS5Error& error) {
-  std::string text = error.description();
-  for (const std::string_view prefix : {"TCP connect to proxy failed: ", "SOCKS5 protocol error: ",
-                                        "auth failed: ", "getaddrinfo: ", "connect: "}) {
-    if (text.starts_with(prefix)) {
-      text.erase(0, prefix.size());
-    }
-  }
-  constexpr std::string_view lookup = "relay getaddrinfo(";
-  if (error.kind() == SOCKS5Error::Kind::connectionFailed && text.starts_with(lookup)) {
-    text = "relay " + text.substr(lookup.size());
-    text.erase(text.rfind("): "), 1);
-  }
-  return text == "read timeout"                    ? "no answer, or a closed connection"
-         : text == "read -1" || text == "write -1" ? "a reset connection"
-         : error.kind() == SOCKS5Error::Kind::protocolError && holds(text, " ver ")
-             ? fmt::format("an answer that is not SOCKS5 ({})", text)
-             : text;
-}
-
-Failure failureAt(Stage stage, const SOCKS5Error& error, const Endpoint& proxy, bool hasLogin) {
-  const std::string came = answerIn(error);
-  switch (stage) {
-    case Stage::nameFound:
-      return {"cannot be reached", fmt::format("looked up \"{}\"", proxy.host), came,
-              "check the spelling, or give the proxy's address in numbers"};
-    case Stage::connected:
-      return {"cannot be reached", "asked for a TCP connection", came,
-              holds(came, "refused")
-                  ? "nothing listens there: check the port, and that the proxy runs"
-                  : "check the address and the firewalls on the way; behind a VPN, try "
-                    "--via-default"};
-    case Stage::methodChosen:
-      return {"does not let you in", "asked it for a way to log in", came,
-              error.kind() != SOCKS5Error::Kind::authFailed
-                  ? "check that a SOCKS5 proxy serves this port, and not one for HTTP or SOCKS4"
-              : hasLogin ? "ask its operator which login it takes: only none, or user name and "
-                           "password, can be given here"
-                         : "give --user and --pass-file"};
-    case Stage::loggedIn:
-      return {"does not let you in",
-              hasLogin ? "sent it user name and password" : "had no login to give it", came,
-              hasLogin ? "check user name and password" : "give --user and --pass-file"};
-    case Stage::associated:
-      break;
-  }
-  return {"does not carry UDP", "asked it for a UDP association", came,
-          holds(came, "relay ")
-              ? "ask its operator to have it name an address that its clients reach over IPv4"
-              : "use a proxy that offers UDP ASSOCIATE, or ask its operator to allow it"};
-}
-
 class Checker {
  public:
-  Checker(const Options& options, const Watcher& watcher) : options_(options), watcher_(watcher) {}
+  Checker(const ProxyOptions& proxy, const std::optional<std::string>& password,
+          const CheckOptions& options, const Watcher& watcher)
+      : proxy_(proxy), password_(password), options_(options), watcher_(watcher) {}
 
   Findings run() {
-    const std::string proxy = options_.proxy.text();
+    const std::string proxy = proxy_.proxy.text();
     try {
       connect();
       findServers();
@@ -167,7 +103,9 @@ class Checker {
   void step(Mark mark, std::string name, std::string detail);
   void remark(const std::string& text) { remark_ += "; " + text; }
 
-  const Options& options_;
+  const ProxyOptions& proxy_;
+  const std::optional<std::string>& password_;
+  const CheckOptions& options_;
   const Watcher& watcher_;
   Findings findings_;
   std::string remark_;  // what the verdict adds
@@ -190,7 +128,7 @@ void Checker::step(Mark mark, std::string name, std::string detail) {
 
 void Checker::connect() {
   const std::optional<bool> override =
-      options_.viaDefault ? std::optional(true) : std::nullopt;  // as the daemon does by itself
+      proxy_.viaDefault ? std::optional(true) : std::nullopt;  // as the daemon does by itself
   const auto way = [](std::optional<unsigned> index) -> std::string {
     for (const NetworkInterface& interface : availableInterfaces()) {
       if (index == interface.index) {
@@ -200,8 +138,8 @@ void Checker::connect() {
     return index ? "pinned" : "by the routes";
   };
 
-  control_.emplace(options_.proxy.host, options_.proxy.port, options_.user, options_.password,
-                   options_.timeoutSeconds);
+  control_.emplace(proxy_.proxy.host, proxy_.proxy.port, proxy_.user, password_,
+                   proxy_.timeoutSeconds);
   Stage stage = Stage::nameFound;  // the one that is under way
   control_->onStage = [&](Stage done, const std::string& found) {
     step(Mark::passed, nameOf(done),
@@ -220,12 +158,12 @@ void Checker::connect() {
     socket_.emplace(relay_.relayAddress, interface);
   } catch (const SOCKS5Error& error) {
     step(Mark::failed, nameOf(stage), answerIn(error));
-    throw failureAt(stage, error, options_.proxy, options_.user.has_value());
+    throw failureAt(stage, error, proxy_.proxy, proxy_.user.has_value());
   }
 }
 
 void Checker::findServers() {
-  servers_ = options_.stunServers;
+  servers_ = proxy_.stunServers;
   if (!servers_.empty()) {
     return;
   }
@@ -235,7 +173,7 @@ void Checker::findServers() {
         resolveUDPv4(server.host, std::to_string(server.port), deadline, nullptr);
     if (!found.addresses.empty()) {
       const auto& address = reinterpret_cast<const sockaddr_in&>(found.addresses.front().address);
-      servers_.push_back({addressText(address), server.port});
+      servers_.push_back({ntohl(address.sin_addr.s_addr), server.port});
     }
   }
   if (servers_.empty()) {
@@ -263,7 +201,7 @@ std::optional<Checker::Answer> Checker::ask(const Endpoint& server, Milliseconds
   const auto sent = Clock::now();
   const Deadline deadline = sent + std::chrono::duration_cast<Clock::duration>(limit);
   try {
-    socket_->send(request, server.host, server.port);
+    socket_->send(request, server.ip(), server.port);
     while (const auto datagram = socket_->receive(deadline)) {
       const Milliseconds roundTrip = Clock::now() - sent;
       const auto frame = SOCKS5UDPFrame::unwrap(*datagram);
@@ -276,8 +214,8 @@ std::optional<Checker::Answer> Checker::ask(const Endpoint& server, Milliseconds
       Answer reply{std::nullopt, roundTrip};
       if (const auto text = STUN::parseXorMappedAddress(frame->payload, binding.txID)) {
         const std::size_t colon = text->find(':');
-        reply.mapped = {text->substr(0, colon), 0};
-        std::from_chars(text->data() + colon + 1, text->data() + text->size(), reply.mapped->port);
+        reply.mapped = {parseAddress(text->substr(0, colon)).value(),
+                        parsePort(text->substr(colon + 1)).value()};
       }
       return reply;
     }
@@ -330,7 +268,7 @@ void Checker::findMapping() {
           : fmt::format("UDP to {} may be blocked on the way (ask its operator to open it, or try "
                         "--via-default), or the proxy may not carry it; another server can be "
                         "named with --stun",
-                        addressText(relay_.relayAddress))};
+                        Endpoint::of(relay_.relayAddress).ip())};
 }
 
 void Checker::measureRoundTrips() {
@@ -380,7 +318,7 @@ void Checker::findLargest() {
 }
 
 void Checker::compareDestinations() {
-  if (servers_.size() < 2 || servers_.front().text() == servers_.back().text()) {
+  if (servers_.size() < 2 || servers_.front() == servers_.back()) {
     return;
   }
   const auto reply = askRepeatedly(servers_.back(), limitNow());
@@ -390,7 +328,7 @@ void Checker::compareDestinations() {
   }
   const Endpoint& first = *findings_.seenByPeers;
   const Endpoint& second = *reply->mapped;
-  findings_.isPortTheSame = first.text() == second.text();
+  findings_.isPortTheSame = first == second;
   if (!*findings_.isPortTheSame) {
     step(Mark::noted, "ports",
          fmt::format("the second destination sees {}: another one for each", second.text()));
@@ -425,8 +363,13 @@ void Checker::waitIdle() {
 
 }  // namespace
 
-Findings check(const Options& options, const Watcher& watcher) {
-  return Checker(options, watcher).run();
+int check(const ProxyOptions& proxy, const CheckOptions& options) {
+  const std::optional<std::string> password = readPassword(proxy);
+  Report report(proxy, options);
+  const Watcher watcher = report.watcher();
+  const Findings findings = Checker(proxy, password, options, watcher).run();
+  report.conclude(findings);
+  return findings.carriesUDP ? 0 : 1;
 }
 
-}  // namespace zk::check
+}  // namespace zk
