@@ -3,12 +3,12 @@
 
 #include <array>
 
-#include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "Base/IPv4.h"
+#include "Base/Endpoint.h"
 #include "Fuzz.h"
+#include "Loopback/KitSocket.h"
 #include "Platform/Resolver.h"
 #include "ZelkorSOCKS5/SOCKS5Control.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
@@ -18,10 +18,11 @@ namespace zk {
 // In place of the system's resolver: knows numeric addresses and no names.
 Resolution resolveUDPv4(const std::string& host, const std::string& port, Deadline,
                         const StopSignal*) {
-  if (!isDottedQuad(host)) {
+  const auto parsed = parseAddress(host);
+  if (!parsed) {
     return {{}, "no such name"};
   }
-  const sockaddr_in address = socketAddress(host, static_cast<std::uint16_t>(std::stoi(port)));
+  const sockaddr_in address = Endpoint{*parsed, parsePort(port).value()}.socketAddress();
   ResolvedAddress resolved{AF_INET, SOCK_DGRAM, IPPROTO_UDP, {}, sizeof address};
   std::memcpy(&resolved.address, &address, sizeof address);
   return {{resolved}, {}};
@@ -108,22 +109,14 @@ class Conversation {
     if (text.empty() || text == "0.0.0.0") {
       return;  // the proxy's own address
     }
-    check(isDottedQuad(text), Kind::connectionFailed);
+    const auto parsed = parseAddress(text);
+    check(parsed.has_value(), Kind::connectionFailed);
     relay = text;
-    const auto octets = parseIPv4(text).value();
-    check(octets[0] != 0 && octets[0] >> 4 != 14 && text != "255.255.255.255", Kind::protocolError);
+    check(*parsed >> 24 != 0 && *parsed >> 28 != 14 && *parsed != UINT32_MAX, Kind::protocolError);
   }
 
   Input input_;
 };
-
-// The proxy's.
-int listeningSocket() {
-  const int socket = openSocket(AF_INET, SOCK_STREAM, 0);
-  require(bindSocket(socket, socketAddress("127.0.0.1", 0)) && listen(socket, 16) == 0,
-          "a listener can be had");
-  return socket;
-}
 
 int lowestFreeDescriptor() {
   const int descriptor = dup(0);
@@ -134,8 +127,8 @@ int lowestFreeDescriptor() {
 }  // namespace
 
 void run(ByteView bytes) {
-  static const int listener = listeningSocket();
-  static const std::uint16_t port = portNumber(localAddress(listener));
+  static const auto listener = loopback::KitSocket::listener();
+  static const std::uint16_t port = listener.port();
   static const std::array<Text, 5> credentials{Text(), "", "of-the-proxy", std::string(255, 'o'),
                                                std::string(256, 'o')};
   Input input(bytes);
@@ -153,11 +146,9 @@ void run(ByteView bytes) {
   SOCKS5Control control("127.0.0.1", port, user, password,
                         isSilent ? limitForSilence : limitOtherwise);
   control.connect();
-  const int proxy = accept(listener, nullptr, nullptr);
-  require(send(proxy, answers.data(), answers.size(), MSG_NOSIGNAL) ==
-              static_cast<ssize_t>(answers.size()),
-          "the proxy can speak");
-  shutdown(proxy, SHUT_WR);
+  loopback::KitSocket proxy = listener.accepted();
+  require(proxy.send(answers), "the proxy can speak");
+  shutdown(proxy.get(), SHUT_WR);
 
   std::optional<Kind> error;
   SOCKS5Control::RelayEndpoint endpoint;
@@ -174,20 +165,20 @@ void run(ByteView bytes) {
   }
   require(error == expected.error, "the outcome is the one the answers call for");
   require(error || (endpoint.relayHost == expected.relay && endpoint.relayPort == expected.port &&
-                    addressText(endpoint.relayAddress) == expected.relay &&
-                    portNumber(endpoint.relayAddress) == expected.port),
+                    Endpoint::of(endpoint.relayAddress).ip() == expected.relay &&
+                    Endpoint::of(endpoint.relayAddress).port == expected.port),
           "the relay is where the proxy says");
 
   Bytes heard(2048);
-  const ssize_t count = recv(proxy, heard.data(), heard.size(), MSG_DONTWAIT);
+  const ssize_t count = recv(proxy.get(), heard.data(), heard.size(), MSG_DONTWAIT);
   heard.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
   const Bytes& said = expected.said;
   require(isSilent ? textOf(said).starts_with(textOf(heard)) : heard == said,
           "the client says just what it must, unless it ran out of time");
 
   const linger reset{1, 0};  // leaves no port waiting behind
-  setsockopt(proxy, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-  closeSocket(proxy);
+  setsockopt(proxy.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+  proxy.reset();
   control.close();
   control.close();
   require(lowestFreeDescriptor() == descriptor, "no descriptor is left open");

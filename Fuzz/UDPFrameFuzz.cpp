@@ -3,7 +3,7 @@
 
 #include <fmt/format.h>
 
-#include "Base/IPv4.h"
+#include "Base/Endpoint.h"
 #include "Base/UTF8.h"
 #include "Fuzz.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
@@ -46,10 +46,10 @@ void run(ByteView bytes) {
   const std::uint16_t port = input.number();
   const std::string_view peer = textOf(input.take(input.octet() % 32));
   const ByteView payload = input.rest();
-  const IPv4Octets octets = parseIPv4(peer).value_or(IPv4Octets{});
-  require(!isDottedQuad(peer) || dottedQuad(octets) == peer,
+  const Endpoint endpoint{parseAddressLeniently(peer).value_or(0), port};
+  require(!parseAddress(peer) || endpoint.ip() == peer,
           "a strict dotted quad is its own normal form");
-  Bytes header = joined({Bytes{0, 0, 0, 1}, octets, Bytes(2)});
+  Bytes header = joined({Bytes{0, 0, 0, 1}, endpoint.octets(), Bytes(2)});
   writeUInt16(&header[8], port);
   const Bytes datagram = SOCKS5UDPFrame::wrap(payload, peer, port);
   require(datagram == joined({header, payload}), "wrap() puts one header in front");

@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "Base/IPv4.h"
 #include "Loopback/DaemonProcess.h"
 #include "Loopback/ForeignProxy.h"
 #include "Loopback/SOCKS5Frame.h"
@@ -19,7 +18,7 @@ using namespace loopback;
 using namespace std::chrono_literals;
 
 // The peer that clients name. It is never sent to: the far side sends back what it gets.
-const TURNAttributes::Address peer{"203.0.113.7", 3478};
+const Endpoint peer = endpointAt("203.0.113.7", 3478);
 constexpr std::uint16_t channel = 0x4000;
 
 std::uint16_t portSaidBy(ChildProcess& child) {
@@ -32,9 +31,8 @@ class Floor final : public Contestant {
       : child_({"/proc/self/exe", "floor", std::to_string(farPort)}) {
     name_ = "floor";
     port_ = portSaidBy(child_);
-    socket_.connectTo(socketAddress("127.0.0.1", port_));
-    endpoints_.push_back(
-        {socket_.get(), 0, [](ByteView payload) { return concatenated({}, payload); }});
+    socket_.connectTo(localEndpoint(port_));
+    legs_.push_back({socket_.get(), 0, [](ByteView payload) { return concatenated({}, payload); }});
   }
   const ChildProcess& process() const override { return child_; }
 
@@ -58,8 +56,8 @@ class Daemon final : public Contestant {
           (isChannel && !client.bindChannel(channel, peer).success())) {
         throw std::runtime_error("the daemon gave no relay");
       }
-      endpoints_.push_back(isChannel ? Endpoint::channelData(client, channel)
-                                     : Endpoint::indications(client, peer));
+      legs_.push_back(isChannel ? CallLeg::onChannel(client, channel)
+                                : CallLeg::indications(client, peer));
     }
   }
   const ChildProcess& process() const override { return daemon_; }
@@ -74,16 +72,16 @@ class Daemon final : public Contestant {
 class Proxy final : public Contestant {
  public:
   Proxy(const std::string& name, std::uint16_t farPort)
-      : proxy_(name), control_(KitSocket::connectedTCP(socketAddress("127.0.0.1", proxy_.port()))) {
+      : proxy_(name), control_(KitSocket::connectedTCP(localEndpoint(proxy_.port()))) {
     name_ = name;
     isProxy_ = true;
     ask(Bytes{5, 1, 0}, 2);
     const Bytes answer = ask(Bytes{5, 3, 0, 1, 0, 0, 0, 0, 0, 0}, 10);
     port_ = readUInt16(answer, 8);
-    socket_.connectTo(socketAddress("127.0.0.1", port_));
-    endpoints_.push_back({socket_.get(), socks5HeaderSize, [farPort](ByteView payload) {
-                            return socks5Frame(socketAddress("127.0.0.1", farPort), payload);
-                          }});
+    socket_.connectTo(localEndpoint(port_));
+    legs_.push_back({socket_.get(), socks5HeaderSize, [farPort](ByteView payload) {
+                       return socks5Frame(localEndpoint(farPort), payload);
+                     }});
   }
   const ChildProcess& process() const override { return proxy_.process(); }
 

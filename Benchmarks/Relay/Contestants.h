@@ -18,7 +18,7 @@ class Contestant {
   virtual const loopback::ChildProcess& process() const = 0;
   const std::string& name() const { return name_; }
   bool isProxy() const { return isProxy_; }
-  const std::vector<loopback::Endpoint>& endpoints() const { return endpoints_; }
+  const std::vector<loopback::CallLeg>& legs() const { return legs_; }
   /// Where clients send to.
   std::uint16_t port() const { return port_; }
 
@@ -26,7 +26,7 @@ class Contestant {
   std::string name_;
   bool isProxy_ = false;
   std::uint16_t port_ = 0;
-  std::vector<loopback::Endpoint> endpoints_;
+  std::vector<loopback::CallLeg> legs_;
 };
 
 /// The proxy of the daemons, for a process of its own: its relay is the far side itself. Prints its

@@ -5,7 +5,6 @@
 
 #include <sys/socket.h>
 
-#include "Base/IPv4.h"
 #include "Loopback/KitSocket.h"
 #include "Loopback/SOCKS5Frame.h"
 #include "Loopback/TURNClient.h"
@@ -30,7 +29,7 @@ Bytes signedRequest(std::uint16_t port, const std::string& password) {
 
 }  // namespace
 
-bool spoil(std::span<std::uint8_t> datagram, const sockaddr_in&) {
+bool spoil(std::span<std::uint8_t> datagram, const Endpoint&) {
   if (datagram.size() == loopback::socks5HeaderSize + spoiledSize) {
     datagram[3] = 0x7F;  // the address type
   }
@@ -55,7 +54,7 @@ std::vector<FloodKind> badInput(const Contestant& daemon) {
           {"Send indications without a peer", whole.encode(), dropped},
           {"ChannelData on no channel", std::move(noChannel), dropped},
           {"frames of an unknown address type, from the proxy",
-           daemon.endpoints()[0].frame(Bytes(spoiledSize)), byProxy},
+           daemon.legs()[0].frame(Bytes(spoiledSize)), byProxy},
           {"requests without credentials",
            TURNMessage(TURNMethod::refresh, TURNClass::request, {}).encode(), answered},
           {"requests with a wrong signature", signedRequest(daemon.port(), "guess"), answered}};
@@ -68,12 +67,12 @@ FloodKind goodRequest(const Contestant& daemon) {
 }
 
 std::uint64_t flood(const Contestant& daemon, const FloodKind& kind, std::uint64_t count) {
-  const loopback::Endpoint& channel = daemon.endpoints()[0];
+  const loopback::CallLeg& channel = daemon.legs()[0];
   const Bytes good = channel.frame(Bytes(payload));
   const bool byProxy = kind.path == FloodKind::Path::byProxy;
   loopback::setBlocking(channel.socket, std::chrono::milliseconds(200));
-  loopback::KitSocket stranger = loopback::KitSocket::boundUDP();
-  stranger.connectTo(socketAddress("127.0.0.1", daemon.port()));
+  const auto stranger = loopback::KitSocket::boundUDP();
+  stranger.connectTo(loopback::localEndpoint(daemon.port()));
   std::array<std::uint8_t, 65536> buffer;
   std::uint64_t datagrams = 0;
   for (std::uint64_t sent = 0; sent < count; sent += perBurst) {

@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-#include <netinet/in.h>
-
 #include "Contestants.h"
 
 namespace zk::bench {
@@ -26,7 +24,7 @@ struct FloodKind {
 /// What becomes of a payload of so many octets at the far side that spoil() handles: a frame that
 /// no relay can read. All others are sent back as they are.
 inline constexpr std::size_t spoiledSize = 333;
-bool spoil(std::span<std::uint8_t> datagram, const sockaddr_in& from);
+bool spoil(std::span<std::uint8_t> datagram, const Endpoint& from);
 
 /// What a stranger may send: octets of no protocol, broken messages, data that belongs to nobody,
 /// requests without credentials or with a wrong signature, and what a proxy may send.

@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "Base/IPv4.h"
 #include "Loopback/KitSocket.h"
 
 namespace zk::bench {
@@ -33,13 +32,13 @@ namespace {
 }  // namespace
 
 void runFloor(std::uint16_t farPort) {
-  static const loopback::KitSocket nearSocket = loopback::KitSocket::boundUDP();
-  static const loopback::KitSocket farSocket = loopback::KitSocket::boundUDP();
+  static const auto nearSocket = loopback::KitSocket::boundUDP();
+  static const auto farSocket = loopback::KitSocket::boundUDP();
   loopback::setBlocking(nearSocket.get(), std::chrono::milliseconds(0));
   loopback::setBlocking(farSocket.get(), std::chrono::milliseconds(0));
-  std::printf("%u\n", portNumber(nearSocket.localAddress()));
+  std::printf("%u\n", nearSocket.port());
   std::fflush(stdout);
-  const sockaddr_in far = socketAddress("127.0.0.1", farPort);
+  const sockaddr_in far = loopback::localEndpoint(farPort).socketAddress();
   // Written with the same value for every datagram of the one client, before any answer to it.
   static sockaddr_in client{};
   std::thread([=] { forward(farSocket.get(), nearSocket.get(), &client, nullptr); }).detach();

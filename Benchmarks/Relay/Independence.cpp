@@ -17,7 +17,6 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include "Base/IPv4.h"
 #include "Contestants.h"
 #include "Line.h"
 #include "Loopback/Scratch.h"
@@ -44,29 +43,23 @@ struct Row {
   json figures{};  // p50, p99, max, sent, lost; or value; or skipped
 };
 
-Row rowOf(const std::string& name, const Seen& seen) {
+Row rowOf(const std::string& name, const LoadResult& seen) {
   return {name,
-          {{"p50", seen.percentile(0.50)},
-           {"p99", seen.percentile(0.99)},
-           {"max", seen.percentile(1)},
+          {{"p50", seen.percentile(0.50) / 1000},
+           {"p99", seen.percentile(0.99) / 1000},
+           {"max", seen.percentile(1) / 1000},
            {"sent", seen.sent},
-           {"lost", seen.lost}}};
-}
-
-void run(const std::string& script) {
-  if (std::system(("exec 2>/dev/null; " + script).c_str()) != 0) {
-    throw std::runtime_error("cannot: " + script);
-  }
+           {"lost", seen.losses()}}};
 }
 
 /// What a line sees in three seconds while something happens.
-Seen observe(Line& line, const std::function<void()>& happens) {
+LoadResult observe(Line& line, const std::function<void()>& happens) {
   auto event = std::async(std::launch::async, [&] {
     std::this_thread::sleep_for(300ms);
     happens();
   });
   line.talk(3s);
-  Seen seen = line.settle(longest);
+  LoadResult seen = line.settle(longest);
   event.get();
   return seen;
 }
@@ -82,8 +75,8 @@ bool open(const World& world) {
 /// Sends those datagrams to the server in turn for two and a half seconds, 20 each millisecond, or
 /// as fast as one thread can.
 void bother(const World& world, const std::vector<Bytes>& datagrams, bool atFullRate) {
-  KitSocket stranger = KitSocket::boundUDP();
-  stranger.connectTo(socketAddress("127.0.0.1", world.port));
+  const KitSocket stranger = KitSocket::boundUDP();
+  stranger.connectTo(localEndpoint(world.port));
   Bytes buffer(2048);
   std::size_t sent = 0;
   const auto sendOne = [&] {
@@ -111,12 +104,12 @@ KitSocket openBehindUplink() {
   auto socket = std::async(std::launch::async, [&] {
     there.set_value(unshare(CLONE_NEWNET) == 0 ? gettid() : 0);
     linked.get_future().get();
-    run("ip addr add 10.99.0.2/24 dev far && ip link set far up");
+    runScript("ip addr add 10.99.0.2/24 dev far && ip link set far up");
     return KitSocket::boundUDP("10.99.0.2");
   });
   try {
     // Deep enough to hold whatever a socket's send buffer does: nothing is to be lost in it.
-    run(
+    runScript(
         fmt::format("ip link del uplink; ip link add uplink type veth peer name far netns {} && "
                     "ip addr add 10.99.0.1/24 dev uplink && ip link set uplink up && "
                     "tc qdisc add dev uplink root tbf rate 20mbit burst 10kb limit 16mb",
@@ -166,7 +159,7 @@ class Rows {
           [size](World&, Line& line) { return burst(line, size); });
     }
     add("the disk of the logs stands still for 300 ms", true, [](World&, Line& line) {
-      return observe(line, [] { run("fsfreeze -f /tmp; sleep 0.3; fsfreeze -u /tmp"); });
+      return observe(line, [] { runScript("fsfreeze -f /tmp; sleep 0.3; fsfreeze -u /tmp"); });
     });
     add("garbage and unsigned requests at full rate, and an opening", false,
         [&](World& world, Line& line) {
@@ -188,16 +181,17 @@ class Rows {
   bool allHold() const { return allHold_; }
 
  private:
-  using Seeing = std::function<Seen(World&, Line&)>;
+  using Seeing = std::function<LoadResult(World&, Line&)>;
 
   static SOCKS5Script away(int distance) {
     return {.login = SOCKS5Login{"user", "password"}, .distance = Milliseconds(distance)};
   }
 
-  static Seen besideOpening(World& world, Line& line, const SOCKS5Script& script, bool succeeds) {
+  static LoadResult besideOpening(World& world, Line& line, const SOCKS5Script& script,
+                                  bool succeeds) {
     world.proxy.setScript(script);
     bool opened = false;
-    const Seen seen = observe(line, [&] { opened = open(world); });
+    const LoadResult seen = observe(line, [&] { opened = open(world); });
     // One that waits for others' openings may fail; one that must fail never succeeds.
     if (opened && !succeeds) {
       throw std::runtime_error("the opening was to fail");
@@ -205,8 +199,8 @@ class Rows {
     return seen;
   }
 
-  static Seen burst(Line& line, int size) {
-    Seen all;
+  static LoadResult burst(Line& line, int size) {
+    LoadResult all;
     for (int round = 0; round < 5; ++round) {
       for (int i = 0; i < size; ++i) {
         line.sendUp(videoPacket);
@@ -247,7 +241,7 @@ class Rows {
     const FarSide farSide;
     const auto daemon = makeDaemon(binary_, farSide.port(), DaemonForm::channelData, clients);
     const auto before = daemon->process().cpuTime();
-    const LoadResult result = runLoad(daemon->endpoints(), {.duration = 2s});
+    const LoadResult result = runLoad(daemon->legs(), {.duration = 2s});
     return static_cast<double>((daemon->process().cpuTime() - before).count()) /
            static_cast<double>(result.roundTrips());
   }
@@ -356,7 +350,8 @@ std::string enterMachine() {
     if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) {
       throw std::runtime_error("cannot make namespaces: only root can");
     }
-    run("mount --make-rprivate / && ip link set lo up && mount -t tmpfs -o size=2g tmpfs /tmp && "
+    runScript(
+        "mount --make-rprivate / && ip link set lo up && mount -t tmpfs -o size=2g tmpfs /tmp && "
         "echo nameserver 127.0.0.1 >/tmp/resolv.conf && "
         "mount --bind /tmp/resolv.conf /etc/resolv.conf && "
         "mkfs.ext4 -qF /tmp/disk 1g >/dev/null && mount -o loop /tmp/disk /tmp");

@@ -2,12 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <stdexcept>
 
-#include "Base/IPv4.h"
 #include "Loopback/SOCKS5Frame.h"
-#include "Platform/Clock.h"
 
 namespace zk::bench {
 namespace {
@@ -17,16 +14,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::uint16_t channel = 0x4000;
-constexpr std::size_t channelHeaderSize = 4;
-const TURNAttributes::Address peer{"203.0.113.7", 3478};
-
-constexpr std::uint32_t marker = UINT32_MAX;
-
-struct Stamp {
-  std::uint64_t sentAt;
-  std::uint32_t run;
-  std::uint32_t number;
-};
+const Endpoint peer = endpointAt("203.0.113.7", 3478);
 
 }  // namespace
 
@@ -48,71 +36,30 @@ World::World(const std::string& binary, bool withSTUN)
                          .proxyUser = script.login->user,
                          .proxyPassword = script.login->password})) {}
 
-double Seen::percentile(double share) const {
-  return delays.empty()
-             ? 0
-             : delays[static_cast<std::size_t>(share * static_cast<double>(delays.size() - 1))];
-}
-
-Seen& Seen::operator+=(const Seen& other) {
-  sent += other.sent;
-  lost += other.lost;
-  delays.insert(delays.end(), other.delays.begin(), other.delays.end());
-  std::sort(delays.begin(), delays.end());
-  return *this;
-}
-
-void Ledger::stamp(std::uint8_t* payload, bool isMarker) {
+void SharedLedger::stamp(std::uint8_t* payload, bool isMarker) {
   const std::lock_guard guard(lock_);
-  const Stamp stamp{monotonicNanoseconds(), run_,
-                    isMarker ? marker : static_cast<std::uint32_t>(delays_.size())};
-  if (!isMarker) {
-    delays_.push_back(-1);
-  }
-  std::memcpy(payload, &stamp, sizeof stamp);
+  isMarker ? ledger_.stampMarker(payload) : ledger_.stamp(payload);
 }
 
-void Ledger::take(ByteView payload) {
-  const std::uint64_t now = monotonicNanoseconds();
-  Stamp stamp{};
-  if (payload.size() < sizeof stamp) {
-    return;
-  }
-  std::memcpy(&stamp, payload.data(), sizeof stamp);
+void SharedLedger::take(ByteView payload) {
   const std::lock_guard guard(lock_);
-  marked_ = marked_ || (stamp.run == run_ && stamp.number == marker);
-  if (stamp.run == run_ && stamp.number < delays_.size() && delays_[stamp.number] < 0) {
-    delays_[stamp.number] = static_cast<float>(now - stamp.sentAt) / 1e6F;
-    ++arrived_;
-  }
+  ledger_.take(payload);
 }
 
-void Ledger::reset() {
+bool SharedLedger::isMarked() const {
   const std::lock_guard guard(lock_);
-  ++run_;
-  delays_.clear();
-  arrived_ = 0;
-  marked_ = false;
+  return ledger_.isMarked();
 }
 
-Seen Ledger::seen() const {
+LoadResult SharedLedger::close() {
   const std::lock_guard guard(lock_);
-  Seen seen{delays_.size(), delays_.size() - arrived_, {}};
-  std::copy_if(delays_.begin(), delays_.end(), std::back_inserter(seen.delays),
-               [](float delay) { return delay >= 0; });
-  std::sort(seen.delays.begin(), seen.delays.end());
-  return seen;
-}
-
-bool Ledger::isMarked() const {
-  const std::lock_guard guard(lock_);
-  return marked_;
+  return ledger_.close();
 }
 
 Line::Line(World& world, KitSocket far, const std::string& farIP)
     : client_(world.port),
       far_(
-          [this](std::span<std::uint8_t> frame, const sockaddr_in& from) {
+          [this](std::span<std::uint8_t> frame, const Endpoint& from) {
             const std::lock_guard guard(lock_);
             relay_ = from;
             up_.take(frame.subspan(std::min(frame.size(), socks5HeaderSize)));
@@ -157,7 +104,7 @@ void Line::sendUp(std::size_t payload, bool isMarker) {
 }
 
 void Line::sendDown(std::size_t payload, bool isMarker) {
-  Bytes frame = socks5Frame(socketAddress(peer.ip, peer.port), Bytes(payload));
+  Bytes frame = socks5Frame(peer, Bytes(payload));
   down_.stamp(&frame[socks5HeaderSize], isMarker);
   const std::lock_guard guard(lock_);
   far_.socket().send(frame, relay_);
@@ -170,17 +117,15 @@ void Line::talk(std::chrono::milliseconds duration) {
   });
 }
 
-Seen Line::settle(std::chrono::milliseconds longest) {
+LoadResult Line::settle(std::chrono::milliseconds longest) {
   const auto deadline = Clock::now() + longest;
   while (!(up_.isMarked() && down_.isMarked()) && Clock::now() < deadline) {
     sendUp(200, true);
     sendDown(200, true);
     std::this_thread::sleep_for(20ms);
   }
-  Seen seen = up_.seen();
-  seen += down_.seen();
-  up_.reset();
-  down_.reset();
+  LoadResult seen = up_.close();
+  seen += down_.close();
   return seen;
 }
 

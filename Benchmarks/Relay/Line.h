@@ -7,10 +7,10 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "Loopback/DaemonProcess.h"
 #include "Loopback/FarSide.h"
+#include "Loopback/Load.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
 #include "Loopback/TURNClient.h"
@@ -35,36 +35,17 @@ struct World {
   std::uint16_t port;
 };
 
-/// What became of the datagrams that went one way.
-struct Seen {
-  std::uint64_t sent = 0;
-  std::uint64_t lost = 0;
-  std::vector<float> delays;  // milliseconds, sorted
-
-  double percentile(double share) const;
-  Seen& operator+=(const Seen& other);
-};
-
-/// The books of one direction. Any thread.
-class Ledger {
+/// A ledger for any thread.
+class SharedLedger {
  public:
-  /// Writes the next number and the time to the beginning of a payload; a marker has no number and
-  /// does not count.
   void stamp(std::uint8_t* payload, bool isMarker);
-  /// Takes what has arrived.
   void take(ByteView payload);
-  /// Begins anew; what was sent before no longer counts.
-  void reset();
-  Seen seen() const;
-  /// Whether a marker has arrived: what was sent before it and is not there will not come.
   bool isMarked() const;
+  loopback::LoadResult close();
 
  private:
   mutable std::mutex lock_;
-  std::uint32_t run_ = 0;      // guarded by lock_
-  std::vector<float> delays_;  // guarded by lock_; by number, negative: not arrived
-  std::size_t arrived_ = 0;    // guarded by lock_
-  bool marked_ = false;        // guarded by lock_
+  loopback::Ledger ledger_;  // guarded by lock_
 };
 
 /// A client with a channel through the daemon to a far side of its own, at which all ends that it
@@ -86,15 +67,15 @@ class Line {
   void talk(std::chrono::milliseconds duration);
   /// Waits until all has arrived that will, but not longer than `longest`. What was seen in both
   /// directions since the last time.
-  Seen settle(std::chrono::milliseconds longest);
+  loopback::LoadResult settle(std::chrono::milliseconds longest);
 
  private:
   void receive();
 
-  Ledger up_;
-  Ledger down_;
+  SharedLedger up_;
+  SharedLedger down_;
   std::mutex lock_;
-  sockaddr_in relay_{};  // guarded by lock_; where the daemon's relay sends from
+  Endpoint relay_;  // guarded by lock_; where the daemon's relay sends from
   loopback::TURNClient client_;
   loopback::FarSide far_;
   std::atomic<bool> ending_{false};

@@ -48,10 +48,10 @@ constexpr LoadKind loads[] = {{200, 32}, {200, 1}, {20, 32}, {1200, 32}};
 Measurement measure(const Contestant& contestant, const LoadKind& load,
                     std::chrono::milliseconds duration, unsigned burst = 1) {
   const auto before = contestant.process().cpuTime();
-  const LoadResult result = runLoad(contestant.endpoints(), {.payload = load.payload,
-                                                             .outstanding = load.outstanding,
-                                                             .duration = duration,
-                                                             .burst = burst});
+  const LoadResult result = runLoad(contestant.legs(), {.payload = load.payload,
+                                                        .outstanding = load.outstanding,
+                                                        .duration = duration,
+                                                        .burst = burst});
   const auto used = contestant.process().cpuTime() - before;
   const auto roundTrips = static_cast<double>(result.roundTrips());
   return {

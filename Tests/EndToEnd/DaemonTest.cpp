@@ -227,7 +227,7 @@ TEST(DaemonTest, StopsAtOnceUnderLoad) {
   std::atomic<bool> ending = false;
   std::thread load([&] {
     while (!ending) {
-      client->sendIndication({rig->peer.ip(), rig->peer.port()}, Bytes(200));
+      client->sendIndication(rig->peer.endpoint(), Bytes(200));
     }
   });
   EXPECT_TRUE(eventually([&] { return rig->peer.received() > 1000; }));
@@ -286,10 +286,10 @@ TEST(DaemonTest, RelaysInBothFormsBothWays) {
   const TURNAnswer answer = client->allocate();
   ASSERT_TRUE(answer.success());
   // The face is what STUN saw; the port is the association's.
-  EXPECT_EQ(answer.relayedAddress()->ip, egressIP);
+  EXPECT_EQ(answer.relayedAddress()->ip(), egressIP);
   EXPECT_EQ(answer.mappedAddress()->port, client->localPort());
   EchoPeer second;
-  ASSERT_TRUE(client->bindChannel(0x4000, {second.ip(), second.port()}).success());
+  ASSERT_TRUE(client->bindChannel(0x4000, second.endpoint()).success());
   for (const std::size_t size : {0U, 1U, 1200U, 9000U, 65'000U}) {
     const Bytes payload(size, static_cast<std::uint8_t>(size));
     EXPECT_TRUE(echoes(*client, rig->peer, payload)) << size;

@@ -118,7 +118,7 @@ TEST(FaultTest, AProxyThatEndsLiveAssociations) {
     const auto cpuBefore = rig->daemon.cpuTime();
     int error = 0;
     while (error == 0 && Clock::now() - ended < std::chrono::seconds(7)) {
-      victim->sendIndication({rig->peer.ip(), rig->peer.port()}, bytes("into the void"));
+      victim->sendIndication(rig->peer.endpoint(), bytes("into the void"));
       ASSERT_TRUE(echoes(*other, rig->peer, bytes("served")));
       EXPECT_FALSE(victim->receiveData(aMoment));
       error = victim->refresh(600).errorCode();
@@ -142,7 +142,7 @@ TEST_F(FaultLogTest, ARelayThatSendsNonsense) {
   const auto rig = Rig::ready();
   const auto client = rig->allocated();
   const auto other = rig->allocated();
-  ASSERT_TRUE(client->bindChannel(0x4000, {rig->peer.ip(), rig->peer.port()}).success());
+  ASSERT_TRUE(client->bindChannel(0x4000, rig->peer.endpoint()).success());
   const Bytes headerOnly{0, 0, 0, 1, 192, 0, 2, 1, 0, 7};
   Bytes largest(65'507, 0x5A);
   std::copy(headerOnly.begin(), headerOnly.end(), largest.begin());
@@ -156,7 +156,7 @@ TEST_F(FaultLogTest, ARelayThatSendsNonsense) {
   }
   const auto empty = client->receiveData(patience);
   ASSERT_TRUE(empty && empty->peer);
-  EXPECT_TRUE(empty->peer->ip == "192.0.2.1" && empty->payload.empty());
+  EXPECT_TRUE(empty->peer->ip() == "192.0.2.1" && empty->payload.empty());
 
   // In batches that fit a receive buffer: what comes back through the same socket tells that the
   // batch has been dealt with. A stranger sends what would be good if the proxy had sent it.

@@ -14,7 +14,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Base/IPv4.h"
 #include "EndToEnd/Rig.h"
 #include "Loopback/SOCKS5Frame.h"
 #include "NetworkLab/NetworkLab.h"
@@ -130,8 +129,8 @@ class NetworkLabTest : public testing::Test {
     const TURNAnswer answer = allocate();
     ASSERT_TRUE(answer.success()) << answer.errorCode() << contentOf(anyLog[0]);
     // Not where the proxy is reached, but its other address, which is what the peer sees.
-    EXPECT_EQ(answer.relayedAddress()->ip, NetworkLab::proxyPublic);
-    ASSERT_TRUE(client->createPermission({peer->ip(), peer->port()}).success());
+    EXPECT_EQ(answer.relayedAddress()->ip(), NetworkLab::proxyPublic);
+    ASSERT_TRUE(client->createPermission(peer->endpoint()).success());
     EXPECT_TRUE(echoesWithin(patience));
   }
 
@@ -168,7 +167,7 @@ TEST_F(NetworkLabTest, PinningAndLoggingNeedNoPrivilege) {
   NetworkLab::in("home",
                  [] { ASSERT_EQ(std::system("ss -Htno dport = 1080 >/run/connections"), 0); });
   expectIn(contentOf("/run/connections"), "timer:(keepalive,");
-  EXPECT_EQ(addressText(*peer->lastSource()), NetworkLab::proxyPublic);
+  EXPECT_EQ(peer->lastSource()->ip(), NetworkLab::proxyPublic);
   const std::string status = contentOf("/proc/" + std::to_string(daemon->pid()) + "/status");
   expectIn(status, "\nUid:\t65534\t65534\t65534\t65534\n");
   expectIn(status, "\nGroups:\t \n");
@@ -197,10 +196,10 @@ TEST_F(NetworkLabTest, NotOnePacketOfACallLeavesHomeForAnybodyButTheProxy) {
     silent->setEcho(false);
   });
   const Bytes payload(200, 0xA5);
-  ASSERT_TRUE(client->bindChannel(0x4000, {peer->ip(), peer->port()}).success());
+  ASSERT_TRUE(client->bindChannel(0x4000, peer->endpoint()).success());
   for (std::size_t round = 0; round < rounds; ++round) {
-    client->sendIndication({silent->ip(), silent->port()}, payload);
-    client->sendIndication({NetworkLab::internet, 9}, payload);
+    client->sendIndication(silent->endpoint(), payload);
+    client->sendIndication(endpointAt(NetworkLab::internet, 9), payload);
     ASSERT_TRUE(echoes(*client, *peer, payload, 0x4000)) << "round " << round;
   }
   // Nothing comes back that would tell that the last one has arrived.
@@ -222,8 +221,8 @@ TEST_F(NetworkLabTest, OneStrayPacketOnEitherLinkIsNoticed) {
   EXPECT_EQ(traffic(), Traffic{});
   NetworkLab::in("home", [] {
     EchoPeer stray("0.0.0.0");
-    stray.send(socketAddress(NetworkLab::peers[0], 7000), bytesOf("stray"));
-    stray.send(socketAddress(NetworkLab::peers[1], 7000), bytesOf("stray"));
+    stray.send(endpointAt(NetworkLab::peers[0], 7000), bytesOf("stray"));
+    stray.send(endpointAt(NetworkLab::peers[1], 7000), bytesOf("stray"));
   });
   const Traffic strays{"UDP to 198.51.100.11 by vpn", "UDP to 198.51.100.12 by wire"};
   Traffic seen;
@@ -240,11 +239,11 @@ TEST_F(NetworkLabTest, WhatScansThePortsOfHomeDoesNotReachTheClient) {
   int scanned = 0;
   NetworkLab::in("router", [&] {
     EchoPeer scanner("10.1.0.1");
-    const Bytes frame = socks5Frame(socketAddress(NetworkLab::peers[0], 7000), bytesOf("you?"));
+    const Bytes frame = socks5Frame(endpointAt(NetworkLab::peers[0], 7000), bytesOf("you?"));
     std::ifstream sockets("/run/sockets");
     for (std::string each; sockets >> each; ++scanned) {
       const int number = std::stoi(each.substr(each.find(':') + 1));
-      scanner.send(socketAddress("10.1.0.2", static_cast<std::uint16_t>(number)), frame);
+      scanner.send(endpointAt("10.1.0.2", static_cast<std::uint16_t>(number)), frame);
     }
   });
   EXPECT_GE(scanned, 2) << "the client's and the relay's at least";

@@ -41,16 +41,16 @@ void expectService(const ForeignProxy& proxy, const std::optional<SOCKS5Login>& 
   client.setTimeout(longPatience);
   const auto answer = client.allocate();
   ASSERT_TRUE(answer.success()) << answer.errorCode() << proxy.output();
-  EXPECT_EQ(answer.relayedAddress()->ip, egressIP);
+  EXPECT_EQ(answer.relayedAddress()->ip(), egressIP);
   EXPECT_GT(served.stun.requests(), 0U);
-  ASSERT_TRUE(client.bindChannel(0x4000, {peer.ip(), peer.port()}).success());
+  ASSERT_TRUE(client.bindChannel(0x4000, peer.endpoint()).success());
   ASSERT_TRUE(second.allocate().success());
-  ASSERT_TRUE(second.createPermission({other.ip(), other.port()}).success());
+  ASSERT_TRUE(second.createPermission(other.endpoint()).success());
   // Two clients, two forms, two peers, and sizes up to what a path carries in one piece.
   for (const std::size_t size : {16U, 200U, 1200U, 1400U}) {
-    for (const Endpoint& way : {Endpoint::channelData(client, 0x4000),
-                                Endpoint::indications(client, {other.ip(), other.port()}),
-                                Endpoint::indications(second, {other.ip(), other.port()})}) {
+    for (const CallLeg& way :
+         {CallLeg::onChannel(client, 0x4000), CallLeg::indications(client, other.endpoint()),
+          CallLeg::indications(second, other.endpoint())}) {
       const auto result =
           runLoad({way}, {.payload = size, .outstanding = 1, .count = 50, .patience = patience});
       EXPECT_LE(result.losses(), 1U);

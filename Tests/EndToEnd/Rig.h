@@ -97,11 +97,10 @@ inline std::size_t count(std::string_view text, std::string_view piece) {
 inline bool echoes(TURNClient& client, const EchoPeer& peer, ByteView payload,
                    std::optional<std::uint16_t> channel = {}, milliseconds within = patience) {
   channel ? client.sendChannelData(*channel, payload)
-          : client.sendIndication({peer.ip(), peer.port()}, payload);
+          : client.sendIndication(peer.endpoint(), payload);
   const auto data = client.receiveData(within);
-  const bool isFromPeer = data && (channel ? data->channel == channel
-                                           : data->peer && data->peer->ip == peer.ip() &&
-                                                 data->peer->port == peer.port());
+  const bool isFromPeer =
+      data && (channel ? data->channel == channel : data->peer == peer.endpoint());
   return isFromPeer && data->payload == Bytes(payload.begin(), payload.end());
 }
 

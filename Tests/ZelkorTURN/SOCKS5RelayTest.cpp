@@ -174,7 +174,7 @@ TEST_F(Relay, DropsWhatIsMalformedAndWhatStrangersSendUntilItIsClosed) {
   openAndReceive();
   DatagramSocket stranger = DatagramSocket::open();
   stranger.bind(socketAddress("127.0.0.1", 0));
-  stranger.send(fromPeer("from a stranger"), proxy_.clientAddress(0).value());
+  stranger.send(fromPeer("from a stranger"), proxy_.clientAddress(0).value().socketAddress());
   proxy_.injectToClients(Bytes(9));
   // Peers are named by the header, whatever type of address it has.
   proxy_.injectToClients(hex("FFFF0503 04 68 6F 73 74 0102 AA"));
@@ -214,11 +214,11 @@ TEST_F(Relay, OutlivesItsControlConnectionWhileTheProxyCarriesDatagrams) {
   DatagramSocket stranger = DatagramSocket::open();
   for (std::size_t i = 1; i <= 3; ++i) {
     pass(4900ms);
-    relay.send(fromPeer("still here"), own);
+    relay.send(fromPeer("still here"), own.socketAddress());
     ASSERT_TRUE(turnUntil([&] { return log_.count("RECV unwrap OK") == i; }));
   }
   pass(4900ms);
-  stranger.send(fromPeer("does not count"), own);
+  stranger.send(fromPeer("does not count"), own.socketAddress());
   ASSERT_TRUE(turnUntil([&] { return log_.count("stranger") == 1; }));
   EXPECT_EQ(silences_, 0);
   pass(101ms);

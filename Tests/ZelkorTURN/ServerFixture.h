@@ -14,14 +14,17 @@
 #include <poll.h>
 
 #include "Loopback/TURNClient.h"
+#include "Loopback/XorAddress.h"
 #include "Platform/Sockets.h"
 #include "Support.h"
 #include "ZelkorTURN/TURNServer.h"
 
 namespace zk::test {
 
+using loopback::endpointAt;
 using loopback::TURNAnswer;
 using loopback::TURNClient;
+using loopback::xorAddress;
 using std::chrono::milliseconds;
 
 inline constexpr milliseconds patience{10'000};  // for what must come
@@ -34,8 +37,9 @@ inline Bytes bytes(std::string_view text) {
 using Texts = std::vector<std::string>;
 using Attributes = std::vector<std::pair<std::uint16_t, Bytes>>;
 
-inline Bytes xorAddress(const TURNClient::Address& address) {
-  return copyOf(*TURNAttributes::encodeXorAddress(address.ip, address.port));
+/// A peer as a relay names it.
+inline TURNAttributes::Address named(const Endpoint& endpoint) {
+  return {endpoint.ip(), endpoint.port};
 }
 
 /// Lines from many threads.
@@ -124,7 +128,7 @@ class ScriptedRelay final : public TURNRelay {
       }
     });
   }
-  void arrive(std::vector<std::pair<Bytes, TURNClient::Address>> burst) {
+  void arrive(std::vector<std::pair<Bytes, TURNAttributes::Address>> burst) {
     tell([burst = std::move(burst)](RelayListener& listener) {
       std::vector<PeerDatagram> datagrams;
       for (const auto& [payload, peer] : burst) {
@@ -256,7 +260,7 @@ class ServerFixture : public testing::Test {
   }
 
   const Attributes udp{{TURNAttr::requestedTransport, {17, 0, 0, 0}}};
-  const TURNClient::Address peer{"198.51.100.7", 4711};
+  const Endpoint peer = endpointAt("198.51.100.7", 4711);
   const std::string toPeer = "→198.51.100.7:4711 ";
   Log log;
   StopSignal gate;

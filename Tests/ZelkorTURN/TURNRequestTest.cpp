@@ -42,7 +42,7 @@ class TURNRequestTest : public ServerFixture {
     EXPECT_EQ(answer.message.value().method, method);
     return answer;
   }
-  TURNAnswer bind(const char* channel, const TURNClient::Address& to) {
+  TURNAnswer bind(const char* channel, const Endpoint& to) {
     return ask(TURNMethod::channelBind, {{TURNAttr::channelNumber, hex(channel)},
                                          {TURNAttr::xorPeerAddress, xorAddress(to)}});
   }
@@ -161,9 +161,9 @@ TEST_F(TURNRequestTest, ARetransmittedAllocateGetsTheSameAnswerAndNothingElse) {
     EXPECT_EQ(typesOf(answer), (Types{TURNAttr::xorRelayedAddress, TURNAttr::xorMappedAddress,
                                       TURNAttr::lifetime, TURNAttr::messageIntegrity}));
     EXPECT_EQ(copyOf(*answer.message->first(TURNAttr::xorRelayedAddress)),
-              xorAddress({"192.0.2.10", 7000}));
+              xorAddress(endpointAt("192.0.2.10", 7000)));
     EXPECT_EQ(copyOf(*answer.message->first(TURNAttr::xorMappedAddress)),
-              xorAddress({"127.0.0.1", client->localPort()}));
+              xorAddress(endpointAt("127.0.0.1", client->localPort())));
     EXPECT_EQ(answer.lifetime(), 600U);
   }
   EXPECT_EQ(log.count("allocate retransmit (same txID) → resend success"), 2U);
@@ -242,9 +242,9 @@ class AllocationTableTest : public testing::Test {
 TEST_F(AllocationTableTest, PermissionsAreNotedByAddressAlone) {
   table.conclude({client, {9}, {}}, RelayedAddress{"192.0.2.10", 7000}, 0);
   answerTo(signedRequest(TURNMethod::createPermission,
-                         {{TURNAttr::xorPeerAddress, xorAddress({"192.0.2.1", 1})},
-                          {TURNAttr::xorMappedAddress, xorAddress({"192.0.2.9", 1})},
-                          {TURNAttr::xorPeerAddress, xorAddress({"192.0.2.1", 3})}}));
+                         {{TURNAttr::xorPeerAddress, xorAddress(endpointAt("192.0.2.1", 1))},
+                          {TURNAttr::xorMappedAddress, xorAddress(endpointAt("192.0.2.9", 1))},
+                          {TURNAttr::xorPeerAddress, xorAddress(endpointAt("192.0.2.1", 3))}}));
   EXPECT_EQ(table.allocation(client)->permissions, std::set<std::string>{"192.0.2.1"});
 }
 
@@ -315,7 +315,8 @@ TEST_F(TURNRequestTest, AChannelBindIsRefusedForTheFirstThingThatIsWrong) {
 // A channel that changes hands is forgotten where it was.
 TEST_F(TURNRequestTest, APeerIsHeardOnTheLowestOfItsChannels) {
   ASSERT_TRUE(client->allocate().success());
-  const TURNClient::Address peers[] = {{"192.0.2.1", 1}, {"192.0.2.1", 2}, {"192.0.2.2", 1}};
+  const Endpoint peers[] = {endpointAt("192.0.2.1", 1), endpointAt("192.0.2.1", 2),
+                            endpointAt("192.0.2.2", 1)};
   const struct {
     const char* channel;
     int peer;
@@ -326,7 +327,8 @@ TEST_F(TURNRequestTest, APeerIsHeardOnTheLowestOfItsChannels) {
                {"4000 0000", 2, "none 4001 4000 "}, {"4000 0000", 2, "none 4001 4000 "}};
   for (const auto& [channel, number, wanted] : steps) {
     EXPECT_EQ(typesOf(bind(channel, peers[number])), onlySigned);
-    factory->relay(0)->arrive({{{}, peers[0]}, {{}, peers[1]}, {{}, peers[2]}});
+    factory->relay(0)->arrive(
+        {{{}, named(peers[0])}, {{}, named(peers[1])}, {{}, named(peers[2])}});
     std::string heard;
     for (int i = 0; i < 3; ++i) {
       const auto data = client->receiveData(patience);

@@ -51,7 +51,7 @@ TEST_F(TURNServerRelayTest, OpensInTwoAttempts) {
       EXPECT_EQ(relay->closed, c.plans[i].receiveFails ? 1 : 0);
     }
     if (c.error == 0) {
-      EXPECT_EQ(answer.relayedAddress()->ip, c.plans.back().ip);
+      EXPECT_EQ(answer.relayedAddress()->ip(), c.plans.back().ip);
       client->sendIndication(peer, bytes("x"));
       fence(*client);
       EXPECT_EQ(factory->relay(factory->made() - 1)->bursts().size(), 1U);
@@ -83,7 +83,7 @@ TEST_F(TURNServerRelayTest, AnOpeningHoldsUpNobodyButItsClient) {
   }
   client->sendIndication(peer, bytes("one too many"));
   other->sendIndication(peer, bytes("through"));
-  factory->relay(0)->arrive({{bytes("back"), peer}});
+  factory->relay(0)->arrive({{bytes("back"), named(peer)}});
   EXPECT_TRUE(other->receiveData(patience));
   allocated();
   fence(*other);
@@ -201,7 +201,7 @@ TEST_F(TURNServerRelayTest, ARelayThatHasGoneSilentGoesWithItsAllocation) {
   const auto client = allocated();
   const auto relay = factory->relay(0);
   relay->tell([](RelayListener& listener) { listener.onAssociationEnd("end of stream"); });
-  relay->arrive({{bytes("still there"), peer}});
+  relay->arrive({{bytes("still there"), named(peer)}});
   EXPECT_TRUE(client->receiveData(patience));
   EXPECT_EQ(log.lines("relay END"), std::vector{"relay END for 127.0.0.1:" + portOf(*client) +
                                                 ": control connection: end of stream"});
@@ -226,7 +226,7 @@ TEST_F(TURNServerRelayTest, RefreshWithLifetimeZeroReleasesTheRelayAtOnce) {
     EXPECT_EQ(released->sent(), "");
     EXPECT_EQ(released->closed, isCutOff ? 0 : 1);
     ASSERT_TRUE(client->allocate().success());
-    released->arrive({{bytes("late"), peer}});
+    released->arrive({{bytes("late"), named(peer)}});
     released->tell([](RelayListener& listener) {
       listener.onAssociationEnd("end of stream");
       listener.onSilence();

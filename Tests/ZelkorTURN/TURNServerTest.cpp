@@ -19,7 +19,7 @@ class AllocatedTest : public ServerFixture {
 
   const std::unique_ptr<TURNClient> client = allocated();
   const std::shared_ptr<ScriptedRelay> relay = factory->relay(0);
-  const TURNClient::Address other{"198.51.100.8", 4712};
+  const Endpoint other = endpointAt("198.51.100.8", 4712);
 };
 
 TEST_F(TURNServerTest, StartsOnceAndStopsOnce) {
@@ -92,9 +92,10 @@ TEST_F(AllocatedTest, RelaysWhatIsWhole) {
 // between is dealt with in its place.
 TEST_F(AllocatedTest, PassesOnTogetherWhatArrivesTogetherAndKeepsClientsApart) {
   const auto second = allocated();
-  const TURNMessage bind = signedRequest(*client, TURNMethod::channelBind,
-                                         {{TURNAttr::channelNumber, {0x40, 0x02, 0, 0}},
-                                          {TURNAttr::xorPeerAddress, xorAddress({other.ip, 1})}});
+  const TURNMessage bind =
+      signedRequest(*client, TURNMethod::channelBind,
+                    {{TURNAttr::channelNumber, {0x40, 0x02, 0, 0}},
+                     {TURNAttr::xorPeerAddress, xorAddress({other.address, 1})}});
   relay->tell([this](RelayListener&) { gate.raise(), std::this_thread::sleep_for(aMoment); });
   ASSERT_EQ(waitFor(gate.descriptor(), POLLIN, Deadline::max()), Wait::ready);
   client->sendChannelData(0x4001, bytes("1"));
@@ -112,20 +113,20 @@ TEST_F(AllocatedTest, PassesOnTogetherWhatArrivesTogetherAndKeepsClientsApart) {
             (Texts{"1" + toPeer + "2→198.51.100.8:4712 4" + toPeer, "5→198.51.100.8:1 "}));
   EXPECT_EQ(factory->relay(1)->bursts(), (Texts{"3" + toPeer, "6→198.51.100.8:4712 "}));
   EXPECT_EQ(factory->clients(), (std::vector{client->localPort(), second->localPort()}));
-  factory->relay(1)->arrive({{bytes("back"), peer}});
+  factory->relay(1)->arrive({{bytes("back"), named(peer)}});
   EXPECT_FALSE(second->receiveData(patience)->channel);
   EXPECT_FALSE(client->receiveData(aMoment));
 }
 
 // More of them than go with one call, and one that fits no datagram in between.
 TEST_F(AllocatedTest, DeliversByChannelWhereOneIsBoundToThatPeerAndElseByIndication) {
-  const TURNClient::Address peers[] = {
-      peer, {peer.ip, 4712}, {"203.0.113.1", peer.port}, {"2001:db8::1", peer.port}};
-  std::vector<std::pair<Bytes, TURNClient::Address>> burst;
+  const TURNAttributes::Address peers[] = {
+      named(peer), {peer.ip(), 4712}, {"203.0.113.1", peer.port}, {"2001:db8::1", peer.port}};
+  std::vector<std::pair<Bytes, TURNAttributes::Address>> burst;
   for (std::uint8_t i = 0; i < 80; ++i) {
     burst.emplace_back(Bytes{i, 'x'}, peers[i % 4]);
   }
-  burst.emplace(burst.begin() + 40, Bytes(65'507), peer);
+  burst.emplace(burst.begin() + 40, Bytes(65'507), named(peer));
   relay->arrive(burst);
   std::set<TransactionID> transactions;
   for (std::uint8_t i = 0; i < 80; ++i) {
@@ -142,7 +143,8 @@ TEST_F(AllocatedTest, DeliversByChannelWhereOneIsBoundToThatPeerAndElseByIndicat
     ASSERT_TRUE(message);
     EXPECT_TRUE(transactions.insert(message->txID).second);
     TURNMessage wanted(TURNMethod::dataMsg, TURNClass::indication, message->txID);
-    wanted.append(TURNAttr::xorPeerAddress, xorAddress(peers[i % 4]));
+    wanted.append(TURNAttr::xorPeerAddress,
+                  xorAddress(endpointAt(peers[i % 4].ip, peers[i % 4].port)));
     wanted.append(TURNAttr::data, Bytes{i, 'x'});
     EXPECT_EQ(*datagram, wanted.encode());
   }
@@ -158,7 +160,7 @@ TEST_F(AllocatedTest, AnExpiredAllocationCarriesNothingUntilItIsRefreshed) {
     const std::size_t before = relay->sent().size();
     client->sendIndication(peer, bytes("a"));
     client->sendChannelData(0x4001, bytes("b"));
-    relay->arrive({{bytes("c"), peer}});
+    relay->arrive({{bytes("c"), named(peer)}});
     fence(*client);
     const std::size_t sent = (relay->sent().size() - before) / (1 + toPeer.size());
     return std::pair(sent, client->receiveData(aMoment).has_value());

@@ -2,7 +2,6 @@
 // and sends datagrams to an echoing peer and back.
 
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -16,19 +15,19 @@
 #include <netdb.h>
 #include <unistd.h>
 
-#include "Base/IPv4.h"
 #include "Loopback/DaemonProcess.h"
 #include "Loopback/EchoPeer.h"
 #include "Loopback/Load.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
 #include "Loopback/TURNClient.h"
+#include "ZelkorTURN/TURNAttributes.h"
 
 namespace zk::demo {
 namespace {
 
 using namespace std::chrono_literals;
-using loopback::Endpoint;
+using loopback::CallLeg;
 
 constexpr std::uint64_t datagramsPerForm = 10000;
 constexpr std::uint16_t channel = 0x4000;
@@ -49,40 +48,29 @@ struct Options {
   std::string peer;
 };
 
-/// HOST:PORT, split at the last colon.
-TURNAttributes::Address split(const std::string& text) {
-  const auto colon = text.rfind(':');
-  return {text.substr(0, colon), static_cast<std::uint16_t>(std::stoul(text.substr(colon + 1)))};
+/// What is wrong with a HOST:PORT; nothing when the text is empty.
+std::string checkHostPort(const std::string& text) {
+  return parseHostPort(text) ? "" : "\"" + text + "\" is not of the form HOST:PORT";
 }
 
-/// What is wrong with an endpoint; nothing when the text is empty.
 std::string checkEndpoint(const std::string& text) {
-  unsigned port = 0;
-  const auto colon = text.rfind(':');
-  const bool good = colon != std::string::npos && colon != 0 &&
-                    CLI::detail::lexical_cast(text.substr(colon + 1), port) && port - 1 < 65535;
-  return good ? "" : "\"" + text + "\" is not of the form HOST:PORT";
-}
-
-std::string checkAddress(const std::string& text) {
-  const std::string ip = text.substr(0, text.rfind(':'));
-  const std::string wrong = checkEndpoint(text);
-  return !wrong.empty() || isDottedQuad(ip) ? wrong : "\"" + ip + "\" is not an IPv4 address";
+  const auto parsed = parseHostPort(text);
+  return !parsed || parseAddress(parsed->host) ? checkHostPort(text)
+                                               : "\"" + parsed->host + "\" is not an IPv4 address";
 }
 
 /// The first IPv4 address of the proxy.
-sockaddr_in resolve(const TURNAttributes::Address& proxy) {
+Endpoint resolve(const HostPort& proxy) {
   addrinfo hints{};
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_DGRAM;
   addrinfo* found = nullptr;
   const auto port = std::to_string(proxy.port);
-  if (const int error = getaddrinfo(proxy.ip.c_str(), port.c_str(), &hints, &found); error != 0) {
+  if (const int error = getaddrinfo(proxy.host.c_str(), port.c_str(), &hints, &found); error != 0) {
     throw CLI::ValidationError(
-        fmt::format("the proxy {} has no IPv4 address: {}", proxy.ip, gai_strerror(error)));
+        fmt::format("the proxy {} has no IPv4 address: {}", proxy.host, gai_strerror(error)));
   }
-  sockaddr_in address;
-  std::memcpy(&address, found->ai_addr, sizeof address);
+  const Endpoint address = Endpoint::of(reinterpret_cast<const sockaddr_in&>(*found->ai_addr));
   freeaddrinfo(found);
   return address;
 }
@@ -126,22 +114,21 @@ std::string failureReason(std::uint16_t clientPort, std::uintmax_t from) {
   return reason.empty() ? fmt::format("see {}", daemonLog) : reason;
 }
 
-loopback::LoadResult exchange(const char* label, const Endpoint& endpoint, std::uint64_t count) {
+loopback::LoadResult exchange(const char* label, const CallLeg& leg, std::uint64_t count) {
   unsigned shown = 101;
   auto result = loopback::runLoad(
-      {endpoint},
-      {.payload = payloadSize,
-       .outstanding = windowSize,
-       .count = count,
-       .patience = 2s,
-       .progress = [&](std::uint64_t done) {
-         const auto percent = static_cast<unsigned>(done * 100 / count);
-         if (percent != shown) {
-           shown = percent;
-           showPassingLine(fmt::format("{:<17} [{:#<{}}{: <{}}] {:3} %", label, "", percent * 2 / 5,
-                                       "", 40 - percent * 2 / 5, percent));
-         }
-       }});
+      {leg}, {.payload = payloadSize,
+              .outstanding = windowSize,
+              .count = count,
+              .patience = 2s,
+              .progress = [&](std::uint64_t done) {
+                const auto percent = static_cast<unsigned>(done * 100 / count);
+                if (percent != shown) {
+                  shown = percent;
+                  showPassingLine(fmt::format("{:<17} [{:#<{}}{: <{}}] {:3} %", label, "",
+                                              percent * 2 / 5, "", 40 - percent * 2 / 5, percent));
+                }
+              }});
   showPassingLine("");
   return result;
 }
@@ -169,23 +156,25 @@ void run(const Options& options) {
     ownProxy = std::make_unique<loopback::SOCKS5Server>();
     config.proxyPort = ownProxy->port();
   } else {
-    const auto proxy = split(options.proxy);
-    config.proxyHost = proxy.ip;
+    const HostPort proxy = parseHostPort(options.proxy).value();
+    config.proxyHost = proxy.host;
     config.proxyPort = proxy.port;
     config.proxyUser = options.user;
     config.proxyPassword = options.password;
-    const sockaddr_in address = resolve(proxy);
-    onLoopback = ntohl(address.sin_addr.s_addr) >> 24 == 127;
-    loopback::KitSocket towards = loopback::KitSocket::boundUDP("0.0.0.0");
+    const Endpoint address = resolve(proxy);
+    onLoopback = address.address >> 24 == 127;
+    const auto towards = loopback::KitSocket::boundUDP("0.0.0.0");
     towards.connectTo(address);
-    here = addressText(towards.localAddress());
+    here = towards.localAddress().ip();
   }
-  const auto proxyText = fmt::format("{}:{}", config.proxyHost, config.proxyPort);
+  const std::string proxyText =
+      HostPort{config.proxyHost, static_cast<std::uint16_t>(config.proxyPort)}.text();
   std::unique_ptr<loopback::EchoPeer> echo;
   if (options.peer.empty()) {
     echo = std::make_unique<loopback::EchoPeer>(here);
   }
-  const auto peer = echo ? TURNAttributes::Address{here, echo->port()} : split(options.peer);
+  const auto asked = parseHostPort(options.peer).value_or(HostPort{});
+  const Endpoint peer = echo ? echo->endpoint() : loopback::endpointAt(asked.host, asked.port);
 
   std::error_code none;
   const auto logged = std::filesystem::file_size(daemonLog, none);
@@ -206,28 +195,26 @@ void run(const Options& options) {
   }
   requireSuccess(answer, "Allocate");
   requireSuccess(client.createPermission(peer), "CreatePermission");
-  const Endpoint indications = Endpoint::indications(client, peer);
+  const CallLeg indications = CallLeg::indications(client, peer);
   // Some datagrams ahead of all words, so that a proxy that opens a relay and forwards nothing is
   // told of in one sentence like any other that is of no use.
   const auto first = exchange("first datagrams", indications, windowSize);
   if (first.roundTrips() == 0) {
-    throw Failure(fmt::format("the relay opened, but no datagram came back from {}:{} through {}{}",
-                              peer.ip, peer.port, proxyText,
+    throw Failure(fmt::format("the relay opened, but no datagram came back from {} through {}{}",
+                              peer.text(), proxyText,
                               echo ? "; name an echo service that it can reach with --peer" : ""));
   }
-  const auto relayed = answer.relayedAddress().value_or(TURNAttributes::Address{});
   fmt::print("daemon:           process {}, TURN on 127.0.0.1:{}\n", daemon.pid(), port);
   fmt::print("proxy:            {}{}\n", proxyText, ownProxy ? " (the demo's own)" : "");
-  fmt::print("peer:             {}:{}{}\n", peer.ip, peer.port,
-             echo ? " (the demo's own echo)" : "");
-  fmt::print("relayed address:  {}:{}\n", relayed.ip, relayed.port);
+  fmt::print("peer:             {}{}\n", peer.text(), echo ? " (the demo's own echo)" : "");
+  fmt::print("relayed address:  {}\n", answer.relayedAddress().value_or(Endpoint{}).text());
   fmt::print("sending:          {} datagrams of {} octets each way, {} under way at a time\n",
              2 * datagramsPerForm, payloadSize, windowSize);
   const auto sent = exchange("Send indications:", indications, datagramsPerForm);
   report("Send indications:", sent);
   requireSuccess(client.bindChannel(channel, peer), "ChannelBind");
   const auto channelled =
-      exchange("ChannelData:", Endpoint::channelData(client, channel), datagramsPerForm);
+      exchange("ChannelData:", CallLeg::onChannel(client, channel), datagramsPerForm);
   report("ChannelData:", channelled);
 
   requireSuccess(client.refresh(0), "Refresh");
@@ -250,15 +237,15 @@ int runWith(int argc, char** argv) {
       "Starts the daemon, relays ten thousand datagrams in each of the two forms that a "
       "client may use, and reports how that went.",
       "zkturnd-demo");
-  const auto endpoint = CLI::Validator(checkEndpoint, "HOST:PORT");
+  const auto hostPort = CLI::Validator(checkHostPort, "HOST:PORT");
   auto* proxy = app.add_option("--proxy", options.proxy,
                                "Relay through this SOCKS5 proxy instead of the demo's own")
-                    ->check(endpoint);
+                    ->check(hostPort);
   auto* user = app.add_option("--user", options.user, "Log in to that proxy")->needs(proxy);
   auto* pass = app.add_option("--pass", options.password, "... with this password")->needs(user);
   user->needs(pass);
   app.add_option("--peer", options.peer, "Send to this UDP echo service instead of the demo's own")
-      ->check(CLI::Validator(checkAddress, "IP:PORT"));
+      ->check(CLI::Validator(checkEndpoint, "IP:PORT"));
   try {
     app.parse(argc, argv);
     run(options);

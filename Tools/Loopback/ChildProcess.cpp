@@ -2,34 +2,29 @@
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <system_error>
 #include <thread>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "Loopback/KitSocket.h"
+#include "Platform/Sockets.h"
 
 namespace zk::loopback {
 namespace {
 
 namespace fs = std::filesystem;
+using Milliseconds = ChildProcess::Milliseconds;
 using Clock = std::chrono::steady_clock;
 
 [[noreturn]] void fail(const std::string& what) {
   throw std::system_error(errno, std::generic_category(), what);
-}
-
-std::array<int, 2> openPipe() {
-  std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) < 0) {
-    fail("pipe");
-  }
-  return ends;
 }
 
 std::vector<std::string> mergedEnvironment(const ChildProcess::Environment& extra) {
@@ -84,16 +79,17 @@ std::vector<pid_t> familyOf(pid_t pid) {
   return found;
 }
 
-std::size_t residentOf(pid_t pid) {
-  std::ifstream status(procOf(pid, "status"));
-  std::size_t kilobytes = 0;
-  for (std::string word; status >> word;) {
-    if (word == "VmRSS:") {
-      status >> kilobytes;
+/// The number behind `name` in a status file of /proc; 0 without one.
+std::size_t numberIn(const fs::path& status, const std::string& name) {
+  std::ifstream file(status);
+  std::size_t number = 0;
+  for (std::string word; file >> word;) {
+    if (word == name) {
+      file >> number;
       break;
     }
   }
-  return kilobytes;
+  return number;
 }
 
 }  // namespace
@@ -105,12 +101,13 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments, const Environment
   std::vector<std::string> merged = mergedEnvironment(environment);
   const auto variables = pointersTo(merged);
   const auto argv = pointersTo(arguments);
-  const auto toChild = openPipe();
-  const auto fromChild = openPipe();
-  const auto failure = openPipe();  // closed by a successful exec()
-  const int log = output.empty() ? -1
-                                 : open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC,
-                                        S_IRUSR | S_IWUSR);
+  Pipe toChild = openPipe();
+  Pipe fromChild = openPipe();
+  Pipe failure = openPipe();  // closed by a successful exec()
+  const Descriptor log(
+      output.empty()
+          ? -1
+          : open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR));
   pid_ = fork();
   if (pid_ == 0) {
     setpgid(0, 0);
@@ -120,35 +117,31 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments, const Environment
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    dup2(toChild[0], STDIN_FILENO);
-    dup2(log < 0 ? fromChild[1] : log, STDOUT_FILENO);
-    dup2(log < 0 ? STDERR_FILENO : log, STDERR_FILENO);
+    dup2(toChild.reader.get(), STDIN_FILENO);
+    dup2(log ? log.get() : fromChild.writer.get(), STDOUT_FILENO);
+    dup2(log ? log.get() : STDERR_FILENO, STDERR_FILENO);
     execve(argv[0], argv.data(), variables.data());
     const int error = errno;
-    [[maybe_unused]] const auto told = ::write(failure[1], &error, sizeof error);
+    [[maybe_unused]] const auto told = ::write(failure.writer.get(), &error, sizeof error);
     _exit(127);
   }
-  for (const int end : {toChild[0], fromChild[1], failure[1], log}) {
-    close(end);
-  }
-  input_ = toChild[1];
-  output_ = fromChild[0];
   int error = pid_ < 0 ? errno : 0;
-  if (pid_ > 0 && read(failure[0], &error, sizeof error) > 0) {
+  failure.writer.reset();
+  fromChild.writer.reset();
+  if (pid_ > 0 && read(failure.reader.get(), &error, sizeof error) > 0) {
     waitpid(pid_, nullptr, 0);
   }
-  close(failure[0]);
   if (error != 0) {
-    close(input_);
-    close(output_);
     errno = error;
     fail(arguments[0]);
   }
+  input_ = std::move(toChild.writer);
+  output_ = std::move(fromChild.reader);
 }
 
 ChildProcess::~ChildProcess() {
   closeInput();
-  close(output_);
+  output_.reset();
   // Its own process group: some servers serve with children.
   kill(-pid_, SIGKILL);
   if (!exitStatus_) {
@@ -158,7 +151,7 @@ ChildProcess::~ChildProcess() {
 
 bool ChildProcess::write(std::string_view text) {
   while (!text.empty()) {
-    const auto count = ::write(input_, text.data(), text.size());
+    const auto count = ::write(input_.get(), text.data(), text.size());
     if (count < 0 && errno == EINTR) {
       continue;
     }
@@ -179,28 +172,16 @@ std::optional<std::string> ChildProcess::readLine(Milliseconds timeout) {
       return line;
     }
     const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now()).count();
-    pollfd waiting{output_, POLLIN, 0};
-    if (left <= 0 || poll(&waiting, 1, static_cast<int>(left)) <= 0) {
+    if (left <= 0 || !waitReadable(output_.get(), Milliseconds(left))) {
       return std::nullopt;
     }
     std::array<char, 4096> chunk;
-    const auto count = read(output_, chunk.data(), chunk.size());
+    const auto count = read(output_.get(), chunk.data(), chunk.size());
     if (count <= 0) {
       return std::nullopt;
     }
     buffered_.append(chunk.data(), static_cast<std::size_t>(count));
   }
-}
-
-void ChildProcess::closeInput() {
-  if (input_ >= 0) {
-    close(input_);
-    input_ = -1;
-  }
-}
-
-void ChildProcess::terminate() {
-  sendSignal(SIGTERM);
 }
 
 void ChildProcess::sendSignal(int signal) {
@@ -235,7 +216,7 @@ std::size_t ChildProcess::threadCount() const {
 std::size_t ChildProcess::residentKilobytes() const {
   std::size_t total = 0;
   for (const pid_t pid : familyOf(pid_)) {
-    total += residentOf(pid);
+    total += numberIn(procOf(pid, "status"), "VmRSS:");
   }
   return total;
 }
@@ -250,6 +231,37 @@ std::chrono::nanoseconds ChildProcess::cpuTime() const {
     }
   }
   return total;
+}
+
+std::size_t ChildProcess::wakeUps() const {
+  std::size_t total = 0;
+  for (const pid_t pid : familyOf(pid_)) {
+    std::error_code gone;
+    for (const auto& task : fs::directory_iterator(procOf(pid, "task"), gone)) {
+      total += numberIn(task.path() / "status", "voluntary_ctxt_switches:");
+    }
+  }
+  return total;
+}
+
+std::string runScript(const std::string& script) {
+  ChildProcess shell({"/bin/bash", "-c", "exec 2>&1\n" + script});
+  shell.closeInput();
+  std::string said;
+  // Its output may stay open behind its end, in what it has started.
+  for (bool ended = false;;) {
+    if (const auto line = shell.readLine(Milliseconds(ended ? 1 : 20))) {
+      said += *line + '\n';
+    } else if (ended) {
+      break;
+    } else {
+      ended = shell.waitExit(Milliseconds(20)).has_value();
+    }
+  }
+  if (shell.waitExit({}) != 0) {
+    throw std::runtime_error("cannot: " + script + "\n" + said);
+  }
+  return said;
 }
 
 std::string findProgram(const std::string& name) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <map>
 #include <optional>
@@ -9,6 +10,8 @@
 #include <vector>
 
 #include <sys/types.h>
+
+#include "Platform/Descriptor.h"
 
 namespace zk::loopback {
 
@@ -39,9 +42,9 @@ class ChildProcess {
   /// the output ends before a line feed.
   std::optional<std::string> readLine(Milliseconds timeout);
   /// Ends its standard input.
-  void closeInput();
+  void closeInput() { input_.reset(); }
   /// SIGTERM.
-  void terminate();
+  void terminate() { sendSignal(SIGTERM); }
   void sendSignal(int signal);
   /// The exit status, or the negated number of the signal that ended the process; absent when it
   /// still runs after `timeout`.
@@ -54,14 +57,20 @@ class ChildProcess {
   /// and its children's that are still there.
   std::size_t residentKilobytes() const;
   std::chrono::nanoseconds cpuTime() const;
+  /// How often its threads have waited for something, and were woken.
+  std::size_t wakeUps() const;
 
  private:
   pid_t pid_ = -1;
-  int input_ = -1;   // our end of its standard input
-  int output_ = -1;  // our end of its standard output
+  Descriptor input_;   // our end of its standard input
+  Descriptor output_;  // our end of its standard output
   std::string buffered_;
   std::optional<int> exitStatus_;
 };
+
+/// Runs a shell script to its end, with both of its outputs in one. Throws std::runtime_error with
+/// what it said when it fails.
+std::string runScript(const std::string& script);
 
 /// Where an installed program is, the sbin folders included; empty when it is not.
 std::string findProgram(const std::string& name);

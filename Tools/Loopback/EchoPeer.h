@@ -1,16 +1,12 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 
-#include <netinet/in.h>
-
 #include "Base/Bytes.h"
-#include "Loopback/EventLoop.h"
-#include "Loopback/KitSocket.h"
+#include "Loopback/DatagramService.h"
 
 namespace zk::loopback {
 
@@ -19,13 +15,12 @@ namespace zk::loopback {
 class EchoPeer {
  public:
   /// Binds `ip`:`port`, 0 meaning any free port. Throws std::system_error.
-  explicit EchoPeer(const std::string& ip = "127.0.0.1", std::uint16_t port = 0);
-  ~EchoPeer() { loop_.stop(); }
-  EchoPeer(const EchoPeer&) = delete;
-  EchoPeer& operator=(const EchoPeer&) = delete;
+  explicit EchoPeer(const std::string& ip = "127.0.0.1", std::uint16_t port = 0)
+      : service_("kit.echo", ip, port, [this](const Arrival& arrival) { take(arrival); }) {}
 
-  const std::string& ip() const { return ip_; }
-  std::uint16_t port() const { return port_; }
+  const Endpoint& endpoint() const { return service_.endpoint(); }
+  std::string ip() const { return endpoint().ip(); }
+  std::uint16_t port() const { return endpoint().port; }
 
   /// Whether datagrams are sent back (the default) or only counted.
   void setEcho(bool echo);
@@ -33,23 +28,19 @@ class EchoPeer {
   std::size_t received() const;
   /// The latest of them, and where it came from; absent before the first.
   std::optional<Bytes> lastPayload() const;
-  std::optional<sockaddr_in> lastSource() const;
+  std::optional<Endpoint> lastSource() const;
   /// Sends a datagram of its own accord. Whether the system took it.
-  bool send(const sockaddr_in& to, ByteView payload) { return socket_.send(payload, to); }
+  bool send(const Endpoint& to, ByteView payload) { return service_.socket().send(payload, to); }
 
  private:
-  void takeDatagrams();
+  void take(const Arrival& arrival);
 
-  const std::string ip_;
-  const KitSocket socket_;
-  const std::uint16_t port_;
-  // These belong to the loop's thread.
+  // These belong to the service's thread.
   bool echo_ = true;
   std::size_t received_ = 0;
   std::optional<Bytes> lastPayload_;
-  std::optional<sockaddr_in> lastSource_;
-  std::array<std::uint8_t, 65536> buffer_{};
-  EventLoop loop_{"kit.echo"};
+  std::optional<Endpoint> lastSource_;
+  DatagramService service_;
 };
 
 }  // namespace zk::loopback

@@ -1,13 +1,11 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <span>
 #include <thread>
-
-#include <netinet/in.h>
 
 #include "Loopback/KitSocket.h"
 
@@ -22,21 +20,24 @@ class FarSide {
  public:
   /// Gets a datagram, which it may change, and its sender, on the far side's thread. Whether the
   /// datagram is sent back, as all are without a handler.
-  using Handler = std::function<bool(std::span<std::uint8_t> datagram, const sockaddr_in& from)>;
+  using Handler = std::function<bool(std::span<std::uint8_t> datagram, const Endpoint& from)>;
 
-  explicit FarSide(Handler handler = {}, KitSocket socket = KitSocket::boundUDP());
+  /// What is sent back is sent `distance` later; STUN is answered at once.
+  explicit FarSide(Handler handler = {}, KitSocket socket = KitSocket::boundUDP(),
+                   std::chrono::milliseconds distance = {});
   ~FarSide();
   FarSide(const FarSide&) = delete;
   FarSide& operator=(const FarSide&) = delete;
 
   const KitSocket& socket() const { return socket_; }
-  std::uint16_t port() const;
+  std::uint16_t port() const { return socket_.port(); }
 
  private:
   void run();
 
   const KitSocket socket_;
   const Handler handler_;
+  const std::chrono::milliseconds distance_;
   std::atomic<bool> ending_{false};
   std::thread thread_;
 };

@@ -9,7 +9,6 @@
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
-#include "Base/IPv4.h"
 #include "Loopback/KitSocket.h"
 
 namespace zk::loopback {
@@ -27,7 +26,7 @@ const std::map<std::string, std::string> packages{{"danted", "dante-server"},
 std::uint16_t freePort() {
   for (;;) {
     const KitSocket stream = KitSocket::listener();
-    const std::uint16_t port = portNumber(stream.localAddress());
+    const std::uint16_t port = stream.port();
     try {
       KitSocket::boundUDP("127.0.0.1", port);
       return port;
@@ -38,7 +37,7 @@ std::uint16_t freePort() {
 
 bool accepts(std::uint16_t port) {
   try {
-    KitSocket::connectedTCP(socketAddress("127.0.0.1", port));
+    KitSocket::connectedTCP(localEndpoint(port));
     return true;
   } catch (const std::system_error&) {
     return false;

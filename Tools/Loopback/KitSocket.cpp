@@ -1,16 +1,12 @@
 #include "Loopback/KitSocket.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <system_error>
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include "Base/IPv4.h"
+#include "Platform/Sockets.h"
 
 namespace zk::loopback {
 namespace {
@@ -24,26 +20,22 @@ int checked(int result, const char* call) {
   return result;
 }
 
-const sockaddr* generic(const sockaddr_in& address) {
-  return reinterpret_cast<const sockaddr*>(&address);
-}
-
-KitSocket open(int type) {
-  std::signal(SIGPIPE, SIG_IGN);  // a far end may be gone before it is written to
-  KitSocket made(checked(socket(AF_INET, type, 0), "socket"));
-  checked(fcntl(made.get(), F_SETFD, FD_CLOEXEC), "fcntl");
-  return made;
-}
+/// A socket address as the system's calls take it.
+struct Native {
+  explicit Native(const Endpoint& endpoint) : address(endpoint.socketAddress()) {}
+  const sockaddr* pointer() const { return reinterpret_cast<const sockaddr*>(&address); }
+  const sockaddr_in address;
+  const socklen_t length = sizeof address;
+};
 
 KitSocket bound(int type, const std::string& ip, std::uint16_t port) {
-  KitSocket made = open(type);
+  KitSocket made(openNonBlockingSocket(AF_INET, type, 0));
   // A proxy that a test stops and starts again on its port must not wait for old connections.
   const int value = type == SOCK_STREAM ? 1 : receiveBuffer;
   setsockopt(made.get(), SOL_SOCKET, type == SOCK_STREAM ? SO_REUSEADDR : SO_RCVBUF, &value,
              sizeof value);
-  checked(fcntl(made.get(), F_SETFL, O_NONBLOCK), "fcntl");
-  const sockaddr_in address = socketAddress(ip, port);
-  checked(bind(made.get(), generic(address), sizeof address), "bind");
+  const Native address(endpointAt(ip, port));
+  checked(bind(made.get(), address.pointer(), address.length), "bind");
   return made;
 }
 
@@ -60,67 +52,63 @@ KitSocket KitSocket::listener(const std::string& ip, std::uint16_t port) {
 }
 
 KitSocket KitSocket::accepted() const {
-  KitSocket made(::accept(descriptor_, nullptr, nullptr));
-  if (made.get() >= 0) {
+  KitSocket made(::accept(get(), nullptr, nullptr));
+  if (made) {
     checked(fcntl(made.get(), F_SETFD, FD_CLOEXEC), "fcntl");
     checked(fcntl(made.get(), F_SETFL, O_NONBLOCK), "fcntl");
   }
   return made;
 }
 
-KitSocket KitSocket::connectedTCP(const sockaddr_in& to) {
-  KitSocket made = open(SOCK_STREAM);
+KitSocket KitSocket::connectedTCP(const Endpoint& to) {
+  KitSocket made(openNonBlockingSocket(AF_INET, SOCK_STREAM, 0));
+  setBlocking(made.get(), {});
   made.connectTo(to);
   return made;
 }
 
-void KitSocket::close() {
-  if (descriptor_ >= 0) {
-    ::close(std::exchange(descriptor_, -1));
-  }
-}
-
-sockaddr_in KitSocket::localAddress() const {
+Endpoint KitSocket::localAddress() const {
   sockaddr_in address{};
   socklen_t length = sizeof address;
-  getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
-  return address;
+  getsockname(get(), reinterpret_cast<sockaddr*>(&address), &length);
+  return Endpoint::of(address);
 }
 
-void KitSocket::connectTo(const sockaddr_in& to) {
-  checked(connect(descriptor_, generic(to), sizeof to), "connect");
+void KitSocket::connectTo(const Endpoint& to) const {
+  const Native address(to);
+  checked(connect(get(), address.pointer(), address.length), "connect");
 }
 
-bool KitSocket::send(ByteView datagram, const sockaddr_in& to) const {
-  return sendto(descriptor_, datagram.data(), datagram.size(), 0, generic(to), sizeof to) ==
-         static_cast<ssize_t>(datagram.size());
+bool KitSocket::send(ByteView datagram, const Endpoint& to) const {
+  const Native address(to);
+  return sendto(get(), datagram.data(), datagram.size(), sendFlags, address.pointer(),
+                address.length) == static_cast<ssize_t>(datagram.size());
 }
 
 bool KitSocket::send(ByteView datagram) const {
-  return ::send(descriptor_, datagram.data(), datagram.size(), 0) ==
+  return ::send(get(), datagram.data(), datagram.size(), sendFlags) ==
          static_cast<ssize_t>(datagram.size());
 }
 
 std::optional<Arrival> KitSocket::receive(std::span<std::uint8_t> into, int flags) const {
   sockaddr_in from{};
   socklen_t length = sizeof from;
-  const auto count = recvfrom(descriptor_, into.data(), into.size(), flags,
-                              reinterpret_cast<sockaddr*>(&from), &length);
+  const auto count =
+      recvfrom(get(), into.data(), into.size(), flags, reinterpret_cast<sockaddr*>(&from), &length);
   if (count < 0) {
     return std::nullopt;
   }
-  return Arrival{into.first(static_cast<std::size_t>(count)), from};
-}
-
-bool KitSocket::waitReadable(std::chrono::milliseconds limit) const {
-  pollfd waiting{descriptor_, POLLIN, 0};
-  return poll(&waiting, 1, static_cast<int>(std::max<long long>(limit.count(), 0))) > 0;
+  return Arrival{into.first(static_cast<std::size_t>(count)), Endpoint::of(from)};
 }
 
 void setBlocking(int socket, std::chrono::milliseconds limit) {
   fcntl(socket, F_SETFL, fcntl(socket, F_GETFL) & ~O_NONBLOCK);
   const timeval time{limit.count() / 1000, static_cast<suseconds_t>(limit.count() % 1000 * 1000)};
   setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);
+}
+
+bool waitReadable(int descriptor, std::chrono::milliseconds limit) {
+  return waitFor(descriptor, POLLIN, std::chrono::steady_clock::now() + limit) == Wait::ready;
 }
 
 }  // namespace zk::loopback

@@ -6,29 +6,35 @@
 #include <string>
 #include <utility>
 
-#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include "Base/Bytes.h"
+#include "Base/Endpoint.h"
+#include "Platform/Descriptor.h"
 
 namespace zk::loopback {
+
+/// `ip` must be a dotted quad.
+inline Endpoint endpointAt(std::string_view ip, std::uint16_t port) {
+  return {parseAddress(ip).value(), port};
+}
+
+/// On this machine.
+inline Endpoint localEndpoint(std::uint16_t port) {
+  return {INADDR_LOOPBACK, port};
+}
 
 /// One datagram that has arrived.
 struct Arrival {
   std::span<std::uint8_t> datagram;  // in the caller's buffer
-  sockaddr_in from;
+  Endpoint from;
 };
 
-/// A socket, close-on-exec, and its owner.
-class KitSocket {
+/// An IPv4 socket, close-on-exec, with what the far side of a test does to it.
+class KitSocket : public Descriptor {
  public:
-  /// Takes over `descriptor`; -1 is none.
-  explicit KitSocket(int descriptor = -1) : descriptor_(descriptor) {}
-  KitSocket(KitSocket&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
-  KitSocket& operator=(KitSocket&& other) noexcept {
-    std::swap(descriptor_, other.descriptor_);
-    return *this;
-  }
-  ~KitSocket() { close(); }
+  using Descriptor::Descriptor;
+  explicit KitSocket(Descriptor&& socket) : Descriptor(std::move(socket)) {}
 
   /// A non-blocking UDP socket bound to `ip`:`port` (0 = any free port), with a large receive
   /// buffer, so that a burst in a test is not lost on the far side. Throws std::system_error.
@@ -36,29 +42,27 @@ class KitSocket {
   /// A non-blocking TCP listener. Throws std::system_error.
   static KitSocket listener(const std::string& ip = "127.0.0.1", std::uint16_t port = 0);
   /// A blocking TCP connection, made. Throws std::system_error.
-  static KitSocket connectedTCP(const sockaddr_in& to);
+  static KitSocket connectedTCP(const Endpoint& to);
 
   /// A connection that a listener has waiting, non-blocking; none when there is none.
   KitSocket accepted() const;
 
-  int get() const { return descriptor_; }
-  void close();
-  sockaddr_in localAddress() const;
+  Endpoint localAddress() const;
+  std::uint16_t port() const { return localAddress().port; }
   /// Only `to` is sent to and heard from now on. Throws std::system_error.
-  void connectTo(const sockaddr_in& to);
+  void connectTo(const Endpoint& to) const;
   /// Whether the system took the whole datagram.
-  bool send(ByteView datagram, const sockaddr_in& to) const;
+  bool send(ByteView datagram, const Endpoint& to) const;
   bool send(ByteView datagram) const;
   /// Takes one datagram; absent when there is none. Waits for one only with flags 0 and after
   /// setBlocking().
   std::optional<Arrival> receive(std::span<std::uint8_t> into, int flags = MSG_DONTWAIT) const;
-  bool waitReadable(std::chrono::milliseconds limit) const;
-
- private:
-  int descriptor_;
 };
 
-/// Lets a receive on that socket wait, for so long.
+/// Lets a receive on that socket wait, for so long; 0 means for ever.
 void setBlocking(int socket, std::chrono::milliseconds limit);
+
+/// Whether there is something to read before `limit` has passed.
+bool waitReadable(int descriptor, std::chrono::milliseconds limit);
 
 }  // namespace zk::loopback

@@ -7,7 +7,6 @@
 
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "Platform/Clock.h"
 
@@ -16,6 +15,7 @@ namespace {
 
 constexpr std::uint64_t unlimited = UINT64_MAX;
 constexpr int mostSilences = 5;
+constexpr std::uint32_t marker = UINT32_MAX;
 
 // What a payload starts with.
 struct Stamp {
@@ -23,73 +23,96 @@ struct Stamp {
   std::uint32_t run;  // so that a straggler of an earlier load does not count
   std::uint32_t number;
 };
+static_assert(sizeof(Stamp) == Ledger::stampSize);
+
+std::uint64_t nanoseconds(std::chrono::nanoseconds duration) {
+  return static_cast<std::uint64_t>(duration.count());
+}
+
+/// One size of payload, all of them alike but for their stamps.
+class Pattern {
+ public:
+  Pattern(const std::vector<CallLeg>& legs, std::size_t size)
+      : payload_(std::max(size, Ledger::stampSize)) {
+    static thread_local std::minstd_rand random(std::random_device{}());
+    std::ranges::generate(payload_, [] { return static_cast<std::uint8_t>(random()); });
+    for (const CallLeg& leg : legs) {
+      datagrams_.push_back(leg.frame(payload_));
+    }
+  }
+
+  void send(const CallLeg& leg, std::size_t which, Ledger& ledger) {
+    Bytes& datagram = datagrams_[which];
+    ledger.stamp(&datagram[leg.payloadAt]);
+    ::send(leg.socket, datagram.data(), datagram.size(), 0);
+  }
+
+  /// Whether what has come is one of them, which padding may follow.
+  bool fits(ByteView content) const {
+    return content.size() >= payload_.size() &&
+           std::equal(payload_.begin() + Ledger::stampSize, payload_.end(),
+                      content.begin() + Ledger::stampSize);
+  }
+
+ private:
+  Bytes payload_;
+  std::vector<Bytes> datagrams_;  // by leg
+};
 
 class Load {
  public:
-  Load(const std::vector<Endpoint>& endpoints, const LoadPlan& plan)
-      : endpoints_(endpoints), plan_(plan), payload_(std::max(plan.payload, sizeof(Stamp))) {
-    static std::minstd_rand random(std::random_device{}());
-    run_ = static_cast<std::uint32_t>(random());
-    std::generate(payload_.begin(), payload_.end(),
-                  [] { return static_cast<std::uint8_t>(random()); });
-    for (const Endpoint& endpoint : endpoints) {
-      datagrams_.push_back(endpoint.frame(payload_));
-    }
-    if (endpoints.size() == 1) {  // a plain receive costs least
-      setBlocking(endpoints[0].socket, plan.patience);
+  Load(const std::vector<CallLeg>& legs, const LoadPlan& plan)
+      : legs_(legs), plan_(plan), pattern_(legs, plan.payload) {
+    if (legs.size() == 1) {  // a plain receive costs least
+      setBlocking(legs[0].socket, plan.patience);
       return;
     }
-    poll_ = KitSocket(epoll_create1(EPOLL_CLOEXEC));
-    for (std::size_t i = 0; i < endpoints.size(); ++i) {
+    poll_ = Descriptor(epoll_create1(EPOLL_CLOEXEC));
+    for (std::size_t i = 0; i < legs.size(); ++i) {
       epoll_event event{EPOLLIN, {.u64 = i}};
-      epoll_ctl(poll_.get(), EPOLL_CTL_ADD, endpoints[i].socket, &event);
+      epoll_ctl(poll_.get(), EPOLL_CTL_ADD, legs[i].socket, &event);
     }
   }
 
   LoadResult run() {
     const std::uint64_t start = monotonicNanoseconds();
     const std::uint64_t end =
-        plan_.duration.count() == 0
-            ? unlimited
-            : start + static_cast<std::uint64_t>(plan_.duration.count()) * 1'000'000U;
+        plan_.duration.count() == 0 ? unlimited : start + nanoseconds(plan_.duration);
     const std::uint64_t count = plan_.count == 0 ? unlimited : plan_.count;
     unsigned flying = 0;
     int silences = 0;
     const auto sending = [&] {
-      return silences < mostSilences && result_.sent < count && monotonicNanoseconds() < end;
+      return silences < mostSilences && ledger_.sent() < count && monotonicNanoseconds() < end;
     };
     for (bool more = sending(); more || flying > 0; more = sending()) {
-      for (; more && flying < plan_.outstanding && result_.sent < count; ++flying) {
+      for (; more && flying < plan_.outstanding && ledger_.sent() < count; ++flying) {
         sendOne();
       }
       const unsigned back = receiveSome();
       silences = back == 0 ? silences + 1 : 0;
       flying = back == 0 ? 0 : flying - std::min(back, flying);
       if (plan_.progress) {
-        plan_.progress(result_.sent - flying);
+        plan_.progress(ledger_.sent() - flying);
       }
     }
-    result_.seconds = static_cast<double>(monotonicNanoseconds() - start) / 1e9;
-    std::sort(result_.times.begin(), result_.times.end());
-    return std::move(result_);
+    const double seconds = static_cast<double>(monotonicNanoseconds() - start) / 1e9;
+    LoadResult result = ledger_.close();
+    result.seconds = seconds;
+    return result;
   }
 
  private:
   void sendOne() {
-    Bytes& datagram = datagrams_[next_];
-    const Stamp stamp{monotonicNanoseconds(), run_, static_cast<std::uint32_t>(result_.sent++)};
-    isBack_.push_back(false);
-    std::memcpy(&datagram[endpoints_[next_].payloadAt], &stamp, sizeof stamp);
-    send(endpoints_[next_].socket, datagram.data(), datagram.size(), 0);
+    pattern_.send(legs_[next_], next_, ledger_);
     if (++sentInBurst_ >= plan_.burst) {
       sentInBurst_ = 0;
-      next_ = (next_ + 1) % endpoints_.size();
+      next_ = (next_ + 1) % legs_.size();
     }
   }
 
   // The number of round trips that ended; 0 when nothing came for too long.
   unsigned receiveSome() {
-    if (poll_.get() < 0) {
+    if (!poll_) {
       return receiveOne(0, 0) ? 1 : 0;
     }
     std::array<epoll_event, 64> events;
@@ -105,62 +128,30 @@ class Load {
   }
 
   bool receiveOne(std::size_t from, int flags) {
-    const std::size_t at = endpoints_[from].payloadAt;
     for (;;) {
-      const ssize_t n = recv(endpoints_[from].socket, buffer_.data(), buffer_.size(), flags);
+      const ssize_t n = recv(legs_[from].socket, buffer_.data(), buffer_.size(), flags);
       if (n < 0) {
         return false;
       }
-      Stamp stamp{};
-      if (static_cast<std::size_t>(n) >= at + payload_.size()) {
-        std::memcpy(&stamp, &buffer_[at], sizeof stamp);
+      const ByteView datagram = ByteView(buffer_).first(static_cast<std::size_t>(n));
+      const ByteView content = datagram.subspan(std::min(datagram.size(), legs_[from].payloadAt));
+      if (ledger_.take(pattern_.fits(content) ? content : ByteView{})) {
+        return true;
       }
-      if (stamp.run != run_ || stamp.number >= isBack_.size() || isBack_[stamp.number] ||
-          std::memcmp(&buffer_[at + sizeof stamp], payload_.data() + sizeof stamp,
-                      payload_.size() - sizeof stamp) != 0) {
-        ++result_.strange;
-        continue;
-      }
-      isBack_[stamp.number] = true;
-      result_.times.push_back(static_cast<float>(monotonicNanoseconds() - stamp.sentAt) / 1000.0F);
-      return true;
     }
   }
 
-  const std::vector<Endpoint>& endpoints_;
+  const std::vector<CallLeg>& legs_;
   const LoadPlan& plan_;
-  std::uint32_t run_ = 0;
-  Bytes payload_;
-  std::vector<Bytes> datagrams_;
-  KitSocket poll_;
+  Pattern pattern_;
+  Ledger ledger_;
+  Descriptor poll_;
   std::size_t next_ = 0;
   unsigned sentInBurst_ = 0;
-  std::vector<bool> isBack_;
   std::array<std::uint8_t, 65536> buffer_{};
-  LoadResult result_;
 };
 
 }  // namespace
-
-Endpoint Endpoint::channelData(const TURNClient& client, std::uint16_t channel) {
-  return {client.socket(), 4, [channel](ByteView payload) {
-            std::array<std::uint8_t, 4> header{};
-            writeUInt16(&header[0], channel);
-            writeUInt16(&header[2], static_cast<std::uint16_t>(payload.size()));
-            return concatenated(header, payload);
-          }};
-}
-
-Endpoint Endpoint::indications(const TURNClient& client, const TURNAttributes::Address& peer) {
-  // Header, XOR-PEER-ADDRESS with its 8 octets, the header of DATA: both ways alike.
-  return {client.socket(), 20 + 12 + 4, [peer](ByteView payload) {
-            TURNMessage message(TURNMethod::send, TURNClass::indication, {});
-            message.append(TURNAttr::xorPeerAddress,
-                           *TURNAttributes::encodeXorAddress(peer.ip, peer.port));
-            message.append(TURNAttr::data, payload);
-            return message.encode();
-          }};
-}
 
 double LoadResult::percentile(double share) const {
   return times.empty()
@@ -168,8 +159,114 @@ double LoadResult::percentile(double share) const {
              : times[static_cast<std::size_t>(share * static_cast<double>(times.size() - 1))];
 }
 
-LoadResult runLoad(const std::vector<Endpoint>& endpoints, const LoadPlan& plan) {
-  return Load(endpoints, plan).run();
+LoadResult& LoadResult::operator+=(const LoadResult& other) {
+  sent += other.sent;
+  strange += other.strange;
+  seconds += other.seconds;
+  times.insert(times.end(), other.times.begin(), other.times.end());
+  std::ranges::sort(times);
+  return *this;
+}
+
+Ledger::Ledger() {
+  close();
+}
+
+void Ledger::stamp(std::uint8_t* payload) {
+  const Stamp stamp{monotonicNanoseconds(), run_, static_cast<std::uint32_t>(isBack_.size())};
+  isBack_.push_back(false);
+  std::memcpy(payload, &stamp, sizeof stamp);
+}
+
+void Ledger::stampMarker(std::uint8_t* payload) const {
+  const Stamp stamp{0, run_, marker};
+  std::memcpy(payload, &stamp, sizeof stamp);
+}
+
+bool Ledger::take(ByteView payload) {
+  Stamp stamp{};
+  if (payload.size() >= sizeof stamp) {
+    std::memcpy(&stamp, payload.data(), sizeof stamp);
+  }
+  const bool isOurs = stamp.run == run_;
+  marked_ = marked_ || (isOurs && stamp.number == marker);
+  if (!isOurs || stamp.number >= isBack_.size() || isBack_[stamp.number]) {
+    result_.strange += isOurs && stamp.number == marker ? 0 : 1;
+    return false;
+  }
+  isBack_[stamp.number] = true;
+  result_.times.push_back(static_cast<float>(monotonicNanoseconds() - stamp.sentAt) / 1000.0F);
+  return true;
+}
+
+LoadResult Ledger::close() {
+  static thread_local std::minstd_rand random(std::random_device{}());
+  LoadResult result = std::exchange(result_, {});
+  result.sent = isBack_.size();
+  std::ranges::sort(result.times);
+  run_ = static_cast<std::uint32_t>(random());
+  isBack_.clear();
+  marked_ = false;
+  return result;
+}
+
+CallLeg CallLeg::onChannel(const TURNClient& client, std::uint16_t channel) {
+  return {client.socket(), channelHeaderSize,
+          [channel](ByteView payload) { return channelData(channel, payload); }};
+}
+
+CallLeg CallLeg::indications(const TURNClient& client, const Endpoint& peer) {
+  // Header, XOR-PEER-ADDRESS with its 8 octets, the header of DATA: both ways alike.
+  return {client.socket(), 20 + 12 + 4,
+          [peer](ByteView payload) { return sendIndicationTo(peer, payload); }};
+}
+
+LoadResult runLoad(const std::vector<CallLeg>& legs, const LoadPlan& plan) {
+  return Load(legs, plan).run();
+}
+
+LoadResult runCall(const CallLeg& leg, std::chrono::milliseconds duration) {
+  using namespace std::chrono_literals;
+  constexpr std::uint64_t soundEvery = 20'000'000;
+  constexpr std::uint64_t pictureEvery = 33'333'333;
+  constexpr auto patience = 200ms;  // for what is under way at the end
+  Pattern sound({leg}, 160);
+  Pattern picture({leg}, 1100);
+  Ledger ledger;
+  std::array<std::uint8_t, 2048> buffer;
+  const std::uint64_t start = monotonicNanoseconds();
+  const std::uint64_t end = start + nanoseconds(duration);
+  std::uint64_t nextSound = start;
+  std::uint64_t nextPicture = start;
+  for (unsigned pictures = 0;;) {
+    const std::uint64_t now = monotonicNanoseconds();
+    if (now < end && now >= nextSound) {
+      sound.send(leg, 0, ledger);
+      nextSound += soundEvery;
+    }
+    if (now < end && now >= nextPicture) {
+      for (unsigned i = 0; i < 4 + pictures % 7; ++i) {
+        picture.send(leg, 0, ledger);
+      }
+      ++pictures;
+      nextPicture += pictureEvery;
+    }
+    const std::uint64_t next =
+        now < end ? std::min({nextSound, nextPicture, end}) : end + nanoseconds(patience);
+    if (now >= next && now >= end) {
+      break;
+    }
+    const auto left = std::chrono::nanoseconds(next > now ? next - now : 0);
+    waitReadable(leg.socket, std::chrono::ceil<std::chrono::milliseconds>(left));
+    for (ssize_t n = 0; (n = recv(leg.socket, buffer.data(), buffer.size(), MSG_DONTWAIT)) >= 0;) {
+      const ByteView datagram = ByteView(buffer).first(static_cast<std::size_t>(n));
+      const ByteView content = datagram.subspan(std::min(datagram.size(), leg.payloadAt));
+      ledger.take(sound.fits(content) || picture.fits(content) ? content : ByteView{});
+    }
+  }
+  LoadResult result = ledger.close();
+  result.seconds = static_cast<double>(nanoseconds(duration)) / 1e9;
+  return result;
 }
 
 }  // namespace zk::loopback

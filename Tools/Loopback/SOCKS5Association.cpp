@@ -8,25 +8,13 @@ namespace {
 // How many datagrams are taken from one socket before the others have their turn.
 constexpr int batch = 64;
 
-bool sameEndpoint(const sockaddr_in& a, const sockaddr_in& b) {
-  return a.sin_addr.s_addr == b.sin_addr.s_addr && a.sin_port == b.sin_port;
-}
-
 }  // namespace
 
 SOCKS5Association::SOCKS5Association(SOCKS5Core& core, std::size_t number)
     : core_(core),
       number_(number),
       relaySocket_(KitSocket::boundUDP(core.ip)),
-      peerSocket_(KitSocket::boundUDP(core.ip)) {
-  core_.loop.watch(relaySocket_.get(), [this] { takeFrames(); });
-  core_.loop.watch(peerSocket_.get(), [this] { takeAnswers(); });
-}
-
-SOCKS5Association::~SOCKS5Association() {
-  core_.loop.unwatch(relaySocket_.get());
-  core_.loop.unwatch(peerSocket_.get());
-}
+      peerSocket_(KitSocket::boundUDP(core.ip)) {}
 
 bool SOCKS5Association::sendToClient(ByteView raw) {
   if (!client_) {
@@ -64,7 +52,7 @@ void SOCKS5Association::takeFrames() {
     if (!client_) {
       client_ = arrival->from;
     }
-    if (sameEndpoint(*client_, arrival->from)) {
+    if (*client_ == arrival->from) {
       handleFrame(arrival->datagram);
     } else {
       ++core_.counts.dropped;

@@ -3,8 +3,6 @@
 #include <cstddef>
 #include <optional>
 
-#include <netinet/in.h>
-
 #include "Base/Bytes.h"
 #include "Loopback/SOCKS5Core.h"
 
@@ -16,16 +14,14 @@ class SOCKS5Association {
  public:
   /// Opens and watches the sockets. Throws std::system_error.
   SOCKS5Association(SOCKS5Core& core, std::size_t number);
-  /// Closes them.
-  ~SOCKS5Association();
   SOCKS5Association(const SOCKS5Association&) = delete;
   SOCKS5Association& operator=(const SOCKS5Association&) = delete;
 
   /// Where the client sends to.
-  sockaddr_in relayAddress() const { return relaySocket_.localAddress(); }
+  Endpoint relayAddress() const { return relaySocket_.localAddress(); }
   /// Where peers see it come from.
-  sockaddr_in egressAddress() const { return peerSocket_.localAddress(); }
-  const std::optional<sockaddr_in>& client() const { return client_; }
+  Endpoint egressAddress() const { return peerSocket_.localAddress(); }
+  const std::optional<Endpoint>& client() const { return client_; }
 
   /// One raw datagram to the client, at once. Whether the client is known and the system took it.
   bool sendToClient(ByteView raw);
@@ -40,7 +36,9 @@ class SOCKS5Association {
   const std::size_t number_;
   const KitSocket relaySocket_;
   const KitSocket peerSocket_;
-  std::optional<sockaddr_in> client_;
+  std::optional<Endpoint> client_;
+  const Watch frames_{core_.loop, relaySocket_.get(), [this] { takeFrames(); }};
+  const Watch answers_{core_.loop, peerSocket_.get(), [this] { takeAnswers(); }};
 };
 
 }  // namespace zk::loopback

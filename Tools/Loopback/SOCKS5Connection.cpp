@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -44,10 +43,9 @@ SOCKS5Connection::SOCKS5Connection(SOCKS5Core& core, std::size_t number, KitSock
 }
 
 void SOCKS5Connection::start() {
-  core_.loop.watch(socket_.get(), [self = weak_from_this()] {
-    if (const auto connection = self.lock()) {
-      connection->takeOctets();
-    }
+  watch_.emplace(core_.loop, socket_.get(), [this] {
+    const auto self = shared_from_this();
+    takeOctets();
   });
   perform(core_.script.onAccept, {}, false);
 }
@@ -57,7 +55,7 @@ void SOCKS5Connection::end() {
     return;
   }
   ended_ = true;
-  core_.loop.unwatch(socket_.get());
+  watch_.reset();
   if (association_) {
     core_.associations.erase(*association_);
   }
@@ -199,23 +197,20 @@ Bytes SOCKS5Connection::associate() {
   } catch (const std::exception&) {  // no descriptor left
     return refusal(replyGeneralFailure);
   }
-  const sockaddr_in relay = made->relayAddress();
+  const Endpoint relay = made->relayAddress();
   core_.frames.emplace_back();
   core_.associations.emplace(number, std::move(made));
   association_ = number;
   ++core_.counts.associations;
 
   Bytes answer{version, 0x00, 0x00, script.announceType};
-  Bytes address(4);
-  std::memcpy(address.data(), &relay.sin_addr, address.size());
-  if (script.announceAddress) {
-    address = *script.announceAddress;
-  }
+  const auto octets = relay.octets();
+  const Bytes address = script.announceAddress.value_or(Bytes(octets.begin(), octets.end()));
   if (script.announceType == typeDomain) {
     answer.push_back(static_cast<std::uint8_t>(address.size()));
   }
   answer.insert(answer.end(), address.begin(), address.end());
-  const std::uint16_t port = script.announcePort.value_or(ntohs(relay.sin_port));
+  const std::uint16_t port = script.announcePort.value_or(relay.port);
   answer.push_back(static_cast<std::uint8_t>(port >> 8));
   answer.push_back(static_cast<std::uint8_t>(port));
   return answer;

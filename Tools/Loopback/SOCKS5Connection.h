@@ -44,6 +44,7 @@ class SOCKS5Connection : public std::enable_shared_from_this<SOCKS5Connection> {
   SOCKS5Core& core_;
   const std::size_t number_;
   const KitSocket socket_;
+  std::optional<Watch> watch_;
   Phase phase_ = Phase::greeting;
   bool answering_ = false;  // a delayed or dribbling answer is under way
   bool mute_ = false;

@@ -4,11 +4,12 @@
 #include <cstddef>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "Loopback/EventLoop.h"
 #include "Loopback/KitSocket.h"
+#include "Loopback/LoopThread.h"
 #include "Loopback/SOCKS5Script.h"
 #include "Loopback/SOCKS5Server.h"
 
@@ -28,10 +29,12 @@ struct SOCKS5Core {
     return found == associations.end() ? nullptr : found->second.get();
   }
 
-  EventLoop loop{"kit.socks5"};  // first, as the others leave it when they go
+  LoopThread thread{"kit.socks5"};  // first, as the others leave it when they go
+  EventLoop& loop = thread.loop();
   const std::string ip;
   SOCKS5Script script;
   KitSocket listener;
+  std::optional<Watch> accepting{};
   SOCKS5Server::Counts counts{};
   std::map<std::size_t, std::unique_ptr<SOCKS5Association>> associations{};
   std::map<std::size_t, std::shared_ptr<SOCKS5Connection>> connections{};

@@ -1,7 +1,7 @@
 #include "Loopback/SOCKS5Frame.h"
 
 #include <algorithm>
-#include <cstring>
+#include <array>
 
 #include "ZelkorTURN/TURNMessage.h"
 
@@ -12,18 +12,17 @@ constexpr std::uint8_t typeIPv4 = 0x01;
 
 }  // namespace
 
-void writeSOCKS5Header(std::uint8_t* to, const sockaddr_in& address) {
+void writeSOCKS5Header(std::uint8_t* to, const Endpoint& address) {
   to[0] = to[1] = to[2] = 0;
   to[3] = typeIPv4;
-  std::memcpy(to + 4, &address.sin_addr, 4);
-  std::memcpy(to + 8, &address.sin_port, 2);
+  std::ranges::copy(address.octets(), to + 4);
+  writeUInt16(to + 8, address.port);
 }
 
-Bytes socks5Frame(const sockaddr_in& address, ByteView payload) {
-  Bytes frame(socks5HeaderSize + payload.size());
-  writeSOCKS5Header(frame.data(), address);
-  std::copy(payload.begin(), payload.end(), frame.begin() + socks5HeaderSize);
-  return frame;
+Bytes socks5Frame(const Endpoint& address, ByteView payload) {
+  std::array<std::uint8_t, socks5HeaderSize> header;
+  writeSOCKS5Header(header.data(), address);
+  return concatenated(header, payload);
 }
 
 std::optional<SOCKS5Unframed> socks5Unframe(ByteView frame) {
@@ -31,11 +30,8 @@ std::optional<SOCKS5Unframed> socks5Unframe(ByteView frame) {
       frame[3] != typeIPv4) {
     return std::nullopt;
   }
-  SOCKS5Unframed result{{}, frame.subspan(socks5HeaderSize)};
-  result.destination.sin_family = AF_INET;
-  std::memcpy(&result.destination.sin_addr, &frame[4], 4);
-  std::memcpy(&result.destination.sin_port, &frame[8], 2);
-  return result;
+  const std::uint32_t address = std::uint32_t{readUInt16(frame, 4)} << 16 | readUInt16(frame, 6);
+  return SOCKS5Unframed{{address, readUInt16(frame, 8)}, frame.subspan(socks5HeaderSize)};
 }
 
 bool looksLikeSTUN(ByteView payload) {

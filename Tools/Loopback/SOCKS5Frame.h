@@ -3,9 +3,8 @@
 #include <cstddef>
 #include <optional>
 
-#include <netinet/in.h>
-
 #include "Base/Bytes.h"
+#include "Base/Endpoint.h"
 
 namespace zk::loopback {
 
@@ -13,15 +12,15 @@ namespace zk::loopback {
 inline constexpr std::size_t socks5HeaderSize = 10;
 
 /// Writes the header of RFC 1928 section 7 with an IPv4 address to `to`.
-void writeSOCKS5Header(std::uint8_t* to, const sockaddr_in& address);
+void writeSOCKS5Header(std::uint8_t* to, const Endpoint& address);
 
 /// That header, then `payload`: what a proxy's relay sends to its client. Tests that want another
 /// header build it themselves.
-Bytes socks5Frame(const sockaddr_in& address, ByteView payload);
+Bytes socks5Frame(const Endpoint& address, ByteView payload);
 
 /// What a client sent to the relay.
 struct SOCKS5Unframed {
-  sockaddr_in destination;
+  Endpoint destination;
   ByteView payload;  // in the frame
 };
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "Base/Bytes.h"
-#include "Base/IPv4.h"
+#include "Base/Endpoint.h"
 
 namespace zk::loopback {
 
@@ -66,7 +66,7 @@ struct SOCKS5Script {
 
   /// `dottedQuad` must be one.
   void announceIPv4(const std::string& dottedQuad) {
-    announce(0x01, parseIPv4(dottedQuad).value());
+    announce(0x01, Endpoint{parseAddress(dottedQuad).value(), 0}.octets());
   }
   void announceDomain(const std::string& name) { announce(0x03, bytesOf(name)); }
   void announceIPv6(const std::array<std::uint8_t, 16>& octets) { announce(0x04, octets); }

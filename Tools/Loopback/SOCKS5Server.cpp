@@ -3,7 +3,6 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
-#include "Base/IPv4.h"
 #include "Loopback/SOCKS5Association.h"
 #include "Loopback/SOCKS5Connection.h"
 #include "Loopback/SOCKS5Core.h"
@@ -22,9 +21,11 @@ void raiseDescriptorLimit() {
 
 SOCKS5Server::SOCKS5Server(SOCKS5Script script, const std::string& ip, std::uint16_t port)
     : core_(std::make_unique<SOCKS5Core>(ip, port, std::move(script))),
-      port_(portNumber(core_->listener.localAddress())) {
+      port_(core_->listener.port()) {
   raiseDescriptorLimit();
-  core_->loop.sync([this] { core_->loop.watch(core_->listener.get(), [this] { acceptAll(); }); });
+  core_->thread.sync([this] {
+    core_->accepting.emplace(core_->loop, core_->listener.get(), [this] { acceptAll(); });
+  });
 }
 
 SOCKS5Server::~SOCKS5Server() {
@@ -34,7 +35,7 @@ SOCKS5Server::~SOCKS5Server() {
 void SOCKS5Server::acceptAll() {
   for (;;) {
     KitSocket socket = core_->listener.accepted();
-    if (socket.get() < 0) {
+    if (!socket) {
       return;
     }
     const std::size_t number = core_->counts.connections++;
@@ -46,11 +47,11 @@ void SOCKS5Server::acceptAll() {
 }
 
 void SOCKS5Server::setScript(SOCKS5Script script) {
-  core_->loop.sync([&] { core_->script = std::move(script); });
+  core_->thread.sync([&] { core_->script = std::move(script); });
 }
 
 SOCKS5Server::Counts SOCKS5Server::counts() const {
-  return core_->loop.ask([&] {
+  return core_->thread.ask([&] {
     Counts counts = core_->counts;
     counts.openConnections = core_->connections.size();
     counts.openAssociations = core_->associations.size();
@@ -59,31 +60,31 @@ SOCKS5Server::Counts SOCKS5Server::counts() const {
 }
 
 Bytes SOCKS5Server::controlBytes(std::size_t number) const {
-  return core_->loop.ask(
+  return core_->thread.ask(
       [&] { return number < core_->controlBytes.size() ? core_->controlBytes[number] : Bytes{}; });
 }
 
 std::vector<Bytes> SOCKS5Server::frames(std::size_t number) const {
-  return core_->loop.ask(
+  return core_->thread.ask(
       [&] { return number < core_->frames.size() ? core_->frames[number] : std::vector<Bytes>{}; });
 }
 
-std::optional<sockaddr_in> SOCKS5Server::clientAddress(std::size_t number) const {
-  return core_->loop.ask([&] {
+std::optional<Endpoint> SOCKS5Server::clientAddress(std::size_t number) const {
+  return core_->thread.ask([&] {
     const auto* association = core_->association(number);
     return association == nullptr ? std::nullopt : association->client();
   });
 }
 
-std::optional<sockaddr_in> SOCKS5Server::egressAddress(std::size_t number) const {
-  return core_->loop.ask([&] {
+std::optional<Endpoint> SOCKS5Server::egressAddress(std::size_t number) const {
+  return core_->thread.ask([&] {
     const auto* association = core_->association(number);
     return association == nullptr ? std::nullopt : std::optional(association->egressAddress());
   });
 }
 
 std::size_t SOCKS5Server::injectToClients(ByteView raw) {
-  return core_->loop.ask([&] {
+  return core_->thread.ask([&] {
     std::size_t sent = 0;
     for (const auto& [number, association] : core_->associations) {
       sent += association->sendToClient(raw) ? 1 : 0;
@@ -93,14 +94,14 @@ std::size_t SOCKS5Server::injectToClients(ByteView raw) {
 }
 
 std::size_t SOCKS5Server::injectToClient(std::size_t number, ByteView raw) {
-  return core_->loop.ask([&]() -> std::size_t {
+  return core_->thread.ask([&]() -> std::size_t {
     auto* association = core_->association(number);
     return association != nullptr && association->sendToClient(raw) ? 1 : 0;
   });
 }
 
 void SOCKS5Server::endAll(void (SOCKS5Connection::*end)()) {
-  core_->loop.sync([&] {
+  core_->thread.sync([&] {
     const auto connections = core_->connections;  // which they leave while they end
     for (const auto& [number, connection] : connections) {
       (connection.get()->*end)();
@@ -117,20 +118,20 @@ void SOCKS5Server::resetControlConnections() {
 }
 
 void SOCKS5Server::closeAssociations() {
-  core_->loop.sync([this] { core_->associations.clear(); });
+  core_->thread.sync([this] { core_->associations.clear(); });
 }
 
 void SOCKS5Server::closeListener() {
-  core_->loop.sync([this] {
-    core_->loop.unwatch(core_->listener.get());
-    core_->listener.close();
+  core_->thread.sync([this] {
+    core_->accepting.reset();
+    core_->listener.reset();
   });
 }
 
 void SOCKS5Server::stop() {
   closeListener();
   closeControlConnections();
-  core_->loop.stop();
+  core_->thread.stop();
 }
 
 }  // namespace zk::loopback

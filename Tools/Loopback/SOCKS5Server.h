@@ -7,9 +7,8 @@
 #include <string>
 #include <vector>
 
-#include <netinet/in.h>
-
 #include "Base/Bytes.h"
+#include "Base/Endpoint.h"
 #include "Loopback/SOCKS5Script.h"
 
 namespace zk::loopback {
@@ -62,9 +61,9 @@ class SOCKS5Server {
   std::vector<Bytes> frames(std::size_t number) const;
   /// Where association `number` sends its frames to: absent before the first frame, and when it is
   /// gone or never was.
-  std::optional<sockaddr_in> clientAddress(std::size_t number) const;
+  std::optional<Endpoint> clientAddress(std::size_t number) const;
   /// The socket of association `number` towards peers: what they see as the source, if it exists.
-  std::optional<sockaddr_in> egressAddress(std::size_t number) const;
+  std::optional<Endpoint> egressAddress(std::size_t number) const;
 
   /// Sends `raw` as it stands, from the relay's own address, to the client of every open
   /// association, or of that one. The number of datagrams sent.

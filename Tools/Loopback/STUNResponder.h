@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -8,8 +7,7 @@
 #include <string>
 
 #include "Base/Bytes.h"
-#include "Loopback/EventLoop.h"
-#include "Loopback/KitSocket.h"
+#include "Loopback/DatagramService.h"
 
 namespace zk::loopback {
 
@@ -39,29 +37,24 @@ class STUNResponder {
  public:
   /// Binds `ip`:`port`, 0 meaning any free port. Throws std::system_error.
   explicit STUNResponder(STUNScript script = {}, const std::string& ip = "127.0.0.1",
-                         std::uint16_t port = 0);
-  ~STUNResponder() { loop_.stop(); }
-  STUNResponder(const STUNResponder&) = delete;
-  STUNResponder& operator=(const STUNResponder&) = delete;
+                         std::uint16_t port = 0)
+      : script_(std::move(script)),
+        service_("kit.stun", ip, port, [this](const Arrival& arrival) { take(arrival); }) {}
 
-  std::uint16_t port() const { return port_; }
+  std::uint16_t port() const { return service_.endpoint().port; }
   /// Address and port as an entry of ZK_STUN_IPS.
-  std::string target() const { return ip_ + ":" + std::to_string(port_); }
+  std::string target() const { return service_.endpoint().text(); }
   void setScript(STUNScript script);
   /// Binding requests that have arrived, answered or not.
   std::size_t requests() const;
 
  private:
-  void takeDatagrams();
+  void take(const Arrival& arrival);
 
-  const std::string ip_;
-  const KitSocket socket_;
-  const std::uint16_t port_;
-  // These belong to the loop's thread.
+  // These belong to the service's thread.
   STUNScript script_;
   std::size_t requests_ = 0;
-  std::array<std::uint8_t, 65536> buffer_{};
-  EventLoop loop_{"kit.stun"};
+  DatagramService service_;
 };
 
 }  // namespace zk::loopback

@@ -3,35 +3,41 @@
 #include <algorithm>
 #include <array>
 
-#include "Base/IPv4.h"
+#include "Loopback/XorAddress.h"
 
 namespace zk::loopback {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Address = TURNAttributes::Address;
 
 constexpr std::uint8_t transportUDP = 17;
 constexpr int challenge = 401;
 constexpr int staleNonce = 438;
-constexpr std::size_t channelHeaderSize = 4;
 
 std::string textOf(std::optional<ByteView> value) {
   return value ? std::string(value->begin(), value->end()) : std::string();
 }
 
-std::optional<Address> addressIn(const std::optional<TURNMessage>& message, std::uint16_t type) {
+std::optional<Endpoint> addressIn(const std::optional<TURNMessage>& message, std::uint16_t type) {
   const auto value = message ? message->first(type) : std::nullopt;
-  return value ? TURNAttributes::decodeXorAddress(*value) : std::nullopt;
-}
-
-void appendPeer(TURNMessage& message, const Address& peer) {
-  if (const auto value = TURNAttributes::encodeXorAddress(peer.ip, peer.port)) {
-    message.append(TURNAttr::xorPeerAddress, *value);
-  }
+  return value ? xorAddressIn(*value) : std::nullopt;
 }
 
 }  // namespace
+
+Bytes channelData(std::uint16_t number, ByteView payload) {
+  std::array<std::uint8_t, channelHeaderSize> header;
+  writeUInt16(&header[0], number);
+  writeUInt16(&header[2], static_cast<std::uint16_t>(payload.size()));
+  return concatenated(header, payload);
+}
+
+Bytes sendIndicationTo(const Endpoint& peer, ByteView payload, const TransactionID& transaction) {
+  TURNMessage message(TURNMethod::send, TURNClass::indication, transaction);
+  message.append(TURNAttr::xorPeerAddress, xorAddress(peer));
+  message.append(TURNAttr::data, payload);
+  return message.encode();
+}
 
 bool TURNAnswer::success() const {
   return message && message->klass == TURNClass::successResponse && integrityVerified;
@@ -42,11 +48,11 @@ int TURNAnswer::errorCode() const {
   return value ? TURNAttributes::decodeErrorCode(*value).value_or(0) : 0;
 }
 
-std::optional<Address> TURNAnswer::relayedAddress() const {
+std::optional<Endpoint> TURNAnswer::relayedAddress() const {
   return addressIn(message, TURNAttr::xorRelayedAddress);
 }
 
-std::optional<Address> TURNAnswer::mappedAddress() const {
+std::optional<Endpoint> TURNAnswer::mappedAddress() const {
   return addressIn(message, TURNAttr::xorMappedAddress);
 }
 
@@ -58,11 +64,11 @@ std::optional<std::uint32_t> TURNAnswer::lifetime() const {
 TURNClient::TURNClient(std::uint16_t serverPort, TURNCredentials credentials)
     : credentials_(std::move(credentials)), realm_(credentials_.realm.value_or("")) {
   // Connected, so that nobody but the server is heard.
-  socket_.connectTo(socketAddress("127.0.0.1", serverPort));
+  socket_.connectTo(localEndpoint(serverPort));
 }
 
 std::uint16_t TURNClient::localPort() const {
-  return portNumber(socket_.localAddress());
+  return socket_.port();
 }
 
 void TURNClient::setRetransmission(Milliseconds interval, int times) {
@@ -85,7 +91,7 @@ std::optional<Bytes> TURNClient::waitForDatagram(Clock::time_point deadline) {
     if (left.count() <= 0) {
       return std::nullopt;
     }
-    socket_.waitReadable(left);
+    waitReadable(socket_.get(), left);
   }
 }
 
@@ -186,34 +192,27 @@ TURNAnswer TURNClient::refresh(std::optional<std::uint32_t> lifetime) {
   return authenticatedRequest(message);
 }
 
-TURNAnswer TURNClient::createPermission(const Address& peer) {
+TURNAnswer TURNClient::createPermission(const Endpoint& peer) {
   TURNMessage message = makeRequest(TURNMethod::createPermission);
-  appendPeer(message, peer);
+  message.append(TURNAttr::xorPeerAddress, xorAddress(peer));
   return authenticatedRequest(message);
 }
 
-TURNAnswer TURNClient::bindChannel(std::uint16_t number, const Address& peer) {
+TURNAnswer TURNClient::bindChannel(std::uint16_t number, const Endpoint& peer) {
   TURNMessage message = makeRequest(TURNMethod::channelBind);
   std::array<std::uint8_t, 4> value{};  // two octets of number, two reserved
   writeUInt16(value.data(), number);
   message.append(TURNAttr::channelNumber, value);
-  appendPeer(message, peer);
+  message.append(TURNAttr::xorPeerAddress, xorAddress(peer));
   return authenticatedRequest(message);
 }
 
-bool TURNClient::sendIndication(const Address& peer, ByteView payload) {
-  TURNMessage message(TURNMethod::send, TURNClass::indication, freshTransaction());
-  appendPeer(message, peer);
-  message.append(TURNAttr::data, payload);
-  return send(message.encode());
+bool TURNClient::sendIndication(const Endpoint& peer, ByteView payload) {
+  return send(sendIndicationTo(peer, payload, freshTransaction()));
 }
 
 bool TURNClient::sendChannelData(std::uint16_t number, ByteView payload) {
-  Bytes datagram(channelHeaderSize + payload.size());
-  writeUInt16(&datagram[0], number);
-  writeUInt16(&datagram[2], static_cast<std::uint16_t>(payload.size()));
-  std::copy(payload.begin(), payload.end(), datagram.begin() + channelHeaderSize);
-  return send(datagram);
+  return send(channelData(number, payload));
 }
 
 std::optional<TURNData> TURNClient::receiveData(Milliseconds timeout) {

@@ -7,11 +7,8 @@
 #include <random>
 #include <string>
 
-#include <netinet/in.h>
-
 #include "Base/Bytes.h"
 #include "Loopback/KitSocket.h"
-#include "ZelkorTURN/TURNAttributes.h"
 #include "ZelkorTURN/TURNAuth.h"
 #include "ZelkorTURN/TURNMessage.h"
 
@@ -34,15 +31,21 @@ struct TURNAnswer {
   bool success() const;
   /// The number in ERROR-CODE; 0 when there is none.
   int errorCode() const;
-  std::optional<TURNAttributes::Address> relayedAddress() const;
-  std::optional<TURNAttributes::Address> mappedAddress() const;
+  std::optional<Endpoint> relayedAddress() const;
+  std::optional<Endpoint> mappedAddress() const;
   std::optional<std::uint32_t> lifetime() const;
 };
 
+/// What a client sends to a peer, in either form: without padding, as it is over UDP.
+inline constexpr std::size_t channelHeaderSize = 4;
+Bytes channelData(std::uint16_t number, ByteView payload);
+Bytes sendIndicationTo(const Endpoint& peer, ByteView payload,
+                       const TransactionID& transaction = {});
+
 /// A datagram from a peer, in either form.
 struct TURNData {
-  std::optional<TURNAttributes::Address> peer;  // it came as a Data indication
-  std::optional<std::uint16_t> channel;         // it came as ChannelData
+  std::optional<Endpoint> peer;          // it came as a Data indication
+  std::optional<std::uint16_t> channel;  // it came as ChannelData
   Bytes payload;
 };
 
@@ -52,7 +55,6 @@ struct TURNData {
 class TURNClient {
  public:
   using Milliseconds = std::chrono::milliseconds;
-  using Address = TURNAttributes::Address;
 
   /// A client on a free port of the loopback for the server on 127.0.0.1:`serverPort`. Throws
   /// std::system_error.
@@ -87,11 +89,10 @@ class TURNClient {
   TURNAnswer allocate();
   /// `lifetime` in seconds; absent: no LIFETIME attribute.
   TURNAnswer refresh(std::optional<std::uint32_t> lifetime);
-  TURNAnswer createPermission(const Address& peer);
-  TURNAnswer bindChannel(std::uint16_t number, const Address& peer);
+  TURNAnswer createPermission(const Endpoint& peer);
+  TURNAnswer bindChannel(std::uint16_t number, const Endpoint& peer);
 
-  bool sendIndication(const Address& peer, ByteView payload);
-  /// Without padding, as it is over UDP.
+  bool sendIndication(const Endpoint& peer, ByteView payload);
   bool sendChannelData(std::uint16_t number, ByteView payload);
   /// The next datagram from a peer; anything else that comes is thrown away. Absent after
   /// `timeout`.

@@ -3,7 +3,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -26,7 +25,7 @@
 #include <unistd.h>
 
 #include "Base/Bytes.h"
-#include "Base/IPv4.h"
+#include "Loopback/ChildProcess.h"
 #include "Platform/Sockets.h"
 
 namespace zk::lab {
@@ -125,12 +124,6 @@ void writeFile(const std::string& path, const std::string& text) {
   std::ofstream(path) << text;
 }
 
-void run(const std::string& script) {
-  if (std::system(script.c_str()) != 0) {
-    throw std::runtime_error("failed: " + script);
-  }
-}
-
 void mountEmpty(const char* folder, const char* type, const char* options) {
   if (mount("lab", folder, type, 0, options) != 0) {
     fail(folder);
@@ -156,25 +149,25 @@ void prepareMachine(const std::string& daemon) {
   writeFile("/run/zkturnd-as-nobody", asNobody);
   fs::permissions("/run/zkturnd-as-nobody", fs::perms(0755));
   for (const char* const need : needs) {
-    run(need);
+    loopback::runScript(need);
   }
 }
 
-int openTun() {
-  const int tun = open("/dev/net/tun", O_RDWR | O_NONBLOCK | O_CLOEXEC);
+Descriptor openTun() {
+  Descriptor tun(open("/dev/net/tun", O_RDWR | O_NONBLOCK | O_CLOEXEC));
   ifreq request{};
   std::strcpy(request.ifr_name, "vpn");
   request.ifr_flags = IFF_TUN | IFF_NO_PI;
-  if (tun < 0 || ioctl(tun, TUNSETIFF, &request) != 0) {
+  if (!tun || ioctl(tun.get(), TUNSETIFF, &request) != 0) {
     fail("tun");
   }
   return tun;
 }
 
-int openRecorder() {
-  const int recorder = openSocket(AF_PACKET, SOCK_DGRAM | SOCK_NONBLOCK, htons(ETH_P_ALL));
-  if (recorder < 0 || setsockopt(recorder, SOL_SOCKET, SO_RCVBUFFORCE, &recorderBuffer,
-                                 sizeof recorderBuffer) != 0) {
+Descriptor openRecorder() {
+  Descriptor recorder = openNonBlockingSocket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_ALL));
+  if (setsockopt(recorder.get(), SOL_SOCKET, SO_RCVBUFFORCE, &recorderBuffer,
+                 sizeof recorderBuffer) != 0) {
     fail("recorder");
   }
   return recorder;
@@ -188,13 +181,16 @@ std::string describe(const std::string& link, std::uint16_t etherType, ByteView 
   std::string destination = "?";
   int protocol = IPPROTO_RAW;
   std::array<char, INET6_ADDRSTRLEN> text{};
+  const auto ipAt = [&](std::size_t at) {
+    return inet_ntop(AF_INET, &packet[at], text.data(), text.size());
+  };
   if (etherType == ETH_P_ARP && packet.size() >= 28) {
     kind = "ARP";
-    destination = formatIPv4(&packet[24]);
+    destination = ipAt(24);
     protocol = destination.starts_with(neighbours) ? IPPROTO_ICMP : protocol;
   } else if (etherType == ETH_P_IP && packet.size() >= 20) {
     protocol = packet[9];
-    destination = formatIPv4(&packet[16]);
+    destination = ipAt(16);
   } else if (etherType == ETH_P_IPV6 && packet.size() >= 40) {
     protocol = packet[6];
     destination = inet_ntop(AF_INET6, &packet[24], text.data(), text.size());
@@ -246,47 +242,42 @@ NetworkLab::NetworkLab(const std::string& homeScript) {
   in("router", [this] { vpnAtRouter_ = openTun(); });
   in("home", [this] { vpnAtHome_ = openTun(); });
   change(bothEndsOfVPN + homeScript);
-  run(startProxy);
-  loop_ = std::make_unique<loopback::EventLoop>("lab");
-  loop_->sync([this] {
-    loop_->watch(recorder_, [this] { recordWire(); });
-    loop_->watch(vpnAtHome_, [this] { recordVPN(); });
-    loop_->watch(vpnAtRouter_, [this] { carryBack(); });
+  loopback::runScript(startProxy);
+  thread_.sync([this] {
+    EventLoop& loop = thread_.loop();
+    watches_[0].emplace(loop, recorder_.get(), [this] { recordWire(); });
+    watches_[1].emplace(loop, vpnAtHome_.get(), [this] { recordVPN(); });
+    watches_[2].emplace(loop, vpnAtRouter_.get(), [this] { carryBack(); });
   });
 }
 
 NetworkLab::~NetworkLab() {
-  loop_.reset();
-  for (const int descriptor : {recorder_, vpnAtHome_, vpnAtRouter_}) {
-    close(descriptor);
-  }
+  thread_.stop();
   stopProxy();
 }
 
 void NetworkLab::in(const std::string& host, const std::function<void()>& work) {
   std::async(std::launch::async, [&] {
-    const int there = open(("/run/netns/" + host).c_str(), O_RDONLY | O_CLOEXEC);
-    const bool moved = there >= 0 && setns(there, CLONE_NEWNET) == 0;
-    if (!moved) {
+    const Descriptor there(open(("/run/netns/" + host).c_str(), O_RDONLY | O_CLOEXEC));
+    if (setns(there.get(), CLONE_NEWNET) != 0) {
       fail("namespace " + host);
     }
-    close(there);
     work();
   }).get();
 }
 
 void NetworkLab::change(const std::string& script) {
-  run(std::string(vocabulary) + script);
+  loopback::runScript(std::string(vocabulary) + script);
 }
 
 std::map<std::string, std::size_t> NetworkLab::takeTraffic() {
   std::map<std::string, std::size_t> traffic;
   tpacket_stats statistics{};
-  loop_->sync([&] {
+  thread_.sync([&] {
     recordWire();
     recordVPN();
     socklen_t length = sizeof statistics;
-    getsockopt(recorder_, SOL_PACKET, PACKET_STATISTICS, &statistics, &length);
+    getsockopt(recorder_.get(), SOL_PACKET, PACKET_STATISTICS, &statistics, &length);
     traffic.swap(traffic_);
   });
   if (statistics.tp_drops != 0) {
@@ -301,7 +292,7 @@ void NetworkLab::recordWire() {
   sockaddr_ll from{};
   for (;;) {
     socklen_t length = sizeof from;
-    const auto count = recvfrom(recorder_, head.data(), head.size(), 0,
+    const auto count = recvfrom(recorder_.get(), head.data(), head.size(), 0,
                                 reinterpret_cast<sockaddr*>(&from), &length);
     if (count < 0) {
       return;
@@ -309,7 +300,7 @@ void NetworkLab::recordWire() {
     // The name belongs to the router, where this thread is not: ask through the recorder.
     ifreq request{};
     request.ifr_ifindex = from.sll_ifindex;
-    ioctl(recorder_, SIOCGIFNAME, &request);
+    ioctl(recorder_.get(), SIOCGIFNAME, &request);
     std::string link = request.ifr_name;
     link = link.substr(0, link.find('.'));  // of a VLAN
     if (from.sll_pkttype != PACKET_OUTGOING && link.starts_with("wire")) {
@@ -322,14 +313,14 @@ void NetworkLab::recordWire() {
 void NetworkLab::recordVPN() {
   std::array<std::uint8_t, 65536> buffer;
   for (;;) {
-    const auto count = read(vpnAtHome_, buffer.data(), buffer.size());
+    const auto count = read(vpnAtHome_.get(), buffer.data(), buffer.size());
     if (count <= 0) {
       return;
     }
     const auto packet = ByteView(buffer).first(static_cast<std::size_t>(count));
     const bool isIPv4 = packet[0] >> 4 == 4;
     ++traffic_[describe("vpn", isIPv4 ? ETH_P_IP : ETH_P_IPV6, packet)];
-    if (write(vpnAtRouter_, packet.data(), packet.size()) < 0) {
+    if (write(vpnAtRouter_.get(), packet.data(), packet.size()) < 0) {
       return;
     }
   }
@@ -338,8 +329,8 @@ void NetworkLab::recordVPN() {
 void NetworkLab::carryBack() {
   std::array<std::uint8_t, 65536> buffer;
   for (;;) {
-    const auto count = read(vpnAtRouter_, buffer.data(), buffer.size());
-    if (count <= 0 || write(vpnAtHome_, buffer.data(), static_cast<std::size_t>(count)) < 0) {
+    const auto count = read(vpnAtRouter_.get(), buffer.data(), buffer.size());
+    if (count <= 0 || write(vpnAtHome_.get(), buffer.data(), static_cast<std::size_t>(count)) < 0) {
       return;
     }
   }

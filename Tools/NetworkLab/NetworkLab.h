@@ -4,10 +4,11 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <memory>
+#include <optional>
 #include <string>
 
-#include "Loopback/EventLoop.h"
+#include "Loopback/LoopThread.h"
+#include "Platform/Descriptor.h"
 
 namespace zk::lab {
 
@@ -60,11 +61,12 @@ class NetworkLab {
   void recordVPN();
   void carryBack();
 
-  int recorder_ = -1;
-  int vpnAtHome_ = -1;
-  int vpnAtRouter_ = -1;
+  Descriptor recorder_;
+  Descriptor vpnAtHome_;
+  Descriptor vpnAtRouter_;
   std::map<std::string, std::size_t> traffic_;  // belongs to the loop's thread
-  std::unique_ptr<loopback::EventLoop> loop_;
+  loopback::LoopThread thread_{"lab"};
+  std::optional<loopback::Watch> watches_[3];
 };
 
 }  // namespace zk::lab

@@ -89,7 +89,7 @@ class World {
   }
 
   std::uint16_t port() const { return port_; }
-  TURNAttributes::Address peer() const { return {peer_.ip(), peer_.port()}; }
+  const Endpoint& peer() const { return peer_.endpoint(); }
   DaemonProcess& daemon() { return *daemon_; }
   Holdings holdings() const {
     return {daemon_->residentKilobytes(), daemon_->descriptorCount(), daemon_->threadCount()};
@@ -108,9 +108,9 @@ class World {
   std::uint16_t port_ = 0;
 };
 
-void exchange(const Endpoint& endpoint, std::uint64_t count, unsigned window, Tally& tally) {
-  const auto result = runLoad(
-      {endpoint}, {.payload = 1000, .outstanding = window, .count = count, .patience = 500ms});
+void exchange(const CallLeg& leg, std::uint64_t count, unsigned window, Tally& tally) {
+  const auto result =
+      runLoad({leg}, {.payload = 1000, .outstanding = window, .count = count, .patience = 500ms});
   tally.sent += result.sent;
   tally.lost += result.losses();
 }
@@ -122,7 +122,7 @@ void comeAndGo(const World& world, std::uint64_t datagrams, Tally& tally) {
     ++tally.failures;
     return;
   }
-  exchange(Endpoint::indications(client, world.peer()), datagrams, 1, tally);
+  exchange(CallLeg::indications(client, world.peer()), datagrams, 1, tally);
   tally.failures += !client.refresh(0).success();
   ++tally.rounds;
 }
@@ -138,10 +138,10 @@ class FullLoad {
         const bool ready = client.allocate().success() &&
                            (!isChannel || client.bindChannel(0x4000, world.peer()).success());
         tally.failures += !ready;
-        const Endpoint endpoint = isChannel ? Endpoint::channelData(client, 0x4000)
-                                            : Endpoint::indications(client, world.peer());
+        const CallLeg leg = isChannel ? CallLeg::onChannel(client, 0x4000)
+                                      : CallLeg::indications(client, world.peer());
         while (ready && !ending_) {
-          exchange(endpoint, 200, steadyWindow, tally);
+          exchange(leg, 200, steadyWindow, tally);
         }
         client.setTimeout(500ms);  // the daemon may be gone, which is the point
         client.refresh(0);
@@ -194,7 +194,7 @@ class Trial {
     }
     const double opening = secondsSince(start);
     for (const auto& client : clients) {
-      exchange(Endpoint::indications(*client, world_.peer()), 10, 5, tally);
+      exchange(CallLeg::indications(*client, world_.peer()), 10, 5, tally);
     }
     report("600 clients at once", world_.holdings(),
            fmt::format("{:.2f} ms per opening, {} datagrams, {} lost", opening * 1000 / manyClients,
