@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 // Browsers of one make take the same arguments, whatever they are called.
 struct Family {
   std::vector<std::string_view> names;       // how the name of such a program begins
-  std::vector<std::string_view> ownProfile;  // how an argument begins that names a profile
+  std::vector<std::string_view> ownProfile;  // the arguments that name a profile
   std::vector<std::string_view> arguments;   // {} stands for the profile's folder
 };
 
@@ -114,11 +114,13 @@ SealedCommand::SealedCommand(std::vector<std::string> arguments)
   const auto family =
       std::find_if(std::begin(families), std::end(families),
                    [&](const Family& one) { return beginsWithOneOf(name, one.names); });
-  const bool isGiven =
-      family == std::end(families) ||
-      std::any_of(arguments_.begin() + 1, arguments_.end(), [&](const std::string& argument) {
-        return beginsWithOneOf(argument, family->ownProfile);
-      });
+  const auto namesProfile = [&](std::string_view argument) {
+    argument = argument.substr(0, argument.find('='));
+    return std::find(family->ownProfile.begin(), family->ownProfile.end(), argument) !=
+           family->ownProfile.end();
+  };
+  const bool isGiven = family == std::end(families) ||
+                       std::any_of(arguments_.begin() + 1, arguments_.end(), namesProfile);
   if (isGiven) {
     return;
   }
