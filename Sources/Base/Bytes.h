@@ -33,6 +33,11 @@ inline std::uint16_t readUInt16(ByteView bytes, std::size_t at) {
   return static_cast<std::uint16_t>(bytes[at] << 8 | bytes[at + 1]);
 }
 
+/// Four octets likewise.
+inline std::uint32_t readUInt32(ByteView bytes, std::size_t at) {
+  return static_cast<std::uint32_t>(readUInt16(bytes, at)) << 16 | readUInt16(bytes, at + 2);
+}
+
 inline void writeUInt16(std::uint8_t* to, std::uint16_t value) {
   to[0] = static_cast<std::uint8_t>(value >> 8);
   to[1] = static_cast<std::uint8_t>(value);

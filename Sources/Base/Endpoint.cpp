@@ -1,29 +1,46 @@
 #include "Base/Endpoint.h"
 
 #include <charconv>
+#include <cstring>
 
 #include <fmt/format.h>
 
 namespace zk {
+namespace {
 
-std::string Endpoint::ip() const {
-  std::array<char, 16> text;
+std::size_t writeAddress(char* to, const Endpoint& endpoint) {
   std::size_t length = 0;
-  for (const unsigned octet : octets()) {
+  for (const unsigned octet : endpoint.octets()) {
     if (octet >= 100) {
-      text[length++] = static_cast<char>('0' + octet / 100);
+      to[length++] = static_cast<char>('0' + octet / 100);
     }
     if (octet >= 10) {
-      text[length++] = static_cast<char>('0' + octet / 10 % 10);
+      to[length++] = static_cast<char>('0' + octet / 10 % 10);
     }
-    text[length++] = static_cast<char>('0' + octet % 10);
-    text[length++] = '.';
+    to[length++] = static_cast<char>('0' + octet % 10);
+    to[length++] = '.';
   }
-  return {text.data(), length - 1};
+  return length - 1;
+}
+
+}  // namespace
+
+std::string Endpoint::ip() const {
+  char text[maxText];
+  return {text, writeAddress(text, *this)};
 }
 
 std::string Endpoint::text() const {
-  return fmt::format("{}:{}", ip(), port);
+  char text[maxText];
+  return {text, write(text)};
+}
+
+std::size_t Endpoint::write(char* to) const {
+  std::size_t length = writeAddress(to, *this);
+  to[length++] = ':';
+  const fmt::format_int digits(port);
+  std::memcpy(to + length, digits.data(), digits.size());
+  return length + digits.size();
 }
 
 std::array<std::uint8_t, 4> Endpoint::octets() const {

@@ -24,6 +24,9 @@ struct Endpoint {
   std::string ip() const;
   /// "address:port".
   std::string text() const;
+  /// The same, written to `to`, where maxText characters fit. How many there are.
+  std::size_t write(char* to) const;
+  static constexpr std::size_t maxText = sizeof "255.255.255.255:65535" - 1;
   std::array<std::uint8_t, 4> octets() const;
   /// Both in one number: a key.
   std::uint64_t number() const { return std::uint64_t{address} << 16 | port; }

@@ -6,10 +6,8 @@
 #include <memory>
 #include <span>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include "Base/Bytes.h"
+#include "Base/Endpoint.h"
 #include "Platform/Descriptor.h"
 
 namespace zk {
@@ -22,21 +20,22 @@ class DatagramSocket {
   /// Throws std::system_error.
   static DatagramSocket open();
 
-  /// Throws std::system_error.
-  void bind(const sockaddr_in& address);
-  /// Has its traffic leave by that interface, whatever the routes say. Whether the system agreed.
-  bool pin(unsigned interfaceIndex);
+  /// To a local address; 0 is any address, or a port of the system's choice. Throws
+  /// std::system_error.
+  void bind(const Endpoint& local);
+  /// Has its traffic leave by that interface, whatever the routes say. Throws std::system_error.
+  void pin(unsigned interfaceIndex);
   /// Asks for room for a key frame's burst in both directions; the system may give less.
   void enlargeBuffers();
 
   /// All zero when the system does not say.
-  sockaddr_in localAddress() const;
+  Endpoint localAddress() const;
   int descriptor() const { return descriptor_.get(); }
   explicit operator bool() const { return static_cast<bool>(descriptor_); }
   void close() { descriptor_.reset(); }
 
-  /// One datagram out. Octets sent, or -1.
-  std::ptrdiff_t send(ByteView datagram, const sockaddr_in& to);
+  /// One datagram out. Octets sent; throws std::system_error.
+  std::ptrdiff_t send(ByteView datagram, const Endpoint& to);
 
  private:
   friend class DatagramSender;
@@ -60,7 +59,7 @@ class DatagramReceiver {
 
   /// The i-th datagram of the last burst, cut at 65,536 octets, and whom it came from.
   ByteView datagram(std::size_t i) const;
-  const sockaddr_in& sender(std::size_t i) const;
+  Endpoint sender(std::size_t i) const;
 
  private:
   struct Room;
@@ -87,7 +86,7 @@ class DatagramSender {
 
   /// Adds one: a header of at most maxHeader octets, which is copied, and a payload, which must
   /// live until send(). Not when full.
-  void add(ByteView header, ByteView payload, const sockaddr_in& to);
+  void add(ByteView header, ByteView payload, const Endpoint& to);
   std::size_t size() const { return count_; }
   bool isFull() const { return count_ == maxBurst; }
 

@@ -47,8 +47,8 @@ Descriptor openNonBlockingSocket(int family, int type, int protocol);
 extern const int sendFlags;
 
 /// Pins a socket of that family (AF_INET, AF_INET6): its traffic leaves by the interface with this
-/// index, whatever the routes say. Needs no privilege. Whether the system agreed.
-bool pinToInterface(int socket, int family, unsigned interfaceIndex);
+/// index, whatever the routes say. Needs no privilege. Throws std::system_error.
+void pinToInterface(int socket, int family, unsigned interfaceIndex);
 
 /// Has the system ask the far end of a TCP connection whether it still lives: after `idle` of
 /// silence, and every `interval` from then on. `probes` without an answer end the connection;

@@ -1,7 +1,8 @@
 #include "ZelkorSOCKS5/AddressReach.h"
 
-#include <cstdint>
-#include <cstring>
+#include <netinet/in.h>
+
+#include "Base/Bytes.h"
 
 namespace zk {
 namespace {
@@ -24,15 +25,18 @@ constexpr IPv4Block blocks[] = {
 
 }  // namespace
 
-AddressBlock blockOf(const sockaddr& address) {
-  if (const auto ipv4 = asIPv4(address)) {
-    const std::uint32_t octets = ntohl(ipv4->sin_addr.s_addr);
-    for (const auto& [prefix, block] : blocks) {
-      if ((octets ^ prefix) >> (32 - block.prefixLength) == 0) {
-        return block;
-      }
+AddressBlock blockOf(std::uint32_t ipv4) {
+  for (const auto& [prefix, block] : blocks) {
+    if ((ipv4 ^ prefix) >> (32 - block.prefixLength) == 0) {
+      return block;
     }
-    return {};
+  }
+  return {};
+}
+
+AddressBlock blockOf(const sockaddr& address) {
+  if (const auto ipv4 = ipv4Of(address)) {
+    return blockOf(*ipv4);
   }
   const in6_addr& ipv6 = reinterpret_cast<const sockaddr_in6&>(address).sin6_addr;
   if (IN6_IS_ADDR_LOOPBACK(&ipv6) || IN6_IS_ADDR_UNSPECIFIED(&ipv6)) {
@@ -44,19 +48,15 @@ AddressBlock blockOf(const sockaddr& address) {
   return {};
 }
 
-std::optional<sockaddr_in> asIPv4(const sockaddr& address) {
+std::optional<std::uint32_t> ipv4Of(const sockaddr& address) {
   if (address.sa_family == AF_INET) {
-    return reinterpret_cast<const sockaddr_in&>(address);
+    return ntohl(reinterpret_cast<const sockaddr_in&>(address).sin_addr.s_addr);
   }
-  const auto& ipv6 = reinterpret_cast<const sockaddr_in6&>(address);
-  if (!IN6_IS_ADDR_V4MAPPED(&ipv6.sin6_addr)) {
+  const in6_addr& ipv6 = reinterpret_cast<const sockaddr_in6&>(address).sin6_addr;
+  if (!IN6_IS_ADDR_V4MAPPED(&ipv6)) {
     return std::nullopt;
   }
-  sockaddr_in ipv4{};
-  ipv4.sin_family = AF_INET;
-  ipv4.sin_port = ipv6.sin6_port;
-  std::memcpy(&ipv4.sin_addr, &ipv6.sin6_addr.s6_addr[12], sizeof ipv4.sin_addr);
-  return ipv4;
+  return readUInt32(ipv6.s6_addr, 12);
 }
 
 }  // namespace zk

@@ -1,8 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 namespace zk {
@@ -17,12 +17,15 @@ struct AddressBlock {
   const char* unusable = nullptr;  // what it is, when no datagram can be sent to one host there
 };
 
-/// The block that an IPv4 or IPv6 address lies in. IPv6 is told apart no further than loopback and
-/// link-local. Pure, any thread.
+/// The block that an IPv4 address lies in, the first octet being the highest. Pure, any thread.
+AddressBlock blockOf(std::uint32_t ipv4);
+
+/// The same for an IPv4 or IPv6 socket address. IPv6 is told apart no further than loopback and
+/// link-local.
 AddressBlock blockOf(const sockaddr& address);
 
-/// The address as IPv4, which an IPv6 one may stand for (RFC 4291 section 2.5.5.2); absent for any
-/// other.
-std::optional<sockaddr_in> asIPv4(const sockaddr& address);
+/// The IPv4 address of a socket address, which an IPv6 one may stand for (RFC 4291 section
+/// 2.5.5.2); absent for any other.
+std::optional<std::uint32_t> ipv4Of(const sockaddr& address);
 
 }  // namespace zk

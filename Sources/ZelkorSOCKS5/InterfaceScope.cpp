@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "Base/Endpoint.h"
 #include "Platform/Interfaces.h"
 #include "ZelkorSOCKS5/AddressReach.h"
 
@@ -39,8 +40,9 @@ std::optional<unsigned> InterfaceScope::interfaceFor(std::string_view host,
   if (!shouldScope(host, override)) {
     return std::nullopt;
   }
-  if (const auto ipv4 = asIPv4(destination); ipv4 && destination.sa_family != AF_INET) {
-    return interfaceFor(host, reinterpret_cast<const sockaddr&>(*ipv4), override);
+  if (const auto ipv4 = ipv4Of(destination); ipv4 && destination.sa_family != AF_INET) {
+    const sockaddr_in asIPv4 = Endpoint{*ipv4}.socketAddress();
+    return interfaceFor(host, reinterpret_cast<const sockaddr&>(asIPv4), override);
   }
   const AddressBlock block = blockOf(destination);
   if (block.reach == Reach::machine || isOwnAddress(destination)) {

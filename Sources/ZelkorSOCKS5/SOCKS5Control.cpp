@@ -10,8 +10,8 @@
 #include "Base/Endpoint.h"
 #include "Platform/Resolver.h"
 #include "Platform/StopSignal.h"
-#include "ZelkorSOCKS5/AddressReach.h"
 #include "ZelkorSOCKS5/InterfaceScope.h"
+#include "ZelkorSOCKS5/RelayAddress.h"
 #include "ZelkorSOCKS5/SOCKS5Handshake.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
 
@@ -117,7 +117,8 @@ SOCKS5Control::RelayEndpoint SOCKS5Control::performHandshakeAndUDPAssociate() {
   if (answered == "0.0.0.0") {
     answered.clear();
   }
-  const sockaddr_in address = relayAddress(reply[3], answered, port);
+  const Endpoint address = relayAddress({reply[3], answered, port}, generic(proxyAddress_),
+                                        deadlineAfter(lookupLimit), stop_);
   RelayEndpoint relay{answered.empty() ? host_ : answered, port, address};
   tell(Stage::associated, fmt::format("{}:{}", relay.relayHost, port));
   return relay;
@@ -148,50 +149,6 @@ std::string SOCKS5Control::readAddress(std::uint8_t addressType) {
     default:
       throw SOCKS5Error::protocolError(fmt::format("unsupported ATYP {}", addressType));
   }
-}
-
-// Where the datagrams of the association go. `answered` is empty when the proxy named nothing.
-sockaddr_in SOCKS5Control::relayAddress(std::uint8_t addressType, const std::string& answered,
-                                        std::uint16_t port) const {
-  const auto lookupFailed = [&](const std::string& reason) {
-    return SOCKS5Error::connectionFailed(
-        fmt::format("relay getaddrinfo({}:{}): {}", answered, port, reason));
-  };
-  const auto lies = [&](const std::string& reason) {
-    return SOCKS5Error::protocolError(
-        fmt::format("relay {}:{}: {}", answered.empty() ? "0.0.0.0" : answered, port, reason));
-  };
-  if (port == 0) {
-    throw lies("no port to send to");
-  }
-  if (addressType == SOCKS5AddressType::ipv6) {
-    throw lookupFailed("IPv6, and datagrams go over IPv4 only");
-  }
-  const auto proxy = asIPv4(generic(proxyAddress_));
-  std::optional<sockaddr_in> named;
-  if (!answered.empty()) {
-    const Resolution found =
-        resolveUDPv4(answered, std::to_string(port), deadlineAfter(lookupLimit), stop_);
-    failIfStopped();
-    if (found.addresses.empty()) {
-      throw lookupFailed(found.error);
-    }
-    named = asIPv4(generic(found.addresses.front().address));
-    const AddressBlock block = blockOf(reinterpret_cast<const sockaddr&>(*named));
-    const bool isAny = named->sin_addr.s_addr == INADDR_ANY;
-    if (block.unusable != nullptr && !isAny) {
-      throw lies(block.unusable);
-    }
-    if (isAny || block.reach < blockOf(generic(proxyAddress_)).reach) {
-      named.reset();
-    }
-  }
-  if (!named && !proxy) {
-    throw lies("means the proxy's own address, which is IPv6, and datagrams go over IPv4 only");
-  }
-  sockaddr_in address = named ? *named : *proxy;
-  address.sin_port = htons(port);
-  return address;
 }
 
 void SOCKS5Control::watchAlive() {

@@ -6,8 +6,9 @@
 #include <optional>
 #include <string>
 
-#include <netinet/in.h>
+#include <sys/socket.h>
 
+#include "Base/Endpoint.h"
 #include "Platform/ByteStreamPair.h"
 #include "ZelkorSOCKS5/SOCKS5Error.h"
 
@@ -32,7 +33,8 @@ class SOCKS5Control {
 
   enum class Stage { nameFound, connected, methodChosen, loggedIn, associated };
   /// Told of each stage once it is behind, with what was found there, for those who want to watch.
-  std::function<void(Stage, const std::string&)> onStage;
+  using StageWatcher = std::function<void(Stage, const std::string&)>;
+  StageWatcher onStage;
 
   /// Resolves the proxy and connects to the first of its addresses that answers. Sockets are pinned
   /// as InterfaceScope decides for the configured host with `viaDefault` as the override. Throws
@@ -42,14 +44,10 @@ class SOCKS5Control {
   struct RelayEndpoint {
     std::string relayHost;  // as the proxy answered; the proxy's own host for 0.0.0.0 or nothing
     std::uint16_t relayPort = 0;
-    sockaddr_in relayAddress{};  // where datagrams go
+    Endpoint relayAddress;  // where datagrams go: see relayAddress()
   };
   /// Negotiates and asks for the association. After connect(). Throws SOCKS5Error, and leaves the
   /// connection to close() or the destructor then.
-  ///
-  /// Datagrams go to the address that the proxy names, but to the address of this connection for
-  /// 0.0.0.0 or nothing, and in place of one that cannot be reached from as far away as that: what
-  /// a proxy behind a translator, or on another machine, calls itself.
   RelayEndpoint performHandshakeAndUDPAssociate();
 
   /// Where this connection goes to; a zero family before connect().
@@ -76,8 +74,6 @@ class SOCKS5Control {
                   std::string& failure);
   void negotiate();
   std::string readAddress(std::uint8_t addressType);
-  sockaddr_in relayAddress(std::uint8_t addressType, const std::string& answered,
-                           std::uint16_t port) const;
   void writeAll(ByteView bytes);
   Bytes readExactly(std::size_t count);
   void failIfStopped() const;

@@ -2,22 +2,19 @@
 
 #include <fmt/format.h>
 
-#include "Base/IPv4.h"
 #include "Base/UTF8.h"
 
 namespace zk {
 
-std::array<std::uint8_t, SOCKS5UDPFrame::headerSize> SOCKS5UDPFrame::header(
-    std::string_view toPeerIP, std::uint16_t peerPort) {
-  const IPv4Octets octets = parseIPv4(toPeerIP).value_or(IPv4Octets{});
-  std::array<std::uint8_t, headerSize> header{
-      0, 0, 0, SOCKS5AddressType::ipv4, octets[0], octets[1], octets[2], octets[3]};
-  writeUInt16(&header[8], peerPort);
+SOCKS5UDPFrame::Header SOCKS5UDPFrame::header(const Endpoint& toPeer) {
+  const auto octets = toPeer.octets();
+  Header header{0, 0, 0, SOCKS5AddressType::ipv4, octets[0], octets[1], octets[2], octets[3]};
+  writeUInt16(&header[8], toPeer.port);
   return header;
 }
 
-Bytes SOCKS5UDPFrame::wrap(ByteView payload, std::string_view toPeerIP, std::uint16_t peerPort) {
-  return concatenated(header(toPeerIP, peerPort), payload);
+Bytes SOCKS5UDPFrame::wrap(ByteView payload, const Endpoint& toPeer) {
+  return concatenated(header(toPeer), payload);
 }
 
 std::optional<SOCKS5UDPFrame::Unwrapped> SOCKS5UDPFrame::unwrap(ByteView datagram) {
@@ -45,12 +42,18 @@ std::optional<SOCKS5UDPFrame::Unwrapped> SOCKS5UDPFrame::unwrap(ByteView datagra
   if (datagram.size() < portAt + 2) {
     return std::nullopt;
   }
+  Unwrapped found{datagram.subspan(portAt + 2), {0, readUInt16(datagram, portAt)}};
+  if (type == SOCKS5AddressType::ipv4) {
+    found.source.address = readUInt32(datagram, addressAt);
+    return found;
+  }
   const ByteView address = datagram.subspan(addressAt, addressLength);
-  return Unwrapped{datagram.subspan(portAt + 2),
-                   type == SOCKS5AddressType::ipv4   ? formatIPv4(address.data())
-                   : type == SOCKS5AddressType::ipv6 ? ipv6Text(address)
-                                                     : domainNameText(address),
-                   readUInt16(datagram, portAt)};
+  found.name = type == SOCKS5AddressType::ipv6 ? ipv6Text(address) : domainNameText(address);
+  if (const auto quad = parseAddress(*found.name)) {  // an address after all
+    found.source.address = *quad;
+    found.name.reset();
+  }
+  return found;
 }
 
 std::string ipv6Text(ByteView octets) {

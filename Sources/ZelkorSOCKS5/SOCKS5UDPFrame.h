@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "Base/Bytes.h"
+#include "Base/Endpoint.h"
 
 namespace zk {
 
@@ -15,17 +15,20 @@ namespace zk {
 namespace SOCKS5UDPFrame {
 
 inline constexpr std::size_t headerSize = 10;  // of what wrap() writes
+using Header = std::array<std::uint8_t, headerSize>;
 
-/// The header. A peer address that parseIPv4() does not accept is written as 0.0.0.0.
-std::array<std::uint8_t, headerSize> header(std::string_view toPeerIP, std::uint16_t peerPort);
+/// The header of what goes to a peer.
+Header header(const Endpoint& toPeer);
 
 /// Header and payload, in one allocation.
-Bytes wrap(ByteView payload, std::string_view toPeerIP, std::uint16_t peerPort);
+Bytes wrap(ByteView payload, const Endpoint& toPeer);
 
 struct Unwrapped {
-  ByteView payload;   // within the datagram; possibly empty
-  std::string srcIP;  // dotted quad, a domain name, or sixteen colon-separated hex pairs
-  std::uint16_t srcPort = 0;
+  ByteView payload;  // within the datagram; possibly empty
+  Endpoint source;   // its address is 0 where there is a name
+  /// What the proxy calls a source that has no IPv4 address: a domain name, or sixteen
+  /// colon-separated hex pairs.
+  std::optional<std::string> name{};
 };
 
 /// What a datagram from the proxy's relay carries; absent when it is malformed. RSV and FRAG are

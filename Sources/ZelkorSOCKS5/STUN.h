@@ -3,10 +3,9 @@
 #include <array>
 #include <cstdint>
 #include <optional>
-#include <string>
-#include <string_view>
 
 #include "Base/Bytes.h"
+#include "Base/Endpoint.h"
 
 namespace zk {
 
@@ -55,19 +54,13 @@ struct Server {
 inline constexpr std::array<Server, 3> defaultServers{
     {{"stun.l.google.com", 19302}, {"stun1.l.google.com", 19302}, {"stun.cloudflare.com", 3478}}};
 
-struct Address {
-  std::string ip;  // dotted quad
-  std::uint16_t port = 0;
-};
-
 using XorAddress = std::array<std::uint8_t, 8>;
 
-/// The value of XOR-MAPPED-ADDRESS and its kin. `ip` as parseIPv4() accepts it; absent for any
-/// other text.
-std::optional<XorAddress> encodeXorAddress(std::string_view ip, std::uint16_t port);
+/// The value of XOR-MAPPED-ADDRESS and its kin.
+XorAddress encodeXorAddress(const Endpoint& endpoint);
 
 /// Absent for a value under 8 octets and for any family but IPv4.
-std::optional<Address> decodeXorAddress(ByteView value);
+std::optional<Endpoint> decodeXorAddress(ByteView value);
 
 struct BindingRequest {
   std::array<std::uint8_t, 20> request;
@@ -76,9 +69,9 @@ struct BindingRequest {
 
 BindingRequest makeBindingRequest();
 
-/// "address:port" of the first IPv4 XOR-MAPPED-ADDRESS in the success response to `txID` (12
-/// octets); absent for any other message, a foreign transaction ID included.
-std::optional<std::string> parseXorMappedAddress(ByteView message, ByteView txID);
+/// The first IPv4 XOR-MAPPED-ADDRESS in the success response to `txID` (12 octets); absent for any
+/// other message, a foreign transaction ID included.
+std::optional<Endpoint> parseXorMappedAddress(ByteView message, ByteView txID);
 
 }  // namespace STUN
 }  // namespace zk

@@ -1,22 +1,18 @@
 #include "ZelkorTURN/EgressProbe.h"
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <map>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include <fmt/format.h>
-#include <poll.h>
 
-#include "Base/IPv4.h"
 #include "Platform/Mutex.h"
 #include "Platform/Resolver.h"
-#include "Platform/Sockets.h"
-#include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
-#include "ZelkorSOCKS5/STUN.h"
+#include "ZelkorSOCKS5/BindingTransaction.h"
 
 namespace zk {
 namespace {
@@ -27,9 +23,10 @@ using Seconds = std::chrono::duration<double>;
 constexpr Seconds minWindow{0.2};
 constexpr Seconds maxWindow{1.5};
 
+// A STUN server. What ZK_STUN_IPS calls it is kept for the log, where it is no address.
 struct Target {
   std::string ip;
-  std::uint16_t port = 0;
+  Endpoint endpoint;
 };
 
 // The last address found per gateway, for the whole process. Entries are added and overwritten,
@@ -68,13 +65,6 @@ std::vector<std::string_view> split(std::string_view text, char separator) {
   }
 }
 
-std::optional<std::uint16_t> parsePort(std::string_view text) {
-  std::uint16_t port = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-  return error == std::errc{} && end == text.data() + text.size() ? std::optional(port)
-                                                                  : std::nullopt;
-}
-
 // "address:port,address:port,...". What does not read like that is left out.
 std::vector<Target> parseTargets(std::string_view list) {
   std::vector<Target> targets;
@@ -84,7 +74,8 @@ std::vector<Target> parseTargets(std::string_view list) {
     std::erase(pieces, std::string_view());
     const auto port = pieces.size() == 2 ? parsePort(pieces[1]) : std::nullopt;
     if (port) {
-      targets.push_back({std::string(pieces[0]), *port});
+      const auto address = parseAddressLeniently(pieces[0]);
+      targets.push_back({std::string(pieces[0]), {address.value_or(0), *port}});
     }
   }
   return targets;
@@ -96,8 +87,8 @@ std::optional<Target> resolveV4(const STUN::Server& server, Deadline deadline,
       resolveUDPv4(server.host, std::to_string(server.port), deadline, stop);
   for (const ResolvedAddress& resolved : resolution.addresses) {
     if (resolved.family == AF_INET) {
-      return Target{addressText(reinterpret_cast<const sockaddr_in&>(resolved.address)),
-                    server.port};
+      const auto endpoint = Endpoint::of(reinterpret_cast<const sockaddr_in&>(resolved.address));
+      return Target{endpoint.ip(), {endpoint.address, server.port}};
     }
   }
   return std::nullopt;
@@ -106,7 +97,7 @@ std::optional<Target> resolveV4(const STUN::Server& server, Deadline deadline,
 // One probe: what it has been given, and its steps.
 class Probe {
  public:
-  Probe(DatagramSocket& socket, const sockaddr_in& relayAddr, const LogCallback& log,
+  Probe(DatagramSocket& socket, const Endpoint& relayAddr, const LogCallback& log,
         const StopSignal* stop, Deadline deadline)
       : socket_(socket), relayAddr_(relayAddr), log_(log), stop_(stop), deadline_(deadline) {}
 
@@ -115,14 +106,11 @@ class Probe {
   bool isOver() const { return Clock::now() >= deadline_ || (stop_ && stop_->isRaised()); }
 
  private:
-  std::optional<Egress> awaitAnswer(ByteView txID, Deadline windowEnd);
-
   DatagramSocket& socket_;
-  const sockaddr_in& relayAddr_;
+  const Endpoint relayAddr_;
   const LogCallback& log_;
   const StopSignal* const stop_;
   const Deadline deadline_;
-  DatagramReceiver receiver_;
 };
 
 std::vector<Target> Probe::targets() {
@@ -142,54 +130,43 @@ std::vector<Target> Probe::targets() {
   }
   std::string list;
   for (const Target& target : targets) {
-    list += fmt::format("{}{}:{}", list.empty() ? "" : ",", target.ip, target.port);
+    list += fmt::format("{}{}:{}", list.empty() ? "" : ",", target.ip, target.endpoint.port);
   }
   logLine(log_, FMT_COMPILE("targets: {}"), list);
   return targets;
 }
 
 std::optional<Egress> Probe::ask(const Target& target) {
-  const STUN::BindingRequest binding = STUN::makeBindingRequest();
-  const std::ptrdiff_t sent =
-      socket_.send(SOCKS5UDPFrame::wrap(binding.request, target.ip, target.port), relayAddr_);
-  logLine(log_, FMT_COMPILE("→ STUN to {}:{} via relay sendRC={}"), target.ip, target.port, sent);
+  BindingTransaction transaction(socket_, relayAddr_);
+  std::ptrdiff_t sent = -1;
+  try {
+    sent = transaction.send(target.endpoint);
+  } catch (const std::system_error&) {
+    // -1 says it
+  }
+  logLine(log_, FMT_COMPILE("→ STUN to {}:{} via relay sendRC={}"), target.ip, target.endpoint.port,
+          sent);
   if (sent <= 0) {
     return std::nullopt;
   }
   const auto now = Clock::now();
   const auto window = std::clamp(Seconds(deadline_ - now), minWindow, maxWindow);
-  auto egress =
-      awaitAnswer(binding.txID, now + std::chrono::duration_cast<Clock::duration>(window));
-  if (egress) {
-    logLine(log_, FMT_COMPILE("✓ egress discovered = {} (via {})"), egress->ip, target.ip);
-  } else {
+  // Whatever else comes in, late answers to earlier targets included, is passed over.
+  const auto answer =
+      transaction.await(BindingTransaction::Until::mapping,
+                        now + std::chrono::duration_cast<Clock::duration>(window), stop_);
+  if (!answer) {
     logLine(log_, FMT_COMPILE("✗ no STUN response from {} within window"), target.ip);
+    return std::nullopt;
   }
+  const Egress egress{answer->mapped->ip(), answer->mapped->port};
+  logLine(log_, FMT_COMPILE("✓ egress discovered = {} (via {})"), egress.ip, target.ip);
   return egress;
-}
-
-// Everything else that comes in, late answers to earlier targets included, is passed over.
-std::optional<Egress> Probe::awaitAnswer(ByteView txID, Deadline windowEnd) {
-  while (waitFor(socket_.descriptor(), POLLIN, windowEnd, stop_) == Wait::ready) {
-    const int received = receiver_.receive(socket_);
-    for (std::size_t i = 0; i < static_cast<std::size_t>(std::max(received, 0)); ++i) {
-      const auto frame = isSameAddress(receiver_.sender(i), relayAddr_)
-                             ? SOCKS5UDPFrame::unwrap(receiver_.datagram(i))
-                             : std::nullopt;
-      const auto mapped = frame ? STUN::parseXorMappedAddress(frame->payload, txID) : std::nullopt;
-      if (mapped) {
-        const std::size_t colon = mapped->find(':');
-        return Egress{mapped->substr(0, colon),
-                      parsePort(std::string_view(*mapped).substr(colon + 1))};
-      }
-    }
-  }
-  return std::nullopt;
 }
 
 }  // namespace
 
-Egress probeEgressIP(DatagramSocket& socket, const sockaddr_in& relayAddr,
+Egress probeEgressIP(DatagramSocket& socket, const Endpoint& relayAddr,
                      const std::string& gatewayIP, int timeoutSecs, const LogCallback& log,
                      const StopSignal* stop) {
   logLine(log, FMT_COMPILE("ENTER probe gateway={} timeout={}s"), gatewayIP, timeoutSecs);

@@ -4,8 +4,7 @@
 #include <optional>
 #include <string>
 
-#include <netinet/in.h>
-
+#include "Base/Endpoint.h"
 #include "Base/LogLine.h"
 #include "Platform/DatagramSocket.h"
 #include "Platform/StopSignal.h"
@@ -28,9 +27,9 @@ struct Egress {
 /// ask is `gatewayIP`, the host of the proxy's UDP relay, returned.
 ///
 /// Blocks for 1.5 seconds per server and `timeoutSecs` in all at most, the lookup of the servers'
-/// names included, or until `stop` is raised. Each step is a line for `log`. Any thread; never
-/// throws.
-Egress probeEgressIP(DatagramSocket& socket, const sockaddr_in& relayAddr,
+/// names included, or until `stop` is raised. Each step is a line for `log`. Any thread.
+/// Throws std::system_error when there is no memory to receive into, or the socket fails.
+Egress probeEgressIP(DatagramSocket& socket, const Endpoint& relayAddr,
                      const std::string& gatewayIP, int timeoutSecs, const LogCallback& log,
                      const StopSignal* stop = nullptr);
 

@@ -1,35 +1,27 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 
-#include <netinet/in.h>
-
 #include "Base/Bytes.h"
+#include "Base/Endpoint.h"
+#include "ZelkorSOCKS5/Association.h"
+#include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
 
 namespace zk {
 
 class DatagramReceiver;
 class DatagramSender;
 class EventLoop;
-class StopSignal;
-struct FiveTuple;
 
 /// The address that peers see for a client's relay.
 struct RelayedAddress {
   std::string ip;  // dotted quad
   std::uint16_t port = 0;
-};
-
-/// How one attempt at opening a relay goes about it.
-struct OpeningAttempt {
-  bool viaDefault = false;           // datagrams by the default route, not pinned to an interface
-  double connectTimeout = 10.0;      // seconds, of the control connection
-  const StopSignal* stop = nullptr;  // ends the attempt early when raised
 };
 
 /// Where a relayed address comes from.
@@ -41,36 +33,56 @@ class TURNRelayProvider {
   virtual RelayedAddress allocateRelay(const OpeningAttempt& attempt) = 0;
 };
 
-/// A datagram on its way to or from a peer.
-struct PeerDatagram {
-  ByteView payload;    // somebody else's
-  std::string peerIP;  // dotted quad; from a peer also what else a proxy may call it
-  std::uint16_t peerPort = 0;
+/// A peer, with the header of what goes to it through a proxy.
+struct Peer {
+  Peer() = default;
+  explicit Peer(const Endpoint& whose) : endpoint(whose), header(SOCKS5UDPFrame::header(whose)) {}
+
+  Endpoint endpoint;
+  SOCKS5UDPFrame::Header header{};
 };
+
+/// A datagram on its way to a peer.
+struct PeerDatagram {
+  ByteView payload;  // somebody else's
+  Peer peer;
+};
+
+/// A datagram that came from a peer.
+using ReceivedDatagram = SOCKS5UDPFrame::Unwrapped;
 
 /// Who is told what happens on a relay, on the loop's thread. It may close the relay meanwhile.
 class RelayListener {
  public:
+  /// Why a relay is of no use any more.
+  enum class Loss { silent, cutOff };
+
   /// Datagrams from peers that arrived together, one or more, in order. They live as long as the
   /// call.
-  virtual void onDatagrams(std::span<const PeerDatagram> datagrams) = 0;
+  virtual void onDatagrams(std::span<const ReceivedDatagram> datagrams) = 0;
   /// The proxy ended the association (RFC 1928 section 6), or is gone. Datagrams may go on.
   virtual void onAssociationEnd(std::string_view reason) = 0;
-  /// And nothing has come from it for a while since: the relay is of no use any more.
-  virtual void onSilence() = 0;
+  /// Nothing has come from the proxy for a while since then, or nothing leads to it any more.
+  virtual void onLoss(Loss loss) = 0;
 
  protected:
   ~RelayListener() = default;
 };
 
-/// Whether a route of that interface leads to the destination.
-using RouteCheck = std::function<bool(unsigned interfaceIndex, const sockaddr_in& destination)>;
-
-/// What the relays of one loop share: it calls them, and they receive and send in its bursts.
+/// What the relays of one loop share: it calls them, they receive and send in its bursts, and write
+/// their log lines in its room.
 struct RelayLoop {
   EventLoop& loop;
   DatagramReceiver& receiver;
   DatagramSender& sender;
+  std::string& lineRoom;
+};
+
+/// How a relay's datagrams reach the proxy.
+struct RelayWay {
+  std::string host;                      // of the proxy's UDP relay, as the proxy called it
+  Endpoint destination;                  // likewise, where they go
+  std::optional<unsigned> interface {};  // that they are pinned to
 };
 
 /// Through what the server moves a client's datagrams, on the loop's thread. On one relay:
@@ -82,14 +94,20 @@ class TURNRelayDataPlane {
   /// Sends datagrams to peers, in order, without waiting: what the system does not take at once
   /// waits its turn, within limits. What becomes of each is the relay's to log.
   virtual void sendAll(std::span<const PeerDatagram> datagrams) = 0;
-  /// From now on `listener` is told, until close(). Throws std::system_error when the system
-  /// refuses.
+  /// From now on `listener` is told, until close() or retire(). Throws std::system_error when the
+  /// system refuses.
   virtual void receive(const RelayLoop& loop, RelayListener& listener) = 0;
-  /// The machine's routes have changed; what they are now, `hasRoute` tells.
-  virtual void onRouteChange(const RouteCheck& hasRoute) = 0;
-  /// Whether no route leads to the proxy any more. Such a relay must not be closed, which would
-  /// make the system say farewell to the proxy where it is not.
+
+  /// How it reaches the proxy.
+  virtual RelayWay way() const = 0;
+  /// Whether nothing leads to the proxy at present. A relay that is cut off sends nothing, on its
+  /// control connection neither, and must not be closed as long as its interface exists: the system
+  /// would say farewell to the proxy where it is not, asking the local network for it.
+  virtual void setCutOff(bool isCutOff) = 0;
   virtual bool isCutOff() const = 0;
+
+  /// From now on nobody is told anything, and nothing is sent.
+  virtual void retire() = 0;
   /// Releases everything; no listener is called any more. Any number of times.
   virtual void close() = 0;
 };
@@ -101,7 +119,7 @@ class TURNRelay : public TURNRelayProvider, public TURNRelayDataPlane {};
 class TURNRelayFactory {
  public:
   virtual ~TURNRelayFactory() = default;
-  virtual std::shared_ptr<TURNRelay> makeRelay(const FiveTuple& forClient) = 0;
+  virtual std::shared_ptr<TURNRelay> makeRelay(const Endpoint& forClient) = 0;
 };
 
 }  // namespace zk

@@ -3,17 +3,10 @@
 #include <system_error>
 #include <utility>
 
-#include "Base/IPv4.h"
 #include "Platform/Thread.h"
 #include "ZelkorSOCKS5/SOCKS5Error.h"
 
 namespace zk {
-namespace {
-
-// A pinned attempt may run into a network that leads nowhere; a client must not wait long for it.
-constexpr double pinnedConnectTimeout = 3.0;  // seconds
-
-}  // namespace
 
 RelayOpener::RelayOpener(std::shared_ptr<TURNRelayFactory> factory, LogCallback debugLog,
                          StartThread startThread)
@@ -25,7 +18,7 @@ void RelayOpener::startDetachedThread(const std::string& label, std::function<vo
   startThread(label, std::move(body)).detach();
 }
 
-void RelayOpener::open(const FiveTuple& client, Done done) {
+void RelayOpener::open(const Endpoint& client, Done done) {
   {
     const MutexLock guard(lock_);
     if (stop_.isRaised()) {
@@ -91,44 +84,40 @@ void RelayOpener::work() {
   }
 }
 
-std::optional<RelayOpener::Opened> RelayOpener::tryBoth(const FiveTuple& client) {
-  logLine(debugLog_, FMT_COMPILE("relay OPEN attempt for {}:{}…"), client.clientIP,
-          client.clientPort);
-  try {
-    Opened opened = attempt(client, {false, pinnedConnectTimeout, &stop_});
-    logLine(debugLog_, FMT_COMPILE("relay OPEN ok (en0) ip={} port={}"), opened.address.ip,
-            opened.address.port);
-    return opened;
-  } catch (const std::exception& error) {
-    if (stop_.isRaised()) {
-      return std::nullopt;
+std::optional<RelayOpener::Opened> RelayOpener::tryBoth(const Endpoint& client) {
+  logLine(debugLog_, FMT_COMPILE("relay OPEN attempt for {}…"), client.text());
+  const auto attempts = openingAttempts(&stop_);
+  for (const OpeningAttempt& how : attempts) {
+    try {
+      Opened opened = attempt(client, how);
+      logLine(debugLog_, FMT_COMPILE("relay OPEN ok ({}) ip={} port={}"),
+              how.viaDefault ? "via-default" : "en0", opened.address.ip(), opened.address.port);
+      return opened;
+    } catch (const std::exception& error) {
+      if (stop_.isRaised()) {
+        break;
+      }
+      if (&how == &attempts.back()) {
+        logLine(debugLog_, FMT_COMPILE("relay OPEN FAILED both rungs: {}"), error.what());
+      } else {
+        logLine(debugLog_,
+                FMT_COMPILE("relay OPEN en0 failed ({}) → retry via-default (full-tunnel VPN)"),
+                error.what());
+      }
     }
-    logLine(debugLog_,
-            FMT_COMPILE("relay OPEN en0 failed ({}) → retry via-default (full-tunnel VPN)"),
-            error.what());
-  }
-  try {
-    OpeningAttempt how;
-    how.viaDefault = true;
-    how.stop = &stop_;
-    Opened opened = attempt(client, how);
-    logLine(debugLog_, FMT_COMPILE("relay OPEN ok (via-default) ip={} port={}"), opened.address.ip,
-            opened.address.port);
-    return opened;
-  } catch (const std::exception& error) {
-    logLine(debugLog_, FMT_COMPILE("relay OPEN FAILED both rungs: {}"), error.what());
   }
   return std::nullopt;
 }
 
 // An address that no client can be told (the host name of a proxy, say) is a failure too.
-RelayOpener::Opened RelayOpener::attempt(const FiveTuple& client, const OpeningAttempt& how) {
-  Opened opened{factory_->makeRelay(client), {}};
-  opened.address = opened.relay->allocateRelay(how);
-  if (!isDottedQuad(opened.address.ip)) {
-    throw SOCKS5Error::connectionFailed("relayed address is not IPv4: " + opened.address.ip);
+RelayOpener::Opened RelayOpener::attempt(const Endpoint& client, const OpeningAttempt& how) {
+  auto relay = factory_->makeRelay(client);
+  const RelayedAddress found = relay->allocateRelay(how);
+  const auto address = parseAddress(found.ip);
+  if (!address) {
+    throw SOCKS5Error::connectionFailed("relayed address is not IPv4: " + found.ip);
   }
-  return opened;
+  return {std::move(relay), {*address, found.port}};
 }
 
 }  // namespace zk

@@ -8,10 +8,10 @@
 #include <optional>
 #include <string>
 
+#include "Base/Endpoint.h"
 #include "Base/LogLine.h"
 #include "Platform/Mutex.h"
 #include "Platform/StopSignal.h"
-#include "ZelkorTURN/Allocation.h"
 #include "ZelkorTURN/RelayInterfaces.h"
 
 namespace zk {
@@ -23,7 +23,7 @@ class RelayOpener {
   /// A relay that is open, and the address under which peers see it.
   struct Opened {
     std::shared_ptr<TURNRelay> relay;
-    RelayedAddress address;
+    Endpoint address;
   };
   /// Takes the outcome, absent when there is no relay. Called on any thread, also within open().
   using Done = std::function<void(std::optional<Opened>)>;
@@ -41,23 +41,22 @@ class RelayOpener {
               StartThread startThread = startDetachedThread);
   ~RelayOpener() { stop(); }
 
-  /// Opens a relay for `client` in two attempts: pinned to the physical interface with 3 seconds
-  /// to connect, then by the default route with 10. Never blocks.
-  void open(const FiveTuple& client, Done done);
+  /// Opens a relay for `client` in two attempts, see openingAttempts(). Never blocks.
+  void open(const Endpoint& client, Done done);
 
   /// Abandons what is under way and forgets what waits: no `done` begins after this.
   void stop();
 
  private:
   struct Job {
-    FiveTuple client;
+    Endpoint client;
     Done done;
   };
 
   static void startDetachedThread(const std::string& label, std::function<void()> body);
   void work();
-  std::optional<Opened> tryBoth(const FiveTuple& client);
-  Opened attempt(const FiveTuple& client, const OpeningAttempt& how);
+  std::optional<Opened> tryBoth(const Endpoint& client);
+  Opened attempt(const Endpoint& client, const OpeningAttempt& how);
 
   const std::shared_ptr<TURNRelayFactory> factory_;
   const LogCallback debugLog_;

@@ -32,7 +32,7 @@ std::optional<std::uint32_t> decodeLifetime(ByteView value) {
   if (value.size() < 4) {
     return std::nullopt;
   }
-  return static_cast<std::uint32_t>(readUInt16(value, 0)) << 16 | readUInt16(value, 2);
+  return readUInt32(value, 0);
 }
 
 std::optional<std::uint16_t> decodeChannelNumber(ByteView value) {

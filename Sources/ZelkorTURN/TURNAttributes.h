@@ -12,7 +12,6 @@ namespace zk {
 /// The values inside attributes (RFC 5389 section 15, RFC 5766 section 14).
 namespace TURNAttributes {
 
-using STUN::Address;
 using STUN::decodeXorAddress;
 using STUN::encodeXorAddress;
 using STUN::XorAddress;

@@ -15,8 +15,8 @@ TURNMessage::TURNMessage(std::uint16_t withMethod, TURNClass withClass,
   section_.reserve(attributeRoom);
 }
 
-std::optional<ByteView> TURNMessage::first(std::uint16_t type) const {
-  for (const TURNAttribute& attribute : attributes()) {
+std::optional<ByteView> TURNAttributeList::first(std::uint16_t type) const {
+  for (const TURNAttribute& attribute : *this) {
     if (attribute.type == type) {
       return attribute.value;
     }
@@ -56,36 +56,48 @@ Bytes TURNMessage::encode() const {
 }
 
 std::optional<TURNMessage> TURNMessage::decode(ByteView datagram) {
-  if (datagram.size() < headerSize ||
-      !std::equal(magicCookie.begin(), magicCookie.end(), datagram.begin() + 4) ||
-      datagram[0] > 0x3F) {
+  const auto view = TURNMessageView::decode(datagram);
+  if (!view) {
+    return std::nullopt;
+  }
+  TURNMessage message(view->method, view->klass, view->txID,
+                      STUN::paddedLength(view->section.size()));
+  for (const TURNAttribute& attribute : view->attributes()) {
+    message.append(attribute.type, attribute.value);
+  }
+  return message;
+}
+
+std::optional<TURNMessageView> TURNMessageView::decode(ByteView datagram) {
+  constexpr auto& cookie = TURNMessage::magicCookie;
+  if (datagram.size() < TURNMessage::headerSize ||
+      !std::equal(cookie.begin(), cookie.end(), datagram.begin() + 4) || datagram[0] > 0x3F) {
     return std::nullopt;
   }
   const unsigned byte0 = datagram[0];
   const unsigned byte1 = datagram[1];
   const std::size_t length = readUInt16(datagram, 2);
-  if (datagram.size() < headerSize + length) {
+  if (datagram.size() < TURNMessage::headerSize + length) {
     return std::nullopt;
   }
-  TransactionID txID;
-  std::copy_n(datagram.begin() + 8, txID.size(), txID.begin());
-  TURNMessage message(
+  TURNMessageView message{
       static_cast<std::uint16_t>((byte0 << 6 & 0xF80) | (byte1 >> 1 & 0x70) | (byte1 & 0x0F)),
-      static_cast<TURNClass>((byte0 & 1) << 1 | (byte1 >> 4 & 1)), txID,
-      STUN::paddedLength(length));
+      static_cast<TURNClass>((byte0 & 1) << 1 | (byte1 >> 4 & 1)),
+      {},
+      datagram.subspan(TURNMessage::headerSize, length)};
+  std::copy_n(datagram.begin() + 8, message.txID.size(), message.txID.begin());
 
-  ByteView rest = datagram.subspan(headerSize, length);
+  ByteView rest = message.section;
+  std::size_t padded = 0;
   while (const auto attribute = STUN::takeAttribute(rest)) {
     // A section of 65533 to 65535 octets whose last padding was left out has no padded form that
     // fits a length field. No datagram holds that much.
-    if (message.section_.size() + attributeHeaderSize +
-            STUN::paddedLength(attribute->value.size()) >
-        largestAttributeSection) {
+    padded += TURNMessage::attributeHeaderSize + STUN::paddedLength(attribute->value.size());
+    if (padded > TURNMessage::largestAttributeSection) {
       return std::nullopt;
     }
-    message.append(attribute->type, attribute->value);
   }
-  return rest.size() < attributeHeaderSize ? std::optional(std::move(message)) : std::nullopt;
+  return rest.size() < TURNMessage::attributeHeaderSize ? std::optional(message) : std::nullopt;
 }
 
 }  // namespace zk

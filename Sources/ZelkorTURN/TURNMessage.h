@@ -50,6 +50,46 @@ using TransactionID = std::array<std::uint8_t, 12>;
 
 using TURNAttribute = STUN::Attribute;
 
+/// The attributes of an attribute section, in wire order, duplicates and unknown types included.
+class TURNAttributeList {
+ public:
+  class Iterator {
+   public:
+    explicit Iterator(ByteView rest) : rest_(rest) { ++*this; }
+    const TURNAttribute& operator*() const { return *current_; }
+    void operator++() { current_ = STUN::takeAttribute(rest_); }
+    bool operator==(std::default_sentinel_t) const { return !current_; }
+
+   private:
+    ByteView rest_;
+    std::optional<TURNAttribute> current_;
+  };
+  explicit TURNAttributeList(ByteView section) : section_(section) {}
+  Iterator begin() const { return Iterator(section_); }
+  std::default_sentinel_t end() const { return {}; }
+
+  /// The value of the first attribute of that type; absent when there is none.
+  std::optional<ByteView> first(std::uint16_t type) const;
+
+ private:
+  ByteView section_;
+};
+
+/// A message as it lies in a datagram, of which nothing is copied.
+struct TURNMessageView {
+  std::uint16_t method = 0;
+  TURNClass klass = TURNClass::request;
+  TransactionID txID{};
+  ByteView section;  // the attributes; padding may be missing behind the last one
+
+  TURNAttributeList attributes() const { return TURNAttributeList(section); }
+  std::optional<ByteView> first(std::uint16_t type) const { return attributes().first(type); }
+
+  /// The message in one datagram; absent when it is not an acceptable one, with no reason given.
+  /// Octets behind the declared length are ignored, and so is padding that is missing at the end.
+  static std::optional<TURNMessageView> decode(ByteView datagram);
+};
+
 /// One STUN or TURN message (RFC 5389 section 6): a plain value. Attribute values are opaque here.
 ///
 /// The attributes are kept as the attribute section that goes on the wire, so that a message with
@@ -62,28 +102,6 @@ class TURNMessage {
   /// What fits the 16-bit length field of the header.
   static constexpr std::size_t largestAttributeSection = 65535;
 
-  /// The attributes in wire order, duplicates and unknown types included.
-  class Attributes {
-   public:
-    class Iterator {
-     public:
-      explicit Iterator(ByteView rest) : rest_(rest) { ++*this; }
-      const TURNAttribute& operator*() const { return *current_; }
-      void operator++() { current_ = STUN::takeAttribute(rest_); }
-      bool operator==(std::default_sentinel_t) const { return !current_; }
-
-     private:
-      ByteView rest_;
-      std::optional<TURNAttribute> current_;
-    };
-    explicit Attributes(ByteView section) : section_(section) {}
-    Iterator begin() const { return Iterator(section_); }
-    std::default_sentinel_t end() const { return {}; }
-
-   private:
-    ByteView section_;
-  };
-
   std::uint16_t method;
   TURNClass klass;
   TransactionID txID;
@@ -93,9 +111,8 @@ class TURNMessage {
   TURNMessage(std::uint16_t withMethod, TURNClass withClass, const TransactionID& withTxID,
               std::size_t attributeRoom = 0);
 
-  Attributes attributes() const { return Attributes(section_); }
-  /// The value of the first attribute of that type; absent when there is none.
-  std::optional<ByteView> first(std::uint16_t type) const;
+  TURNAttributeList attributes() const { return TURNAttributeList(section_); }
+  std::optional<ByteView> first(std::uint16_t type) const { return attributes().first(type); }
   /// Adds an attribute behind the others. Throws std::length_error when the attribute section would
   /// pass 65535 octets, so that what encode() writes always has a true length field.
   void append(std::uint16_t type, ByteView value);
@@ -108,8 +125,7 @@ class TURNMessage {
 
   /// The wire form.
   Bytes encode() const;
-  /// The message in one datagram; absent when it is not an acceptable one, with no reason given.
-  /// Octets behind the declared length are ignored, and so is padding that is missing at the end.
+  /// The message in one datagram, copied: see TURNMessageView::decode().
   static std::optional<TURNMessage> decode(ByteView datagram);
 
   /// Same header fields, same attributes in the same order.

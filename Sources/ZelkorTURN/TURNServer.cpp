@@ -3,35 +3,34 @@
 
 #include "ZelkorTURN/TURNServer.h"
 
+#include <algorithm>
+#include <array>
 #include <chrono>
-#include <map>
+#include <system_error>
 #include <utility>
 
-#include "Base/IPv4.h"
+#include "Platform/Crypto.h"
 #include "Platform/Thread.h"
+#include "ZelkorTURN/ChannelData.h"
 
 namespace zk {
 namespace {
 
 constexpr std::uint64_t nanosecondsPerSecond = 1'000'000'000;
-constexpr std::size_t channelHeaderSize = 4;
 
 // Expired allocations are kept this long, for a client that comes back late with a Refresh.
 constexpr std::uint32_t graceAfterExpiry = 300;  // seconds
 constexpr std::chrono::seconds sweepInterval{30};
 
-const char* kindOf(std::uint8_t firstByte) {
-  switch (firstByte >> 6) {
-    case 0b00:
-      return "STUN";
-    case 0b01:
-      return "ChannelData";
-    default:
-      return "unknown";
-  }
+bool isSTUN(ByteView datagram) {
+  return datagram[0] >> 6 == 0b00;
 }
 
-const char* nameOf(TURNClass klass) {
+bool isChannelData(ByteView datagram) {
+  return datagram[0] >> 6 == 0b01;
+}
+
+std::string_view nameOf(TURNClass klass) {
   switch (klass) {
     case TURNClass::request:
       return "request";
@@ -45,47 +44,59 @@ const char* nameOf(TURNClass klass) {
   return "errorResponse";
 }
 
-void logAnswer(const LogCallback& debugLog, const TURNMessage& answer) {
-  std::string error;
-  if (answer.klass == TURNClass::errorResponse) {
-    const auto value = answer.first(TURNAttr::errorCode);
-    if (const auto code = value ? TURNAttributes::decodeErrorCode(*value) : std::nullopt) {
-      error = fmt::format(" err={}", *code);
+}  // namespace
+
+// What a burst of clients' datagrams comes to for their relays: sent at its end, or earlier.
+class TURNServer::ToPeers {
+ public:
+  ToPeers() = default;
+  ~ToPeers() { send(); }
+  ToPeers(const ToPeers&) = delete;
+  ToPeers& operator=(const ToPeers&) = delete;
+
+  // Payloads must live until they are sent.
+  void add(TURNRelay& relay, ByteView payload, const Peer& peer) {
+    if (count_ == maxBurst) {
+      send();
+    }
+    relays_[count_] = &relay;
+    datagrams_[count_++] = {payload, peer};
+  }
+
+  void send() {
+    bringTogether();
+    for (std::size_t first = 0, end = 0; first < count_; first = end) {
+      while (end < count_ && relays_[end] == relays_[first]) {
+        ++end;
+      }
+      relays_[first]->sendAll(std::span(datagrams_).subspan(first, end - first));
+    }
+    count_ = 0;
+  }
+
+ private:
+  // What goes to one relay stands together then, in its order.
+  void bringTogether() {
+    for (std::size_t i = 1; i < count_; ++i) {
+      std::size_t behind = i;
+      while (behind > 0 && relays_[behind - 1] != relays_[i]) {
+        --behind;
+      }
+      if (behind > 0 && behind < i) {
+        const auto rotate = [&](auto& array) {
+          const auto at = [&](std::size_t n) { return array.begin() + static_cast<long>(n); };
+          std::rotate(at(behind), at(i), at(i + 1));
+        };
+        rotate(relays_);
+        rotate(datagrams_);
+      }
     }
   }
-  logLine(debugLog, FMT_COMPILE("tx method=0x{:03x} class={}{}{}"), answer.method,
-          nameOf(answer.klass), error,
-          answer.first(TURNAttr::xorRelayedAddress) ? " [has XOR-RELAYED-ADDRESS]" : "");
-}
 
-// Asks the system once for each way: mostly all relays have the same.
-RouteCheck routeCheck() {
-  using Way = std::pair<unsigned, in_addr_t>;
-  return [known = std::map<Way, bool>()](unsigned interface, const sockaddr_in& to) mutable {
-    const auto [entry, isNew] = known.try_emplace({interface, to.sin_addr.s_addr});
-    if (isNew) {
-      entry->second = hasRoute(interface, reinterpret_cast<const sockaddr&>(to));
-    }
-    return entry->second;
-  };
-}
-
-// Whether a datagram repeats the Allocate that is being answered already.
-bool isRetransmission(ByteView datagram, const PendingAllocate& allocate) {
-  const auto message = TURNMessage::decode(datagram);
-  return message && message->method == TURNMethod::allocate && message->txID == allocate.txID;
-}
-
-// The header of ChannelData (RFC 5766 section 11.4). UDP needs no padding behind the payload.
-std::array<std::uint8_t, channelHeaderSize> channelDataHeader(std::uint16_t channel,
-                                                              ByteView payload) {
-  std::array<std::uint8_t, channelHeaderSize> header;
-  writeUInt16(&header[0], channel);
-  writeUInt16(&header[2], static_cast<std::uint16_t>(payload.size()));
-  return header;
-}
-
-}  // namespace
+  std::array<TURNRelay*, maxBurst> relays_;
+  std::array<PeerDatagram, maxBurst> datagrams_;
+  std::size_t count_ = 0;
+};
 
 TURNServer::TURNServer(Credentials credentials, std::string realm,
                        std::shared_ptr<TURNRelayFactory> relayFactory, bool acceptFingerprint,
@@ -108,18 +119,19 @@ void TURNServer::start() {
   }
   requireDigests();
   DatagramSocket socket = DatagramSocket::open();
-  socket.bind(socketAddress("127.0.0.1", 0));
+  socket.bind({INADDR_LOOPBACK, 0});
   socket.enlargeBuffers();
   try {
     prepare();
     socket_ = std::move(socket);
     loop_->watch(socket_.descriptor(), *this);
-    boundPort_ = portNumber(socket_.localAddress());
+    boundPort_ = socket_.localAddress().port;
     logLine(debugLog, FMT_COMPILE("bound 127.0.0.1:{}"), boundPort_);
     thread_ = startThread("zk.turn.server", [this] { loop_->run(); });
   } catch (...) {
     socket_.close();
     opener_.reset();
+    lifetime_.reset();
     loop_.reset();
     throw;
   }
@@ -130,14 +142,11 @@ void TURNServer::prepare() {
   startTime_ = clock_();
   loop_.emplace(clock_);
   receiver_.emplace();
-  allocationTable_.emplace(realm_, acceptFingerprint_);
-  allocationTable_->debugLog = debugLog;
+  allocationTable_.emplace(credentials_, realm_, acceptFingerprint_);
+  allocationTable_->setDebugLog([this](std::string_view line) { lines_.add(line); });
   opener_.emplace(relayFactory_, debugLog);
-  loop_->atEndOfRound([this] { sendOutbox(); });
-  routes_.emplace(*this);
-  if (routes_->descriptor() >= 0) {
-    loop_->watch(routes_->descriptor(), *routes_);
-  }
+  lifetime_.emplace(*loop_);
+  loop_->atEndOfRound([this] { endRound(); });
   sweepRegularly();
 }
 
@@ -151,224 +160,188 @@ void TURNServer::stop() {
     thread_.join();
   }
   opener_->stop();
-  relayMap_.clear();
-  cutOff_.clear();
+  lifetime_.reset();
+  clients_ = Clients();
   socket_.close();
   loop_.reset();  // and with it the relays that were handed over and nobody has taken
+  lines_.flush();
 }
 
 std::uint32_t TURNServer::now() const {
-  return static_cast<std::uint32_t>((clock_() - startTime_) / nanosecondsPerSecond);
+  return static_cast<std::uint32_t>(sinceStart() / nanosecondsPerSecond);
 }
 
 // ---- From clients towards peers ----------------------------------------------------------------
 
 void TURNServer::onReadable() {
   const int received = receiver_->receive(socket_);
-  sockaddr_in last{};  // who sent the last datagram, and as a client: mostly the next one's too
-  FiveTuple client;
+  ToPeers batch;
   for (std::size_t i = 0; received > 0 && i < static_cast<std::size_t>(received); ++i) {
     const ByteView datagram = receiver_->datagram(i);
-    const sockaddr_in& sender = receiver_->sender(i);
     if (datagram.empty()) {
       continue;
     }
-    if (!isSameAddress(sender, last)) {
-      last = sender;
-      client = {addressText(sender), portNumber(sender), TransportProtocol::udp};
-    }
-    logLine(debugLog, FMT_COMPILE("rx {}B from {}:{} firstByte=0x{:02x} kind={}"), datagram.size(),
-            client.clientIP, client.clientPort, datagram[0], kindOf(datagram[0]));
-    dispatch(datagram, client);
-  }
-  sendGathered();
-}
-
-void TURNServer::dispatch(ByteView datagram, const FiveTuple& client) {
-  if (!openings_.empty()) {
-    const auto opening = openings_.find(client);
-    if (opening != openings_.end()) {
-      keep(opening->second, datagram);
-      return;
-    }
-  }
-  switch (datagram[0] >> 6) {
-    case 0b00:
-      handleSTUN(datagram, client);
-      break;
-    case 0b01:
-      handleChannelData(datagram, client);
-      break;
-    default:
-      break;  // not for this protocol; it has been logged
+    const Endpoint sender = receiver_->sender(i);
+    lines_.line() << "rx " << datagram.size() << "B from " << sender << " firstByte=0x"
+                  << LineBatch::Hex{datagram[0]} << " kind="
+                  << (isSTUN(datagram)          ? "STUN"
+                      : isChannelData(datagram) ? "ChannelData"
+                                                : "unknown");
+    dispatch(datagram, sender, batch);
   }
 }
 
-void TURNServer::handleSTUN(ByteView datagram, const FiveTuple& client) {
-  auto message = TURNMessage::decode(datagram);
+void TURNServer::dispatch(ByteView datagram, const Endpoint& from, ToPeers& batch) {
+  Client* const client = clients_.find(from);
+  if (client != nullptr && client->opening) {
+    client->opening->keep(datagram);
+  } else if (isSTUN(datagram)) {
+    if (client != nullptr || isAdmitted(from)) {
+      handleSTUN(datagram, from, client, batch);
+    }
+  } else if (isChannelData(datagram) && client != nullptr) {
+    handleChannelData(datagram, *client, batch);
+  }
+}
+
+bool TURNServer::isAdmitted(const Endpoint& stranger) {
+  if (ration_.admits(stranger.port, sinceStart())) {
+    return true;
+  }
+  if (strangersDropped_++ == 0) {
+    loop_->after(std::chrono::seconds(1), [this] {
+      lines_.line() << "stun: " << std::exchange(strangersDropped_, 0)
+                    << " datagrams of strangers DROPPED, more than are looked at";
+    });
+  }
+  return false;
+}
+
+void TURNServer::handleSTUN(ByteView datagram, const Endpoint& from, Client* client,
+                            ToPeers& batch) {
+  const auto message = TURNMessageView::decode(datagram);
   if (!message) {
-    logLine(debugLog, FMT_COMPILE("stun: decode FAILED for {}B datagram from {}:{}"),
-            datagram.size(), client.clientIP, client.clientPort);
+    lines_.line() << "stun: decode FAILED for " << datagram.size() << "B datagram from " << from;
     return;
   }
-  logLine(debugLog, FMT_COMPILE("stun method=0x{:03x} class={} from {}:{}"), message->method,
-          nameOf(message->klass), client.clientIP, client.clientPort);
+  lines_.line() << "stun method=0x" << LineBatch::Hex{message->method, 3}
+                << " class=" << nameOf(message->klass) << " from " << from;
   if (message->method == TURNMethod::send && message->klass == TURNClass::indication) {
-    handleSendIndication(std::move(*message), client);
+    if (client != nullptr) {
+      handleSendIndication(*message, *client, batch);
+    }
     return;
   }
-  sendGathered();  // a request may end what the data before it is meant for
-  const auto outcome = allocationTable_->handle(*message, client, datagram, credentials_, now());
+  batch.send();  // a request may end what the data before it is meant for
+  Allocation* const held = client != nullptr ? &client->allocation : nullptr;
+  const auto outcome = allocationTable_->handle(*message, from, held, datagram, now());
   if (const auto* const pending = std::get_if<PendingAllocate>(&outcome)) {
     openRelay(*pending);
     return;
   }
-  answer(std::get<TURNMessage>(outcome), client);
-  if (allocationTable_->allocation(client) == nullptr) {
-    releaseRelay(client);
+  const auto& [response, ends] = std::get<AllocationTable::Answer>(outcome);
+  answer(response, from);
+  if (ends) {
+    release(*client, Release::refreshed);
   }
 }
 
-void TURNServer::handleSendIndication(TURNMessage message, const FiveTuple& client) {
+void TURNServer::handleSendIndication(const TURNMessageView& message, Client& client,
+                                      ToPeers& batch) {
   const auto peerValue = message.first(TURNAttr::xorPeerAddress);
-  auto peer = peerValue ? TURNAttributes::decodeXorAddress(*peerValue) : std::nullopt;
+  const auto peer = peerValue ? TURNAttributes::decodeXorAddress(*peerValue) : std::nullopt;
   const auto payload = message.first(TURNAttr::data);
-  if (!peer || !payload) {
-    return;
-  }
-  if (ClientRelay* const relay = routeOf(client).relay) {
-    gather(*relay, *payload, std::move(peer->ip), peer->port);
-    gatheredMessages_.push_back(std::move(message));
+  if (peer && payload && !client.allocation.isExpired(now())) {
+    batch.add(*client.relay, *payload, Peer(*peer));
   }
 }
 
-// ChannelData: RFC 5766 section 11.4.
-void TURNServer::handleChannelData(ByteView datagram, const FiveTuple& client) {
-  if (datagram.size() < channelHeaderSize) {
-    return;
-  }
-  const std::uint16_t number = readUInt16(datagram, 0);
-  const std::size_t length = readUInt16(datagram, 2);
-  if (datagram.size() < channelHeaderSize + length) {
-    return;
-  }
-  const Route& route = routeOf(client);
-  if (route.relay == nullptr) {
-    return;
-  }
-  // No other number than 0x4000 to 0x7FFF ever gets into the map.
-  const auto channel = route.allocation->channels.find(number);
-  if (channel != route.allocation->channels.end()) {
-    const auto& [ip, port] = channel->second;
-    gather(*route.relay, datagram.subspan(channelHeaderSize, length), ip, port);
+void TURNServer::handleChannelData(ByteView datagram, Client& client, ToPeers& batch) {
+  const auto data = ChannelData::decode(datagram);
+  const Peer* const peer = data ? client.allocation.peerOf(data->channel) : nullptr;
+  if (peer != nullptr && !client.allocation.isExpired(now())) {
+    batch.add(*client.relay, data->payload, *peer);
   }
 }
 
-// Looked up once for what a burst has from one client in a row: data changes nothing in the tables.
-const TURNServer::Route& TURNServer::routeOf(const FiveTuple& client) {
-  if (!route_ || route_->client != client) {
-    const Allocation* const allocation = allocationTable_->allocation(client);
-    const auto relay = relayMap_.find(client);
-    const bool leadsOn =
-        allocation != nullptr && !allocation->isExpired(now()) && relay != relayMap_.end();
-    route_ = leadsOn ? Route{client, allocation, relay->second.get()} : Route{client};
+void TURNServer::answer(const TURNMessage& message, const Endpoint& to) {
+  {
+    auto line = lines_.line();
+    line << "tx method=0x" << LineBatch::Hex{message.method, 3}
+         << " class=" << nameOf(message.klass);
+    const auto value = message.klass == TURNClass::errorResponse
+                           ? message.first(TURNAttr::errorCode)
+                           : std::nullopt;
+    if (const auto code = value ? TURNAttributes::decodeErrorCode(*value) : std::nullopt) {
+      line << " err=" << *code;
+    }
+    if (message.first(TURNAttr::xorRelayedAddress)) {
+      line << " [has XOR-RELAYED-ADDRESS]";
+    }
   }
-  return *route_;
-}
-
-void TURNServer::gather(ClientRelay& relay, ByteView payload, std::string peerIP,
-                        std::uint16_t peerPort) {
-  if (relay.outgoing.empty()) {
-    gathered_.push_back(&relay);
-  }
-  relay.outgoing.push_back({payload, std::move(peerIP), peerPort});
-}
-
-void TURNServer::sendGathered() {
-  for (ClientRelay* const relay : gathered_) {
-    relay->relay->sendAll(relay->outgoing);
-    relay->outgoing.clear();
-  }
-  route_.reset();
-  gathered_.clear();
-  gatheredMessages_.clear();
-}
-
-void TURNServer::answer(const TURNMessage& message, const FiveTuple& client) {
-  logAnswer(debugLog, message);
-  const ByteView section = message.attributeSection();
-  sendToClient(message.header(section.size()), section,
-               socketAddress(client.clientIP, client.clientPort));
+  outbox_.add(message, to);
 }
 
 // ---- Relays ------------------------------------------------------------------------------------
 
 void TURNServer::openRelay(const PendingAllocate& allocate) {
   sweep();
-  openings_[allocate.client].allocate = allocate;
+  clients_.open(*this, allocate);
+  lines_.flush();  // the opening's come behind them
   opener_->open(allocate.client, [this, client = allocate.client](auto opened) {
     loop_->post([this, client, opened = std::move(opened)] { concludeOpening(client, opened); });
   });
 }
 
-void TURNServer::keep(Opening& opening, ByteView datagram) {
-  if (opening.kept.size() < maxKeptDatagrams &&
-      opening.keptOctets + datagram.size() <= maxKeptOctets &&
-      !isRetransmission(datagram, opening.allocate)) {
-    opening.keptOctets += datagram.size();
-    opening.kept.emplace_back(datagram.begin(), datagram.end());
-  }
-}
-
-void TURNServer::concludeOpening(const FiveTuple& client,
+void TURNServer::concludeOpening(const Endpoint& endpoint,
                                  std::optional<RelayOpener::Opened> opened) {
-  const auto ended = openings_.extract(client);
-  const Opening& opening = ended.mapped();
-  std::optional<RelayedAddress> address;
+  Client& client = *clients_.find(endpoint);
+  const auto opening = std::move(client.opening);
   if (opened) {
-    auto relay = std::make_unique<ClientRelay>(*this, client, opened->relay);
     try {
-      opened->relay->receive({*loop_, *receiver_, relaySender_}, *relay);
-      opened->relay->onRouteChange(routeCheck());  // what changed before nobody has told it
-      releaseRelay(client);                        // one that this one replaces
-      relayMap_[client] = std::move(relay);
-      address = opened->address;
+      opened->relay->receive({*loop_, *receiver_, relaySender_, relayLineRoom_}, client);
+      client.relay = opened->relay;
+      lifetime_->add(*client.relay);
     } catch (const std::system_error& error) {
+      lines_.flush();
       logLine(debugLog, FMT_COMPILE("relay OPEN FAILED: {}"), error.what());
+      opened->relay->close();
     }
   }
-  answer(allocationTable_->conclude(opening.allocate, address, now()), client);
-  for (const Bytes& datagram : opening.kept) {
-    dispatch(datagram, client);
+  if (client.isOpen()) {
+    answer(allocationTable_->conclude(opening->allocate, opened->address, client.allocation, now()),
+           endpoint);
+  } else {
+    release(client, Release::notOpened);
+    answer(allocationTable_->concludeFailed(opening->allocate, now()), endpoint);
   }
-  sendGathered();
+  ToPeers batch;
+  for (const Bytes& datagram : opening->kept) {
+    dispatch(datagram, endpoint, batch);
+  }
 }
 
-void TURNServer::Routes::onReadable() {
-  watch_.drain();
-  const RouteCheck check = routeCheck();
-  for (const auto& [client, relay] : server_.relayMap_) {
-    relay->relay->onRouteChange(check);
+// The one place where a client loses what it had: its next request gets 437, and it may allocate
+// anew at once.
+void TURNServer::release(Client& client, Release why) {
+  if (why == Release::silent) {
+    lines_.line() << "relay SILENT since its end, released for " << client.endpoint;
+  } else if (why == Release::cutOff) {
+    lines_.line() << "relay CUT OFF from the proxy, released for " << client.endpoint;
   }
-  std::erase_if(server_.cutOff_, [&](const auto& released) {
-    released->relay->onRouteChange(check);
-    return !released->relay->isCutOff();
-  });
-}
-
-// A relay costs two descriptors and an association at the proxy; none of them outlives its use.
-void TURNServer::releaseRelay(const FiveTuple& client) {
-  auto released = relayMap_.extract(client);
-  if (released && released.mapped()->relay->isCutOff()) {
-    cutOff_.push_back(std::move(released.mapped()));
+  if (auto relay = clients_.release(client)) {
+    lifetime_->retire(std::move(relay));
   }
 }
 
 void TURNServer::sweep() {
   const std::uint32_t time = now();
   if (time > graceAfterExpiry) {
-    for (const FiveTuple& expired : allocationTable_->sweepExpired(time - graceAfterExpiry)) {
-      releaseRelay(expired);
+    const auto isLongExpired = [&](const Client& client) {
+      return client.allocation.isExpired(time - graceAfterExpiry);
+    };
+    for (Client* const expired : clients_.those(isLongExpired)) {
+      release(*expired, Release::expired);
     }
   }
 }
@@ -383,102 +356,42 @@ void TURNServer::sweepRegularly() {
 
 // ---- From peers towards clients ----------------------------------------------------------------
 
-TURNServer::ClientRelay::ClientRelay(TURNServer& owner, const FiveTuple& whose,
-                                     std::shared_ptr<TURNRelay> opened)
-    : server(owner),
-      client(whose),
-      clientAddress(socketAddress(whose.clientIP, whose.clientPort)),
-      relay(std::move(opened)) {}
-
-// One that is cut off outlives its release, and its client may have another relay by then.
-bool TURNServer::ClientRelay::isReleased() const {
-  const auto held = server.relayMap_.find(client);
-  return held == server.relayMap_.end() || held->second.get() != this;
-}
-
-void TURNServer::ClientRelay::onDatagrams(std::span<const PeerDatagram> datagrams) {
-  if (!isReleased()) {
-    server.deliverFromRelay(datagrams, *this);
-  }
-}
-
-void TURNServer::ClientRelay::onAssociationEnd(std::string_view reason) {
-  logLine(server.debugLog, FMT_COMPILE("relay END for {}:{}: control connection: {}"),
-          client.clientIP, client.clientPort, reason);
-}
-
-// The client's next request gets 437, and it allocates anew.
-void TURNServer::ClientRelay::onSilence() {
-  if (isReleased()) {
-    return;
-  }
-  logLine(server.debugLog, FMT_COMPILE("relay SILENT since its end, released for {}:{}"),
-          client.clientIP, client.clientPort);
-  server.allocationTable_->remove(client);
-  server.releaseRelay(client);  // and with it this
-}
-
-void TURNServer::deliverFromRelay(std::span<const PeerDatagram> datagrams,
-                                  const ClientRelay& relay) {
-  const FiveTuple& client = relay.client;
-  const Allocation* const allocation = allocationTable_->allocation(client);
-  const bool isAlive = allocation != nullptr && !allocation->isExpired(now());
-  for (const PeerDatagram& datagram : datagrams) {
-    const auto& [payload, peerIP, peerPort] = datagram;
-    logLine(debugLog, FMT_COMPILE("relay rx {}B from {}:{} → client {}:{}"), payload.size(), peerIP,
-            peerPort, client.clientIP, client.clientPort);
-    if (!isAlive) {
-      logLine(debugLog, FMT_COMPILE("relay rx DROP: no allocation or expired for {}:{}"),
-              client.clientIP, client.clientPort);
-      continue;
-    }
-    if (const auto channel = allocation->channelOf(peerIP, peerPort)) {
-      sendToClient(channelDataHeader(*channel, payload), payload, relay.clientAddress);
-    } else if (const auto indication = dataIndication(datagram)) {
-      const ByteView section = indication->attributeSection();
-      sendToClient(indication->header(section.size()), section, relay.clientAddress);
+void TURNServer::onDatagrams(Client& client, std::span<const ReceivedDatagram> datagrams) {
+  const bool isAlive = !client.allocation.isExpired(now());
+  for (const ReceivedDatagram& datagram : datagrams) {
+    const auto& [payload, peer, name] = datagram;
+    if (name) {
+      logLine([this](std::string_view line) { lines_.add(line); },
+              FMT_COMPILE("relay rx {}B from {}:{} → client {}"), payload.size(), *name, peer.port,
+              client.endpoint.text());
     } else {
-      logLine(debugLog, FMT_COMPILE("relay rx DROP: peer address is not IPv4 for {}:{}"),
-              client.clientIP, client.clientPort);
+      lines_.line() << "relay rx " << payload.size() << "B from " << peer << " → client "
+                    << client.endpoint;
+    }
+    if (!isAlive) {
+      lines_.line() << "relay rx DROP: no allocation or expired for " << client.endpoint;
+    } else if (name) {
+      lines_.line() << "relay rx DROP: peer address is not IPv4 for " << client.endpoint;
+    } else if (const auto channel = client.allocation.channelOf(peer)) {
+      outbox_.addChannelData(*channel, payload, client.endpoint);
+    } else {
+      outbox_.addIndication(peer, payload, client.endpoint);
     }
   }
 }
 
-// A Data indication (RFC 5766 section 10.4). Absent when the peer has no IPv4 address.
-std::optional<TURNMessage> TURNServer::dataIndication(const PeerDatagram& datagram) {
-  const auto peerAddress = isDottedQuad(datagram.peerIP) ? TURNAttributes::encodeXorAddress(
-                                                               datagram.peerIP, datagram.peerPort)
-                                                         : std::nullopt;
-  if (!peerAddress) {
-    return std::nullopt;
-  }
-  TransactionID txID{};
-  transactionIDs_.fill(txID);
-  const std::size_t attributeRoom =
-      2 * TURNMessage::attributeHeaderSize + peerAddress->size() + datagram.payload.size() + 3;
-  TURNMessage indication(TURNMethod::dataMsg, TURNClass::indication, txID, attributeRoom);
-  indication.append(TURNAttr::xorPeerAddress, *peerAddress);
-  indication.append(TURNAttr::data, datagram.payload);
-  return indication;
+void TURNServer::onAssociationEnd(Client& client, std::string_view reason) {
+  lines_.line() << "relay END for " << client.endpoint << ": control connection: " << reason;
 }
 
-// Copied, since what comes from several relays in one round leaves together: the copy costs less
-// than a call of its own.
-void TURNServer::sendToClient(ByteView header, ByteView rest, const sockaddr_in& client) {
-  if (clientSender_.isFull()) {
-    sendOutbox();
-  }
-  Bytes& message = outbox_[clientSender_.size()];
-  message.assign(header.begin(), header.end());
-  message.insert(message.end(), rest.begin(), rest.end());
-  clientSender_.add({}, message, client);
+void TURNServer::onLoss(Client& client, RelayListener::Loss loss) {
+  release(client, loss == RelayListener::Loss::silent ? Release::silent : Release::cutOff);
 }
 
-// What a client does not take in time is lost, as UDP has it.
-void TURNServer::sendOutbox() {
-  if (clientSender_.size() > 0) {
-    clientSender_.send(socket_);
-  }
+void TURNServer::endRound() {
+  outbox_.send();
+  clients_.bury();
+  lines_.flush();
 }
 
 }  // namespace zk

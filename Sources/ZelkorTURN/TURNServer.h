@@ -1,27 +1,22 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
-#include <deque>
 #include <exception>
-#include <functional>
 #include <memory>
 #include <optional>
-#include <span>
 #include <string>
 #include <thread>
-#include <unordered_map>
-#include <vector>
 
 #include "Base/LogLine.h"
 #include "Platform/Clock.h"
 #include "Platform/DatagramSocket.h"
 #include "Platform/EventLoop.h"
-#include "Platform/Interfaces.h"
-#include "Platform/Random.h"
-#include "ZelkorTURN/Allocation.h"
-#include "ZelkorTURN/RelayInterfaces.h"
+#include "ZelkorTURN/AllocationTable.h"
+#include "ZelkorTURN/ClientOutbox.h"
+#include "ZelkorTURN/Clients.h"
+#include "ZelkorTURN/RelayLifetime.h"
 #include "ZelkorTURN/RelayOpener.h"
+#include "ZelkorTURN/StrangerRation.h"
 
 namespace zk {
 
@@ -37,12 +32,8 @@ class TURNServerError : public std::exception {
 /// One thread, the loop's, owns everything in here and waits for nothing but events. Only the
 /// opening of relays happens elsewhere (RelayOpener); its outcome is posted to the loop, and what
 /// the client sends meanwhile waits for it. Started once, stopped once.
-class TURNServer final : EventLoop::Source {
+class TURNServer final : EventLoop::Source, ClientEvents {
  public:
-  /// What a client may send while its relay is being opened; the rest is dropped.
-  static constexpr std::size_t maxKeptDatagrams = 64;
-  static constexpr std::size_t maxKeptOctets = 64 << 10;
-
   /// `acceptFingerprint`: see TURNAuth::verifyMessageIntegrity(). `clock`: what counts the seconds
   /// of allocations and nonces, and the loop's timers.
   TURNServer(Credentials credentials, std::string realm,
@@ -69,73 +60,34 @@ class TURNServer final : EventLoop::Source {
 
  private:
   friend struct TURNServerAccess;  // the fuzzer drives the loop itself, on a clock of its own
-
-  // Tells the relays when the machine's routes change.
-  class Routes final : public EventLoop::Source {
-   public:
-    explicit Routes(TURNServer& server) : server_(server) {}
-    int descriptor() const { return watch_.descriptor(); }
-    void onReadable() override;
-
-   private:
-    TURNServer& server_;
-    RouteWatch watch_;
-  };
-  // A client's relay, and what the datagrams at hand have for it.
-  struct ClientRelay final : RelayListener {
-    ClientRelay(TURNServer& owner, const FiveTuple& whose, std::shared_ptr<TURNRelay> opened);
-    ~ClientRelay() { relay->close(); }
-    void onDatagrams(std::span<const PeerDatagram> datagrams) override;
-    void onAssociationEnd(std::string_view reason) override;
-    void onSilence() override;
-    bool isReleased() const;
-
-    TURNServer& server;
-    const FiveTuple client;
-    const sockaddr_in clientAddress;
-    const std::shared_ptr<TURNRelay> relay;
-    std::vector<PeerDatagram> outgoing;
-  };
-  // A client whose relay is being opened, and what it has sent since.
-  struct Opening {
-    PendingAllocate allocate;
-    std::deque<Bytes> kept;
-    std::size_t keptOctets = 0;
-  };
-  // Where a client's data goes; both present, or neither when it goes nowhere.
-  struct Route {
-    FiveTuple client;
-    const Allocation* allocation = nullptr;
-    ClientRelay* relay = nullptr;
-  };
+  class ToPeers;
+  enum class Release { refreshed, expired, silent, cutOff, notOpened };
 
   void prepare();
+  std::uint64_t sinceStart() const { return clock_() - startTime_; }
   std::uint32_t now() const;
 
   // From clients.
   void onReadable() override;
-  void dispatch(ByteView datagram, const FiveTuple& client);
-  void handleSTUN(ByteView datagram, const FiveTuple& client);
-  void handleSendIndication(TURNMessage message, const FiveTuple& client);
-  void handleChannelData(ByteView datagram, const FiveTuple& client);
-  const Route& routeOf(const FiveTuple& client);
-  void gather(ClientRelay& relay, ByteView payload, std::string peerIP, std::uint16_t peerPort);
-  void sendGathered();
-  void answer(const TURNMessage& message, const FiveTuple& client);
+  void dispatch(ByteView datagram, const Endpoint& from, ToPeers& batch);
+  bool isAdmitted(const Endpoint& stranger);
+  void handleSTUN(ByteView datagram, const Endpoint& from, Client* client, ToPeers& batch);
+  void handleSendIndication(const TURNMessageView& message, Client& client, ToPeers& batch);
+  void handleChannelData(ByteView datagram, Client& client, ToPeers& batch);
+  void answer(const TURNMessage& message, const Endpoint& to);
 
   // Relays.
   void openRelay(const PendingAllocate& allocate);
-  void keep(Opening& opening, ByteView datagram);
-  void concludeOpening(const FiveTuple& client, std::optional<RelayOpener::Opened> opened);
-  void releaseRelay(const FiveTuple& client);
+  void concludeOpening(const Endpoint& client, std::optional<RelayOpener::Opened> opened);
+  void release(Client& client, Release why);
   void sweep();
   void sweepRegularly();
 
-  // To clients.
-  void deliverFromRelay(std::span<const PeerDatagram> datagrams, const ClientRelay& relay);
-  std::optional<TURNMessage> dataIndication(const PeerDatagram& datagram);
-  void sendToClient(ByteView header, ByteView rest, const sockaddr_in& client);
-  void sendOutbox();
+  // From relays.
+  void onDatagrams(Client& client, std::span<const ReceivedDatagram> datagrams) override;
+  void onAssociationEnd(Client& client, std::string_view reason) override;
+  void onLoss(Client& client, RelayListener::Loss loss) override;
+  void endRound();
 
   const Credentials credentials_;
   const std::string realm_;
@@ -149,25 +101,19 @@ class TURNServer final : EventLoop::Source {
   std::thread thread_;
 
   // The loop's thread's, as soon as there is one.
+  std::string lineRoom_;
+  LineBatch lines_{debugLog, lineRoom_};  // of the round at hand
+  std::string relayLineRoom_;
   std::optional<EventLoop> loop_;
   DatagramSocket socket_;
-  std::optional<AllocationTable> allocationTable_;
-  std::unordered_map<FiveTuple, std::unique_ptr<ClientRelay>> relayMap_;
-  std::vector<std::unique_ptr<ClientRelay>> cutOff_;  // released, until they may be closed
-  std::unordered_map<FiveTuple, Opening> openings_;
-  RandomPool transactionIDs_;
-  std::optional<Routes> routes_;
-
-  // Bursts: what is received, on its way to a proxy, and on its way to clients.
   std::optional<DatagramReceiver> receiver_;
   DatagramSender relaySender_;
-  DatagramSender clientSender_;
-  // What the datagrams at hand have come to so far. Nothing between bursts.
-  std::optional<Route> route_;
-  std::vector<ClientRelay*> gathered_;         // those with something outgoing
-  std::vector<TURNMessage> gatheredMessages_;  // which payloads may lie in
-  // What clientSender_ is to send at the end of the round. Slots keep their room.
-  std::array<Bytes, maxBurst> outbox_;
+  ClientOutbox outbox_{socket_};
+  std::optional<AllocationTable> allocationTable_;
+  StrangerRation ration_;
+  std::uint64_t strangersDropped_ = 0;  // since the last line about them
+  std::optional<RelayLifetime> lifetime_;
+  Clients clients_;
 
   std::optional<RelayOpener> opener_;  // last, so that it goes first
 };

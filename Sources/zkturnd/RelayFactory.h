@@ -14,7 +14,7 @@ class SOCKS5RelayFactory final : public TURNRelayFactory {
       : settings_(std::make_shared<const SOCKS5RelaySettings>(std::move(settings))) {}
 
   /// A new SOCKS5Relay, not yet opened.
-  std::shared_ptr<TURNRelay> makeRelay(const FiveTuple& /*forClient*/) override {
+  std::shared_ptr<TURNRelay> makeRelay(const Endpoint& /*forClient*/) override {
     return std::make_shared<SOCKS5Relay>(settings_);
   }
 

@@ -30,10 +30,8 @@ std::optional<std::string> presentUnlessEmpty(const std::string& text) {
 
 SOCKS5RelaySettings relaySettings(const Config& config, Logs& logs) {
   SOCKS5RelaySettings settings;
-  settings.proxyHost = config.proxy.host;
-  settings.proxyPort = config.proxy.port;
-  settings.username = presentUnlessEmpty(config.proxy.user);
-  settings.password = presentUnlessEmpty(config.proxy.pass);
+  settings.proxy = {config.proxy.host, config.proxy.port, presentUnlessEmpty(config.proxy.user),
+                    presentUnlessEmpty(config.proxy.pass)};
   settings.reportsMappedPort = config.options.relayedPort == RelayedPort::mapped;
   settings.dataPlaneLog = [&logs](std::string_view line) { logs.zkDPLog(line); };
   settings.egressLog = [&logs](std::string_view line) { logs.plog(line); };

@@ -11,7 +11,6 @@
 #include <netinet/udp.h>
 #include <sys/mman.h>
 
-#include "Base/IPv4.h"
 #include "Platform/DatagramSocket.h"
 
 namespace zk {
@@ -76,8 +75,8 @@ ByteView DatagramReceiver::datagram(std::size_t i) const {
   return ByteView(room_->buffers[i]).first(room_->messages[i].msg_len);
 }
 
-const sockaddr_in& DatagramReceiver::sender(std::size_t i) const {
-  return room_->senders[i];
+Endpoint DatagramReceiver::sender(std::size_t i) const {
+  return Endpoint::of(room_->senders[i]);
 }
 
 // ---- Sending -----------------------------------------------------------------------------------
@@ -99,7 +98,7 @@ struct DatagramSender::Burst {
   std::array<Result, maxBurst> results;
 
   bool goTogether(std::size_t a, std::size_t b) const {
-    return isSameAddress(receivers[a], receivers[b]);
+    return Endpoint::of(receivers[a]) == Endpoint::of(receivers[b]);
   }
   std::size_t runFrom(std::size_t first, std::size_t end) const;
   std::size_t prepare(std::size_t first, std::size_t end, bool segments);
@@ -154,14 +153,14 @@ DatagramSender::DatagramSender() : burst_(std::make_unique<Burst>()) {}
 
 DatagramSender::~DatagramSender() = default;
 
-void DatagramSender::add(ByteView header, ByteView payload, const sockaddr_in& to) {
+void DatagramSender::add(ByteView header, ByteView payload, const Endpoint& to) {
   assert(!isFull() && header.size() <= maxHeader);
   const std::size_t i = count_++;
   std::copy(header.begin(), header.end(), burst_->headers[i].begin());
   burst_->vectors[2 * i] = {burst_->headers[i].data(), header.size()};
   burst_->vectors[2 * i + 1] = {const_cast<std::uint8_t*>(payload.data()), payload.size()};
   burst_->sizes[i] = header.size() + payload.size();
-  burst_->receivers[i] = to;
+  burst_->receivers[i] = to.socketAddress();
 }
 
 std::span<const DatagramSender::Result> DatagramSender::send(DatagramSocket& socket) {

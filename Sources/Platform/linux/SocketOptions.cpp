@@ -27,9 +27,11 @@ Descriptor openNonBlockingSocket(int family, int type, int protocol) {
 }
 
 // One option for both families.
-bool pinToInterface(int socket, int /*family*/, unsigned interfaceIndex) {
+void pinToInterface(int socket, int /*family*/, unsigned interfaceIndex) {
   const int index = static_cast<int>(interfaceIndex);
-  return setsockopt(socket, SOL_SOCKET, SO_BINDTOIFINDEX, &index, sizeof index) == 0;
+  if (setsockopt(socket, SOL_SOCKET, SO_BINDTOIFINDEX, &index, sizeof index) != 0) {
+    throw std::system_error(errno, std::generic_category(), "pin");
+  }
 }
 
 void keepAlive(int socket, std::chrono::seconds idle, std::chrono::seconds interval, int probes) {

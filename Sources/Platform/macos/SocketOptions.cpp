@@ -38,11 +38,12 @@ Descriptor openNonBlockingSocket(int family, int type, int protocol) {
   return opened;
 }
 
-bool pinToInterface(int socket, int family, unsigned interfaceIndex) {
+void pinToInterface(int socket, int family, unsigned interfaceIndex) {
   const bool isIPv6 = family == AF_INET6;
-  return setsockopt(socket, isIPv6 ? IPPROTO_IPV6 : IPPROTO_IP,
-                    isIPv6 ? IPV6_BOUND_IF : IP_BOUND_IF, &interfaceIndex,
-                    sizeof interfaceIndex) == 0;
+  if (setsockopt(socket, isIPv6 ? IPPROTO_IPV6 : IPPROTO_IP, isIPv6 ? IPV6_BOUND_IF : IP_BOUND_IF,
+                 &interfaceIndex, sizeof interfaceIndex) != 0) {
+    throw std::system_error(errno, std::generic_category(), "pin");
+  }
 }
 
 void keepAlive(int socket, std::chrono::seconds idle, std::chrono::seconds interval, int probes) {

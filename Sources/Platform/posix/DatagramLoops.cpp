@@ -63,8 +63,8 @@ ByteView DatagramReceiver::datagram(std::size_t i) const {
   return ByteView(room_->buffers[i]).first(room_->sizes[i]);
 }
 
-const sockaddr_in& DatagramReceiver::sender(std::size_t i) const {
-  return room_->senders[i];
+Endpoint DatagramReceiver::sender(std::size_t i) const {
+  return Endpoint::of(room_->senders[i]);
 }
 
 // ---- Sending -----------------------------------------------------------------------------------
@@ -83,13 +83,13 @@ DatagramSender::DatagramSender() : burst_(std::make_unique<Burst>()) {}
 
 DatagramSender::~DatagramSender() = default;
 
-void DatagramSender::add(ByteView header, ByteView payload, const sockaddr_in& to) {
+void DatagramSender::add(ByteView header, ByteView payload, const Endpoint& to) {
   assert(!isFull() && header.size() <= maxHeader);
   Burst::Datagram& datagram = burst_->datagrams[count_++];
   std::copy(header.begin(), header.end(), datagram.header.begin());
   datagram.parts = {iovec{datagram.header.data(), header.size()},
                     iovec{const_cast<std::uint8_t*>(payload.data()), payload.size()}};
-  datagram.receiver = to;
+  datagram.receiver = to.socketAddress();
 }
 
 std::span<const DatagramSender::Result> DatagramSender::send(DatagramSocket& socket) {

@@ -19,14 +19,15 @@ DatagramSocket DatagramSocket::open() {
   return socket;
 }
 
-void DatagramSocket::bind(const sockaddr_in& address) {
+void DatagramSocket::bind(const Endpoint& local) {
+  const sockaddr_in address = local.socketAddress();
   if (::bind(descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     throw std::system_error(errno, std::generic_category(), "bind");
   }
 }
 
-bool DatagramSocket::pin(unsigned interfaceIndex) {
-  return pinToInterface(descriptor(), AF_INET, interfaceIndex);
+void DatagramSocket::pin(unsigned interfaceIndex) {
+  pinToInterface(descriptor(), AF_INET, interfaceIndex);
 }
 
 void DatagramSocket::enlargeBuffers() {
@@ -34,19 +35,23 @@ void DatagramSocket::enlargeBuffers() {
   setsockopt(descriptor(), SOL_SOCKET, SO_SNDBUF, &wantedBuffer, sizeof wantedBuffer);
 }
 
-sockaddr_in DatagramSocket::localAddress() const {
+Endpoint DatagramSocket::localAddress() const {
   sockaddr_in address{};
   socklen_t length = sizeof address;
   getsockname(descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
-  return address;
+  return Endpoint::of(address);
 }
 
-std::ptrdiff_t DatagramSocket::send(ByteView datagram, const sockaddr_in& to) {
+std::ptrdiff_t DatagramSocket::send(ByteView datagram, const Endpoint& to) {
+  const sockaddr_in address = to.socketAddress();
   ssize_t sent = 0;
   do {
     sent = sendto(descriptor(), datagram.data(), datagram.size(), 0,
-                  reinterpret_cast<const sockaddr*>(&to), sizeof to);
+                  reinterpret_cast<const sockaddr*>(&address), sizeof address);
   } while (sent < 0 && errno == EINTR);
+  if (sent < 0) {
+    throw std::system_error(errno, std::generic_category(), "sendto");
+  }
   return sent;
 }
 
