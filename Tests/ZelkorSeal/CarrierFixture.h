@@ -1,8 +1,10 @@
 #pragma once
 
+#include <cerrno>
 #include <mutex>
 #include <vector>
 
+#include "Platform/Sockets.h"
 #include "ZelkorSeal/SealedNetwork.h"
 
 namespace zk::test {
@@ -53,7 +55,7 @@ class CarrierTest : public testing::Test {
     while (true) {
       const ssize_t got = recv(socket, buffer.data(), buffer.size(), 0);
       if (got <= 0) {
-        return got == 0 ? all : all + "<" + lastErrorText() + ">";
+        return got == 0 ? all : all + "<" + errorText(errno) + ">";
       }
       all.append(buffer.data(), static_cast<std::size_t>(got));
     }

@@ -35,10 +35,10 @@ constexpr Endpoint far{0xCB007107, 443};
 
 // A SYN of a Linux system with its options, from `program` to `far`.
 const Bytes syn = [] {
-  Bytes packet =
-      hex("4500003c000040004006000000000000000000000000000000001111222200000000a002ff0000"
-          "000000020405b40402080a0102030400000000010303070000");
-  packet.resize(60);
+  Bytes packet(24);
+  const Bytes rest =
+      hex("11112222 00000000 a002ff00 00000000 020405b4 0402080a 01020304 00000000 01030307");
+  packet.insert(packet.end(), rest.begin(), rest.end());
   auto made = PacketAnswer::datagram(program, far, Bytes(32));  // the IP header
   std::copy_n(made.begin(), 9, packet.begin());
   packet[9] = 6;
@@ -66,7 +66,8 @@ TEST(PacketTest, ReadsASegmentAndGivesItOtherAddresses) {
   EXPECT_EQ(packet->payload().size(), 0U);
   EXPECT_EQ(packet->nextSequence(), packet->sequence() + 1);
 
-  std::mt19937 random(5);
+  std::mt19937 engine(5);
+  const auto random = [&] { return static_cast<std::uint32_t>(engine()); };
   for (int i = 0; i < 20'000; ++i) {
     const Endpoint from{random(), static_cast<std::uint16_t>(random())};
     const Endpoint to{i % 3 == 0 ? 0 : random(), static_cast<std::uint16_t>(random())};

@@ -20,6 +20,7 @@
 #include "System.h"
 #include "ZelkorSeal/Carrier.h"
 #include "ZelkorSeal/Network.h"
+#include "ZelkorSeal/Steps.h"
 
 namespace zk::test {
 
