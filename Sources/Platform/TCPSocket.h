@@ -77,7 +77,6 @@ class Conduit {
   Descriptor reader_;
   Descriptor writer_;
   Bytes buffer_;
-  std::size_t at_ = 0;
 };
 
 }  // namespace zk

@@ -22,6 +22,11 @@ constexpr int maxPackets = 32;
 constexpr std::uint32_t everyHost = 0xFFFFFFFF;
 constexpr std::uint32_t everyHostOfSeal = SealNetwork::address | 0xFF;
 
+bool isError(const Packet& icmp) {
+  constexpr std::uint8_t unreachable = 3;
+  return !icmp.payload().empty() && icmp.payload()[0] == unreachable;
+}
+
 }  // namespace
 
 Carrier::Carrier(EventLoop& loop, SealDescriptors seal, CarrierSettings settings)
@@ -29,7 +34,7 @@ Carrier::Carrier(EventLoop& loop, SealDescriptors seal, CarrierSettings settings
       settings_(std::move(settings)),
       tun_(std::move(seal.tun)),
       buffer_(maxPacket),
-      way_(loop, settings_.proxy),
+      way_(loop, settings_.proxy, settings_.way),
       names_(loop, way_, settings_.proxy, settings_.nameServers, settings_.log),
       gate_(
           loop, way_, settings_.proxy, std::move(seal.listener),
@@ -60,6 +65,9 @@ void Carrier::onReadable() {
 
 void Carrier::take(std::span<std::uint8_t> octets) {
   auto packet = Packet::parse(octets);
+  if (packet && packet->protocol() == Packet::icmp && isError(*packet)) {
+    return;  // of the seal's own system, and nobody's wish
+  }
   if (!packet || packet->source().address != SealNetwork::address) {
     keptIn_.add(Kind::other, {});
     return;

@@ -15,6 +15,7 @@ namespace zk {
 /// What a seal's programs may reach, and how.
 struct CarrierSettings {
   ProxyAccess proxy;
+  std::optional<ProxyWay::Way> way;  // to the proxy, that has been seen to work
   std::vector<Endpoint> nameServers{Names::defaultServers.begin(), Names::defaultServers.end()};
   /// Private addresses (RFC 1918, RFC 6598) are carried as well: the proxy is the way into their
   /// network.

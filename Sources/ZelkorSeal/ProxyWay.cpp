@@ -15,7 +15,8 @@ constexpr double defaultTimeout = 10;
 
 }  // namespace
 
-ProxyWay::ProxyWay(EventLoop& loop, const ProxyAccess& access) : loop_(loop), access_(access) {
+ProxyWay::ProxyWay(EventLoop& loop, const ProxyAccess& access, std::optional<Way> known)
+    : loop_(loop), access_(access), known_(known) {
   if (routes_.descriptor() >= 0) {
     loop_.watch(routes_.descriptor(), *this);
   }

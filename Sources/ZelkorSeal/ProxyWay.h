@@ -24,19 +24,22 @@ struct ProxyAccess {
   bool viaDefault = false;  // by the default route and no other way
 };
 
+struct WayToProxy {
+  sockaddr_storage address{};
+  std::optional<unsigned> interface;  // to which connections are pinned
+  std::uint64_t number = 0;           // of the look-up that found it
+};
+
 /// The proxy's address and the way to it that worked last: pinned past a VPN, or the default route.
 /// Looked up beside the loop when somebody needs it, and anew when the machine's routes change or
 /// a connection could not be made. The loop's thread.
 class ProxyWay final : EventLoop::Source {
  public:
-  struct Way {
-    sockaddr_storage address{};
-    std::optional<unsigned> interface;  // to which connections are pinned
-    std::uint64_t number = 0;           // of the look-up that found it
-  };
+  using Way = WayToProxy;
 
-  /// `loop` and `access` outlive this. Throws std::system_error.
-  ProxyWay(EventLoop& loop, const ProxyAccess& access);
+  /// `loop` and `access` outlive this. `known` is a way that works, if there is one. Throws
+  /// std::system_error.
+  ProxyWay(EventLoop& loop, const ProxyAccess& access, std::optional<Way> known = std::nullopt);
   /// Ends what is under way.
   ~ProxyWay();
   ProxyWay(const ProxyWay&) = delete;

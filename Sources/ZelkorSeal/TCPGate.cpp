@@ -50,7 +50,7 @@ void TCPGate::takeFromProgram(Packet& segment, const Endpoint& target) {
   const bool begins = segment.has(Packet::syn) && !segment.has(Packet::ack);
   Flow* flow = flows_.ofProgram(segment.source(), segment.destination());
   if (flow != nullptr && begins && flow->ends[0].hasEnded) {  // the program uses its port again
-    flows_.remove(*flow);
+    forget(*flow);
     flow = nullptr;
   }
   if (flow != nullptr) {
@@ -100,12 +100,16 @@ void TCPGate::forward(Flow& flow, Packet& segment, Side from) {
   }
   send_(segment.octets());
   if (isLast) {
-    const Connection* const connection = connectionOf(flow);
-    if (connection != nullptr && connection->proxy) {  // not accepted, and will not be
-      giveUp(flow.connection);
-    } else {
-      flows_.remove(flow);
-    }
+    forget(flow);
+  }
+}
+
+void TCPGate::forget(const Flow& flow) {
+  const Connection* const connection = connectionOf(flow);
+  if (connection != nullptr && !connection->bridge) {  // not accepted, and will not be
+    giveUp(flow.connection);
+  } else {
+    flows_.remove(flow);
   }
 }
 

@@ -63,6 +63,7 @@ class TCPGate final : EventLoop::Source {
   void refuse(Connection& connection, SOCKS5Request::Reply reply);
   void join(std::uint64_t id, TCPSocket program);
   void giveUp(std::uint64_t id);
+  void forget(const Flow& flow);
   void forward(Flow& flow, Packet& segment, FlowTable::Side from);
   void answerStray(const Packet& segment);
   Connection* connectionOf(const Flow& flow);

@@ -11,9 +11,6 @@ namespace zk {
 Conduit::Conduit() : buffer_(capacity) {}
 
 Transfer Conduit::fill(const TCPSocket& from) {
-  std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(at_),
-            buffer_.begin() + static_cast<std::ptrdiff_t>(at_ + held_), buffer_.begin());
-  at_ = 0;
   const Transfer filled =
       transferOf(recv(from.descriptor(), buffer_.data() + held_, capacity - held_, MSG_DONTWAIT));
   held_ += filled.octets;
@@ -21,10 +18,9 @@ Transfer Conduit::fill(const TCPSocket& from) {
 }
 
 Transfer Conduit::drain(const TCPSocket& to) {
-  const Transfer drained =
-      transferOf(send(to.descriptor(), buffer_.data() + at_, held_, MSG_DONTWAIT));
-  at_ += drained.octets;
+  const Transfer drained = transferOf(send(to.descriptor(), buffer_.data(), held_, MSG_DONTWAIT));
   held_ -= drained.octets;
+  std::copy_n(buffer_.data() + drained.octets, held_, buffer_.data());
   return drained;
 }
 
