@@ -4,13 +4,22 @@
 #include <cstdint>
 #include <optional>
 #include <span>
-#include <string>
+#include <system_error>
 
 #include "Base/Bytes.h"
 #include "Platform/Descriptor.h"
 #include "Platform/Sockets.h"
 
 namespace zk {
+
+/// What came of reading or writing: octets, or why there are none.
+struct StreamResult {
+  enum class Kind { octets, end, timedOut, stopped, failed };
+
+  Kind kind = Kind::octets;
+  std::size_t count = 0;    // of octets, at least one
+  std::error_code error{};  // the system's reason when it failed
+};
 
 /// The read side and the write side of one connected TCP socket, which it owns. Every wait ends at
 /// its deadline and when the stop signal is raised. One thread at a time.
@@ -20,21 +29,19 @@ class ByteStreamPair {
   ByteStreamPair(Descriptor socket, const StopSignal* stop)
       : socket_(std::move(socket)), stop_(stop) {}
 
-  /// At least one octet and at most `into.size()`. 0 at the end of the stream, when the deadline
-  /// passed and when stopped; negative on an error.
-  std::ptrdiff_t read(std::span<std::uint8_t> into, Deadline deadline);
+  /// Reads at most `into.size()` octets.
+  StreamResult read(std::span<std::uint8_t> into, Deadline deadline);
 
-  /// Octets taken from the front of `bytes`, at least one; 0 when the deadline passed or when
-  /// stopped, negative on an error. A connection that the far end has reset gives an error and
-  /// never a SIGPIPE.
-  std::ptrdiff_t write(ByteView bytes, Deadline deadline);
+  /// Takes octets from the front of `bytes`. A connection that the far end has reset fails and
+  /// never raises SIGPIPE.
+  StreamResult write(ByteView bytes, Deadline deadline);
 
   /// For whoever waits for several things at once.
   int descriptor() const { return socket_.get(); }
 
-  /// What has come by now, without waiting: its end, the reason of an error, or nothing of either
-  /// kind. Octets are thrown away.
-  std::optional<std::string> takeEnd();
+  /// How the stream has ended by now, `end` or `failed`; absent while it lives. Never waits. Octets
+  /// that have come are thrown away.
+  std::optional<StreamResult> takeEnd();
 
  private:
   Descriptor socket_;

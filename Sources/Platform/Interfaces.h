@@ -1,7 +1,9 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <sys/socket.h>
@@ -9,12 +11,6 @@
 #include "Platform/Descriptor.h"
 
 namespace zk {
-
-/// The look at this machine's network interfaces and routes. Everything is asked of the system
-/// afresh, takes about a millisecond, needs no privilege and never fails: what the system does not
-/// answer is as if it were not there. Any thread.
-///
-/// Destinations are IPv4 or IPv6 socket addresses whose port does not matter.
 
 enum class InterfaceType { wifi, wiredEthernet, other };
 
@@ -25,18 +21,9 @@ struct NetworkInterface {
   InterfaceType type = InterfaceType::other;
 };
 
-/// The interfaces that are up, have a carrier and an address: first those that have a default
-/// route, by its metric, then the others; by index where that leaves them equal.
-///
-/// What is stacked on hardware (a bridge, bond, VLAN, macvlan) counts as what lies under it.
-/// Tunnels, the loopback, and bridges that only containers are plugged into are `other`: what is
-/// sent into them stays here, or leaves the machine by a way that somebody else decides.
-std::vector<NetworkInterface> availableInterfaces();
-
-/// Whether a route of that interface leads to `destination`. A socket pinned to an interface
-/// without one would take the destination for a neighbour and ask for it on the local network,
-/// where anybody may answer.
-bool hasRoute(unsigned interfaceIndex, const sockaddr& destination);
+/// What became of an interface: there is none with its index any more; it lacks a carrier or an
+/// address, or is down; or traffic can go through it.
+enum class InterfaceState { gone, unusable, usable };
 
 /// A route that reaches its destinations on the interface's own link, with no gateway between.
 struct LinkRoute {
@@ -44,19 +31,62 @@ struct LinkRoute {
   unsigned prefixLength = 0;
 };
 
-/// The most specific route to `destination`, whichever table it stands in, when it is a link route.
-std::optional<LinkRoute> linkRouteTo(const sockaddr& destination);
+/// The system could not be asked about its interfaces or routes (no descriptor, no memory). That
+/// says nothing about them: nobody may take it for "there is none".
+class LookFailed : public std::system_error {
+ public:
+  using std::system_error::system_error;
+};
 
-/// Whether `destination` is an address of this machine, the loopback's included.
-bool isOwnAddress(const sockaddr& destination);
+/// Whether there is a route, where a look that failed is an answer of its own.
+enum class RouteAnswer { no, yes, unknown };
+
+/// A look at this machine's network interfaces and routes. Everything is asked of the system
+/// afresh, takes about a millisecond and needs no privilege. What a look needs is opened by the
+/// constructor, so that an object that is kept works also when descriptors have run out. One thread
+/// at a time. Everything but askRoute() throws LookFailed.
+///
+/// Destinations are IPv4 or IPv6 socket addresses whose port does not matter.
+class Interfaces {
+ public:
+  Interfaces();
+  ~Interfaces();
+
+  /// The interfaces that are usable: first those that have a default route, by its metric, then the
+  /// others; by index where that leaves them equal.
+  ///
+  /// What is stacked on hardware (a bridge, bond, VLAN, macvlan) counts as what lies under it.
+  /// Tunnels, the loopback, and bridges that only containers are plugged into are `other`: what is
+  /// sent into them stays here, or leaves the machine by a way that somebody else decides.
+  std::vector<NetworkInterface> available();
+
+  InterfaceState stateOf(unsigned interfaceIndex);
+
+  /// Whether a route of that interface leads to `destination`; of any interface when the index is
+  /// 0. A socket pinned to an interface without one would take the destination for a neighbour and
+  /// ask for it on the local network, where anybody may answer.
+  bool hasRoute(unsigned interfaceIndex, const sockaddr& destination);
+  RouteAnswer askRoute(unsigned interfaceIndex, const sockaddr& destination);
+
+  /// The most specific route to `destination`, whichever table it stands in, when it is a link
+  /// route.
+  std::optional<LinkRoute> linkRouteTo(const sockaddr& destination);
+
+  /// Whether `destination` is an address of this machine, the loopback's included.
+  bool isOwnAddress(const sockaddr& destination);
+
+ private:
+  struct System;
+  const std::unique_ptr<System> system_;
+};
 
 /// Is told by the system when routes, addresses or interfaces change.
 class RouteWatch {
  public:
-  /// Where the system has no such watch to give there is none, and nothing is ever told.
+  /// Throws std::system_error when there is no watch to be had.
   RouteWatch();
 
-  /// Readable after a change; -1 without a watch.
+  /// Readable after a change.
   int descriptor() const { return socket_.get(); }
   /// Forgets what has been told so far. Never blocks.
   void drain();

@@ -24,6 +24,8 @@ struct LogFileMode {
 class LogFile {
  public:
   /// At this size a file is renamed to PATH.1, in the place of the one before, and begun anew.
+  /// Where somebody keeps that from happening it is cut: PATH.1 may be another user's, and a lock
+  /// on the log may be held for ever.
   static constexpr std::uint64_t maxSize = 64 << 20;
 
   /// Opens nothing yet. `path` must outlive the object.
@@ -37,14 +39,16 @@ class LogFile {
  private:
   void look(std::uint64_t now);
   void open();
-  void rotate();
+  void rotate(std::uint64_t now);
+  bool lock(std::uint64_t now);
   bool isAtPath() const;
 
   const char* const path_;
   const LogFileMode mode_;
   Descriptor file_;
   std::uint64_t size_ = 0;
-  std::uint64_t nextLook_ = 0;  // monotonic nanoseconds
+  std::uint64_t nextLook_ = 0;      // monotonic nanoseconds
+  std::uint64_t nextPatience_ = 0;  // likewise: when a lock may be waited for again
 };
 
 }  // namespace zk

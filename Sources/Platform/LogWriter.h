@@ -17,6 +17,8 @@ namespace zk {
 
 /// Writes log files on a thread of its own, which is the only one that waits for the disk. Lines
 /// reach their file in the order of appending, within 20 milliseconds while the disk keeps up.
+/// While they keep coming, some every few hundredths of a second, nobody has to wake the thread for
+/// them.
 class LogWriter {
  public:
   /// How much memory a file may take while its disk stands still, in octets.
@@ -34,9 +36,10 @@ class LogWriter {
   /// Returns the number by which append() knows it.
   std::size_t open(const char* path, LogFileMode mode = {});
 
-  /// Adds whole lines, line feeds included. Any thread; never waits for the disk. While the disk is
-  /// maxPending octets behind, lines are counted instead, and one line then tells how many.
-  void append(std::size_t file, std::string_view lines);
+  /// Adds a line, or several joined by line feeds, without the last line feed; each gets `prefix`
+  /// in front. Any thread; never waits for the disk. While the disk is maxPending octets behind,
+  /// lines are counted instead, and one line then tells how many.
+  void append(std::size_t file, std::string_view lines, std::string_view prefix = {});
 
   /// Waits until all lines of before are in their files, or `limit` has passed. Whether they are.
   bool flush(std::chrono::milliseconds limit);
@@ -52,13 +55,13 @@ class LogWriter {
   };
 
   void run();
-  void takeBatches() REQUIRES(lock_);
+  void write() REQUIRES(lock_);
   bool hasPending() const REQUIRES(lock_);
 
   Mutex lock_;
   std::condition_variable_any changed_;
   std::vector<Pending> pending_ GUARDED_BY(lock_);  // by file
-  bool isIdle_ GUARDED_BY(lock_) = false;           // the thread waits to be told of a first line
+  bool isIdle_ GUARDED_BY(lock_) = false;           // the thread sleeps until it is woken
   bool isWriting_ GUARDED_BY(lock_) = false;
   unsigned flushing_ GUARDED_BY(lock_) = 0;  // how many wait in flush()
   bool ends_ GUARDED_BY(lock_) = false;

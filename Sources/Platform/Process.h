@@ -27,7 +27,8 @@ void awaitStop();
 /// them, also where whoever gave us the input made it non-blocking.
 std::size_t readInput(std::span<char> into);
 
-/// Writes to standard output, unbuffered, in one piece. Whether anybody reads it shows nowhere.
+/// Writes to standard output, unbuffered; waits for room there until it is time to stop. Whether
+/// anybody reads it shows nowhere.
 void writeOutput(std::string_view text);
 
 /// Ends the process at once, without destructors: threads may still run.

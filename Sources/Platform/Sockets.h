@@ -1,14 +1,10 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
-#include <optional>
-#include <span>
 #include <string>
 
 #include <netinet/in.h>
 
-#include "Base/Bytes.h"
 #include "Platform/Descriptor.h"
 
 namespace zk {
@@ -17,9 +13,6 @@ class StopSignal;
 
 /// The system's text for an error number.
 std::string errorText(int error);
-
-/// The same for the last call that has failed on this thread.
-std::string lastErrorText();
 
 /// An IPv4 or IPv6 address as numbers, without its port.
 std::string numericText(const sockaddr& address);
@@ -33,11 +26,9 @@ enum class Wait { ready, timedOut, stopped, failed };
 /// ready), the deadline has passed, or `stop` is raised, if there is one.
 Wait waitFor(int descriptor, short events, Deadline deadline, const StopSignal* stop = nullptr);
 
-/// Connects a socket that does not block. Whether it was connected before the deadline passed and
-/// `stop` was raised; throws std::system_error when the system or the far end refuses.
-bool connectSocket(int socket, const sockaddr& to, Deadline deadline, const StopSignal* stop);
-
-// What each system says in its own way.
+/// Connects a socket that does not block: `ready` when it is connected. Throws std::system_error
+/// when the system or the far end refuses.
+Wait connectSocket(int socket, const sockaddr& to, Deadline deadline, const StopSignal* stop);
 
 /// A socket that is close-on-exec, does not block, and never raises SIGPIPE when it is written to
 /// with sendFlags. Throws std::system_error.
@@ -65,30 +56,5 @@ struct Pipe {
   Descriptor writer;
 };
 Pipe openPipe();
-
-// Sockets that a caller owns by number.
-
-/// socket(), close-on-exec. -1 and errno on failure.
-int openSocket(int family, int type, int protocol);
-
-/// bind(). Whether it succeeded; errno when not.
-bool bindSocket(int socket, const sockaddr_in& address);
-
-/// The local address of a socket; all zero when the system does not say.
-sockaddr_in localAddress(int socket);
-
-/// The index of the interface of that name, 0 when there is none.
-unsigned interfaceIndex(const std::string& name);
-
-/// One datagram in, cut at the size of `into`, and whom it came from. Octets received; absent when
-/// none waits in a socket that does not block. Throws std::system_error.
-std::optional<std::size_t> receiveDatagram(int socket, std::span<std::uint8_t> into,
-                                           sockaddr_in& from);
-
-void closeSocket(int socket);
-
-/// Waits until `socket` is ready for one of the poll(2) `events` or `milliseconds` have passed, and
-/// returns what poll() returned, never being interrupted by a signal.
-int pollSocket(int socket, short events, int milliseconds);
 
 }  // namespace zk

@@ -6,7 +6,8 @@
 
 namespace zk {
 
-/// Tells threads that wait for the network to give up. Raised once, and for good.
+/// Tells threads that wait that something has happened, mostly that they are to give up. Raised
+/// once, and for good.
 ///
 /// It is a descriptor that becomes readable, so that whoever waits for a socket waits for it as
 /// well: shutting down a socket under a thread does not wake it on every system.
@@ -15,7 +16,7 @@ class StopSignal {
   /// Throws std::system_error when there is no descriptor to be had.
   StopSignal();
 
-  /// Any thread, any number of times. Cannot fail.
+  /// Any thread and any signal handler, any number of times. Cannot fail.
   void raise();
   bool isRaised() const { return isRaised_; }
   /// Readable from raise() on.

@@ -40,23 +40,34 @@ std::optional<unsigned> InterfaceScope::interfaceFor(std::string_view host,
   if (!shouldScope(host, override)) {
     return std::nullopt;
   }
+  Interfaces look;
+  return interfaceFor(host, destination, override, look);
+}
+
+std::optional<unsigned> InterfaceScope::interfaceFor(std::string_view host,
+                                                     const sockaddr& destination,
+                                                     std::optional<bool> override,
+                                                     Interfaces& look) {
+  if (!shouldScope(host, override)) {
+    return std::nullopt;
+  }
   if (const auto ipv4 = ipv4Of(destination); ipv4 && destination.sa_family != AF_INET) {
     const sockaddr_in asIPv4 = Endpoint{*ipv4}.socketAddress();
-    return interfaceFor(host, reinterpret_cast<const sockaddr&>(asIPv4), override);
+    return interfaceFor(host, reinterpret_cast<const sockaddr&>(asIPv4), override, look);
   }
   const AddressBlock block = blockOf(destination);
-  if (block.reach == Reach::machine || isOwnAddress(destination)) {
+  if (block.reach == Reach::machine || look.isOwnAddress(destination)) {
     return std::nullopt;
   }
   if (block.reach == Reach::privateNetwork) {
     // A route wider than the block is some way of taking over everything.
-    const auto route = linkRouteTo(destination);
+    const auto route = look.linkRouteTo(destination);
     if (route && route->prefixLength >= block.prefixLength) {
       return route->interfaceIndex;
     }
   }
-  for (const NetworkInterface& interface : availableInterfaces()) {
-    if (interface.type != InterfaceType::other && hasRoute(interface.index, destination)) {
+  for (const NetworkInterface& interface : look.available()) {
+    if (interface.type != InterfaceType::other && look.hasRoute(interface.index, destination)) {
       return interface.index;
     }
   }

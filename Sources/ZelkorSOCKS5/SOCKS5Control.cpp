@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include "Base/Endpoint.h"
+#include "Platform/Interfaces.h"
 #include "Platform/Resolver.h"
 #include "Platform/StopSignal.h"
 #include "ZelkorSOCKS5/InterfaceScope.h"
@@ -41,6 +42,16 @@ const sockaddr& generic(const sockaddr_storage& address) {
   return reinterpret_cast<const sockaddr&>(address);
 }
 
+SOCKS5Error::Cause causeOf(const std::error_code& error) {
+  using Cause = SOCKS5Error::Cause;
+  return error == std::errc::connection_refused ? Cause::refused
+         : error == std::errc::connection_reset ? Cause::reset
+         : error == std::errc::timed_out        ? Cause::timedOut
+         : error == std::errc::host_unreachable || error == std::errc::network_unreachable
+             ? Cause::unreachable
+             : Cause::other;
+}
+
 }  // namespace
 
 SOCKS5Control::SOCKS5Control(std::string host, std::int64_t port,
@@ -66,18 +77,20 @@ void SOCKS5Control::connect(std::optional<bool> viaDefault) {
     list += (list.empty() ? "" : ", ") + numericText(generic(address.address));
   }
   tell(Stage::nameFound, list);
-  std::string failure;
+  std::optional<SOCKS5Error> failure;  // the last one
   for (const ResolvedAddress& address : resolution.addresses) {
-    if (tryAddress(address, viaDefault, failure)) {
+    failure = tryAddress(address, viaDefault);
+    if (!failure) {
       return;
     }
     failIfStopped();
   }
-  throw SOCKS5Error::connectionFailed("connect: " + failure);
+  throw *failure;
 }
 
-bool SOCKS5Control::tryAddress(const ResolvedAddress& address, std::optional<bool> viaDefault,
-                               std::string& failure) {
+// Why that address is not connected to; absent when it is.
+std::optional<SOCKS5Error> SOCKS5Control::tryAddress(const ResolvedAddress& address,
+                                                     std::optional<bool> viaDefault) {
   const sockaddr& destination = generic(address.address);
   try {
     Descriptor socket = openNonBlockingSocket(address.family, address.type, address.protocol);
@@ -85,18 +98,21 @@ bool SOCKS5Control::tryAddress(const ResolvedAddress& address, std::optional<boo
     if (interface) {
       pinToInterface(socket.get(), address.family, *interface);
     }
-    if (!connectSocket(socket.get(), destination, deadlineAfter(Seconds(timeout_)), stop_)) {
-      failure = "connect timeout";
-      return false;
+    if (connectSocket(socket.get(), destination, deadlineAfter(Seconds(timeout_)), stop_) !=
+        Wait::ready) {
+      return SOCKS5Error::connectionFailed("connect: connect timeout",
+                                           SOCKS5Error::Cause::timedOut);
     }
     stream_.emplace(std::move(socket), stop_);
     proxyAddress_ = address.address;
     pinnedInterface_ = interface;
     tell(Stage::connected, numericText(destination));
-    return true;
+    return std::nullopt;
+  } catch (const LookFailed&) {
+    throw;  // nobody knows the way to any of the addresses
   } catch (const std::system_error& error) {
-    failure = errorText(error.code().value());
-    return false;
+    return SOCKS5Error::connectionFailed("connect: " + error.code().message(),
+                                         causeOf(error.code()));
   }
 }
 
@@ -161,7 +177,10 @@ void SOCKS5Control::setQuiet(bool isQuiet) {
 }
 
 std::optional<std::string> SOCKS5Control::takeEnd() {
-  return stream_ ? stream_->takeEnd() : std::nullopt;
+  const auto end = stream_ ? stream_->takeEnd() : std::nullopt;
+  return !end                                   ? std::nullopt
+         : end->kind == StreamResult::Kind::end ? std::optional("end of stream")
+                                                : std::optional(end->error.message());
 }
 
 void SOCKS5Control::writeAll(ByteView bytes) {
@@ -170,12 +189,11 @@ void SOCKS5Control::writeAll(ByteView bytes) {
   }
   const Deadline deadline = deadlineAfter(Seconds(timeout_));
   while (!bytes.empty()) {
-    const std::ptrdiff_t written = stream_->write(bytes, deadline);
-    failIfStopped();
-    if (written <= 0) {
-      throw SOCKS5Error::connectionFailed(fmt::format("write {}", written));
+    const StreamResult written = stream_->write(bytes, deadline);
+    if (written.kind != StreamResult::Kind::octets) {
+      fail("write", written);
     }
-    bytes = bytes.subspan(static_cast<std::size_t>(written));
+    bytes = bytes.subspan(written.count);
   }
 }
 
@@ -187,31 +205,41 @@ Bytes SOCKS5Control::readExactly(std::size_t count) {
   std::size_t held = 0;
   const Deadline deadline = deadlineAfter(Seconds(timeout_));
   while (held < count) {
-    const std::ptrdiff_t got = stream_->read(std::span(result).subspan(held), deadline);
-    failIfStopped();
-    if (got < 0) {
-      throw SOCKS5Error::connectionFailed(fmt::format("read {}", got));
-    }
-    if (got == 0) {
-      // After the end of the stream nothing will come, and the time limit decides all the same.
+    const StreamResult got = stream_->read(std::span(result).subspan(held), deadline);
+    if (got.kind == StreamResult::Kind::end && !failsWhenClosed) {
       waitFor(-1, 0, deadline, stop_);
-      failIfStopped();
-      throw SOCKS5Error::connectionFailed("read timeout");
     }
-    held += static_cast<std::size_t>(got);
+    if (got.kind != StreamResult::Kind::octets) {
+      fail("read", got);
+    }
+    held += got.count;
   }
   return result;
 }
 
+void SOCKS5Control::fail(const char* operation, const StreamResult& result) const {
+  using Cause = SOCKS5Error::Cause;
+  failIfStopped();
+  switch (result.kind) {
+    case StreamResult::Kind::end:
+      throw SOCKS5Error::connectionFailed("read timeout", Cause::closed);
+    case StreamResult::Kind::timedOut:
+      throw SOCKS5Error::connectionFailed(
+          operation == std::string_view("read") ? "read timeout" : "write 0", Cause::timedOut);
+    default:
+      throw SOCKS5Error::connectionFailed(fmt::format("{} -1", operation), causeOf(result.error));
+  }
+}
+
 void SOCKS5Control::tell(Stage stage, const std::string& detail) const {
   if (onStage) {
-    onStage(stage, detail);
+    onStage(*this, stage, detail);
   }
 }
 
 void SOCKS5Control::failIfStopped() const {
   if (stop_ != nullptr && stop_->isRaised()) {
-    throw SOCKS5Error::connectionFailed("stopped");
+    throw SOCKS5Error::connectionFailed("stopped", SOCKS5Error::Cause::stopped);
   }
 }
 

@@ -33,8 +33,12 @@ class SOCKS5Control {
 
   enum class Stage { nameFound, connected, methodChosen, loggedIn, associated };
   /// Told of each stage once it is behind, with what was found there, for those who want to watch.
-  using StageWatcher = std::function<void(Stage, const std::string&)>;
+  using StageWatcher = std::function<void(const SOCKS5Control&, Stage, const std::string&)>;
   StageWatcher onStage;
+  /// Whether a connection that the proxy closes fails at once, for those who advise somebody. Else
+  /// it fails when the time limit passes, as if the proxy said nothing: clients try again and
+  /// again.
+  bool failsWhenClosed = false;
 
   /// Resolves the proxy and connects to the first of its addresses that answers. Sockets are pinned
   /// as InterfaceScope decides for the configured host with `viaDefault` as the override. Throws
@@ -70,13 +74,14 @@ class SOCKS5Control {
   void close() { stream_.reset(); }
 
  private:
-  bool tryAddress(const struct ResolvedAddress& address, std::optional<bool> viaDefault,
-                  std::string& failure);
+  std::optional<SOCKS5Error> tryAddress(const struct ResolvedAddress& address,
+                                        std::optional<bool> viaDefault);
   void negotiate();
   std::string readAddress(std::uint8_t addressType);
   void writeAll(ByteView bytes);
   Bytes readExactly(std::size_t count);
   void failIfStopped() const;
+  [[noreturn]] void fail(const char* operation, const StreamResult& result) const;
   void tell(Stage stage, const std::string& detail) const;
 
   const std::string host_;

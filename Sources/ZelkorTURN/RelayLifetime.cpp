@@ -9,6 +9,8 @@ namespace {
 // Asks the system once for each way: mostly all relays have the same.
 class RouteLook {
  public:
+  explicit RouteLook(Interfaces& interfaces) : interfaces_(interfaces) {}
+
   void judge(TURNRelay& relay) {
     const RelayWay way = relay.way();
     if (!way.interface) {
@@ -17,27 +19,27 @@ class RouteLook {
     const auto [entry, isNew] = known_.try_emplace({*way.interface, way.destination.address});
     if (isNew) {
       const sockaddr_in address = way.destination.socketAddress();
-      entry->second = hasRoute(*way.interface, reinterpret_cast<const sockaddr&>(address));
+      entry->second =
+          interfaces_.askRoute(*way.interface, reinterpret_cast<const sockaddr&>(address));
     }
-    relay.setCutOff(!entry->second);
+    if (entry->second != RouteAnswer::unknown) {
+      relay.setCutOff(entry->second == RouteAnswer::no);
+    }
   }
 
  private:
-  std::map<std::pair<unsigned, std::uint32_t>, bool> known_;
+  Interfaces& interfaces_;
+  std::map<std::pair<unsigned, std::uint32_t>, RouteAnswer> known_;
 };
 
 }  // namespace
 
 RelayLifetime::RelayLifetime(EventLoop& loop) : loop_(loop) {
-  if (watch_.descriptor() >= 0) {
-    loop_.watch(watch_.descriptor(), *this);
-  }
+  loop_.watch(watch_.descriptor(), *this);
 }
 
 RelayLifetime::~RelayLifetime() {
-  if (watch_.descriptor() >= 0) {
-    loop_.unwatch(watch_.descriptor());
-  }
+  loop_.unwatch(watch_.descriptor());
   for (TURNRelay* const relay : inUse_) {
     relay->close();
   }
@@ -48,7 +50,7 @@ RelayLifetime::~RelayLifetime() {
 
 void RelayLifetime::add(TURNRelay& relay) {
   inUse_.insert(&relay);
-  RouteLook().judge(relay);
+  RouteLook(interfaces_).judge(relay);
 }
 
 void RelayLifetime::retire(std::shared_ptr<TURNRelay> relay) {
@@ -63,7 +65,7 @@ void RelayLifetime::retire(std::shared_ptr<TURNRelay> relay) {
 
 void RelayLifetime::onReadable() {
   watch_.drain();
-  RouteLook look;
+  RouteLook look(interfaces_);
   for (TURNRelay* const relay : inUse_) {
     look.judge(*relay);
   }

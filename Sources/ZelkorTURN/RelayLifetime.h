@@ -30,6 +30,7 @@ class RelayLifetime final : EventLoop::Source {
 
   EventLoop& loop_;
   RouteWatch watch_;
+  Interfaces interfaces_;  // kept: a look must not need a descriptor when there is none left
   std::unordered_set<TURNRelay*> inUse_;
   std::vector<std::shared_ptr<TURNRelay>> quiet_;
 };

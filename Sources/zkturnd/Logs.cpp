@@ -1,7 +1,5 @@
 #include "zkturnd/Logs.h"
 
-#include <fmt/format.h>
-
 #include "Platform/Clock.h"
 
 namespace zk {
@@ -12,27 +10,19 @@ Logs::Logs()
       dataPlane_(writer_.open("/tmp/zkturnd-dp.log")),
       egress_(writer_.open("/tmp/zk-egress.log", {.bits = 0666, .ignoresUmask = true})) {}
 
-void Logs::appendDebugLog(std::string_view message) {
+void Logs::appendDebugLog(std::string_view lines) {
   char stamp[timestampLength + 1];
   writeTimestamp(stamp, wallClockMicroseconds());
   stamp[timestampLength] = ' ';
-  fmt::memory_buffer line;
-  line.append(stamp, stamp + sizeof stamp);
-  line.append(message);
-  line.push_back('\n');
-  writer_.append(debug_, {line.data(), line.size()});
+  writer_.append(debug_, lines, {stamp, sizeof stamp});
 }
 
-void Logs::zkDPLog(std::string_view line) {
-  fmt::memory_buffer whole;
-  whole.append(line);
-  whole.push_back('\n');
-  writer_.append(dataPlane_, {whole.data(), whole.size()});
+void Logs::zkDPLog(std::string_view lines) {
+  writer_.append(dataPlane_, lines);
 }
 
-void Logs::plog(std::string_view line) {
-  writer_.append(egress_,
-                 fmt::format("{} [egress-probe] {}\n", dateText(wallClockMicroseconds()), line));
+void Logs::plog(std::string_view lines) {
+  writer_.append(egress_, lines, dateText(wallClockMicroseconds()) + " [egress-probe] ");
 }
 
 }  // namespace zk

@@ -7,8 +7,8 @@
 
 namespace zk {
 
-/// The three logs of the daemon. Every operation but flush() takes one line without its line feed,
-/// returns at once, and may be called on any thread.
+/// The three logs of the daemon. Every operation but flush() takes one line, or several joined by
+/// line feeds, without the last line feed, returns at once, and may be called on any thread.
 class Logs {
  public:
   /// Opens the files, and starts the thread that writes them. Throws std::system_error when there
@@ -17,11 +17,11 @@ class Logs {
 
   /// /tmp/zkturnd.log: the daemon and its TURN service, with the time at which each line was
   /// reported.
-  void appendDebugLog(std::string_view message);
+  void appendDebugLog(std::string_view lines);
   /// /tmp/zkturnd-dp.log: every datagram to and from the proxy.
-  void zkDPLog(std::string_view line);
+  void zkDPLog(std::string_view lines);
   /// /tmp/zk-egress.log: the search for the proxy's public address, with the date.
-  void plog(std::string_view line);
+  void plog(std::string_view lines);
 
   /// Waits until all lines are in their files, or `limit` has passed.
   void flush(std::chrono::milliseconds limit) { writer_.flush(limit); }

@@ -10,10 +10,10 @@
 #include <fmt/format.h>
 
 #include "Platform/Process.h"
-#include "Platform/Thread.h"
 #include "ZelkorTURN/TURNServer.h"
 #include "zkturnd/Configuration.h"
 #include "zkturnd/Logs.h"
+#include "zkturnd/ParentWatch.h"
 #include "zkturnd/RelayFactory.h"
 #include "zkturnd/StatusOutput.h"
 
@@ -54,12 +54,7 @@ SOCKS5RelaySettings relaySettings(const Config& config, Logs& logs) {
   try {
     takeTerminationSignal();
     server.start();
-    startThread("zk.turnd.stdin-watch", [] {
-      char discarded[256];
-      while (readInput(discarded) > 0) {
-      }
-      requestStop();
-    }).detach();
+    watchParent();
   } catch (const std::exception& error) {
     failToStart(error);  // here, where nobody waits for the disk first
   }

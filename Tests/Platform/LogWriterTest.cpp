@@ -3,12 +3,15 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include "Base/LogLine.h"
 #include "Loopback/Scratch.h"
+#include "Platform/Descriptor.h"
 #include "Platform/LogWriter.h"
 #include "Support.h"
 
@@ -46,20 +49,22 @@ TEST(LogWriter, HasEveryLineInItsFileSoonAndInOrder) {
   double soonest = 9;
   for (std::size_t i = 1; i <= 10; ++i) {
     const test::Stopwatch time;
-    writer.append(0, "line\n");
-    EXPECT_TRUE(test::eventually([&] { return contentOf(paths[0]).size() == 7 + i * 5; }));
+    writer.append(0, "a\nb", "> ");
+    EXPECT_TRUE(test::eventually([&] { return contentOf(paths[0]).size() == 7 + i * 8; }));
     soonest = std::min(soonest, time.seconds());
   }
   EXPECT_LT(soonest, 0.03);
+
+  EXPECT_TRUE(contentOf(paths[0]).starts_with("before\n> a\n> b\n> a\n"));
 
   std::string wanted[] = {contentOf(paths[0]), ""};
   std::thread threads[2];
   for (std::size_t file = 0; file < 2; ++file) {
     threads[file] = std::thread([&, file] {
       for (int i = 0; i < 20'000; ++i) {
-        const std::string line = fmt::format("{} {}\n", file, i);
+        const std::string line = fmt::format("{} {}", file, i);
         writer.append(file, line);
-        wanted[file] += line;
+        wanted[file] += line + '\n';
       }
     });
   }
@@ -78,15 +83,15 @@ TEST(LogWriter, CountsTheLinesForWhichThereIsNoRoom) {
   constexpr std::size_t fits = LogWriter::maxPending / 512;
   std::string lines;
   for (std::size_t i = 0; i < fits; ++i) {
-    lines += std::string(511, '.') + '\n';
+    lines += (i == 0 ? "" : "\n") + std::string(511, '.');
   }
   {
     LogWriter writer("zk.test.log");
     writer.open(path.c_str());
     writer.append(0, lines);
-    writer.append(0, lines + "one too many\n");  // whether or not there is something pending
+    writer.append(0, lines + "\none too many");  // whether or not there is something pending
     EXPECT_TRUE(writer.flush(std::chrono::seconds(20)));
-    writer.append(0, "the next\n");
+    writer.append(0, "the next");
   }  // the end writes what is pending
   std::ifstream all(path);
   std::size_t whole = 0;
@@ -122,6 +127,46 @@ TEST(LogFile, BeginsAnewAtItsLargestSizeWhoeverElseWrites) {
   one.append("one\n");
   EXPECT_EQ(contentOf(path), "new\nother\none\n");
   EXPECT_EQ(fs::file_size(path + ".1"), LogFile::maxSize + 5);
+}
+
+// What others may do in a directory that everybody can write to.
+TEST(LogFile, IsCutWhereItCannotBeRenamed) {
+  const TemporaryFolder folder;
+  const std::string path = folder.write("log", "");
+  const std::string before = path + ".1";
+  fs::create_directories(before + "/in the way");
+  const auto growsAndAppends = [&] {
+    LogFile log(path.c_str(), {});
+    log.append({});
+    fs::resize_file(path, LogFile::maxSize);
+    std::this_thread::sleep_for(600ms);
+    log.append("first\n");
+    log.append("second\n");
+    return contentOf(path);
+  };
+  EXPECT_TRUE(growsAndAppends() == "first\nsecond\n") << "a folder at the new name";
+  fs::remove_all(before);
+  const Descriptor theirs(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(flock(theirs.get(), LOCK_EX), 0);
+  const test::Stopwatch time;
+  EXPECT_TRUE(growsAndAppends() == "first\nsecond\n") << "a lock that is never given";
+  EXPECT_LT(time.seconds(), 1.5);
+  EXPECT_FALSE(fs::exists(before));
+
+  // A second daemon that renames it has the lock for a moment only.
+  LogFile log(path.c_str(), {});
+  log.append({});
+  fs::resize_file(path, LogFile::maxSize);
+  std::this_thread::sleep_for(600ms);
+  std::thread other([&] {
+    std::this_thread::sleep_for(30ms);
+    fs::rename(path, before);
+    flock(theirs.get(), LOCK_UN);
+  });
+  log.append("new\n");
+  other.join();
+  EXPECT_TRUE(contentOf(path) == "new\n");
+  EXPECT_EQ(fs::file_size(before), LogFile::maxSize);
 }
 
 }  // namespace

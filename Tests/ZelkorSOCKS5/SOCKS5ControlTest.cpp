@@ -10,7 +10,7 @@
 #include <netdb.h>
 #include <sys/socket.h>
 
-#include "Base/IPv4.h"
+#include "Base/Endpoint.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Platform/Resolver.h"
 #include "Platform/Sockets.h"
@@ -206,9 +206,8 @@ TEST(SOCKS5Control, NamesWhatIsWrongWithAnAnswer) {
 class CannedProxy {
  public:
   explicit CannedProxy(const std::string& ip, std::uint16_t port = 0)
-      : listener_(openSocket(ip.find(':') == std::string::npos ? AF_INET : AF_INET6, SOCK_STREAM,
-                             IPPROTO_TCP)) {
-    sockaddr_in ipv4 = socketAddress(ip, port);
+      : listener_(socket(ip.find(':') == std::string::npos ? AF_INET : AF_INET6, SOCK_STREAM, 0)) {
+    sockaddr_in ipv4 = Endpoint{parseAddress(ip).value_or(0), port}.socketAddress();
     sockaddr_in6 ipv6{};
     ipv6.sin6_family = AF_INET6;
     const bool isIPv6 = inet_pton(AF_INET6, ip.c_str(), &ipv6.sin6_addr) == 1;

@@ -1,29 +1,26 @@
 #include "Platform/Process.h"
 
-#include <csignal>
-
-#include <fcntl.h>
 #include <malloc.h>
-#include <sys/resource.h>
+#include <pthread.h>
 #include <unistd.h>
+
+#include "Platform/posix/System.h"
 
 namespace zk {
 
-void prepareProcess() {
-  int opened = open("/dev/null", O_RDWR);
-  while (opened >= 0 && opened <= STDERR_FILENO) {
-    opened = dup(opened);
-  }
+void closeInherited() {
   close_range(STDERR_FILENO + 1, ~0U, 0);
-  rlimit descriptors{};
-  if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0) {
-    descriptors.rlim_cur = descriptors.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &descriptors);
-  }
-  const rlimit none{0, 0};
-  setrlimit(RLIMIT_CORE, &none);
-  std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGXFSZ, SIG_IGN);
+}
+
+rlim_t mostDescriptors(rlim_t hardLimit) {
+  return hardLimit;
+}
+
+// What is longer is refused.
+const std::size_t maxThreadName = 15;
+
+void nameThisThread(const char* name) {
+  pthread_setname_np(pthread_self(), name);
 }
 
 void returnFreedMemory() {

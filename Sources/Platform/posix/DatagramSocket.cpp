@@ -1,9 +1,7 @@
 #include "Platform/DatagramSocket.h"
 
-#include <cerrno>
-#include <system_error>
-
 #include "Platform/Sockets.h"
+#include "Platform/posix/System.h"
 
 namespace zk {
 namespace {
@@ -21,9 +19,8 @@ DatagramSocket DatagramSocket::open() {
 
 void DatagramSocket::bind(const Endpoint& local) {
   const sockaddr_in address = local.socketAddress();
-  if (::bind(descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    throw std::system_error(errno, std::generic_category(), "bind");
-  }
+  require(::bind(descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
+          "bind");
 }
 
 void DatagramSocket::pin(unsigned interfaceIndex) {
@@ -31,8 +28,8 @@ void DatagramSocket::pin(unsigned interfaceIndex) {
 }
 
 void DatagramSocket::enlargeBuffers() {
-  setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &wantedBuffer, sizeof wantedBuffer);
-  setsockopt(descriptor(), SOL_SOCKET, SO_SNDBUF, &wantedBuffer, sizeof wantedBuffer);
+  setOption(descriptor(), SOL_SOCKET, SO_RCVBUF, wantedBuffer);
+  setOption(descriptor(), SOL_SOCKET, SO_SNDBUF, wantedBuffer);
 }
 
 Endpoint DatagramSocket::localAddress() const {
@@ -49,9 +46,7 @@ std::ptrdiff_t DatagramSocket::send(ByteView datagram, const Endpoint& to) {
     sent = sendto(descriptor(), datagram.data(), datagram.size(), 0,
                   reinterpret_cast<const sockaddr*>(&address), sizeof address);
   } while (sent < 0 && errno == EINTR);
-  if (sent < 0) {
-    throw std::system_error(errno, std::generic_category(), "sendto");
-  }
+  require(sent >= 0, "sendto");
   return sent;
 }
 

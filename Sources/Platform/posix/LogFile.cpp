@@ -1,8 +1,10 @@
 #include "Platform/LogFile.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <string>
+#include <thread>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -14,7 +16,13 @@
 namespace zk {
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr std::uint64_t lookInterval = 500'000'000;  // nanoseconds; the promise is a second
+// A lock is waited for 100 milliseconds, at most once a second.
+constexpr auto lockInterval = 5ms;
+constexpr int lockTries = 21;
+constexpr std::uint64_t patienceInterval = 1'000'000'000;
 
 bool isOurs(int file, struct stat& status) {
   return fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
@@ -49,7 +57,7 @@ void LogFile::look(std::uint64_t now) {
     }
   }
   if (file_ && size_ >= maxSize) {
-    rotate();
+    rotate(now);
   }
 }
 
@@ -83,12 +91,31 @@ void LogFile::open() {
 
 // Another process may be about to do the same: whoever has the lock looks whether the file is still
 // the one at the path, and so a young file never takes the place of the one before.
-void LogFile::rotate() {
-  if (flock(file_.get(), LOCK_EX | LOCK_NB) == 0 && isAtPath()) {
+void LogFile::rotate(std::uint64_t now) {
+  const bool isLocked = lock(now);
+  if (isAtPath()) {
     const std::string before = std::string(path_) + ".1";
-    std::rename(path_, before.c_str());
+    if (!isLocked || std::rename(path_, before.c_str()) != 0) {
+      [[maybe_unused]] const int result = ftruncate(file_.get(), 0);
+    }
   }
   open();
+}
+
+// Whoever rotates the file holds the lock for a moment; whoever holds it longer does something
+// else.
+bool LogFile::lock(std::uint64_t now) {
+  const auto tries = now >= nextPatience_ ? lockTries : 1;
+  for (int i = 0; i < tries; ++i) {
+    if (i > 0) {
+      std::this_thread::sleep_for(lockInterval);
+    }
+    if (flock(file_.get(), LOCK_EX | LOCK_NB) == 0) {
+      return true;
+    }
+  }
+  nextPatience_ = now + patienceInterval;
+  return false;
 }
 
 }  // namespace zk

@@ -1,30 +1,26 @@
 #include "Platform/Process.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <thread>
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "Platform/Sockets.h"
+#include "Platform/StopSignal.h"
+#include "Platform/posix/System.h"
 
 namespace zk {
 namespace {
 
-// A pipe that becomes readable when it is time to stop. A signal handler may only touch what is
-// lock-free and static.
-Pipe& stopPipe() {
-  static Pipe pipe = openPipe();
-  return pipe;
-}
-std::atomic<int> stopWriter{-1};
-
-void waitUntilReadable(int descriptor) {
-  pollfd waiting{descriptor, POLLIN, 0};
-  while (poll(&waiting, 1, -1) < 0 && errno == EINTR) {
-  }
-}
+// What ends awaitStop(). A signal handler may only touch what is lock-free and static.
+std::atomic<StopSignal*> stopRequest{nullptr};
 
 extern "C" void noteTermination(int /*signal*/) {
   const int savedErrno = errno;
@@ -34,8 +30,26 @@ extern "C" void noteTermination(int /*signal*/) {
 
 }  // namespace
 
+void prepareProcess() {
+  int opened = open("/dev/null", O_RDWR);
+  while (opened >= 0 && opened <= STDERR_FILENO) {
+    opened = dup(opened);
+  }
+  closeInherited();
+  rlimit descriptors{};
+  if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0) {
+    descriptors.rlim_cur = std::max(descriptors.rlim_cur, mostDescriptors(descriptors.rlim_max));
+    setrlimit(RLIMIT_NOFILE, &descriptors);
+  }
+  const rlimit none{0, 0};
+  setrlimit(RLIMIT_CORE, &none);
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+}
+
 void takeTerminationSignal() {
-  stopWriter = stopPipe().writer.get();
+  static StopSignal request;
+  stopRequest = &request;
   struct sigaction action {};
   action.sa_handler = noteTermination;
   action.sa_flags = SA_RESTART;
@@ -48,13 +62,13 @@ void takeTerminationSignal() {
 }
 
 void requestStop() {
-  const char octet = 0;
-  // A full pipe is as good as a written one.
-  [[maybe_unused]] const ssize_t written = write(stopWriter, &octet, 1);
+  stopRequest.load()->raise();
 }
 
 void awaitStop() {
-  waitUntilReadable(stopPipe().reader.get());
+  while (waitFor(-1, 0, Deadline::max(), stopRequest) != Wait::stopped) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));  // the system is out of memory, say
+  }
 }
 
 std::size_t readInput(std::span<char> into) {
@@ -64,7 +78,7 @@ std::size_t readInput(std::span<char> into) {
       return static_cast<std::size_t>(got);
     }
     if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      waitUntilReadable(STDIN_FILENO);
+      waitFor(STDIN_FILENO, POLLIN, Deadline::max());
     } else if (errno != EINTR) {
       return 0;
     }
@@ -72,7 +86,14 @@ std::size_t readInput(std::span<char> into) {
 }
 
 void writeOutput(std::string_view text) {
-  [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
+  while (!text.empty() &&
+         waitFor(STDOUT_FILENO, POLLOUT, Deadline::max(), stopRequest) != Wait::stopped) {
+    const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
+    if (written < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+      return;
+    }
+    text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
+  }
 }
 
 void endProcess(int status) {

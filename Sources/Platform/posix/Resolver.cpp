@@ -10,6 +10,7 @@
 #include <poll.h>
 
 #include "Platform/Mutex.h"
+#include "Platform/StopSignal.h"
 #include "Platform/Thread.h"
 
 namespace zk {
@@ -50,22 +51,19 @@ Resolution ask(const Question& question, int extraFlags) {
 // One lookup, shared by the thread that does it and the one that waits.
 class Lookup {
  public:
-  Lookup() : pipe_(openPipe()) {}
-
   void conclude(Resolution result) {
     const MutexLock guard(lock_);
     result_ = std::move(result);
-    isConcluded_ = true;
-    pipe_.writer.reset();  // wakes the waiter
+    concluded_.raise();
     if (isLeftBehind_) {
       --leftBehind;
     }
   }
 
   Resolution await(Deadline deadline, const StopSignal* stop) {
-    const Wait outcome = waitFor(pipe_.reader.get(), POLLIN, deadline, stop);
+    const Wait outcome = waitFor(concluded_.descriptor(), POLLIN, deadline, stop);
     const MutexLock guard(lock_);
-    if (isConcluded_) {
+    if (concluded_.isRaised()) {
       return std::move(result_);
     }
     isLeftBehind_ = true;
@@ -74,10 +72,9 @@ class Lookup {
   }
 
  private:
-  Pipe pipe_;
+  StopSignal concluded_;
   Mutex lock_;
   Resolution result_ GUARDED_BY(lock_);
-  bool isConcluded_ GUARDED_BY(lock_) = false;
   bool isLeftBehind_ GUARDED_BY(lock_) = false;
 };
 

@@ -6,23 +6,18 @@
 #include <limits>
 #include <system_error>
 
-#include <net/if.h>
 #include <netdb.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include "Platform/Clock.h"
 #include "Platform/StopSignal.h"
+#include "Platform/posix/System.h"
 
 namespace zk {
 
 std::string errorText(int error) {
   return std::generic_category().message(error);
-}
-
-std::string lastErrorText() {
-  return errorText(errno);
 }
 
 std::string numericText(const sockaddr& address) {
@@ -57,12 +52,13 @@ Wait waitFor(int descriptor, short events, Deadline deadline, const StopSignal* 
   }
 }
 
-bool connectSocket(int socket, const sockaddr& to, Deadline deadline, const StopSignal* stop) {
+Wait connectSocket(int socket, const sockaddr& to, Deadline deadline, const StopSignal* stop) {
   const socklen_t length = to.sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
   int error = connect(socket, &to, length) == 0 ? 0 : errno;
   if (error == EINPROGRESS) {
-    if (waitFor(socket, POLLOUT, deadline, stop) != Wait::ready) {
-      return false;
+    const Wait wait = waitFor(socket, POLLOUT, deadline, stop);
+    if (wait != Wait::ready) {
+      return wait;
     }
     socklen_t size = sizeof error;
     getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size);
@@ -70,58 +66,14 @@ bool connectSocket(int socket, const sockaddr& to, Deadline deadline, const Stop
   if (error != 0) {
     throw std::system_error(error, std::generic_category(), "connect");
   }
-  return true;
+  return Wait::ready;
 }
 
-bool bindSocket(int socket, const sockaddr_in& address) {
-  return bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-}
-
-sockaddr_in localAddress(int socket) {
-  sockaddr_in address{};
-  socklen_t length = sizeof address;
-  getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length);
-  return address;
-}
-
-unsigned interfaceIndex(const std::string& name) {
-  return if_nametoindex(name.c_str());
-}
-
-std::optional<std::size_t> receiveDatagram(int socket, std::span<std::uint8_t> into,
-                                           sockaddr_in& from) {
-  while (true) {
-    socklen_t length = sizeof from;
-    const ssize_t received =
-        recvfrom(socket, into.data(), into.size(), 0, reinterpret_cast<sockaddr*>(&from), &length);
-    if (received >= 0) {
-      return static_cast<std::size_t>(received);
-    }
-    if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      return std::nullopt;
-    }
-    if (errno != EINTR) {
-      throw std::system_error(errno, std::generic_category(), "recvfrom");
-    }
-  }
-}
-
-void closeSocket(int socket) {
-  close(socket);
-}
-
-int pollSocket(int socket, short events, int milliseconds) {
-  const std::uint64_t deadline =
-      monotonicNanoseconds() + static_cast<std::uint64_t>(std::max(milliseconds, 0)) * 1'000'000U;
-  pollfd waiting{socket, events, 0};
-  while (true) {
-    const int ready = poll(&waiting, 1, milliseconds);
-    if (ready >= 0 || errno != EINTR) {
-      return ready;
-    }
-    const std::uint64_t now = monotonicNanoseconds();
-    milliseconds = now >= deadline ? 0 : static_cast<int>((deadline - now) / 1'000'000U);
-  }
+void keepAlive(int socket, std::chrono::seconds idle, std::chrono::seconds interval, int probes) {
+  setOption(socket, IPPROTO_TCP, keepAliveIdleOption, static_cast<int>(idle.count()));
+  setOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, static_cast<int>(interval.count()));
+  setOption(socket, IPPROTO_TCP, TCP_KEEPCNT, probes);
+  setOption(socket, SOL_SOCKET, SO_KEEPALIVE, probes > 0 ? 1 : 0);
 }
 
 }  // namespace zk

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cerrno>
+#include <system_error>
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include "Base/Bytes.h"
+#include "Platform/Descriptor.h"
+
+// What the files of posix/ and of the system's own folder ask of each other.
+
+namespace zk {
+
+/// Throws std::system_error about `call` with its errno unless that is ok.
+inline void require(bool ok, const char* call) {
+  if (!ok) {
+    throw std::system_error(errno, std::generic_category(), call);
+  }
+}
+
+inline void setOption(int socket, int level, int option, int value) {
+  setsockopt(socket, level, option, &value, sizeof value);
+}
+
+/// The TCP option that holds the seconds of silence before the first probe.
+extern const int keepAliveIdleOption;
+
+/// Closes every descriptor but those of standard input, output and error.
+void closeInherited();
+
+/// The highest soft limit of descriptors that the system takes under that hard one.
+rlim_t mostDescriptors(rlim_t hardLimit);
+
+/// Gives the calling thread a name of at most that many octets.
+void nameThisThread(const char* name);
+extern const std::size_t maxThreadName;
+
+/// A socket for questions about interfaces. Throws LookFailed.
+Descriptor openForLooks(int family, int type);
+
+/// The octets of an IPv4 or IPv6 address; none for another family.
+ByteView octetsOf(const sockaddr& address);
+
+/// Whether two addresses have their first `bits` in common. They have as many.
+bool sharePrefix(const std::uint8_t* a, const std::uint8_t* b, unsigned bits);
+
+}  // namespace zk
