@@ -10,15 +10,13 @@ namespace zk::loopback {
 
 /// The value of an attribute that holds an address masked with the magic cookie.
 inline Bytes xorAddress(const Endpoint& endpoint) {
-  const auto value = *TURNAttributes::encodeXorAddress(endpoint.ip(), endpoint.port);
+  const auto value = TURNAttributes::encodeXorAddress(endpoint);
   return {value.begin(), value.end()};
 }
 
 /// The same in reverse; absent for anything but an IPv4 address.
 inline std::optional<Endpoint> xorAddressIn(ByteView value) {
-  const auto address = TURNAttributes::decodeXorAddress(value);
-  return address ? std::optional(Endpoint{parseAddress(address->ip).value(), address->port})
-                 : std::nullopt;
+  return TURNAttributes::decodeXorAddress(value);
 }
 
 }  // namespace zk::loopback
