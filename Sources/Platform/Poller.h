@@ -35,8 +35,7 @@ class Poller {
   /// `writable`, in turns when they are many: none is reported twice before all others have been.
   /// Waits for one, for wake(), or until `limit` has passed; a negative limit means for ever, zero
   /// not at all. May return early with nothing.
-  void wait(std::chrono::nanoseconds limit, std::vector<int>& ready,
-            std::vector<int>* writable = nullptr);
+  void wait(std::chrono::nanoseconds limit, std::vector<int>& ready, std::vector<int>& writable);
 
   /// Ends a wait() that is under way, or the next one. Any thread.
   void wake();

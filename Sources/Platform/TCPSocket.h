@@ -19,7 +19,10 @@ struct Transfer {
   std::size_t octets = 0;  // more than 0 if and only if moved
 };
 
-/// A TCP connection that never blocks and closes with its owner. Linux only, as what stands on it.
+/// Of a system call's result, and its error where that is negative.
+Transfer transferOf(std::ptrdiff_t result);
+
+/// A TCP connection that never blocks and closes with its owner.
 class TCPSocket {
  public:
   /// None.
@@ -52,7 +55,8 @@ class TCPSocket {
   Descriptor descriptor_;
 };
 
-/// A pipe into which one socket's octets go and out of which they go into another, without a copy.
+/// What one socket's octets go into and out of which they go into another; without a copy where the
+/// system knows how.
 class Conduit {
  public:
   /// So much at most is in it.
@@ -68,9 +72,12 @@ class Conduit {
   Transfer drain(const TCPSocket& to);
 
  private:
+  std::size_t held_ = 0;
+  // Of a pipe, or a buffer in its place.
   Descriptor reader_;
   Descriptor writer_;
-  std::size_t held_ = 0;
+  Bytes buffer_;
+  std::size_t at_ = 0;
 };
 
 }  // namespace zk

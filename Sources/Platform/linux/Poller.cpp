@@ -52,7 +52,7 @@ void Poller::remove(int descriptor) {
 }
 
 void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready,
-                  std::vector<int>* writable) {
+                  std::vector<int>& writable) {
   using std::chrono::milliseconds;
   // Rounded up: a timer that is not yet due would be waited for in a busy loop.
   const auto wanted = std::chrono::ceil<milliseconds>(limit).count();
@@ -63,9 +63,7 @@ void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready,
   std::array<epoll_event, maxEvents> events;
   const int count = epoll_wait(poller_.get(), events.data(), maxEvents, timeout);
   ready.clear();
-  if (writable != nullptr) {
-    writable->clear();
-  }
+  writable.clear();
   for (int i = 0; i < count; ++i) {
     const auto [occurred, data] = events[static_cast<std::size_t>(i)];
     const int descriptor = data.fd;
@@ -74,8 +72,8 @@ void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready,
       [[maybe_unused]] const ssize_t got = read(descriptor, &counter, sizeof counter);
       continue;
     }
-    if ((occurred & EPOLLOUT) != 0 && writable != nullptr) {
-      writable->push_back(descriptor);
+    if ((occurred & EPOLLOUT) != 0) {
+      writable.push_back(descriptor);
     }
     if ((occurred & EPOLLIN) != 0 || (occurred & EPOLLOUT) == 0) {  // or an end, or an error
       ready.push_back(descriptor);

@@ -61,7 +61,7 @@ void Poller::remove(int descriptor) {
 }
 
 void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready,
-                  std::vector<int>* writable) {
+                  std::vector<int>& writable) {
   using std::chrono::seconds;
   const auto whole = std::chrono::floor<seconds>(limit);
   const timespec timeout{static_cast<time_t>(whole.count()),
@@ -70,15 +70,13 @@ void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready,
   const int count = kevent(poller_.get(), nullptr, 0, events.data(), maxEvents,
                            limit.count() < 0 ? nullptr : &timeout);
   ready.clear();
-  if (writable != nullptr) {
-    writable->clear();
-  }
+  writable.clear();
   for (int i = 0; i < count; ++i) {
     const struct kevent& event = events[static_cast<std::size_t>(i)];
     if (event.filter == EVFILT_READ) {
       ready.push_back(static_cast<int>(event.ident));
-    } else if (event.filter == EVFILT_WRITE && writable != nullptr) {
-      writable->push_back(static_cast<int>(event.ident));
+    } else if (event.filter == EVFILT_WRITE) {
+      writable.push_back(static_cast<int>(event.ident));
     }
   }
 }

@@ -64,7 +64,7 @@ void EventLoop::stop() {
 }
 
 void EventLoop::turn(bool mayWait) {
-  poller_.wait(mayWait ? untilNextTimer() : std::chrono::nanoseconds::zero(), ready_, &writable_);
+  poller_.wait(mayWait ? untilNextTimer() : std::chrono::nanoseconds::zero(), ready_, writable_);
   for (std::size_t i = 0; i < ready_.size() && !stopping_; ++i) {
     const auto found = sources_.find(ready_[i]);
     if (found == sources_.end()) {

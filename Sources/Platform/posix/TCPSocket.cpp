@@ -1,13 +1,12 @@
 #include "Platform/TCPSocket.h"
 
-#include <array>
 #include <cerrno>
 #include <system_error>
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "Platform/Sockets.h"
 
@@ -19,7 +18,13 @@ constexpr std::chrono::seconds aliveIdle{60};
 constexpr std::chrono::seconds aliveInterval{10};
 constexpr int aliveProbes = 6;
 
-Transfer transferOf(ssize_t result) {
+[[noreturn]] void fail(const char* call) {
+  throw std::system_error(errno, std::generic_category(), call);
+}
+
+}  // namespace
+
+Transfer transferOf(std::ptrdiff_t result) {
   using State = Transfer::State;
   if (result > 0) {
     return {State::moved, static_cast<std::size_t>(result)};
@@ -29,12 +34,6 @@ Transfer transferOf(ssize_t result) {
   }
   return {errno == EAGAIN || errno == EINTR ? State::blocked : State::failed};
 }
-
-[[noreturn]] void fail(const char* call) {
-  throw std::system_error(errno, std::generic_category(), call);
-}
-
-}  // namespace
 
 TCPSocket TCPSocket::connecting(const sockaddr& to, std::optional<unsigned> interface) {
   TCPSocket made(openNonBlockingSocket(to.sa_family, SOCK_STREAM, IPPROTO_TCP));
@@ -52,9 +51,10 @@ std::optional<TCPSocket> TCPSocket::accepted(int listener, Endpoint& from) {
   sockaddr_storage peer{};
   socklen_t length = sizeof peer;
   while (true) {
-    Descriptor made(accept4(listener, reinterpret_cast<sockaddr*>(&peer), &length,
-                            SOCK_NONBLOCK | SOCK_CLOEXEC));
+    Descriptor made(accept(listener, reinterpret_cast<sockaddr*>(&peer), &length));
     if (made) {
+      fcntl(made.get(), F_SETFL, O_NONBLOCK);
+      fcntl(made.get(), F_SETFD, FD_CLOEXEC);
       from = peer.ss_family == AF_INET ? Endpoint::of(reinterpret_cast<const sockaddr_in&>(peer))
                                        : Endpoint();
       return TCPSocket(std::move(made));
@@ -86,8 +86,7 @@ Transfer TCPSocket::receive(std::span<std::uint8_t> into) {
 }
 
 Transfer TCPSocket::send(ByteView octets) {
-  return transferOf(
-      ::send(descriptor(), octets.data(), octets.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
+  return transferOf(::send(descriptor(), octets.data(), octets.size(), MSG_DONTWAIT | sendFlags));
 }
 
 void TCPSocket::endOutput() {
@@ -95,33 +94,9 @@ void TCPSocket::endOutput() {
 }
 
 void TCPSocket::abort() {
-  const linger none{.l_onoff = 1, .l_linger = 0};
+  const linger none{1, 0};
   setsockopt(descriptor(), SOL_SOCKET, SO_LINGER, &none, sizeof none);
   descriptor_.reset();
-}
-
-Conduit::Conduit() {
-  std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
-    fail("pipe");
-  }
-  reader_ = Descriptor(ends[0]);
-  writer_ = Descriptor(ends[1]);
-  fcntl(ends[1], F_SETPIPE_SZ, static_cast<int>(capacity));  // a smaller one does as well
-}
-
-Transfer Conduit::fill(const TCPSocket& from) {
-  const Transfer filled = transferOf(splice(from.descriptor(), nullptr, writer_.get(), nullptr,
-                                            capacity - held_, SPLICE_F_MOVE | SPLICE_F_NONBLOCK));
-  held_ += filled.octets;
-  return filled;
-}
-
-Transfer Conduit::drain(const TCPSocket& to) {
-  const Transfer drained = transferOf(splice(reader_.get(), nullptr, to.descriptor(), nullptr,
-                                             held_, SPLICE_F_MOVE | SPLICE_F_NONBLOCK));
-  held_ -= drained.octets;
-  return drained;
 }
 
 }  // namespace zk
