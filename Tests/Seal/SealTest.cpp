@@ -19,6 +19,7 @@
 
 #include "Base/IPv4.h"
 #include "Loopback/ChildProcess.h"
+#include "Loopback/STUNResponder.h"
 #include "Loopback/Scratch.h"
 #include "NetworkLab/NetworkLab.h"
 #include "Support.h"
@@ -29,6 +30,8 @@ namespace {
 using namespace test;
 using loopback::ChildProcess;
 using loopback::contentOf;
+using loopback::STUNResponder;
+using loopback::STUNScript;
 using std::chrono::milliseconds;
 using Traffic = std::set<std::string>;
 
@@ -341,6 +344,64 @@ TEST_F(SealTest, JobsWorkAsWithoutIt) {
   }
 }
 
+// ---- The whole of it, with a proxy -------------------------------------------------------------
+
+class RunTest : public SealTest {
+ protected:
+  void SetUp() override {
+    SealTest::SetUp();
+    if (lab == nullptr) {
+      return;
+    }
+    NetworkLab::in("internet", [&] {
+      stun = std::make_unique<STUNResponder>(STUNScript{.mappedIP = NetworkLab::proxyPublic},
+                                             NetworkLab::internet, 3478);
+      internet = std::make_unique<ChildProcess>(std::vector<std::string>{
+          loopback::findProgram("python3"), ZK_SEAL_TESTS "/far_side.py", NetworkLab::internet});
+      ASSERT_EQ(internet->readLine(patience), "listens");
+    });
+    environment["ZK_STUN_IPS"] = stun->target();
+  }
+
+  std::vector<std::string> throughProxy(const std::vector<std::string>& command,
+                                        std::vector<std::string> options = {}) {
+    std::vector<std::string> all{zkturn, "run", "10.2.0.2:1080", "--dns", NetworkLab::internet};
+    all.insert(all.end(), options.begin(), options.end());
+    all.push_back("--");
+    all.insert(all.end(), command.begin(), command.end());
+    return all;
+  }
+  std::vector<std::string> client(const std::string& step) {
+    return {"python3", "/tmp/sealed_client.py", step};
+  }
+
+  const std::string zkturn = "/tmp/zkturn";
+  std::unique_ptr<STUNResponder> stun;
+  std::unique_ptr<ChildProcess> internet;
+};
+
+TEST_F(RunTest, AProgramSeesTheInternetAsTheProxyDoes) {
+  const Outcome outcome = run(throughProxy({"python3", "/tmp/sealed_client.py"}));
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_TRUE(std::regex_search(
+      outcome.output, std::regex("^zkturn: peers see 203.0.113.2, round trip \\d+ ms\n"
+                                 "echo: hello\n"
+                                 "refused: Connection refused\n"
+                                 "unreachable: (No route to host|Network is unreachable)\n"
+                                 "home: No route to host\n"
+                                 "own router: No route to host\n"
+                                 "slow: 6291456\n"
+                                 "name: 203.0.113.1\n"
+                                 "long name: 203.0.113.1\n"
+                                 "no name: .*not known\n"
+                                 "many: 400\n"
+                                 "zkturn: kept in: \\d+ ")))
+      << outcome.output;
+  EXPECT_EQ(traffic(), (Traffic{"TCP to 10.2.0.2 by wire", "UDP to 10.2.0.2 by wire"}));
+}
+
+// ---- The lab -----------------------------------------------------------------------------------
+
 // The lab's udev: everybody may open the tun, as on most machines.
 void equip() {
   const auto copy = [](const char* from, const char* to) {
@@ -348,6 +409,8 @@ void equip() {
     chmod(to, 0755);
   };
   copy(ZK_SEALED, "/tmp/sealed");
+  copy(ZK_ZKTURN, "/tmp/zkturn");
+  copy(ZK_SEAL_TESTS "/sealed_client.py", "/tmp/sealed_client.py");
   copy(ZK_WAYS_OUT, "/tmp/ways-out");
   copy(ZK_WAYS_OUT, "/tmp/setuid");
   chmod("/tmp/setuid", 04755);

@@ -1,0 +1,78 @@
+"""The internet of the lab: a name server over TCP, and a server that says everything back."""
+import os
+import socket
+import struct
+import sys
+import threading
+
+ADDRESS = sys.argv[1]
+
+
+def exactly(stream, count):
+    octets = b""
+    while len(octets) < count:
+        more = stream.recv(count - len(octets))
+        if not more:
+            raise EOFError
+        octets += more
+    return octets
+
+
+def answer(question):
+    end = question.index(b"\0", 12) + 5
+    kind = struct.unpack("!H", question[end - 4 : end - 2])[0]
+    name = question[13 : 13 + question[12]]
+    count = 200 if name == b"long" else 1 if name != b"nobody" and kind == 1 else 0
+    record = b"\xc0\x0c\0\1\0\1\0\0\0\x3c\0\4" + socket.inet_aton(ADDRESS)
+    code = 3 if name == b"nobody" else 0
+    head = question[:2] + bytes([0x81, 0x80 | code]) + struct.pack("!HHHH", 1, count, 0, 0)
+    return head + question[12:end] + record * count
+
+
+def serve_names(stream):
+    while True:
+        reply = answer(exactly(stream, struct.unpack("!H", exactly(stream, 2))[0]))
+        stream.sendall(struct.pack("!H", len(reply)) + reply)
+
+
+def serve_echo(stream):
+    octets = b""  # said back when the other has said all
+    while more := stream.recv(65536):
+        octets += more
+    stream.sendall(octets)
+    stream.close()
+
+
+def serve_bulk(stream):
+    chunk = bytes(1 << 16)
+    for _ in range(96):
+        stream.sendall(chunk)
+    stream.close()
+
+
+def serve_sink(stream):
+    total = 0
+    while more := stream.recv(65536):
+        total += len(more)
+    with open("/tmp/taken", "w") as file:
+        file.write(str(total))
+
+
+def listen(port, service):
+    ear = socket.create_server((ADDRESS, port), backlog=1000)
+
+    def served(stream):
+        try:
+            service(stream)
+        except (OSError, EOFError):
+            pass
+
+    while True:
+        threading.Thread(target=served, args=(ear.accept()[0],), daemon=True).start()
+
+
+for port, service in ((53, serve_names), (7000, serve_echo), (7001, serve_bulk), (7002, serve_sink)):
+    threading.Thread(target=listen, args=(port, service), daemon=True).start()
+print("listens", flush=True)
+sys.stdin.read()
+os._exit(0)
