@@ -249,6 +249,49 @@ TEST_F(RunTest, ABrowserGetsAProfileOfItsOwn) {
   EXPECT_FALSE(std::filesystem::exists(told[1].str()));
 }
 
+// The distribution's, without one setting, on a page that wants out by all that a page has.
+class RealBrowserTest : public RunTest, public testing::WithParamInterface<const char*> {
+ protected:
+  // What left home, and what was told of it.
+  std::pair<Traffic, std::string> visit(std::vector<std::string> command) {
+    NetworkLab::change("rm -rf /tmp/home; mkdir -p /tmp/home; chown nobody /tmp/home");
+    environment["HOME"] = "/tmp/home";
+    std::remove("/tmp/report");
+    const auto running = start(command, "/tmp/browser");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (access("/tmp/report", F_OK) != 0 && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(milliseconds(100));
+    }
+    const std::string report = contentOf("/tmp/report");
+    EXPECT_NE(report.find("candidate:"), std::string::npos) << contentOf("/tmp/browser");
+    running->terminate();
+    running->waitExit(patience);
+    return {traffic(), contentOf("/tmp/browser")};
+  }
+};
+
+TEST_P(RealBrowserTest, APageGetsOutByTheProxyOnly) {
+  if (loopback::findProgram(GetParam()).empty()) {
+    GTEST_SKIP() << "no " << GetParam() << " here";
+  }
+  const std::vector<std::string> browser{GetParam(), "--headless", "http://203.0.113.1:8000/"};
+  const auto [sealed, told] = visit(throughProxy(browser));
+  EXPECT_EQ(sealed, toProxy);
+  EXPECT_TRUE(std::regex_search(told, std::regex("kept in: \\d+ private UDP to 10.1.0.1:3478\n")))
+      << told;
+  // Outside, with the page in reach.
+  NetworkLab::change(
+      "ip -n router route add 203.0.113.1 via 10.2.0.2; ip -n internet route add 10.0.0.0/8 via "
+      "203.0.113.2; ip netns exec proxy sh -c 'echo 1 >/proc/sys/net/ipv4/ip_forward'");
+  const Traffic leaked = visit({"/usr/bin/env", GetParam(), browser[1], browser[2]}).first;
+  for (const char* const kind : {"UDP to 198.51.100.11 by wire", "UDP to 10.1.0.1 by wire"}) {
+    EXPECT_TRUE(leaked.contains(kind)) << "this test proves nothing";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Browsers, RealBrowserTest, testing::Values("firefox-esr", "chromium"),
+                         [](const auto& name) { return std::string(name.param).substr(0, 7); });
+
 TEST_F(RunTest, WhatCannotStartWithoutPrivilegesIsRefusedWithAWayOut) {
   NetworkLab::change(
       "printf '#!/bin/sh\\nexec /snap/bin/chromium \"$@\"\\n' >/tmp/chromium-browser\n"

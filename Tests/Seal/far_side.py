@@ -58,6 +58,51 @@ def serve_sink(stream):
         file.write(str(total))
 
 
+PAGE = b"""<!doctype html><title>wants out</title><script>
+const server = location.hostname;
+const wait = (ms) => new Promise((done) => setTimeout(done, ms));
+async function candidates(frame) {
+  const peer = new frame.RTCPeerConnection({iceServers: [
+    {urls: [`stun:${server}:3478`, 'stun:198.51.100.11:3479', 'stun:10.1.0.1:3478', 'stun:host.example:3478']},
+    {urls: `turn:198.51.100.12:3478?transport=tcp`, username: 'u', credential: 'p'}]});
+  const found = [];
+  peer.onicecandidate = (event) => event.candidate && found.push(event.candidate.candidate);
+  peer.createDataChannel('x');
+  await peer.setLocalDescription(await peer.createOffer());
+  await wait(3000);
+  return found;
+}
+(async () => {
+  const found = await candidates(window);
+  const frame = document.body.appendChild(document.createElement('iframe'));
+  found.push(...await candidates(frame.contentWindow));
+  for (const rel of ['dns-prefetch', 'preconnect', 'prefetch']) {
+    const link = document.head.appendChild(document.createElement('link'));
+    link.rel = rel;
+    link.href = 'http://198.51.100.13:8001/';
+  }
+  try { await Promise.race([new WebTransport(`https://${server}:4433/`).ready, wait(2000)]); } catch {}
+  for (const url of ['http://10.1.0.1/', 'http://192.168.1.1/', 'http://host.example:8000/seen']) {
+    await Promise.race([fetch(url, {mode: 'no-cors'}).catch(() => {}), wait(2000)]);
+  }
+  await fetch('/report', {method: 'POST', body: found.join('\\n')});
+})();
+</script>"""
+
+
+def serve_page(stream):
+    head = b""
+    while b"\r\n\r\n" not in head:
+        head += exactly(stream, 1)
+    length = [line for line in head.lower().split(b"\r\n") if line.startswith(b"content-length:")]
+    body = exactly(stream, int(length[0].split(b":")[1])) if length else b""
+    if head.startswith(b"POST /report"):
+        with open("/tmp/report", "wb") as file:
+            file.write(b"candidates:\n" + body)
+    stream.sendall(b"HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nConnection: close\r\n\r\n" + PAGE)
+    stream.close()
+
+
 def listen(port, service):
     ear = socket.create_server((ADDRESS, port), backlog=1000)
 
@@ -71,7 +116,7 @@ def listen(port, service):
         threading.Thread(target=served, args=(ear.accept()[0],), daemon=True).start()
 
 
-for port, service in ((53, serve_names), (7000, serve_echo), (7001, serve_bulk), (7002, serve_sink)):
+for port, service in ((53, serve_names), (7000, serve_echo), (7001, serve_bulk), (7002, serve_sink), (8000, serve_page)):
     threading.Thread(target=listen, args=(port, service), daemon=True).start()
 print("listens", flush=True)
 sys.stdin.read()
