@@ -32,8 +32,8 @@ std::string replyText(std::uint8_t code) {
 
 }  // namespace
 
-SOCKS5Error SOCKS5Error::connectionFailed(const std::string& text) {
-  return {Kind::connectionFailed, "TCP connect to proxy failed: " + text};
+SOCKS5Error SOCKS5Error::connectionFailed(const std::string& text, Cause cause) {
+  return {Kind::connectionFailed, "TCP connect to proxy failed: " + text, cause};
 }
 
 SOCKS5Error SOCKS5Error::authFailed(const std::string& text) {

@@ -19,7 +19,10 @@ class SOCKS5Error : public std::exception {
     stunMalformed,         // the relay's answer could not be unwrapped or parsed
   };
 
-  static SOCKS5Error connectionFailed(const std::string& text);
+  /// What a failed connection came to, for those who advise; texts are for people.
+  enum class Cause { other, timedOut, closed, reset, refused, unreachable, stopped };
+
+  static SOCKS5Error connectionFailed(const std::string& text, Cause cause = Cause::other);
   static SOCKS5Error authFailed(const std::string& text);
   static SOCKS5Error udpAssociateRejected(std::uint8_t replyCode);
   static SOCKS5Error protocolError(const std::string& text);
@@ -27,15 +30,17 @@ class SOCKS5Error : public std::exception {
   static SOCKS5Error stunMalformed();
 
   Kind kind() const { return kind_; }
+  Cause cause() const { return cause_; }
   /// One line for people and logs. Never holds a credential.
   const std::string& description() const { return description_; }
   const char* what() const noexcept override { return description_.c_str(); }
 
  private:
-  SOCKS5Error(Kind kind, std::string description)
-      : kind_(kind), description_(std::move(description)) {}
+  SOCKS5Error(Kind kind, std::string description, Cause cause = Cause::other)
+      : kind_(kind), cause_(cause), description_(std::move(description)) {}
 
   Kind kind_;
+  Cause cause_;
   std::string description_;
 };
 

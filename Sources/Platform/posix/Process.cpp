@@ -5,6 +5,7 @@
 #include <csignal>
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Platform/Sockets.h"
@@ -32,19 +33,33 @@ extern "C" void noteTermination(int /*signal*/) {
   errno = savedErrno;
 }
 
-}  // namespace
-
-void takeTerminationSignal() {
+void take(int signal) {
   stopWriter = stopPipe().writer.get();
   struct sigaction action {};
   action.sa_handler = noteTermination;
   action.sa_flags = SA_RESTART;
   sigfillset(&action.sa_mask);
-  sigaction(SIGTERM, &action, nullptr);
-  sigset_t termination;
-  sigemptyset(&termination);
-  sigaddset(&termination, SIGTERM);
-  sigprocmask(SIG_UNBLOCK, &termination, nullptr);  // a parent may hand it down blocked
+  sigaction(signal, &action, nullptr);
+  sigset_t taken;
+  sigemptyset(&taken);
+  sigaddset(&taken, signal);
+  sigprocmask(SIG_UNBLOCK, &taken, nullptr);  // a parent may hand it down blocked
+}
+
+}  // namespace
+
+void takeTerminationSignal() {
+  take(SIGTERM);
+}
+
+void takeInterrupts() {
+  for (const int signal : {SIGINT, SIGHUP}) {
+    struct sigaction present {};
+    sigaction(signal, nullptr, &present);
+    if (present.sa_handler != SIG_IGN) {
+      take(signal);
+    }
+  }
 }
 
 void requestStop() {
@@ -73,6 +88,10 @@ std::size_t readInput(std::span<char> into) {
 
 void writeOutput(std::string_view text) {
   [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
+}
+
+void keepFilesPrivate() {
+  umask(077);
 }
 
 void endProcess(int status) {
