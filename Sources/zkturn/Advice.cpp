@@ -137,7 +137,7 @@ Failure failureOfSilence(const std::string& relay, const std::vector<HostPort>& 
 std::string listOf(const std::vector<HostPort>& servers) {
   std::string list;
   for (const HostPort& server : servers) {
-    list += (list.empty() ? "" : " and ") + server.text();
+    list = fmt::format("{}{}{}", list, list.empty() ? "" : " and ", server.text());
   }
   return list;
 }

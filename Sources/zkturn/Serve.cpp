@@ -163,11 +163,11 @@ std::string Serving::startDaemon(const Findings& findings) {
        {{"acceptFingerprint", true}, {"relayedPort", isMapped ? "mapped" : "assigned"}}}};
   std::map<std::string, std::string> environment;
   if (proxy_.viaDefault) {
-    environment["ZK_EGRESS_VIA_DEFAULT"] = "1";
+    environment.emplace("ZK_EGRESS_VIA_DEFAULT", "1");
   }
   for (const Endpoint& server : proxy_.stunServers) {
     std::string& list = environment["ZK_STUN_IPS"];
-    list += (list.empty() ? "" : ",") + server.text();
+    list = fmt::format("{}{}{}", list, list.empty() ? "" : ",", server.text());
   }
   const MutexLock guard(lock_);
   if (isEnding_) {
