@@ -17,8 +17,8 @@ void prepareProcess();
 /// std::system_error when there is no descriptor to be had. Before there are threads.
 void takeTerminationSignal();
 
-/// The same for Ctrl-C and the end of the terminal, for a program that people start; not where
-/// whoever started it has them ignored, as nohup does.
+/// The same for Ctrl-C and for the end of the terminal, for programs that people start. The latter
+/// stays ignored where nohup has it so.
 void takeInterrupts();
 
 /// Ends awaitStop(). Any thread.

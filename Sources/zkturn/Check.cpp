@@ -105,8 +105,7 @@ void Checker::waitIdle() {
   if (options_.idleSeconds == 0) {
     return;
   }
-  std::this_thread::sleep_for(std::chrono::seconds(options_.idleSeconds));
-  look_.beginStep();
+  look_.wait(std::chrono::seconds(options_.idleSeconds));
   const bool isAnswered = look_.ask(look_.server(), limitNow(), tries).has_value();
   const auto end = look_.takeEnd();
   quality_.survivesIdle = isAnswered && !end;

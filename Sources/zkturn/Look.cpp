@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include <fmt/format.h>
@@ -59,15 +60,12 @@ void Look::step(Mark mark, std::string name, std::string detail, std::string cod
   const auto now = Clock::now();
   findings_.steps.push_back({mark, std::move(name), std::move(detail), std::move(code),
                              Milliseconds(now - stepBegan_).count()});
-  beginStep();
+  stepBegan_ = now;
+  waited_ = {};
+  limit_->restart();
   if (onStep_) {
     onStep_(findings_.steps.back());
   }
-}
-
-void Look::beginStep() {
-  stepBegan_ = Clock::now();
-  limit_->restart();
 }
 
 void Look::findMapping() {
@@ -122,6 +120,7 @@ void Look::tryOnce(OpeningAttempt how) {
     throw Failure{Outcome::notReached, "cannot be reached", "asked this machine for the way to it",
                   error.code().message(), "see what this machine is short of, and try again"};
   }
+  limit_->finish();
   findings_.relay =
       fmt::format("{}:{}", association_->relay.relayHost, association_->relay.relayPort);
   step(Mark::passed, "way",
@@ -144,7 +143,7 @@ void Look::findServers() {
   if (!servers_.empty() || !asksResolver_) {
     return;
   }
-  const Deadline deadline = Clock::now() + lookupLimit;
+  const Deadline deadline = std::min(Clock::now() + lookupLimit, stepEnd());
   for (const STUN::Server& server : STUN::defaultServers) {
     const Resolution found =
         resolveUDPv4(server.host, std::to_string(server.port), deadline, limit_->signal());
@@ -215,8 +214,8 @@ std::optional<Look::Answer> Look::ask(const HostPort& server, Milliseconds limit
     try {
       BindingTransaction transaction(association_->socket, association_->relay.relayAddress);
       transaction.send(server, size);
-      if (const auto answer = transaction.await(BindingTransaction::Until::answer,
-                                                Clock::now() + wait, limit_->signal())) {
+      if (const auto answer =
+              transaction.await(BindingTransaction::Until::answer, Clock::now() + wait)) {
         return answer;
       }
     } catch (const std::system_error&) {
@@ -226,8 +225,13 @@ std::optional<Look::Answer> Look::ask(const HostPort& server, Milliseconds limit
   return std::nullopt;
 }
 
+void Look::wait(std::chrono::seconds time) {
+  std::this_thread::sleep_for(time);
+  waited_ += time;
+}
+
 Deadline Look::stepEnd() const {
-  return stepBegan_ + std::chrono::seconds(options_.timeoutSeconds);
+  return stepBegan_ + waited_ + std::chrono::seconds(options_.timeoutSeconds);
 }
 
 void Look::comparePorts() {

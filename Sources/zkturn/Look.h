@@ -77,8 +77,8 @@ class Look {
   /// for `limit`, and all together end with the step. A request of more than 20 octets is padded.
   std::optional<Answer> ask(const HostPort& server, Milliseconds limit, unsigned tries = 3,
                             std::size_t size = STUN::headerSize);
-  /// What goes on between two steps is no step's time.
-  void beginStep();
+  /// Waits; the time limit of the step does not count it.
+  void wait(std::chrono::seconds time);
   /// When the step that is under way has to be over.
   Deadline stepEnd() const;
   /// Why the proxy has ended the association; absent while it lives.
@@ -97,6 +97,7 @@ class Look {
   Findings findings_;
   std::string remark_;
   std::chrono::steady_clock::time_point stepBegan_ = std::chrono::steady_clock::now();
+  std::chrono::seconds waited_{0};  // of that step
   std::vector<HostPort> servers_;
   std::unique_ptr<StepLimit> limit_;  // of the attempt's steps
   std::optional<Association> association_;

@@ -10,12 +10,14 @@ StepLimit::StepLimit(std::chrono::seconds limit)
       thread_(startThread("zkturn.limit", [this] { watch(); })) {}
 
 StepLimit::~StepLimit() {
-  {
-    const MutexLock guard(lock_);
-    isOver_ = true;
-    changed_.notify_all();
-  }
+  finish();
   thread_.join();
+}
+
+void StepLimit::finish() {
+  const MutexLock guard(lock_);
+  isOver_ = true;
+  changed_.notify_all();
 }
 
 void StepLimit::restart() {

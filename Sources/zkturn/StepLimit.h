@@ -21,6 +21,8 @@ class StepLimit {
 
   /// The next step begins.
   void restart();
+  /// The last one is through: nothing is raised any more.
+  void finish();
   const StopSignal* signal() const { return &signal_; }
 
  private:

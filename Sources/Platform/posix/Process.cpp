@@ -53,12 +53,11 @@ void takeTerminationSignal() {
 }
 
 void takeInterrupts() {
-  for (const int signal : {SIGINT, SIGHUP}) {
-    struct sigaction present {};
-    sigaction(signal, nullptr, &present);
-    if (present.sa_handler != SIG_IGN) {
-      take(signal);
-    }
+  take(SIGINT);
+  struct sigaction present {};
+  sigaction(SIGHUP, nullptr, &present);
+  if (present.sa_handler != SIG_IGN) {
+    take(SIGHUP);
   }
 }
 
