@@ -1,8 +1,10 @@
 #include "zkturn/Run.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <optional>
+#include <sstream>
 
 #include <fmt/compile.h>
 #include <fmt/format.h>
@@ -38,6 +40,22 @@ void prepareSelf() {
   setrlimit(RLIMIT_NOFILE, &descriptors);
   const rlimit none{0, 0};
   setrlimit(RLIMIT_CORE, &none);
+}
+
+// The options with the STUN servers that ZK_STUN_IPS names, where the command line names none.
+ProxyOptions withServers(ProxyOptions proxy) {
+  const char* const given = std::getenv("ZK_STUN_IPS");
+  if (given == nullptr || !proxy.stunServers.empty()) {
+    return proxy;
+  }
+  std::istringstream list(given);
+  for (std::string entry; std::getline(list, entry, ',');) {
+    const auto server = parseHostPort(entry);
+    if (const auto address = server ? parseAddress(server->host) : std::nullopt) {
+      proxy.stunServers.push_back({*address, server->port});
+    }
+  }
+  return proxy;
 }
 
 // Whom peers see, or why nothing can go through the proxy, which ends it.
@@ -133,7 +151,7 @@ int runSealed(const ProxyOptions& proxy, const RunOptions& options) {
   prepareSelf();
   SealDescriptors made = seal.takeDescriptors();
   const std::optional<std::string> password = readPassword(proxy);
-  lookAtProxy(proxy, password);
+  lookAtProxy(withServers(proxy), password);
   if (!command.remark().empty()) {
     say(command.remark());
   }
