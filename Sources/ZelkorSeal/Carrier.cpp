@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "Platform/Sockets.h"
 #include "ZelkorSOCKS5/AddressReach.h"
 
 namespace zk {
@@ -162,11 +161,15 @@ void Carrier::NameSocket::onReadable() {
     }
     std::array<std::uint8_t, Names::maxQuestionSize> question;
     sockaddr_in from{};
-    while (const auto size = receiveDatagram(socket_.get(), question, from)) {
-      carrier_.names_.ask(ByteView(question).first(*size), [this, from](ByteView answer) {
-        sendto(socket_.get(), answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-               reinterpret_cast<const sockaddr*>(&from), sizeof from);
-      });
+    socklen_t length = sizeof from;
+    const ssize_t size = recvfrom(socket_.get(), question.data(), question.size(), MSG_DONTWAIT,
+                                  reinterpret_cast<sockaddr*>(&from), &length);
+    if (size > 0) {
+      carrier_.names_.ask(
+          ByteView(question).first(static_cast<std::size_t>(size)), [this, from](ByteView answer) {
+            sendto(socket_.get(), answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                   reinterpret_cast<const sockaddr*>(&from), sizeof from);
+          });
     }
   } catch (const std::system_error&) {  // the next one may do better
   }

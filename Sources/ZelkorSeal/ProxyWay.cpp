@@ -4,17 +4,8 @@
 #include <utility>
 
 #include "Platform/Thread.h"
-#include "ZelkorSOCKS5/SOCKS5Control.h"
 
 namespace zk {
-namespace {
-
-// A pinned attempt may run into a network that leads nowhere; nobody must wait long for it.
-constexpr double pinnedTimeout = 3;  // seconds
-constexpr double defaultTimeout = 10;
-
-}  // namespace
-
 ProxyWay::ProxyWay(EventLoop& loop, const ProxyAccess& access, std::optional<Way> known)
     : loop_(loop), access_(access), known_(known) {
   if (routes_.descriptor() >= 0) {
@@ -62,14 +53,14 @@ void ProxyWay::lookUp() {
   const auto work = [this, number = ++count_] {
     std::optional<Way> found;
     std::string failure;
-    for (const bool viaDefault : {false, true}) {
-      if (found || viaDefault < access_.viaDefault) {
+    for (const OpeningAttempt& attempt : openingAttempts(&stop_)) {
+      if (found || attempt.viaDefault < access_.viaDefault) {
         continue;
       }
       try {
         SOCKS5Control control(access_.host, access_.port, std::nullopt, std::nullopt,
-                              viaDefault ? defaultTimeout : pinnedTimeout, &stop_);
-        control.connect(viaDefault ? std::optional(true) : std::nullopt);
+                              attempt.connectTimeout, &stop_);
+        control.connect(attempt.viaDefault ? std::optional(true) : std::nullopt);
         found = Way{control.proxyAddress(), control.pinnedInterface(), number};
       } catch (const std::exception& error) {
         failure = error.what();

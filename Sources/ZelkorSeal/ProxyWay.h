@@ -12,15 +12,12 @@
 #include "Platform/EventLoop.h"
 #include "Platform/Interfaces.h"
 #include "Platform/StopSignal.h"
+#include "ZelkorSOCKS5/Association.h"
 
 namespace zk {
 
 /// The proxy that a sealed program's traffic goes through.
-struct ProxyAccess {
-  std::string host;
-  std::int64_t port = 0;
-  std::optional<std::string> username;  // credentials are offered when both are present
-  std::optional<std::string> password;
+struct ProxyAccess : SOCKS5Proxy {
   bool viaDefault = false;  // by the default route and no other way
 };
 
