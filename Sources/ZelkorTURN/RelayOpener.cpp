@@ -3,6 +3,7 @@
 #include <system_error>
 #include <utility>
 
+#include "Platform/Interfaces.h"
 #include "Platform/Thread.h"
 #include "ZelkorSOCKS5/SOCKS5Error.h"
 
@@ -97,13 +98,15 @@ std::optional<RelayOpener::Opened> RelayOpener::tryBoth(const Endpoint& client) 
       if (stop_.isRaised()) {
         break;
       }
-      if (&how == &attempts.back()) {
+      // Who cannot look at the interfaces does not know whether to pin: the second attempt would go
+      // by a VPN, and nobody would ever be told.
+      if (&how == &attempts.back() || dynamic_cast<const LookFailed*>(&error) != nullptr) {
         logLine(debugLog_, FMT_COMPILE("relay OPEN FAILED both rungs: {}"), error.what());
-      } else {
-        logLine(debugLog_,
-                FMT_COMPILE("relay OPEN en0 failed ({}) → retry via-default (full-tunnel VPN)"),
-                error.what());
+        break;
       }
+      logLine(debugLog_,
+              FMT_COMPILE("relay OPEN en0 failed ({}) → retry via-default (full-tunnel VPN)"),
+              error.what());
     }
   }
   return std::nullopt;

@@ -247,7 +247,7 @@ void TURNServer::concludeOpening(const Endpoint& endpoint,
     try {
       opened->relay->receive({*loop_, *receiver_, relaySender_, relayLineRoom_}, client);
       client.relay = opened->relay;
-      lifetime_->add(*client.relay);
+      lifetime_->add(*client.relay, client);
     } catch (const std::system_error& error) {
       lines_.flush();
       logLine(debugLog, FMT_COMPILE("relay OPEN FAILED: {}"), error.what());

@@ -304,8 +304,8 @@ TEST(SOCKS5Control, SendsDatagramsOnlyToWhereTheProxyIs) {
         EXPECT_EQ(failure.substr(0, std::string_view(expected).size()), expected);
       } else {
         EXPECT_EQ(failure, "");
-        EXPECT_EQ(addressText(relay.relayAddress), expected) << reply;
-        EXPECT_EQ(portNumber(relay.relayAddress), 40000);
+        EXPECT_EQ(relay.relayAddress.ip(), expected) << reply;
+        EXPECT_EQ(relay.relayAddress.port, 40000);
         EXPECT_EQ(relay.relayPort, 40000);
       }
     }
@@ -407,7 +407,7 @@ TEST(SOCKS5Control, TellsWhyItCannotConnect) {
   // A listener that lets nobody in: its queue is full and its kernel drops what knocks.
   {
     const CannedProxy full("127.0.0.1");
-    const sockaddr_in address = socketAddress("127.0.0.1", full.port());
+    const sockaddr_in address = Endpoint{INADDR_LOOPBACK, full.port()}.socketAddress();
     std::array<Descriptor, 4> waiting;
     for (Descriptor& socket : waiting) {
       socket = openNonBlockingSocket(AF_INET, SOCK_STREAM, IPPROTO_TCP);

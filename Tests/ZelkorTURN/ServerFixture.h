@@ -79,6 +79,7 @@ struct RelayPlan {
   std::string ip = "192.0.2.10";
   std::string error{};               // not empty: the opening throws this
   bool receiveFails = false;         // receive() finds nothing to watch with
+  bool lookFails = false;            // the opening cannot look at the interfaces
   const StopSignal* gate = nullptr;  // the opening hangs until this is raised, or it is stopped
 };
 
@@ -93,6 +94,9 @@ class ScriptedRelay final : public TURNRelay {
     if (plan_.gate != nullptr &&
         waitFor(plan_.gate->descriptor(), POLLIN, Deadline::max(), attempt.stop) != Wait::ready) {
       throw std::runtime_error("stopped");
+    }
+    if (plan_.lookFails) {
+      throw LookFailed(EMFILE, std::generic_category(), "socket");
     }
     if (!plan_.error.empty()) {
       throw std::runtime_error(plan_.error);
@@ -116,7 +120,11 @@ class ScriptedRelay final : public TURNRelay {
     loop_ = &loop.loop;
     listener_ = &listener;
   }
-  RelayWay way() const override { return {}; }
+  RelayWay way() const override {
+    return cutOff ? RelayWay{"192.0.2.1", {0xC0000201, 9}, 1}
+                  // by the loopback: nothing leads there
+                  : RelayWay{"127.0.0.1", {INADDR_LOOPBACK, 9}};
+  }
   void setCutOff(bool isCutOff) override { cutOff = isCutOff; }
   bool isCutOff() const override { return cutOff; }
   void retire() override { retired = true; }

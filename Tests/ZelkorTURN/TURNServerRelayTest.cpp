@@ -25,6 +25,7 @@ TEST_F(TURNServerRelayTest, OpensInTwoAttempts) {
             failed,
         "FAILED both rungs: TCP connect to proxy failed: relayed address is not IPv4: "
         "2001:db8::1"}},
+      {{{.lookFails = true}}, 500, {"FAILED both rungs: socket: Too many open files"}},
       {{{.receiveFails = true}},
        500,
        {"ok (en0) ip=192.0.2.10 port=7000", "FAILED: watch: No space left on device"}}};
