@@ -37,7 +37,7 @@ Stage next(Stage stage, const std::string& found) {
 }
 
 std::string wayOf(std::optional<unsigned> index) {
-  for (const NetworkInterface& interface : availableInterfaces()) {
+  for (const NetworkInterface& interface : Interfaces().available()) {
     if (index == interface.index) {
       return "pinned to " + interface.name;
     }
@@ -97,20 +97,21 @@ void Look::tryOnce(OpeningAttempt how) {
   limit_ = std::make_unique<StepLimit>(std::chrono::seconds(options_.timeoutSeconds));
   how.stop = limit_->signal();
   how.controlViaDefault = options_.viaDefault;
-  // PENDING how.failsWhenClosed = true;
+  how.failsWhenClosed = true;
   Stage stage = Stage::nameFound;  // the one that is under way
   bool hasLoggedIn = false;
   try {
-    association_ =
-        Association::open({options_.proxy.host, options_.proxy.port, options_.user, password_}, how,
-                          [&](Stage done, const std::string& found) {
-                            step(Mark::passed, stepNames[static_cast<int>(done)],
-                                 done == Stage::connected    ? "to " + found
-                                 : done == Stage::associated ? "relay " + found
-                                                             : found);
-                            hasLoggedIn = hasLoggedIn || done == Stage::loggedIn;
-                            stage = next(done, found);
-                          });
+    association_ = Association::open(
+        {options_.proxy.host, options_.proxy.port, options_.user, password_}, how,
+        [&](const SOCKS5Control& control, Stage done, const std::string& found) {
+          step(Mark::passed, stepNames[static_cast<int>(done)],
+               done == Stage::connected
+                   ? fmt::format("to {}, {}", found, wayOf(control.pinnedInterface()))
+               : done == Stage::associated ? "relay " + found
+                                           : found);
+          hasLoggedIn = hasLoggedIn || done == Stage::loggedIn;
+          stage = next(done, found);
+        });
   } catch (const SOCKS5Error& error) {
     Failure failure = failureAt(stage, error, options_.proxy, options_.user.has_value());
     step(Mark::failed, stepNames[static_cast<int>(stage)], failure.came, failure.code);
@@ -123,9 +124,6 @@ void Look::tryOnce(OpeningAttempt how) {
   limit_->finish();
   findings_.relay =
       fmt::format("{}:{}", association_->relay.relayHost, association_->relay.relayPort);
-  step(Mark::passed, "way",
-       fmt::format("connection {}, datagrams {}", wayOf(association_->control->pinnedInterface()),
-                   wayOf(association_->interface)));
   if (options_.user && !hasLoggedIn) {
     remark("it asks for no login, so that --user is not needed");
   }
