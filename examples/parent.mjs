@@ -14,26 +14,53 @@ const stopPatience = 5000;
 // So that a daemon that ends at once does not keep the machine busy.
 const restartPause = 1000;
 
-// Runs the daemon once. Calls `onReady(port)`, or `onError(message)` when it answers with its error
-// line, and `onEnd(status)` when it has ended; `status` is null when a signal ended it. Returns the
+// Runs the daemon once. Calls `onReady(port)`, or `onError(sentence)` when there is no daemon to be
+// had, and `onEnd(status)` when it has ended; `status` is null when a signal ended it. Returns the
 // process.
 function runRelay(program, config, { onReady, onError, onEnd }) {
   // Node lets no other child inherit these pipes. That matters: the daemon serves until the last
-  // writer of its standard input is gone.
-  const daemon = spawn(program, [], { stdio: ['pipe', 'pipe', 'inherit'] });
-  daemon.on('error', (error) => onError(error.message));  // it could not be started
-  daemon.on('close', onEnd);
+  // writer of its standard input is gone. Detached, it has a session of its own, so that Ctrl-C at
+  // a terminal is for this program only, which then stops the daemon in order.
+  const daemon = spawn(program, [], { stdio: ['pipe', 'pipe', 'inherit'], detached: true });
+  let isReady = false;
+  daemon.on('error', ({ code }) => onError(`${program} cannot be started: ${code}`));
+  daemon.on('close', (status) => {
+    if (!isReady) {
+      onError(`${program}: it is no zkturnd, or it ended before it was ready`);
+    }
+    onEnd(status);
+  });
   daemon.stdin.on('error', () => {});  // it ended before it had read its configuration
   daemon.stdin.write(JSON.stringify(config) + '\n');
   createInterface({ input: daemon.stdout }).once('line', (line) => {
-    const answer = JSON.parse(line);
-    answer.status === 'ready' ? onReady(answer.port) : onError(answer.message);
+    let answer;
+    try {
+      answer = JSON.parse(line);
+    } catch {
+      daemon.kill();
+      return;
+    }
+    isReady = answer.status === 'ready';
+    if (isReady) {
+      onReady(answer.port);
+    } else if (answer.message) {
+      onError(`${program}: ${answer.message}`);
+    }
   });
   return daemon;
 }
 
 function main(configFile, program = 'zkturnd') {
-  const config = JSON.parse(readFileSync(configFile, 'utf8'));
+  const fail = (sentence) => {
+    console.error(sentence);
+    process.exit(1);
+  };
+  let config;
+  try {
+    config = JSON.parse(readFileSync(configFile, 'utf8'));
+  } catch (error) {
+    fail(`${configFile} cannot be used: ${error.message}`);
+  }
   let daemon;
   let stopping = false;
   let restart;
@@ -43,11 +70,8 @@ function main(configFile, program = 'zkturnd') {
       // The port is a new one after every start: clients have to be told.
       onReady: (port) =>
         console.log(`process ${daemon.pid} serves turn:127.0.0.1:${port}?transport=udp`),
-      // Starting it again would bring the same answer.
-      onError: (message) => {
-        console.error(`zkturnd: ${message}`);
-        process.exit(1);
-      },
+      // Starting it again would bring the same.
+      onError: (sentence) => stopping || fail(sentence),
       onEnd: (status) => {
         daemon = undefined;
         if (stopping) {

@@ -15,7 +15,7 @@ import time
 
 
 class StartError(Exception):
-    """The daemon answered with its error line: starting it again would bring the same answer."""
+    """There is no daemon to be had: starting it again would bring the same."""
 
 
 class Relay:
@@ -23,20 +23,29 @@ class Relay:
 
     def __init__(self, program, config):
         # Python lets no other child inherit these pipes. That matters: the daemon serves until the
-        # last writer of its standard input is gone.
-        self.process = subprocess.Popen(
-            [program], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        # last writer of its standard input is gone. It gets a session of its own, so that Ctrl-C at
+        # a terminal is for this program only, which then stops the daemon in order.
+        try:
+            self.process = subprocess.Popen(
+                [program], stdin=subprocess.PIPE, stdout=subprocess.PIPE, start_new_session=True)
+        except OSError as error:
+            raise StartError(f"{program} cannot be started: {error.strerror}") from None
         try:
             self.process.stdin.write(json.dumps(config).encode() + b"\n")
             self.process.stdin.flush()
         except BrokenPipeError:
             pass  # it ended already; the status line below says so
         line = self.process.stdout.readline()
-        status = json.loads(line) if line.endswith(b"\n") else {}
-        self.port = status.get("port")
-        if status.get("status") == "error":
+        try:
+            status = json.loads(line)
+            self.port = status["port"] if status["status"] == "ready" else None
+            problem = status.get("message")
+        except (ValueError, KeyError, TypeError, AttributeError):
+            self.port = None
+            problem = "it is no zkturnd, or it ended before it was ready"
+        if self.port is None:
             self.stop()
-            raise StartError(status["message"])
+            raise StartError(f"{program}: {problem}")
 
     def stop(self):
         """Ends its standard input. The status with which it ended; 0 after an orderly stop."""
@@ -60,18 +69,17 @@ def on_signal(number, frame):
 
 
 def main(config_file, program="zkturnd"):
-    with open(config_file, encoding="utf-8") as file:
-        config = json.load(file)
     relay = None
     signal.signal(signal.SIGINT, on_signal)
     signal.signal(signal.SIGTERM, on_signal)
     try:
+        with open(config_file, encoding="utf-8") as file:
+            config = json.load(file)
         while True:
             relay = Relay(program, config)
-            if relay.port is not None:
-                # The port is a new one after every start: clients have to be told.
-                print(f"process {relay.process.pid} serves "
-                      f"turn:127.0.0.1:{relay.port}?transport=udp", flush=True)
+            # The port is a new one after every start: clients have to be told.
+            print(f"process {relay.process.pid} serves "
+                  f"turn:127.0.0.1:{relay.port}?transport=udp", flush=True)
             relay.process.wait()
             print(f"it ended with status {relay.stop()}, starting it again", flush=True)
             relay = None
@@ -81,8 +89,12 @@ def main(config_file, program="zkturnd"):
         print(f"stopped with status {status}", flush=True)
         return status
     except StartError as error:
-        print(f"zkturnd: {error}", file=sys.stderr)
-        return 1
+        print(error, file=sys.stderr)
+    except OSError as error:
+        print(f"{config_file} cannot be read: {error.strerror}", file=sys.stderr)
+    except ValueError as error:
+        print(f"{config_file} is no JSON: {error}", file=sys.stderr)
+    return 1
 
 
 if __name__ == "__main__":

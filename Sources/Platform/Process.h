@@ -17,6 +17,10 @@ void prepareProcess();
 /// std::system_error when there is no descriptor to be had. Before there are threads.
 void takeTerminationSignal();
 
+/// The same for Ctrl-C and for the end of the terminal, for programs that people start. The latter
+/// stays ignored where nohup has it so.
+void takeInterrupts();
+
 /// Ends awaitStop(). Any thread.
 void requestStop();
 
@@ -33,6 +37,9 @@ void writeOutput(std::string_view text);
 
 /// Ends the process at once, without destructors: threads may still run.
 [[noreturn]] void endProcess(int status);
+
+/// From now on the files that this process and its children make are for this user alone.
+void keepFilesPrivate();
 
 /// Gives memory that was freed back to the system, after a structure has shrunk by much.
 void returnFreedMemory();

@@ -39,7 +39,8 @@ Association Association::open(const SOCKS5Proxy& proxy, const OpeningAttempt& at
   auto control = std::make_unique<SOCKS5Control>(
       proxy.host, proxy.port, proxy.username, proxy.password, attempt.connectTimeout, attempt.stop);
   control->onStage = onStage;
-  control->connect();
+  control->failsWhenClosed = attempt.failsWhenClosed;
+  control->connect(attempt.controlViaDefault ? std::optional(true) : std::nullopt);
   auto relay = control->performHandshakeAndUDPAssociate();
   control->onStage = nullptr;
   const sockaddr_in address = relay.relayAddress.socketAddress();

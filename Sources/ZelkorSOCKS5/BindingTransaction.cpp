@@ -17,7 +17,8 @@ constexpr std::uint16_t paddingAttribute = 0xFFF0;
 
 }  // namespace
 
-std::ptrdiff_t BindingTransaction::send(const Endpoint& server, std::size_t size) {
+template <typename Server>
+std::ptrdiff_t BindingTransaction::sendTo(const Server& server, std::size_t size) {
   Bytes request(binding_.request.begin(), binding_.request.end());
   if (size > request.size()) {
     const std::size_t padding = size - request.size();  // an attribute, with its header
@@ -28,6 +29,14 @@ std::ptrdiff_t BindingTransaction::send(const Endpoint& server, std::size_t size
   }
   sentAt_ = Clock::now();
   return socket_.send(SOCKS5UDPFrame::wrap(request, server), relay_);
+}
+
+std::ptrdiff_t BindingTransaction::send(const Endpoint& server, std::size_t size) {
+  return sendTo(server, size);
+}
+
+std::ptrdiff_t BindingTransaction::send(const HostPort& server, std::size_t size) {
+  return sendTo(server, size);
 }
 
 // The clock is looked at whatever comes: who floods the socket must not keep us.

@@ -32,12 +32,16 @@ class BindingTransaction {
   /// Sends a request to a server. Octets sent, or -1. `size`: of the request, a multiple of 4; more
   /// than the 20 that it needs are an attribute that servers pass over.
   std::ptrdiff_t send(const Endpoint& server, std::size_t size = STUN::headerSize);
+  /// The same; the proxy looks up the server's name.
+  std::ptrdiff_t send(const HostPort& server, std::size_t size = STUN::headerSize);
 
   /// Waits for what ends the transaction, until `deadline` and until `stop` is raised, if there is
   /// one. Absent when it does not come. Throws std::system_error when the socket fails.
   std::optional<Answer> await(Until until, Deadline deadline, const StopSignal* stop = nullptr);
 
  private:
+  template <typename Server>
+  std::ptrdiff_t sendTo(const Server& server, std::size_t size);
   std::optional<Answer> judge(ByteView datagram, Until until) const;
 
   DatagramSocket& socket_;

@@ -29,7 +29,7 @@ Endpoint relayAddress(const RelayAnswer& answer, const sockaddr& proxy, Deadline
   if (!answer.host.empty()) {
     const Resolution found = resolveUDPv4(answer.host, std::to_string(answer.port), deadline, stop);
     if (stop != nullptr && stop->isRaised()) {
-      throw SOCKS5Error::connectionFailed("stopped");
+      throw SOCKS5Error::connectionFailed("stopped", SOCKS5Error::Cause::stopped);
     }
     if (found.addresses.empty()) {
       throw lookupFailed(found.error);

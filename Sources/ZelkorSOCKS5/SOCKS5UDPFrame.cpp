@@ -17,6 +17,18 @@ Bytes SOCKS5UDPFrame::wrap(ByteView payload, const Endpoint& toPeer) {
   return concatenated(header(toPeer), payload);
 }
 
+Bytes SOCKS5UDPFrame::wrap(ByteView payload, const HostPort& toPeer) {
+  if (const auto address = parseAddress(toPeer.host)) {
+    return wrap(payload, Endpoint{*address, toPeer.port});
+  }
+  Bytes header{0, 0, 0, SOCKS5AddressType::domainName,
+               static_cast<std::uint8_t>(toPeer.host.size())};
+  header.insert(header.end(), toPeer.host.begin(), toPeer.host.end());
+  header.resize(header.size() + 2);
+  writeUInt16(&header[header.size() - 2], toPeer.port);
+  return concatenated(header, payload);
+}
+
 std::optional<SOCKS5UDPFrame::Unwrapped> SOCKS5UDPFrame::unwrap(ByteView datagram) {
   if (datagram.size() < headerSize) {
     return std::nullopt;

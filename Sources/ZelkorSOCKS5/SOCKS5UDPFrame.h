@@ -22,6 +22,8 @@ Header header(const Endpoint& toPeer);
 
 /// Header and payload, in one allocation.
 Bytes wrap(ByteView payload, const Endpoint& toPeer);
+/// The same for a peer that the proxy looks up, where it has a name of at most 255 octets.
+Bytes wrap(ByteView payload, const HostPort& toPeer);
 
 struct Unwrapped {
   ByteView payload;  // within the datagram; possibly empty

@@ -105,6 +105,8 @@ void declareCheck(CLI::App& app, CommandLine& line) {
   app.add_flag("--json", line.check.asJSON, "print one JSON object instead");
 }
 
+void declareServe(CLI::App& /*app*/, CommandLine& /*line*/) {}
+
 void declareRun(CLI::App& app, CommandLine& line) {
   app.footer("The command stands behind --: zkturn run PROXY -- COMMAND [ARGUMENTS]");
   RunOptions& options = line.run;
@@ -132,6 +134,7 @@ void declareRun(CLI::App& app, CommandLine& line) {
 const Verb* readCommandLine(std::span<const Verb> verbs, int argc, const char* const* argv,
                             CommandLine& line) {
   std::vector<std::string> arguments(argv + 1, argv + argc);
+  line.serve.program = argv[0];
   line.run.command = takeCommand(arguments);
   const bool hasCommand = arguments.size() + 1 < static_cast<std::size_t>(argc);
 

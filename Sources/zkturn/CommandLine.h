@@ -5,6 +5,7 @@
 #include "zkturn/Check.h"
 #include "zkturn/ProxyOptions.h"
 #include "zkturn/Run.h"
+#include "zkturn/Serve.h"
 
 namespace CLI {
 class App;
@@ -16,6 +17,7 @@ namespace zk {
 struct CommandLine {
   ProxyOptions proxy;
   CheckOptions check;
+  ServeOptions serve;
   RunOptions run;
 };
 
@@ -28,6 +30,7 @@ struct Verb {
 };
 
 void declareCheck(CLI::App& app, CommandLine& line);
+void declareServe(CLI::App& app, CommandLine& line);
 void declareRun(CLI::App& app, CommandLine& line);
 
 /// Reads the command line into `line` and returns its verb; null when it asked for nothing but help

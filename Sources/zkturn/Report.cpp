@@ -26,42 +26,37 @@ std::string printable(const std::string& text) {
 
 Report::Report(const ProxyOptions& proxy, const CheckOptions& options)
     : proxy_(proxy.proxy),
-      asJSON_(options.asJSON),
+      options_(options),
       isTerminal_(isTerminal(STDOUT_FILENO)),
       hasColours_(isTerminal_ && std::getenv("NO_COLOR") == nullptr) {
-  if (!asJSON_) {
+  if (!options_.asJSON) {
     fmt::print("Checking {}\n\n", printable(proxy_.text()));
     std::fflush(stdout);
   }
 }
 
-Watcher Report::watcher() {
-  if (asJSON_) {
-    return {};
+void Report::show(const Step& step) {
+  if (options_.asJSON) {
+    return;
   }
-  Watcher watcher{[this](const Step& step) { print(step); }, {}};
-  if (isTerminal_) {
-    watcher.onProbe = [this](unsigned done, unsigned of) { printBar(done, of); };
-  }
-  return watcher;
-}
-
-void Report::print(const Step& step) {
   clearBar();
-  struct Look {
-    const char* sign;
+  struct Sign {
+    const char* text;
     const char* colour;
   };
-  const Look look = step.mark == Step::Mark::passed   ? Look{"✓", "\033[32m"}
-                    : step.mark == Step::Mark::failed ? Look{"✗", "\033[31m"}
-                                                      : Look{"!", "\033[33m"};
-  fmt::print("  {}{}{} {:<13} {} ({:.0f} ms)\n", hasColours_ ? look.colour : "", look.sign,
+  const Sign sign = step.mark == Step::Mark::passed   ? Sign{"✓", "\033[32m"}
+                    : step.mark == Step::Mark::failed ? Sign{"✗", "\033[31m"}
+                                                      : Sign{"!", "\033[33m"};
+  fmt::print("  {}{}{} {:<13} {} ({:.0f} ms)\n", hasColours_ ? sign.colour : "", sign.text,
              hasColours_ ? "\033[0m" : "", step.name, printable(step.detail), step.milliseconds);
   std::fflush(stdout);
 }
 
-void Report::printBar(unsigned done, unsigned of) {
-  const unsigned filled = done * barWidth / of;
+void Report::showProgress(std::size_t done, std::size_t of) {
+  if (options_.asJSON || !isTerminal_) {
+    return;
+  }
+  const std::size_t filled = done * barWidth / of;
   fmt::print("\r  {}{} {}/{}", std::string(filled, '#'), std::string(barWidth - filled, '.'), done,
              of);
   std::fflush(stdout);
@@ -75,31 +70,33 @@ void Report::clearBar() {
   }
 }
 
-void Report::conclude(const Findings& findings) {
-  if (!asJSON_) {
+void Report::conclude(const Findings& findings, const Quality& quality) {
+  if (!options_.asJSON) {
     fmt::print("\n{}\n", printable(findings.verdict));
     return;
   }
-  const auto orNull = [](const auto& optional) {
-    return optional ? nlohmann::ordered_json(*optional) : nlohmann::ordered_json();
-  };
-  nlohmann::ordered_json json{{"proxy", printable(proxy_.text())},
-                              {"carriesUDP", findings.carriesUDP},
-                              {"verdict", printable(findings.verdict)},
-                              {"relay", printable(findings.relay)},
-                              {"seenByPeers", nullptr},
-                              {"sent", findings.sent},
-                              {"answered", findings.roundTrips.size()},
-                              {"roundTripMilliseconds", nullptr},
-                              {"largestDatagram", findings.largestDatagram},
-                              {"samePort", orNull(findings.isPortTheSame)},
-                              {"survivesIdle", orNull(findings.survivesIdle)},
-                              {"steps", nlohmann::ordered_json::array()}};
-  if (findings.seenByPeers) {
+  using Json = nlohmann::ordered_json;
+  const auto orNull = [](const auto& optional) { return optional ? Json(*optional) : Json(); };
+  const bool isReached = findings.seenByPeers.has_value();
+  const bool isKnown =
+      findings.outcome == Outcome::carriesUDP || findings.outcome == Outcome::carriesNone;
+  Json json{{"proxy", printable(proxy_.text())},
+            {"carriesUDP", isKnown ? Json(findings.outcome == Outcome::carriesUDP) : Json()},
+            {"verdict", printable(findings.verdict)},
+            {"relay", printable(findings.relay)},
+            {"seenByPeers", nullptr},
+            {"sent", quality.sent},
+            {"answered", quality.roundTrips.size()},
+            {"roundTripMilliseconds", nullptr},
+            {"largestDatagram", quality.largestDatagram},
+            {"samePort", orNull(findings.isPortTheSame)},
+            {"survivesIdle", orNull(quality.survivesIdle)},
+            {"steps", Json::array()}};
+  if (isReached) {
     json["seenByPeers"] = {{"address", findings.seenByPeers->ip()},
                            {"port", findings.seenByPeers->port}};
   }
-  if (const auto& trips = findings.roundTrips; !trips.empty()) {
+  if (const auto& trips = quality.roundTrips; !trips.empty()) {
     json["roundTripMilliseconds"] = {
         {"min", trips.front()}, {"median", trips[trips.size() / 2]}, {"max", trips.back()}};
   }
@@ -109,6 +106,9 @@ void Report::conclude(const Findings& findings) {
                              {"result", marks[static_cast<int>(step.mark)]},
                              {"detail", printable(step.detail)},
                              {"milliseconds", step.milliseconds}});
+    if (!step.code.empty()) {
+      json["steps"].back()["code"] = step.code;
+    }
   }
   fmt::print("{}\n", json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstddef>
+
 #include "zkturn/Check.h"
+#include "zkturn/Look.h"
 
 namespace zk {
 
@@ -11,16 +14,16 @@ class Report {
  public:
   Report(const ProxyOptions& proxy, const CheckOptions& options);
 
-  Watcher watcher();
-  void conclude(const Findings& findings);
+  void show(const Step& step);
+  /// On a terminal only.
+  void showProgress(std::size_t done, std::size_t of);
+  void conclude(const Findings& findings, const Quality& quality);
 
  private:
-  void print(const Step& step);
-  void printBar(unsigned done, unsigned of);
   void clearBar();
 
   const HostPort proxy_;
-  const bool asJSON_;
+  const CheckOptions& options_;
   const bool isTerminal_;
   const bool hasColours_;
   bool isBarShown_ = false;

@@ -5,6 +5,7 @@
 
 #include "EndToEnd/Rig.h"
 #include "Loopback/ForeignProxy.h"
+#include "PrivateNetwork.h"
 
 namespace zk::test {
 namespace {
@@ -13,7 +14,9 @@ struct Result {
   int status = -1;
   std::string output;  // both of them
 
-  nlohmann::json json() const { return nlohmann::json::parse(output); }
+  nlohmann::json json() const {
+    return nlohmann::json::parse(output, nullptr, /*allow_exceptions=*/false);
+  }
   bool says(const std::string& piece) const { return output.find(piece) != std::string::npos; }
 };
 
@@ -28,7 +31,7 @@ Result check(std::uint16_t port, const std::vector<std::string>& options,
   }
   arguments.insert(arguments.end(), options.begin(), options.end());
   if (isOnTerminal) {
-    arguments = {findProgram("script"), "-qec", fmt::format("{}", fmt::join(arguments, " ")),
+    arguments = {findProgram("script"), "-qec", fmt::format("'{}'", fmt::join(arguments, "' '")),
                  "/dev/null"};
   }
   ChildProcess program(arguments, {}, output);
@@ -74,68 +77,237 @@ INSTANTIATE_TEST_SUITE_P(Proxies, CheckTest, testing::ValuesIn(ForeignProxy::nam
                            return name;
                          });
 
-TEST(Check, TellsWhatIsWrongWithAProxyAndWhatToTry) {
-  using Action = SOCKS5Step::Action;
-  const TemporaryFolder folder;
+using Action = SOCKS5Step::Action;
+
+SOCKS5Script with(const std::function<void(SOCKS5Script&)>& change) {
+  SOCKS5Script script;
+  change(script);
+  return script;
+}
+
+SOCKS5Script stepAt(SOCKS5Step SOCKS5Script::*step, Action action) {
+  return with([&](SOCKS5Script& script) { script.*step = {action}; });
+}
+
+// One proxy, and what a user is told about it.
+struct Proxy {
+  const char* name;
+  SOCKS5Script script{};
+  std::vector<std::string> options{};
+  int status = 1;
+  nlohmann::json carriesUDP = nullptr;
+  std::vector<const char*> told{};
+  double seconds = 4;  // at most, of 1 per step
+};
+
+std::vector<Proxy> proxies(const TemporaryFolder& folder, const STUNResponder& stun) {
+  const auto login = [](SOCKS5Script& script) { script.login = {"alice", "wonderful"}; };
+  const auto loginFrom = [&](const std::string& file) {
+    return std::vector<std::string>{"--user", "alice", "--pass-file", file};
+  };
   const std::string wrong = secretFile(folder, "wrong", "wrong\n");
   const std::string right = secretFile(folder, "right", "wonderful\r\n");
-  const auto with = [](auto change) {
-    SOCKS5Script script;
-    change(script);
-    return script;
-  };
-  const auto login = [](SOCKS5Script& script) { script.login = {"alice", "wonderful"}; };
-  const struct {
-    SOCKS5Script script;
-    std::vector<std::string> options;
-    std::vector<const char*> pieces;  // of the verdict
-  } cases[] = {
-      {with([](auto& s) { s.replyCode = 7; }),
+  const std::string dead = "127.0.0.3:9";
+  const std::vector<std::string> bothAlive{"--stun", stun.target(), "--stun", dead};
+  const bool no = false;
+  const bool yes = true;
+  return {
+      {"does not do UDP",
+       with([](auto& s) { s.replyCode = 7; }),
        {},
-       {"asked it for a UDP association", "UDP ASSOCIATE not supported by proxy", "use a proxy"}},
-      {with([](auto& s) { s.greetingReply = bytes("HT"); }),
+       1,
+       no,
+       {"asked it for a UDP association", "UDP ASSOCIATE not supported by proxy", "use a proxy"},
+       1},
+      {"is one for HTTP",
+       with([](auto& s) { s.greetingReply = bytes("HT"); }),
        {},
-       {"does not let you in", "not SOCKS5 (bad ver 72)", "HTTP"}},
-      {with([](auto& s) { s.onGreeting = {Action::silence}; }), {}, {"no answer", "SOCKS4"}},
-      {with([](auto& s) { s.onAssociate = {Action::reset}; }),
+       1,
+       nullptr,
+       {"does not let you in", "bad ver 72", "HTTP"},
+       1},
+      {"closes at the greeting",
+       stepAt(&SOCKS5Script::onGreeting, Action::close),
+       {"--timeout", "20"},
+       1,
+       nullptr,
+       {"\"a closed connection\"", "HTTP"},
+       2},
+      {"closes instead of a login",
+       with([&](auto& s) {
+         login(s);
+         s.onAuth = {Action::close};
+       }),
+       loginFrom(right),
+       1,
+       nullptr,
+       {"\"a closed connection\"", "password"},
+       1},
+      {"resets at the association",
+       stepAt(&SOCKS5Script::onAssociate, Action::reset),
        {},
-       {"UDP association", "reset", "use a proxy"}},
-      {with(login), {}, {"rejected all offered methods", "give --user and --pass-file"}},
-      {with(login),
-       {"--user", "alice", "--pass-file", wrong},
-       {"does not let you in", "status 0x", "check user name and password"}},
-      {with([](auto& s) { s.announceIPv4("239.1.2.3"); }),
+       1,
+       no,
+       {"UDP association", "\"a reset connection\"", "use a proxy"},
+       1},
+      {"hangs at the greeting",
+       stepAt(&SOCKS5Script::onGreeting, Action::silence),
        {},
-       {"239.1.2.3", "multicast", "ask its operator"}},
-      {with([](auto& s) {
+       1,
+       nullptr,
+       {"\"no answer\"", "hangs", "--timeout"},
+       2},
+      {"hangs in the middle of an answer",
+       stepAt(&SOCKS5Script::onAssociate, Action::half),
+       {},
+       1,
+       nullptr,
+       {"\"no answer\"", "hangs", "--timeout"},
+       2},
+      {"answers octet by octet, too slowly",
+       with([](auto& s) {
+         s.onAssociate = {Action::dribble, milliseconds(0), milliseconds(300)};
+       }),
+       {},
+       1,
+       nullptr,
+       {"\"no answer\"", "hangs", "--timeout"},
+       2},
+      {"wants a login",
+       with(login),
+       {},
+       1,
+       nullptr,
+       {"rejected all offered methods", "give --user and --pass-file"},
+       1},
+      {"wants another login",
+       with(login),
+       loginFrom(wrong),
+       1,
+       nullptr,
+       {"does not let you in", "\"the proxy refused the login\"", "check user name and password"},
+       1},
+      {"wants that login", with(login), loginFrom(right), 0, yes, {}, 2},
+      {"wants no login", {}, loginFrom(right), 0, yes, {"asks for no login"}, 2},
+      {"answers with a multicast address",
+       with([](auto& s) { s.announceIPv4("239.1.2.3"); }),
+       {},
+       1,
+       no,
+       {"239.1.2.3", "multicast", "ask its operator"},
+       1},
+      {"answers with IPv6",
+       with([](auto& s) {
          s.announceIPv6({0x20, 1});
        }),
        {},
-       {": IPv6", "ask its operator"}},
-      {with([](auto& s) { s.announceDomain("evil\033[2J\n"); }), {}, {"evil?[2J?"}},
-      {with([](auto& s) { s.relay = SOCKS5Script::Relay::dropAll; }),
+       1,
+       no,
+       {"IPv6", "ask its operator"},
+       1},
+      {"answers with a name that is none",
+       with([](auto& s) { s.announceDomain("evil\033[2J\n"); }),
        {},
-       {"does not carry UDP", "sent STUN requests", "no answer", "blocked"}},
-      {with([](auto& s) { s.onAssociate = {Action::answerThenClose}; }),
+       1,
+       no,
+       {"evil?[2J?"},
+       2},
+      {"lets nothing through to several servers",
+       with([](auto& s) { s.relay = SOCKS5Script::Relay::dropAll; }),
+       bothAlive,
+       1,
+       no,
+       {"does not carry UDP", "no answer", "blocked"},
+       3.5},
+      {"lets nothing through to one server",
+       with([](auto& s) { s.relay = SOCKS5Script::Relay::dropAll; }),
        {},
-       {"ended its connection: end of stream"}},
-      {with(login), {"--user", "alice", "--pass-file", right, "--json"}, {}},  // all is well
+       3,
+       nullptr,
+       {"may carry UDP or not", "two operators"},
+       3.5},
+      {"is well, and the server is dead",
+       {},
+       {"--stun", dead},
+       3,
+       nullptr,
+       {"may carry UDP or not", "127.0.0.3:9 and to others"},
+       3.5},
+      {"is well, and the first server is dead",
+       {},
+       {"--stun", dead, "--stun", stun.target()},
+       0,
+       yes,
+       {"peers will see"},
+       3.5},
+      {"ends the association",
+       stepAt(&SOCKS5Script::onAssociate, Action::answerThenClose),
+       {},
+       1,
+       no,
+       {"ended its connection: end of stream"},
+       2},
   };
+}
+
+TEST(Check, TellsWhatIsWrongWithAProxyAndWhatToTry) {
+  const TemporaryFolder folder;
   const STUNResponder stun;
-  for (const auto& c : cases) {
-    SOCKS5Server proxy(c.script);
-    auto options = c.options;
-    options.insert(options.end(), {"--stun", stun.target(), "--timeout", "1", "--idle", "0"});
-    const Result result = check(proxy.port(), options);
-    EXPECT_EQ(result.status, c.pieces.empty() ? 0 : 1) << result.output;
-    for (const char* const piece : c.pieces) {
-      EXPECT_TRUE(result.says(piece)) << piece << " is missing: " << result.output;
-    }
-    EXPECT_EQ(result.output.find_first_of("\033\r"), std::string::npos);
-    EXPECT_FALSE(result.says("wonderful"));
-    proxy.closeListener();
-    EXPECT_TRUE(check(proxy.port(), {}).says("nothing listens there"));
+  std::vector<std::thread> running;  // most of it is waiting
+  for (const Proxy& row : proxies(folder, stun)) {
+    running.emplace_back([row, &stun] {
+      const SOCKS5Server proxy(row.script);
+      std::vector<std::string> options{"--idle", "0", "--count", "2"};
+      options.insert(options.end(), row.options.begin(), row.options.end());
+      const auto addUnlessGiven = [&](const char* option, const std::string& value) {
+        if (std::find(options.begin(), options.end(), option) == options.end()) {
+          options.insert(options.end(), {option, value});
+        }
+      };
+      addUnlessGiven("--timeout", "1");
+      addUnlessGiven("--stun", stun.target());
+      const Stopwatch watch;
+      const Result result = check(proxy.port(), options);
+      EXPECT_LT(watch.seconds(), row.seconds) << row.name;
+      EXPECT_EQ(result.status, row.status) << row.name << ": " << result.output;
+      for (const char* const piece : row.told) {
+        EXPECT_TRUE(result.says(piece))
+            << row.name << ": no \"" << piece << "\" in " << result.output;
+      }
+      EXPECT_FALSE(result.says("wonderful") || result.says("0x")) << result.output;
+      EXPECT_EQ(result.output.find_first_of("\033\r"), std::string::npos) << row.name;
+
+      options.push_back("--json");
+      const auto json = check(proxy.port(), options).json();
+      EXPECT_EQ(json["carriesUDP"], row.carriesUDP) << row.name << ": " << json;
+    });
   }
+  for (std::thread& one : running) {
+    one.join();
+  }
+}
+
+TEST(Check, TellsProgramsTheNumberOfARefusal) {
+  const TemporaryFolder folder;
+  SOCKS5Script script;
+  script.login = {"alice", "wonderful"};
+  const SOCKS5Server proxy(script);
+  const auto json = check(proxy.port(), {"--user", "alice", "--pass-file",
+                                         secretFile(folder, "wrong", "wrong"), "--json"})
+                        .json();
+  EXPECT_EQ(json["steps"].back()["code"], "status 0x1") << json;
+}
+
+TEST(Check, DoesNotSayNoWhenNoNameCanBeLookedUp) {
+  const PrivateNetwork network;  // has no resolver
+  if (!network) {
+    GTEST_SKIP() << "needs root, for a network of its own";
+  }
+  const SOCKS5Server proxy;
+  const Result result = check(proxy.port(), {"--timeout", "1", "--json"});
+  EXPECT_EQ(result.status, 3) << result.output;
+  EXPECT_EQ(result.json()["carriesUDP"], nullptr);
+  EXPECT_TRUE(result.says("may carry UDP or not")) << result.output;
 }
 
 TEST(Check, RemarksOnWhatIsLessThanItShouldBe) {

@@ -1,5 +1,5 @@
 """Runs an example parent as its user would: it serves, starts the daemon again when that is killed,
-stops in order, and says what was wrong with a configuration.
+stops in order, on Ctrl-C as well, and says in one sentence what is wrong.
 
     parent.py CONFIG DAEMON COMMAND...        (COMMAND starts the parent)
 """
@@ -54,6 +54,29 @@ def is_running(process):
         return False
 
 
+def ends_on_interrupt(command, config, daemon):
+    """Ctrl-C at a terminal is for all processes of its foreground group."""
+    with subprocess.Popen([*command, config, daemon], stdout=subprocess.PIPE, bufsize=0,
+                          start_new_session=True) as parent:
+        try:
+            started, _ = ready_daemon(parent)
+            os.killpg(parent.pid, signal.SIGINT)
+            line = next_line(parent)
+            expect(line == "stopped with status 0\n", f"no orderly stop on Ctrl-C but {line!r}")
+            expect(parent.wait(PATIENCE) == 0, f"Ctrl-C ended it with {parent.returncode}")
+            expect(not is_running(started), "the daemon outlived Ctrl-C")
+        finally:
+            parent.kill()
+
+
+def refuses(command, config, daemon, piece):
+    refused = subprocess.run([*command, config, daemon], capture_output=True, text=True,
+                             timeout=PATIENCE, check=False)
+    expect(refused.returncode == 1 and piece in refused.stderr and
+           refused.stderr.count("\n") == 1,
+           f"{daemon} with {config}: status {refused.returncode}, {refused.stderr!r}")
+
+
 def main(config, daemon, command):
     # Unbuffered, because select() does not see what a buffer has taken already.
     with subprocess.Popen([*command, config, daemon], stdout=subprocess.PIPE, bufsize=0) as parent:
@@ -73,14 +96,16 @@ def main(config, daemon, command):
         finally:
             parent.kill()
 
+    ends_on_interrupt(command, config, daemon)
     with tempfile.NamedTemporaryFile("w", suffix=".json") as wrong:
         json.dump({"proxy": {"host": "127.0.0.1", "port": 1080}}, wrong)
         wrong.flush()
-        refused = subprocess.run([*command, wrong.name, daemon], capture_output=True, text=True,
-                                 timeout=PATIENCE, check=False)
-    expect(refused.returncode == 1 and "missing key" in refused.stderr,
-           f"a wrong configuration: status {refused.returncode}, {refused.stderr!r}")
-    print("served, started again, stopped, refused a wrong configuration")
+        refuses(command, wrong.name, daemon, "missing key")
+    refuses(command, "/nonexistent.json", daemon, "/nonexistent.json")
+    refuses(command, config, "/nonexistent", "/nonexistent cannot be started")
+    refuses(command, config, "/bin/true", "no zkturnd")
+    refuses(command, config, "/bin/date", "no zkturnd")
+    print("served, started again, stopped, said what was wrong")
 
 
 main(sys.argv[1], sys.argv[2], sys.argv[3:])

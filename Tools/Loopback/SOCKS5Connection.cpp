@@ -247,56 +247,51 @@ Bytes SOCKS5Connection::associate() {
 void SOCKS5Connection::perform(const SOCKS5Step& step, Bytes answer, bool closeBehind) {
   answering_ = true;
   const bool answers = !answer.empty();
-  const auto act = [self = weak_from_this(), step, answer = std::move(answer), closeBehind] {
-    const auto connection = self.lock();
-    if (!connection || connection->ended_) {
-      return;
-    }
+  const auto act = [this, step, answer = std::move(answer), closeBehind] {
     switch (step.action) {
       case Action::answer:
-        connection->sendOctets(answer);
-        connection->answered(closeBehind);
-        break;
       case Action::answerThenClose:
-        connection->sendOctets(answer);
-        connection->answered(closeBehind || !answer.empty());
+        sendOctets(answer);
+        answered(closeBehind || (step.action == Action::answerThenClose && !answer.empty()));
         break;
       case Action::dribble:
-        connection->dribble(step.pace, std::make_shared<const Bytes>(answer), 0, closeBehind);
+        dribble(step.pace, answer, closeBehind);
         break;
       case Action::half:
-        connection->sendOctets(ByteView(answer).first(answer.size() / 2));
-        connection->mute_ = true;
+        sendOctets(ByteView(answer).first(answer.size() / 2));
+        mute_ = true;
         break;
       case Action::silence:
-        connection->mute_ = true;
+        mute_ = true;
         break;
       case Action::close:
-        connection->end();
+        end();
         break;
       case Action::reset:
-        connection->reset();
+        reset();
         break;
     }
   };
-  core_.loop.after(step.delay + (answers ? core_.script.distance : 0ms), act);
+  later(step.delay + (answers ? core_.script.distance : 0ms), act);
 }
 
-void SOCKS5Connection::dribble(std::chrono::milliseconds pace,
-                               const std::shared_ptr<const Bytes>& answer, std::size_t at,
-                               bool closeBehind) {
-  if (at < answer->size()) {
-    sendOctets(ByteView(*answer).subspan(at, 1));
-  }
-  if (at + 1 >= answer->size()) {
+/// Unless the connection has ended by then.
+void SOCKS5Connection::later(std::chrono::milliseconds delay, std::function<void()> action) {
+  core_.loop.after(delay, [self = weak_from_this(), action = std::move(action)] {
+    if (const auto connection = self.lock(); connection && !connection->ended_) {
+      action();
+    }
+  });
+}
+
+void SOCKS5Connection::dribble(std::chrono::milliseconds pace, Bytes answer, bool closeBehind) {
+  sendOctets(ByteView(answer).first(std::min<std::size_t>(answer.size(), 1)));
+  if (answer.size() <= 1) {
     answered(closeBehind);
     return;
   }
-  core_.loop.after(pace, [self = weak_from_this(), pace, answer, at, closeBehind] {
-    if (const auto connection = self.lock(); connection && !connection->ended_) {
-      connection->dribble(pace, answer, at + 1, closeBehind);
-    }
-  });
+  answer.erase(answer.begin());
+  later(pace, [=, this] { dribble(pace, answer, closeBehind); });
 }
 
 /// Unless the connection has ended by then.

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Platform/Sockets.h"
@@ -26,6 +27,20 @@ extern "C" void noteTermination(int /*signal*/) {
   const int savedErrno = errno;
   requestStop();
   errno = savedErrno;
+}
+
+void take(int signal) {
+  static StopSignal request;
+  stopRequest = &request;
+  struct sigaction action {};
+  action.sa_handler = noteTermination;
+  action.sa_flags = SA_RESTART;
+  sigfillset(&action.sa_mask);
+  sigaction(signal, &action, nullptr);
+  sigset_t taken;
+  sigemptyset(&taken);
+  sigaddset(&taken, signal);
+  sigprocmask(SIG_UNBLOCK, &taken, nullptr);  // a parent may hand it down blocked
 }
 
 }  // namespace
@@ -48,17 +63,16 @@ void prepareProcess() {
 }
 
 void takeTerminationSignal() {
-  static StopSignal request;
-  stopRequest = &request;
-  struct sigaction action {};
-  action.sa_handler = noteTermination;
-  action.sa_flags = SA_RESTART;
-  sigfillset(&action.sa_mask);
-  sigaction(SIGTERM, &action, nullptr);
-  sigset_t termination;
-  sigemptyset(&termination);
-  sigaddset(&termination, SIGTERM);
-  sigprocmask(SIG_UNBLOCK, &termination, nullptr);  // a parent may hand it down blocked
+  take(SIGTERM);
+}
+
+void takeInterrupts() {
+  take(SIGINT);
+  struct sigaction present {};
+  sigaction(SIGHUP, nullptr, &present);
+  if (present.sa_handler != SIG_IGN) {
+    take(SIGHUP);
+  }
 }
 
 void requestStop() {
@@ -94,6 +108,10 @@ void writeOutput(std::string_view text) {
     }
     text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
   }
+}
+
+void keepFilesPrivate() {
+  umask(077);
 }
 
 void endProcess(int status) {

@@ -1,0 +1,171 @@
+#include "Platform/Child.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <system_error>
+
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern "C" char** environ;
+
+namespace zk {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+void require(int error, const char* what) {
+  if (error != 0) {
+    throw std::system_error(error, std::generic_category(), what);
+  }
+}
+
+// What posix_spawn() does in the child, in order.
+class Actions {
+ public:
+  Actions() { require(posix_spawn_file_actions_init(&actions_), "posix_spawn"); }
+  ~Actions() { posix_spawn_file_actions_destroy(&actions_); }
+  Actions(const Actions&) = delete;
+  Actions& operator=(const Actions&) = delete;
+
+  void duplicate(int from, int to) {
+    require(posix_spawn_file_actions_adddup2(&actions_, from, to), "posix_spawn");
+  }
+  const posix_spawn_file_actions_t* get() const { return &actions_; }
+
+ private:
+  posix_spawn_file_actions_t actions_{};
+};
+
+class Attributes {
+ public:
+  Attributes() {
+    require(posix_spawnattr_init(&attributes_), "posix_spawn");
+    sigset_t all;
+    sigset_t none;
+    sigfillset(&all);
+    sigemptyset(&none);
+    posix_spawnattr_setsigdefault(&attributes_, &all);
+    posix_spawnattr_setsigmask(&attributes_, &none);
+    posix_spawnattr_setpgroup(&attributes_, 0);
+    posix_spawnattr_setflags(
+        &attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
+  }
+  ~Attributes() { posix_spawnattr_destroy(&attributes_); }
+  Attributes(const Attributes&) = delete;
+  Attributes& operator=(const Attributes&) = delete;
+
+  const posix_spawnattr_t* get() const { return &attributes_; }
+
+ private:
+  posix_spawnattr_t attributes_{};
+};
+
+std::vector<char*> pointersTo(std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  for (std::string& text : texts) {
+    pointers.push_back(text.data());
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+std::vector<std::string> environmentWith(const std::map<std::string, std::string>& more) {
+  std::vector<std::string> entries;
+  for (const auto& [name, value] : more) {
+    entries.push_back(name + "=" + value);
+  }
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text = *entry;
+    if (!more.contains(text.substr(0, text.find('=')))) {
+      entries.push_back(text);
+    }
+  }
+  return entries;
+}
+
+}  // namespace
+
+Child::Child(const std::vector<std::string>& arguments,
+             const std::map<std::string, std::string>& environment) {
+  Pipe input = openPipe();
+  Pipe output = openPipe();
+  std::signal(SIGPIPE, SIG_IGN);  // it may end before its input is written
+  Actions actions;
+  actions.duplicate(input.reader.get(), STDIN_FILENO);
+  actions.duplicate(output.writer.get(), STDOUT_FILENO);
+  const Attributes attributes;
+  std::vector<std::string> texts = arguments;
+  std::vector<std::string> entries = environmentWith(environment);
+  require(posix_spawn(&pid_, arguments.front().c_str(), actions.get(), attributes.get(),
+                      pointersTo(texts).data(), pointersTo(entries).data()),
+          arguments.front().c_str());
+  input_ = std::move(input.writer);
+  output_ = std::move(output.reader);
+}
+
+bool Child::write(std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = ::write(input_.get(), text.data(), text.size());
+    if (written < 0 && errno != EINTR) {
+      return false;
+    }
+    text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
+  }
+  return true;
+}
+
+std::optional<std::string> Child::readLine(Deadline deadline) {
+  std::size_t end = 0;
+  while ((end = buffered_.find('\n')) == std::string::npos) {
+    char piece[1024];
+    if (waitFor(output_.get(), POLLIN, deadline) != Wait::ready) {
+      return std::nullopt;
+    }
+    const ssize_t got = read(output_.get(), piece, sizeof piece);
+    if (got == 0 || (got < 0 && errno != EINTR)) {
+      return std::nullopt;
+    }
+    buffered_.append(piece, static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+  }
+  std::string line = buffered_.substr(0, end);
+  buffered_.erase(0, end + 1);
+  return line;
+}
+
+void Child::awaitEnd() {
+  char discarded[256];
+  ssize_t got = 0;
+  do {
+    got = read(output_.get(), discarded, sizeof discarded);
+  } while (got > 0 || (got < 0 && errno == EINTR));
+}
+
+int Child::end(Deadline deadline) {
+  if (status_) {
+    return *status_;
+  }
+  input_.reset();
+  char discarded[256];
+  while (waitFor(output_.get(), POLLIN, deadline) == Wait::ready &&
+         read(output_.get(), discarded, sizeof discarded) > 0) {
+  }
+  // Its output has ended, and so will it, at once; or it hangs.
+  int status = 0;
+  while (waitpid(pid_, &status, WNOHANG) == 0) {
+    if (Clock::now() >= deadline) {
+      kill(pid_, SIGKILL);
+      while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+      }
+      break;
+    }
+    waitFor(-1, 0, Clock::now() + std::chrono::milliseconds(2));
+  }
+  status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  return *status_;
+}
+
+}  // namespace zk
