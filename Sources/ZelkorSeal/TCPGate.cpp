@@ -20,12 +20,12 @@ constexpr std::chrono::milliseconds acceptPause{100};
 }  // namespace
 
 TCPGate::TCPGate(EventLoop& loop, ProxyWay& way, const ProxyAccess& access, Descriptor listener,
-                 Send send, LogCallback log)
+                 const Tun& tun, LogCallback log)
     : loop_(loop),
       way_(way),
       access_(access),
       listener_(std::move(listener)),
-      send_(std::move(send)),
+      tun_(tun),
       log_(std::move(log)),
       flows_([&loop] { return loop.now(); }) {
   loop_.watch(listener_.get(), *this);
@@ -74,7 +74,7 @@ void TCPGate::takeFromProgram(Packet& segment, const Endpoint& target) {
                                               : nullptr;
   if (flow == nullptr) {
     logLine(log_, FMT_COMPILE("TCP to {}: refused, too many connections"), target.text());
-    send_(PacketAnswer::reset(segment));
+    tun_.write(PacketAnswer::reset(segment));
     return;
   }
   flow->connection = open(target);
@@ -99,7 +99,7 @@ void TCPGate::forward(Flow& flow, Packet& segment, Side from) {
   } else {
     segment.readdress(flow.far, flow.program);
   }
-  send_(segment.octets());
+  tun_.write(segment.octets());
   if (isLast) {
     forget(flow);
   }
@@ -116,7 +116,7 @@ void TCPGate::forget(const Flow& flow) {
 
 void TCPGate::answerStray(const Packet& segment) {
   if (!segment.has(Packet::rst)) {
-    send_(PacketAnswer::reset(segment));
+    tun_.write(PacketAnswer::reset(segment));
   }
 }
 
@@ -175,12 +175,12 @@ void TCPGate::refuse(Connection& connection, Reply reply) {
     return;
   }
   using PacketAnswer::Unreachable;
-  send_(reply == Reply::refused
-            ? PacketAnswer::reset(*segment)
-            : PacketAnswer::unreachable(
-                  *segment,
-                  reply == Reply::networkUnreachable ? Unreachable::network : Unreachable::host,
-                  SealNetwork::gateway));
+  tun_.write(reply == Reply::refused ? PacketAnswer::reset(*segment)
+                                     : PacketAnswer::unreachable(*segment,
+                                                                 reply == Reply::networkUnreachable
+                                                                     ? Unreachable::network
+                                                                     : Unreachable::host,
+                                                                 SealNetwork::gateway));
 }
 
 void TCPGate::onReadable() {

@@ -275,8 +275,8 @@ TEST_P(RealBrowserTest, APageGetsOutByTheProxyOnly) {
     GTEST_SKIP() << "no " << GetParam() << " here";
   }
   const std::vector<std::string> browser{GetParam(), "--headless", "http://203.0.113.1:8000/"};
-  const auto [sealed, told] = visit(throughProxy(browser));
-  EXPECT_EQ(sealed, toProxy);
+  const auto [left, told] = visit(throughProxy(browser));
+  EXPECT_EQ(left, toProxy);
   EXPECT_TRUE(std::regex_search(told, std::regex("kept in: \\d+ private UDP to 10.1.0.1:3478\n")))
       << told;
   // Outside, with the page in reach.

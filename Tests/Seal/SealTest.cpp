@@ -1,6 +1,7 @@
 // The seal alone: nobody carries anything.
 
 #include <csignal>
+#include <sstream>
 
 #include <fcntl.h>
 #include <pty.h>
@@ -168,6 +169,60 @@ TEST_F(SealTest, ARefusalNamesTheReason) {
             std::string::npos);
   ::chmod("/dev/net/tun", 0666);
   EXPECT_NE(access("/tmp/ran", F_OK), 0);
+}
+
+// Each call that process 1 makes until all is made and locked, with how many of its kind came
+// before, and itself.
+std::vector<std::pair<std::string, int>> callsOfTheMaking(const std::string& trace) {
+  std::vector<std::pair<std::string, int>> calls;
+  std::map<std::string, int> counts;
+  const std::regex line("^(\\d+) +(\\w+)\\((.*)");
+  std::istringstream lines(trace);
+  std::string outside;
+  std::smatch call;
+  for (std::string each; std::getline(lines, each);) {
+    if (!std::regex_search(each, call, line)) {
+      continue;
+    }
+    outside = outside.empty() ? call[1].str() : outside;
+    const std::string name = call[2];
+    const std::string rest = call[3];
+    if (call[1] == outside) {
+      continue;
+    }
+    const int number = ++counts[name];
+    // What may show and is not there does not; what cannot be closed or freed stays.
+    const bool isOfNoConsequence = rest.find("O_PATH") != rest.npos || name == "close" ||
+                                   name == "munmap" || rest.starts_with("AF_UNIX");
+    if (!isOfNoConsequence) {
+      calls.emplace_back(name, number);
+    }
+    if (name == "sendmsg") {
+      break;
+    }
+  }
+  return calls;
+}
+
+TEST_F(SealTest, WhereOneCallOfItsMakingFailsTheCommandDoesNotRun) {
+  if (loopback::findProgram("strace").empty()) {
+    GTEST_SKIP() << "no strace here";
+  }
+  const std::vector<std::string> command{sealed, "touch", "/tmp/ran"};
+  const auto traced = [&](std::vector<std::string> options) {
+    std::remove("/tmp/ran");
+    options.insert(options.begin(), {"strace", "-f", "-qq", "-o", "/tmp/trace"});
+    options.insert(options.end(), command.begin(), command.end());
+    return run(options).status;
+  };
+  EXPECT_EQ(traced({}), 0);
+  const auto calls = callsOfTheMaking(contentOf("/tmp/trace"));
+  EXPECT_GT(calls.size(), 60U);
+  for (const auto& [name, number] : calls) {
+    const std::string fault = "inject=" + name + ":error=EPERM:when=" + std::to_string(number);
+    EXPECT_NE(traced({"-e", fault}), 0) << fault;
+    EXPECT_NE(access("/tmp/ran", F_OK), 0) << fault;
+  }
 }
 
 // A shell with jobs on a terminal of its own, which somebody types into.

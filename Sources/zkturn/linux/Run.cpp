@@ -1,5 +1,6 @@
 #include "zkturn/Run.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -85,7 +86,7 @@ class RunLog {
     }
     std::FILE* const file = std::fopen(path.c_str(), "ae");
     if (file == nullptr) {
-      throw SealFailure(fmt::format("cannot write the log {}: {}", path, lastErrorText()));
+      throw SealFailure(fmt::format("cannot write the log {}: {}", path, errorText(errno)));
     }
     std::fclose(file);
     writer_.emplace("zk.turn.log");
