@@ -11,7 +11,7 @@
 
 #include <sys/socket.h>
 
-#include "Base/IPv4.h"
+#include "Base/Endpoint.h"
 #include "Fuzz.h"
 #include "ZelkorSOCKS5/SOCKS5Error.h"
 #include "ZelkorTURN/TURNServer.h"
@@ -24,17 +24,20 @@ struct TURNServerAccess {
     server.prepare();
     server.opener_.emplace(server.relayFactory_, LogCallback(), std::move(startThread));
     server.socket_ = DatagramSocket::open();
-    server.socket_.bind(socketAddress("127.0.0.1", 0));
+    server.socket_.bind(Endpoint{INADDR_LOOPBACK, 0});
   }
-  void dispatch(ByteView datagram, const FiveTuple& client) { server.dispatch(datagram, client); }
+  void dispatch(ByteView datagram, const Endpoint& from) { server.dispatch(datagram, from, batch); }
   void endBurst() {
-    server.sendGathered();
-    server.sendOutbox();
+    batch.send();
+    server.endRound();
   }
   void turn() { server.loop_->turn(false); }
-  const Allocation* allocation(const FiveTuple& client) const {
-    return server.allocationTable_->allocation(client);
+  const Allocation* allocation(const Endpoint& client) const {
+    const Client* const record = server.clients_.find(client);
+    return record != nullptr && record->isOpen() ? &record->allocation : nullptr;
   }
+
+  PeerBatch batch{};
 };
 
 namespace fuzz {
@@ -58,8 +61,7 @@ auto valueOf(const TURNMessage& message, std::uint16_t type, Decode decode) {
 
 struct Datagram {
   Bytes payload;
-  std::string ip{};
-  std::uint16_t port = 0;
+  Endpoint peer{};
   bool operator==(const Datagram&) const = default;
 };
 
@@ -71,7 +73,7 @@ const std::string& relayName(std::uint8_t faults) {
 
 // Makes the relays, and what all of them share. Clients are known by their ports.
 struct Script final : TURNRelayFactory {
-  std::shared_ptr<TURNRelay> makeRelay(const FiveTuple& client) override;
+  std::shared_ptr<TURNRelay> makeRelay(const Endpoint& client) override;
 
   std::uint8_t faults = 0;
   std::vector<std::pair<std::uint16_t, bool>> concluded;  // openings, with success or without
@@ -92,7 +94,7 @@ struct ScriptedRelay final : TURNRelay {
   }
   RelayedAddress allocateRelay(const OpeningAttempt& attempt) override {
     const bool fails = (faults & (attempt.viaDefault ? secondFails : firstFails)) != 0;
-    const bool isUsable = !fails && isDottedQuad(relayName(faults));
+    const bool isUsable = !fails && parseAddress(relayName(faults)).has_value();
     if (isUsable || attempt.viaDefault) {
       script.concluded.emplace_back(client, isUsable && (faults & receiveFails) == 0);
     }
@@ -110,12 +112,14 @@ struct ScriptedRelay final : TURNRelay {
   }
   void sendAll(std::span<const PeerDatagram> datagrams) override {
     require(isInUse, "only a relay that is in use sends");
-    for (const auto& [payload, ip, port] : datagrams) {
-      script.sent[client].push_back({joined({payload}), ip, port});
+    for (const auto& [payload, peer] : datagrams) {
+      script.sent[client].push_back({joined({payload}), peer.endpoint});
     }
   }
-  void onRouteChange(const RouteCheck&) override {}
+  RelayWay way() const override { return {}; }
+  void setCutOff(bool) override {}
   bool isCutOff() const override { return false; }
+  void retire() override {}
   void close() override {
     if (std::exchange(isInUse, false)) {
       script.live.erase(client);
@@ -128,8 +132,8 @@ struct ScriptedRelay final : TURNRelay {
   bool isInUse = false;
 };
 
-std::shared_ptr<TURNRelay> Script::makeRelay(const FiveTuple& client) {
-  return std::make_shared<ScriptedRelay>(*this, client.clientPort);
+std::shared_ptr<TURNRelay> Script::makeRelay(const Endpoint& client) {
+  return std::make_shared<ScriptedRelay>(*this, client.port);
 }
 
 // What a datagram says to a client.
@@ -146,7 +150,7 @@ struct Client {
   struct Held {
     std::uint64_t expiry;
     TransactionID txID;
-    std::map<std::uint16_t, Address> channels{};
+    std::map<std::uint16_t, Endpoint> channels{};
   };
   struct Opening {
     TransactionID txID;
@@ -154,8 +158,8 @@ struct Client {
     std::size_t octets = 0;
   };
   Client() {
-    socket.bind(socketAddress(tuple.clientIP, 0));
-    tuple.clientPort = portNumber(socket.localAddress());
+    socket.bind({INADDR_LOOPBACK, 0});
+    endpoint = socket.localAddress();
   }
   std::vector<Bytes> received() const {
     static std::array<std::uint8_t, 65536> room;
@@ -169,7 +173,7 @@ struct Client {
   bool isAlive(std::uint64_t now) const { return held && held->expiry >= now; }
 
   DatagramSocket socket = DatagramSocket::open();
-  FiveTuple tuple{"127.0.0.1", 0, TransportProtocol::udp};
+  Endpoint endpoint;
   std::optional<Held> held;                         // the allocation, expired or not
   std::optional<Opening> opening;                   // never both
   std::map<TransactionID, std::uint64_t> failures;  // and until when they are remembered
@@ -216,12 +220,13 @@ class World {
       case 5:
         turn();
         break;
-      case 6:  // more than may be kept
-        for (std::uint8_t i = 0; i < TURNServer::maxKeptDatagrams; ++i) {
+      case 6:  // more than may be kept, and not so often that strangers are rationed
+        for (std::uint8_t i = 0; floods_ < 8 && i < Opening::maxDatagrams; ++i) {
           TURNMessage message(1, TURNClass::request, {i});
           message.append(TURNAttr::data, Bytes(i % 3 == 0 ? 4000 : 0));
           dispatch(client, message.encode());
         }
+        ++floods_;
         break;
       default:
         ask(client);
@@ -267,7 +272,8 @@ class World {
       const std::uint8_t which = input_.octet();
       if (which % 4 == 3) {
         message.append(TURNAttr::xorPeerAddress,
-                       *encodeXorAddress(names[which >> 4 & 1], which >> 6));
+                       encodeXorAddress({*parseAddress(names[which >> 4 & 1]),
+                                         static_cast<std::uint16_t>(which >> 6)}));
       } else {
         const std::uint16_t type = which < 0xC0 ? types[which % 4] : input_.number();
         message.append(type, input_.take(input_.octet()));
@@ -285,7 +291,7 @@ class World {
 
   void dispatch(Client& client, Bytes datagram) {
     burst_.push_back(std::move(datagram));  // payloads are read until the end of the burst
-    access_.dispatch(burst_.back(), client.tuple);
+    access_.dispatch(burst_.back(), client.endpoint);
     judge(client, burst_.back());
   }
 
@@ -302,25 +308,27 @@ class World {
     const std::uint8_t detail = input_.octet();
     const auto port = static_cast<std::uint16_t>(detail % 4);
     const Bytes payload(input_.octet(), detail);
-    const auto relay = script_->live.find(client.tuple.clientPort);
+    const auto relay = script_->live.find(client.endpoint.port);
     if (relay == script_->live.end()) {
       return;
     }
     if (detail == 0) {
       relay->second->onAssociationEnd("scripted");
-      relay->second->onSilence();
+      relay->second->onLoss(RelayListener::Loss::silent);
       client.held.reset();
       return;
     }
-    const std::vector<PeerDatagram> burst(1 + detail / 4, {payload, ip, port});
+    const auto address = parseAddress(ip);
+    const Endpoint peer{address.value_or(0), port};
+    const std::vector<ReceivedDatagram> burst(
+        1 + detail / 4, {payload, peer, address ? std::nullopt : std::optional(ip)});
     relay->second->onDatagrams(burst);
-    if (client.isAlive(now_) && isDottedQuad(ip)) {
+    if (client.isAlive(now_) && address) {
       const auto& channels = client.held->channels;
-      const auto bound = std::find_if(channels.begin(), channels.end(), [&](const auto& channel) {
-        return channel.second.ip == ip && channel.second.port == port;
-      });
+      const auto bound = std::find_if(channels.begin(), channels.end(),
+                                      [&](const auto& channel) { return channel.second == peer; });
       const Told told = bound == channels.end()
-                            ? Told{TURNMethod::dataMsg, {}, 0, {}, {payload, ip, port}}
+                            ? Told{TURNMethod::dataMsg, {}, 0, {}, {payload, peer}}
                             : Told{bound->first, {}, 0, {}, {payload}};
       client.owed.insert(client.owed.end(), burst.size(), told);
     }
@@ -346,7 +354,7 @@ class World {
     }
     for (const auto& ending : concluded) {
       Client& client = *std::find_if(clients_.begin(), clients_.end(), [&](const Client& each) {
-        return each.tuple.clientPort == ending.first;
+        return each.endpoint.port == ending.first;
       });
       const Client::Opening opening = *std::exchange(client.opening, std::nullopt);
       if (ending.second) {
@@ -378,7 +386,7 @@ class World {
       const auto peer = valueOf(*message, TURNAttr::xorPeerAddress, decodeXorAddress);
       const auto data = message->first(TURNAttr::data);
       if (peer && data && client.isAlive(now_)) {
-        client.due.push_back({joined({*data}), peer->ip, peer->port});
+        client.due.push_back({joined({*data}), *peer});
       }
     } else if (message) {
       judgeRequest(client, *message, datagram);
@@ -386,8 +394,7 @@ class World {
       const std::size_t length = readUInt16(datagram, 2);
       const auto channel = client.held->channels.find(readUInt16(datagram, 0));
       if (datagram.size() >= 4 + length && channel != client.held->channels.end()) {
-        client.due.push_back({joined({ByteView(datagram).subspan(4, length)}), channel->second.ip,
-                              channel->second.port});
+        client.due.push_back({joined({ByteView(datagram).subspan(4, length)}), channel->second});
       }
     }
   }
@@ -424,7 +431,7 @@ class World {
         sweep();
         client.opening = Client::Opening{message.txID};
         if ((script_->faults & noThread) != 0 && bodies_.empty()) {
-          script_->concluded.emplace_back(client.tuple.clientPort, false);
+          script_->concluded.emplace_back(client.endpoint.port, false);
         }
         return;
       }
@@ -475,9 +482,9 @@ class World {
     }
     const TURNMessage message = TURNMessage::decode(datagram).value();
     if (message.klass == TURNClass::indication) {
-      const Address peer = valueOf(message, TURNAttr::xorPeerAddress, decodeXorAddress).value();
+      const Endpoint peer = valueOf(message, TURNAttr::xorPeerAddress, decodeXorAddress).value();
       const Bytes payload = joined({message.first(TURNAttr::data).value()});
-      return {message.method, {}, 0, {}, {payload, peer.ip, peer.port}};
+      return {message.method, {}, 0, {}, {payload, peer}};
     }
     const int error = valueOf(message, TURNAttr::errorCode, decodeErrorCode).value_or(0);
     require(message.klass == (error == 0 ? TURNClass::successResponse : TURNClass::errorResponse),
@@ -502,15 +509,15 @@ class World {
         told.push_back(read(datagram));
       }
       require(told == std::exchange(client.owed, {}), "just what is owed comes, in order");
-      require(std::exchange(script_->sent[client.tuple.clientPort], {}) ==
-                  std::exchange(client.due, {}),
-              "just what a live allocation allows is relayed, in order");
+      require(
+          std::exchange(script_->sent[client.endpoint.port], {}) == std::exchange(client.due, {}),
+          "just what a live allocation allows is relayed, in order");
 
-      const Allocation* const allocation = access_.allocation(client.tuple);
+      const Allocation* const allocation = access_.allocation(client.endpoint);
       require((allocation != nullptr) == client.held.has_value() &&
                   (allocation == nullptr || allocation->lifetimeExpiry == client.held->expiry),
               "an allocation just where there must be one");
-      require(script_->live.contains(client.tuple.clientPort) == client.held.has_value(),
+      require(script_->live.contains(client.endpoint.port) == client.held.has_value(),
               "a relay just as long as its allocation");
       held += client.held ? 1 : 0;
     }
@@ -520,6 +527,7 @@ class World {
   Input& input_;
   std::uint64_t now_ = 0;  // the server's clock, in seconds
   std::uint64_t nextSweep_ = 30;
+  unsigned floods_ = 0;
   const std::shared_ptr<Script> script_ = std::make_shared<Script>();
   std::deque<std::function<void()>> bodies_;  // of the openings' threads
   std::deque<Bytes> burst_;

@@ -12,7 +12,7 @@ namespace zk::bench {
 namespace {
 
 constexpr std::size_t payloadSize = 200;
-const std::string peer = "203.0.113.7";
+constexpr Endpoint peer{0xCB007107, 3478};
 
 // Counts the allocations of the loop that it spans.
 class Heap {
@@ -30,7 +30,7 @@ class Heap {
 
 TURNMessage dataIndication() {
   TURNMessage message(TURNMethod::dataMsg, TURNClass::indication, {}, payloadSize + 16);
-  message.append(TURNAttr::xorPeerAddress, *TURNAttributes::encodeXorAddress(peer, 3478));
+  message.append(TURNAttr::xorPeerAddress, TURNAttributes::encodeXorAddress(peer));
   message.append(TURNAttr::data, Bytes(payloadSize));
   return message;
 }
@@ -58,7 +58,7 @@ void encode(benchmark::State& state) {
   const Heap heap(state);
   for (auto _ : state) {
     TURNMessage message(TURNMethod::dataMsg, TURNClass::indication, {}, payloadSize + 16);
-    message.append(TURNAttr::xorPeerAddress, *TURNAttributes::encodeXorAddress(peer, 3478));
+    message.append(TURNAttr::xorPeerAddress, TURNAttributes::encodeXorAddress(peer));
     message.append(TURNAttr::data, payload);
     benchmark::DoNotOptimize(message.encode());
   }
@@ -88,13 +88,13 @@ void wrap(benchmark::State& state) {
   const Bytes payload(payloadSize);
   const Heap heap(state);
   for (auto _ : state) {
-    benchmark::DoNotOptimize(SOCKS5UDPFrame::wrap(payload, peer, 3478));
+    benchmark::DoNotOptimize(SOCKS5UDPFrame::wrap(payload, peer));
   }
 }
 BENCHMARK(wrap);
 
 void unwrap(benchmark::State& state) {
-  const Bytes frame = SOCKS5UDPFrame::wrap(Bytes(payloadSize), peer, 3478);
+  const Bytes frame = SOCKS5UDPFrame::wrap(Bytes(payloadSize), peer);
   const Heap heap(state);
   for (auto _ : state) {
     benchmark::DoNotOptimize(SOCKS5UDPFrame::unwrap(frame));

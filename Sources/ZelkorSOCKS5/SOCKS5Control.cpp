@@ -279,7 +279,7 @@ void SOCKS5Control::fail(const char* operation, const StreamResult& result) cons
 
 void SOCKS5Control::tell(Stage stage, const std::string& detail) const {
   if (onStage) {
-    onStage(stage, detail);
+    onStage(*this, stage, detail);
   }
 }
 

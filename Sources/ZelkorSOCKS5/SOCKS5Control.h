@@ -37,7 +37,7 @@ class SOCKS5Control {
 
   enum class Stage { nameFound, connected, methodChosen, loggedIn, associated };
   /// Told of each stage once it is behind, with what was found there, for those who want to watch.
-  using StageWatcher = std::function<void(Stage, const std::string&)>;
+  using StageWatcher = std::function<void(const SOCKS5Control&, Stage, const std::string&)>;
   StageWatcher onStage;
   /// Whether a connection that the proxy closes fails at once, for those who advise somebody. Else
   /// it fails when the time limit passes, as if the proxy said nothing: clients try again and

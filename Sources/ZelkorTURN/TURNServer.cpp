@@ -3,8 +3,6 @@
 
 #include "ZelkorTURN/TURNServer.h"
 
-#include <algorithm>
-#include <array>
 #include <chrono>
 #include <system_error>
 #include <utility>
@@ -45,58 +43,6 @@ std::string_view nameOf(TURNClass klass) {
 }
 
 }  // namespace
-
-// What a burst of clients' datagrams comes to for their relays: sent at its end, or earlier.
-class TURNServer::ToPeers {
- public:
-  ToPeers() = default;
-  ~ToPeers() { send(); }
-  ToPeers(const ToPeers&) = delete;
-  ToPeers& operator=(const ToPeers&) = delete;
-
-  // Payloads must live until they are sent.
-  void add(TURNRelay& relay, ByteView payload, const Peer& peer) {
-    if (count_ == maxBurst) {
-      send();
-    }
-    relays_[count_] = &relay;
-    datagrams_[count_++] = {payload, peer};
-  }
-
-  void send() {
-    bringTogether();
-    for (std::size_t first = 0, end = 0; first < count_; first = end) {
-      while (end < count_ && relays_[end] == relays_[first]) {
-        ++end;
-      }
-      relays_[first]->sendAll(std::span(datagrams_).subspan(first, end - first));
-    }
-    count_ = 0;
-  }
-
- private:
-  // What goes to one relay stands together then, in its order.
-  void bringTogether() {
-    for (std::size_t i = 1; i < count_; ++i) {
-      std::size_t behind = i;
-      while (behind > 0 && relays_[behind - 1] != relays_[i]) {
-        --behind;
-      }
-      if (behind > 0 && behind < i) {
-        const auto rotate = [&](auto& array) {
-          const auto at = [&](std::size_t n) { return array.begin() + static_cast<long>(n); };
-          std::rotate(at(behind), at(i), at(i + 1));
-        };
-        rotate(relays_);
-        rotate(datagrams_);
-      }
-    }
-  }
-
-  std::array<TURNRelay*, maxBurst> relays_;
-  std::array<PeerDatagram, maxBurst> datagrams_;
-  std::size_t count_ = 0;
-};
 
 TURNServer::TURNServer(Credentials credentials, std::string realm,
                        std::shared_ptr<TURNRelayFactory> relayFactory, bool acceptFingerprint,
@@ -175,7 +121,7 @@ std::uint32_t TURNServer::now() const {
 
 void TURNServer::onReadable() {
   const int received = receiver_->receive(socket_);
-  ToPeers batch;
+  PeerBatch batch;
   for (std::size_t i = 0; received > 0 && i < static_cast<std::size_t>(received); ++i) {
     const ByteView datagram = receiver_->datagram(i);
     if (datagram.empty()) {
@@ -191,7 +137,7 @@ void TURNServer::onReadable() {
   }
 }
 
-void TURNServer::dispatch(ByteView datagram, const Endpoint& from, ToPeers& batch) {
+void TURNServer::dispatch(ByteView datagram, const Endpoint& from, PeerBatch& batch) {
   Client* const client = clients_.find(from);
   if (client != nullptr && client->opening) {
     client->opening->keep(datagram);
@@ -218,7 +164,7 @@ bool TURNServer::isAdmitted(const Endpoint& stranger) {
 }
 
 void TURNServer::handleSTUN(ByteView datagram, const Endpoint& from, Client* client,
-                            ToPeers& batch) {
+                            PeerBatch& batch) {
   const auto message = TURNMessageView::decode(datagram);
   if (!message) {
     lines_.line() << "stun: decode FAILED for " << datagram.size() << "B datagram from " << from;
@@ -247,7 +193,7 @@ void TURNServer::handleSTUN(ByteView datagram, const Endpoint& from, Client* cli
 }
 
 void TURNServer::handleSendIndication(const TURNMessageView& message, Client& client,
-                                      ToPeers& batch) {
+                                      PeerBatch& batch) {
   const auto peerValue = message.first(TURNAttr::xorPeerAddress);
   const auto peer = peerValue ? TURNAttributes::decodeXorAddress(*peerValue) : std::nullopt;
   const auto payload = message.first(TURNAttr::data);
@@ -256,7 +202,7 @@ void TURNServer::handleSendIndication(const TURNMessageView& message, Client& cl
   }
 }
 
-void TURNServer::handleChannelData(ByteView datagram, Client& client, ToPeers& batch) {
+void TURNServer::handleChannelData(ByteView datagram, Client& client, PeerBatch& batch) {
   const auto data = ChannelData::decode(datagram);
   const Peer* const peer = data ? client.allocation.peerOf(data->channel) : nullptr;
   if (peer != nullptr && !client.allocation.isExpired(now())) {
@@ -315,7 +261,7 @@ void TURNServer::concludeOpening(const Endpoint& endpoint,
     release(client, Release::notOpened);
     answer(allocationTable_->concludeFailed(opening->allocate, now()), endpoint);
   }
-  ToPeers batch;
+  PeerBatch batch;
   for (const Bytes& datagram : opening->kept) {
     dispatch(datagram, endpoint, batch);
   }
@@ -389,9 +335,9 @@ void TURNServer::onLoss(Client& client, RelayListener::Loss loss) {
 }
 
 void TURNServer::endRound() {
+  lines_.flush();  // first: whoever has an answer finds the lines about it
   outbox_.send();
   clients_.bury();
-  lines_.flush();
 }
 
 }  // namespace zk

@@ -14,6 +14,7 @@
 #include "ZelkorTURN/AllocationTable.h"
 #include "ZelkorTURN/ClientOutbox.h"
 #include "ZelkorTURN/Clients.h"
+#include "ZelkorTURN/PeerBatch.h"
 #include "ZelkorTURN/RelayLifetime.h"
 #include "ZelkorTURN/RelayOpener.h"
 #include "ZelkorTURN/StrangerRation.h"
@@ -60,7 +61,6 @@ class TURNServer final : EventLoop::Source, ClientEvents {
 
  private:
   friend struct TURNServerAccess;  // the fuzzer drives the loop itself, on a clock of its own
-  class ToPeers;
   enum class Release { refreshed, expired, silent, cutOff, notOpened };
 
   void prepare();
@@ -69,11 +69,11 @@ class TURNServer final : EventLoop::Source, ClientEvents {
 
   // From clients.
   void onReadable() override;
-  void dispatch(ByteView datagram, const Endpoint& from, ToPeers& batch);
+  void dispatch(ByteView datagram, const Endpoint& from, PeerBatch& batch);
   bool isAdmitted(const Endpoint& stranger);
-  void handleSTUN(ByteView datagram, const Endpoint& from, Client* client, ToPeers& batch);
-  void handleSendIndication(const TURNMessageView& message, Client& client, ToPeers& batch);
-  void handleChannelData(ByteView datagram, Client& client, ToPeers& batch);
+  void handleSTUN(ByteView datagram, const Endpoint& from, Client* client, PeerBatch& batch);
+  void handleSendIndication(const TURNMessageView& message, Client& client, PeerBatch& batch);
+  void handleChannelData(ByteView datagram, Client& client, PeerBatch& batch);
   void answer(const TURNMessage& message, const Endpoint& to);
 
   // Relays.

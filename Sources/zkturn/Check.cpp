@@ -10,10 +10,9 @@
 
 #include "Platform/Interfaces.h"
 #include "Platform/Resolver.h"
-#include "ZelkorSOCKS5/InterfaceScope.h"
-#include "ZelkorSOCKS5/ProxyProbe.h"
+#include "ZelkorSOCKS5/Association.h"
+#include "ZelkorSOCKS5/BindingTransaction.h"
 #include "ZelkorSOCKS5/SOCKS5Control.h"
-#include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
 #include "ZelkorSOCKS5/STUN.h"
 #include "zkturn/Advice.h"
 #include "zkturn/Report.h"
@@ -25,6 +24,7 @@ using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 using Stage = SOCKS5Control::Stage;
 using Mark = Step::Mark;
+using Answer = BindingTransaction::Answer;
 
 constexpr Milliseconds answerLimit{1500};  // what a relay that is being opened gives a STUN server
 constexpr Milliseconds shortestLimit{300};
@@ -35,10 +35,6 @@ constexpr unsigned tries = 3;  // before silence is believed
 // Payloads, all multiples of 4: what WebRTC sends, what fits the usual links, and beyond.
 constexpr std::size_t sizes[] = {576, 1000, 1200, 1280, 1352, 1400, 1452, 1472, 2048, 4096, 8192};
 constexpr std::size_t sizeOfMedia = 1200;
-
-// RFC 5389 section 15: a server passes over attributes of this half of the range that it does not
-// know. Nobody knows this one.
-constexpr std::uint16_t paddingAttribute = 0xFFF0;
 
 constexpr const char* stepNames[] = {"name", "connection", "method", "login", "association"};
 
@@ -89,11 +85,6 @@ class Checker {
   void compareDestinations();
   void waitIdle();
 
-  // What became of one Binding request through the relay.
-  struct Answer {
-    std::optional<Endpoint> mapped;
-    Milliseconds roundTrip{0};
-  };
   // Absent when no answer came within `limit`. A request of more than 20 octets is padded.
   std::optional<Answer> ask(const Endpoint& server, Milliseconds limit, std::size_t size = 20);
   std::optional<Answer> askRepeatedly(const Endpoint& server, Milliseconds limit,
@@ -110,9 +101,7 @@ class Checker {
   Findings findings_;
   std::string remark_;  // what the verdict adds
   Clock::time_point stepBegan_ = Clock::now();
-  std::optional<SOCKS5Control> control_;
-  SOCKS5Control::RelayEndpoint relay_;
-  std::optional<ProbeSocket> socket_;
+  std::optional<Association> association_;
   std::vector<Endpoint> servers_;
 };
 
@@ -127,8 +116,6 @@ void Checker::step(Mark mark, std::string name, std::string detail) {
 }
 
 void Checker::connect() {
-  const std::optional<bool> override =
-      proxy_.viaDefault ? std::optional(true) : std::nullopt;  // as the daemon does by itself
   const auto way = [](std::optional<unsigned> index) -> std::string {
     for (const NetworkInterface& interface : Interfaces().available()) {
       if (index == interface.index) {
@@ -137,25 +124,23 @@ void Checker::connect() {
     }
     return index ? "pinned" : "by the routes";
   };
-
-  control_.emplace(proxy_.proxy.host, proxy_.proxy.port, proxy_.user, password_,
-                   proxy_.timeoutSeconds);
   Stage stage = Stage::nameFound;  // the one that is under way
-  control_->onStage = [&](Stage done, const std::string& found) {
+  const auto onStage = [&](const SOCKS5Control& control, Stage done, const std::string& found) {
     step(Mark::passed, nameOf(done),
-         done == Stage::connected
-             ? fmt::format("to {}, {}", found, way(control_->pinnedInterface()))
+         done == Stage::connected ? fmt::format("to {}, {}", found, way(control.pinnedInterface()))
          : done == Stage::associated ? "relay " + found
                                      : found);
     stage = done == Stage::associated ? done : after(done, found);
   };
+  if (proxy_.viaDefault) {
+    setenv("ZK_EGRESS_VIA_DEFAULT", "1", 1);  // what it means to the daemon
+  }
   try {
-    control_->connect(override);
-    relay_ = control_->performHandshakeAndUDPAssociate();
-    findings_.relay = fmt::format("{}:{}", relay_.relayHost, relay_.relayPort);
-    const auto interface = InterfaceScope::interfaceFor(
-        relay_.relayHost, reinterpret_cast<const sockaddr&>(relay_.relayAddress), override);
-    socket_.emplace(relay_.relayAddress, interface);
+    association_.emplace(
+        Association::open({proxy_.proxy.host, proxy_.proxy.port, proxy_.user, password_},
+                          {.connectTimeout = static_cast<double>(proxy_.timeoutSeconds)}, onStage));
+    findings_.relay =
+        fmt::format("{}:{}", association_->relay.relayHost, association_->relay.relayPort);
   } catch (const SOCKS5Error& error) {
     step(Mark::failed, nameOf(stage), answerIn(error));
     throw failureAt(stage, error, proxy_.proxy, proxy_.user.has_value());
@@ -187,46 +172,20 @@ void Checker::findServers() {
        fmt::format("{} and {}", servers_.front().text(), servers_.back().text()));
 }
 
-std::optional<Checker::Answer> Checker::ask(const Endpoint& server, Milliseconds limit,
-                                            std::size_t size) {
-  const STUN::BindingRequest binding = STUN::makeBindingRequest();
-  Bytes request(binding.request.begin(), binding.request.end());
-  if (size > request.size()) {
-    const std::size_t padding = size - request.size();  // an attribute, with its header
-    request.resize(size);
-    writeUInt16(&request[2], static_cast<std::uint16_t>(padding));
-    writeUInt16(&request[20], paddingAttribute);
-    writeUInt16(&request[22], static_cast<std::uint16_t>(padding - 4));
-  }
-  const auto sent = Clock::now();
-  const Deadline deadline = sent + std::chrono::duration_cast<Clock::duration>(limit);
+std::optional<Answer> Checker::ask(const Endpoint& server, Milliseconds limit, std::size_t size) {
   try {
-    socket_->send(request, server.ip(), server.port);
-    while (const auto datagram = socket_->receive(deadline)) {
-      const Milliseconds roundTrip = Clock::now() - sent;
-      const auto frame = SOCKS5UDPFrame::unwrap(*datagram);
-      const bool isAnswer =
-          frame && frame->payload.size() >= 20 &&
-          std::equal(binding.txID.begin(), binding.txID.end(), frame->payload.begin() + 8);
-      if (!isAnswer) {
-        continue;  // a late one
-      }
-      Answer reply{std::nullopt, roundTrip};
-      if (const auto text = STUN::parseXorMappedAddress(frame->payload, binding.txID)) {
-        const std::size_t colon = text->find(':');
-        reply.mapped = {parseAddress(text->substr(0, colon)).value(),
-                        parsePort(text->substr(colon + 1)).value()};
-      }
-      return reply;
-    }
-  } catch (const SOCKS5Error&) {
+    BindingTransaction transaction(association_->socket, association_->relay.relayAddress);
+    transaction.send(server, size);
+    return transaction.await(BindingTransaction::Until::answer,
+                             Clock::now() + std::chrono::duration_cast<Clock::duration>(limit));
+  } catch (const std::system_error&) {
     // The system refuses the datagram, for its size perhaps: it does not pass.
+    return std::nullopt;
   }
-  return std::nullopt;
 }
 
-std::optional<Checker::Answer> Checker::askRepeatedly(const Endpoint& server, Milliseconds limit,
-                                                      std::size_t size) {
+std::optional<Answer> Checker::askRepeatedly(const Endpoint& server, Milliseconds limit,
+                                             std::size_t size) {
   for (unsigned i = 0; i < tries; ++i) {
     if (auto reply = ask(server, limit, size)) {
       return reply;
@@ -258,7 +217,7 @@ void Checker::findMapping() {
       return;
     }
   }
-  const auto end = control_->takeEnd();
+  const auto end = association_->control->takeEnd();
   const std::string came = end ? "the proxy ended its connection: " + *end : "no answer";
   step(Mark::failed, "STUN", came);
   throw Failure{
@@ -268,7 +227,7 @@ void Checker::findMapping() {
           : fmt::format("UDP to {} may be blocked on the way (ask its operator to open it, or try "
                         "--via-default), or the proxy may not carry it; another server can be "
                         "named with --stun",
-                        Endpoint::of(relay_.relayAddress).ip())};
+                        association_->relay.relayAddress.ip())};
 }
 
 void Checker::measureRoundTrips() {
@@ -276,7 +235,7 @@ void Checker::measureRoundTrips() {
     std::this_thread::sleep_for(pause);
     ++findings_.sent;
     if (const auto reply = ask(servers_.front(), answerLimit)) {
-      findings_.roundTrips.push_back(reply->roundTrip.count());
+      findings_.roundTrips.push_back(Milliseconds(reply->roundTrip).count());
     }
     if (watcher_.onProbe) {
       watcher_.onProbe(findings_.sent, options_.count);
@@ -333,7 +292,7 @@ void Checker::compareDestinations() {
     step(Mark::noted, "ports",
          fmt::format("the second destination sees {}: another one for each", second.text()));
     remark("a peer that is behind a proxy or a strict translator itself will not get through");
-  } else if (first.port == relay_.relayPort) {
+  } else if (first.port == association_->relay.relayPort) {
     step(Mark::passed, "ports", "two destinations see the same port, the relay's own");
   } else {
     step(Mark::passed, "ports",
@@ -348,7 +307,7 @@ void Checker::waitIdle() {
   }
   std::this_thread::sleep_for(std::chrono::seconds(options_.idleSeconds));
   const bool isAnswered = askRepeatedly(servers_.front(), limitNow()).has_value();
-  const auto end = control_->takeEnd();
+  const auto end = association_->control->takeEnd();
   findings_.survivesIdle = isAnswered && !end;
   const std::string silence = fmt::format("{} s of silence", options_.idleSeconds);
   if (*findings_.survivesIdle) {

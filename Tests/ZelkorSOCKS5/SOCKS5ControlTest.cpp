@@ -10,7 +10,7 @@
 #include <netdb.h>
 #include <sys/socket.h>
 
-#include "Base/IPv4.h"
+#include "Base/Endpoint.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Platform/Resolver.h"
 #include "Platform/Sockets.h"
@@ -207,7 +207,7 @@ class CannedProxy {
  public:
   explicit CannedProxy(const std::string& ip, std::uint16_t port = 0)
       : listener_(socket(ip.find(':') == std::string::npos ? AF_INET : AF_INET6, SOCK_STREAM, 0)) {
-    sockaddr_in ipv4 = socketAddress(ip, port);
+    sockaddr_in ipv4 = Endpoint{parseAddress(ip).value_or(0), port}.socketAddress();
     sockaddr_in6 ipv6{};
     ipv6.sin6_family = AF_INET6;
     const bool isIPv6 = inet_pton(AF_INET6, ip.c_str(), &ipv6.sin6_addr) == 1;
@@ -304,8 +304,8 @@ TEST(SOCKS5Control, SendsDatagramsOnlyToWhereTheProxyIs) {
         EXPECT_EQ(failure.substr(0, std::string_view(expected).size()), expected);
       } else {
         EXPECT_EQ(failure, "");
-        EXPECT_EQ(addressText(relay.relayAddress), expected) << reply;
-        EXPECT_EQ(portNumber(relay.relayAddress), 40000);
+        EXPECT_EQ(relay.relayAddress.ip(), expected) << reply;
+        EXPECT_EQ(relay.relayAddress.port, 40000);
         EXPECT_EQ(relay.relayPort, 40000);
       }
     }
@@ -407,7 +407,7 @@ TEST(SOCKS5Control, TellsWhyItCannotConnect) {
   // A listener that lets nobody in: its queue is full and its kernel drops what knocks.
   {
     const CannedProxy full("127.0.0.1");
-    const sockaddr_in address = socketAddress("127.0.0.1", full.port());
+    const sockaddr_in address = Endpoint{INADDR_LOOPBACK, full.port()}.socketAddress();
     std::array<Descriptor, 4> waiting;
     for (Descriptor& socket : waiting) {
       socket = openNonBlockingSocket(AF_INET, SOCK_STREAM, IPPROTO_TCP);

@@ -9,9 +9,8 @@ namespace {
 using test::hex;
 
 TEST(SOCKS5UDPFrame, WrapsWithAnIPv4Header) {
-  EXPECT_EQ(SOCKS5UDPFrame::wrap(hex("A1"), "203.0.113.9", 3478), hex("00000001 CB007109 0D96 A1"));
-  EXPECT_EQ(SOCKS5UDPFrame::wrap({}, "1..2.x.3.4", 0xFFFE), hex("00000001 01020304 FFFE"));
-  EXPECT_EQ(SOCKS5UDPFrame::wrap({}, "2001:db8::1", 1), hex("00000001 00000000 0001"));
+  EXPECT_EQ(SOCKS5UDPFrame::wrap(hex("A1"), {0xCB007109, 3478}), hex("00000001 CB007109 0D96 A1"));
+  EXPECT_EQ(SOCKS5UDPFrame::wrap({}, {}), hex("00000001 00000000 0000"));
 }
 
 // Each header, cut short anywhere, whole, and with a payload.
@@ -20,7 +19,8 @@ TEST(SOCKS5UDPFrame, UnwrapsEachAddressTypeWhateverRSVAndFRAGSay) {
        {std::pair(std::string("00000001 C0000207 FFFE"), std::string("192.0.2.7")),
         {"FFFF0501 00000000 FFFE", "0.0.0.0"},
         {"00000003 04 C3A46F6B FFFE", "\u00E4ok"},
-        {"00000003 03 80FFC3 FFFE", ""},  // not UTF-8
+        {"00000003 09 3139322E302E322E37 FFFE", "192.0.2.7"},  // an address, though called a name
+        {"00000003 03 80FFC3 FFFE", ""},                       // not UTF-8
         {"00000003 FF" + std::string(510, '6') + "FFFE", std::string(255, 'f')},
         {"00000004 20010DB80000000000000000000000FF FFFE",
          "20:01:0d:b8:00:00:00:00:00:00:00:00:00:00:00:ff"}}) {
@@ -31,7 +31,9 @@ TEST(SOCKS5UDPFrame, UnwrapsEachAddressTypeWhateverRSVAndFRAGSay) {
     for (std::size_t payload = 0; payload < 3; ++payload) {
       const auto frame = SOCKS5UDPFrame::unwrap(datagram);
       ASSERT_TRUE(frame) << header;
-      EXPECT_TRUE(frame->srcIP == ip && frame->srcPort == 0xFFFE) << frame->srcIP;
+      EXPECT_EQ(frame->name.value_or(frame->source.ip()), ip);
+      EXPECT_EQ(frame->name.has_value(), !parseAddress(ip)) << ip;
+      EXPECT_EQ(frame->source.port, 0xFFFE);
       EXPECT_EQ(test::copyOf(frame->payload), Bytes(payload, 0xAB));
       datagram.push_back(0xAB);
     }

@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "Base/IPv4.h"
+#include "Base/Endpoint.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
 #include "Support.h"
@@ -27,8 +27,8 @@ class Association {
  public:
   Association() {
     control_.connect();
-    relay = socketAddress("127.0.0.1", control_.performHandshakeAndUDPAssociate().relayPort);
-    socket.bind(socketAddress("127.0.0.1", 0));
+    relay = control_.performHandshakeAndUDPAssociate().relayAddress;
+    socket.bind({INADDR_LOOPBACK, 0});
   }
   std::string probe(const std::string& gateway, int seconds = 8, const StopSignal* stop = nullptr) {
     const Egress egress = probeEgressIP(socket, relay, gateway, seconds, log.callback(), stop);
@@ -36,7 +36,7 @@ class Association {
   }
 
   SOCKS5Server proxy;
-  sockaddr_in relay{};
+  Endpoint relay;
   DatagramSocket socket = DatagramSocket::open();
   Log log;
 
@@ -73,7 +73,7 @@ TEST(EgressProbe, PassesOverWhateverIsNotTheAnswer) {
   answer.insert(answer.end(), attribute.begin(), attribute.end());
 
   DatagramSocket stranger = DatagramSocket::open();
-  stranger.bind(socketAddress("127.0.0.1", 0));
+  stranger.bind({INADDR_LOOPBACK, 0});
   Bytes byStranger = answer;
   byStranger[byStranger.size() - 1] ^= 1;  // another address, or nobody could tell
   stranger.send(byStranger, association.socket.localAddress());

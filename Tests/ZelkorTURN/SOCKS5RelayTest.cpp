@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "Base/IPv4.h"
+#include "Base/Endpoint.h"
 #include "Loopback/EchoPeer.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
@@ -32,8 +32,7 @@ class Relay : public testing::Test, public RelayListener {
  protected:
   Relay() {
     stun_.setScript({.mappedIP = "198.51.100.9", .mappedPort = 4242});
-    settings_.proxyHost = "127.0.0.1";
-    settings_.proxyPort = proxy_.port();
+    settings_.proxy = {"127.0.0.1", proxy_.port(), {}, {}};
     settings_.dataPlaneLog = log_.callback();
     proxyAnnounces("127.0.0.1");
   }
@@ -68,7 +67,7 @@ class Relay : public testing::Test, public RelayListener {
   void openAndReceive() {
     makeRelay();
     ASSERT_EQ(openFailure(), "");
-    relay_->receive({loop_, receiver_, sender_}, *this);
+    relay_->receive({loop_, receiver_, sender_, lineRoom_}, *this);
     fd_ =
         log_.lines("RECV-THREAD start fd=").at(0).substr(std::string("RECV-THREAD start ").size());
   }
@@ -83,20 +82,21 @@ class Relay : public testing::Test, public RelayListener {
     loop_.turn(false);
   }
   Bytes fromPeer(const char* payload) const {
-    return SOCKS5UDPFrame::wrap(bytesOf(payload), "192.0.2.1", 7);
+    return SOCKS5UDPFrame::wrap(bytesOf(payload), {0xC0000201, 7});
   }
 
-  void onDatagrams(std::span<const PeerDatagram> datagrams) override {
-    for (const auto& [payload, ip, port] : datagrams) {
-      received_.emplace_back(copyOf(payload), fmt::format("{}:{}", ip, port));
+  void onDatagrams(std::span<const ReceivedDatagram> datagrams) override {
+    for (const auto& [payload, peer, name] : datagrams) {
+      received_.emplace_back(copyOf(payload),
+                             name ? fmt::format("{}:{}", *name, peer.port) : peer.text());
     }
     if (closesOnData_) {
       relay_->close();
     }
   }
   void onAssociationEnd(std::string_view reason) override { ends_.emplace_back(reason); }
-  void onSilence() override {
-    ++silences_;
+  void onLoss(Loss loss) override {
+    silences_ += loss == Loss::silent ? 1 : 0;
     relay_.reset();  // as the server does
   }
 
@@ -109,6 +109,7 @@ class Relay : public testing::Test, public RelayListener {
   EventLoop loop_{[this] { return now_; }};
   DatagramReceiver receiver_;
   DatagramSender sender_;
+  std::string lineRoom_;
   const std::ptrdiff_t descriptors_ = openDescriptors();
 
   Log log_;
@@ -150,10 +151,10 @@ TEST_F(Relay, PassesDatagramsBothWaysInOrderAndLogsThem) {
   }
   std::vector<PeerDatagram> burst;
   for (const Bytes& payload : payloads) {
-    burst.push_back({payload, peer_.ip(), peer_.port()});
+    burst.push_back({payload, Peer(peer_.endpoint())});
   }
   relay_->sendAll(burst);
-  const std::string peer = fmt::format("{}:{}", peer_.ip(), peer_.port());
+  const std::string peer = peer_.endpoint().text();
   Texts lines;
   for (const Bytes& payload : payloads) {
     const std::size_t octets = payload.size();
@@ -173,8 +174,8 @@ TEST_F(Relay, PassesDatagramsBothWaysInOrderAndLogsThem) {
 TEST_F(Relay, DropsWhatIsMalformedAndWhatStrangersSendUntilItIsClosed) {
   openAndReceive();
   DatagramSocket stranger = DatagramSocket::open();
-  stranger.bind(socketAddress("127.0.0.1", 0));
-  stranger.send(fromPeer("from a stranger"), proxy_.clientAddress(0).value().socketAddress());
+  stranger.bind({INADDR_LOOPBACK, 0});
+  stranger.send(fromPeer("from a stranger"), proxy_.clientAddress(0).value());
   proxy_.injectToClients(Bytes(9));
   // Peers are named by the header, whatever type of address it has.
   proxy_.injectToClients(hex("FFFF0503 04 68 6F 73 74 0102 AA"));
@@ -183,7 +184,7 @@ TEST_F(Relay, DropsWhatIsMalformedAndWhatStrangersSendUntilItIsClosed) {
   EXPECT_EQ(log_.lines("RECV "),
             (Texts{"RECV recvfrom n=25",
                    fmt::format("RECV from stranger 127.0.0.1:{} 25B (DROPPED)",
-                               portNumber(stranger.localAddress())),
+                               stranger.localAddress().port),
                    "RECV recvfrom n=9", "RECV unwrap FAILED 9B (DROPPED)", "RECV recvfrom n=12",
                    "RECV unwrap OK from host:258 1B → handler"}));
   // The listener closes it while the end of the control connection is at hand, too.
@@ -193,7 +194,7 @@ TEST_F(Relay, DropsWhatIsMalformedAndWhatStrangersSendUntilItIsClosed) {
   ASSERT_TRUE(eventually([&] { return proxy_.counts().openConnections == 0; }));
   pass(1s);
   const Bytes payload(1);
-  relay_->sendAll(std::vector<PeerDatagram>{{payload, peer_.ip(), peer_.port()}});
+  relay_->sendAll(std::vector<PeerDatagram>{{payload, Peer(peer_.endpoint())}});
   pass(1s);
   EXPECT_EQ(received_.size(), 2U);
   EXPECT_TRUE(ends_.empty());
@@ -210,15 +211,15 @@ TEST_F(Relay, OutlivesItsControlConnectionWhileTheProxyCarriesDatagrams) {
   // In the place of the proxy, which lets go of its socket with the connection.
   ASSERT_TRUE(eventually([&] { return proxy_.counts().openAssociations == 0; }));
   DatagramSocket relay = DatagramSocket::open();
-  relay.bind(socketAddress("127.0.0.1", port_));
+  relay.bind({INADDR_LOOPBACK, port_});
   DatagramSocket stranger = DatagramSocket::open();
   for (std::size_t i = 1; i <= 3; ++i) {
     pass(4900ms);
-    relay.send(fromPeer("still here"), own.socketAddress());
+    relay.send(fromPeer("still here"), own);
     ASSERT_TRUE(turnUntil([&] { return log_.count("RECV unwrap OK") == i; }));
   }
   pass(4900ms);
-  stranger.send(fromPeer("does not count"), own.socketAddress());
+  stranger.send(fromPeer("does not count"), own);
   ASSERT_TRUE(turnUntil([&] { return log_.count("stranger") == 1; }));
   EXPECT_EQ(silences_, 0);
   pass(101ms);
@@ -238,14 +239,13 @@ TEST_F(Relay, KeepsWhatTheSystemDoesNotTakeWithinLimits) {
   SOCKS5Server proxy({}, network.host);
   STUNResponder stun({.mappedIP = "198.51.100.9"}, network.host);
   const Environment targets("ZK_STUN_IPS", stun.target());
-  settings_.proxyHost = network.host;
-  settings_.proxyPort = proxy.port();
+  settings_.proxy = {network.host, proxy.port(), {}, {}};
   openAndReceive();
   const Bytes payload(1000);
   const auto send = [&](int from, int to) {
     std::vector<PeerDatagram> burst;
     for (int i = from; i < to; ++i) {
-      burst.push_back({payload, "192.0.2.1", static_cast<std::uint16_t>(i)});
+      burst.push_back({payload, Peer({0xC0000201, static_cast<std::uint16_t>(i)})});
     }
     relay_->sendAll(burst);
   };
@@ -263,7 +263,7 @@ TEST_F(Relay, KeepsWhatTheSystemDoesNotTakeWithinLimits) {
     }
     return all;
   };
-  const int most = SOCKS5Relay::maxBacklog / 1000;
+  const int most = SendBacklog::maxOctets / 1000;
   const int all = 20'000;  // more than any socket has room for
 
   ASSERT_TRUE(network.setReachable(false));

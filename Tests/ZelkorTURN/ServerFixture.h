@@ -14,7 +14,6 @@
 #include <poll.h>
 
 #include "Loopback/TURNClient.h"
-#include "Loopback/XorAddress.h"
 #include "Platform/Sockets.h"
 #include "Support.h"
 #include "ZelkorTURN/TURNServer.h"
@@ -24,7 +23,7 @@ namespace zk::test {
 using loopback::endpointAt;
 using loopback::TURNAnswer;
 using loopback::TURNClient;
-using loopback::xorAddress;
+
 using std::chrono::milliseconds;
 
 inline constexpr milliseconds patience{10'000};  // for what must come
@@ -37,9 +36,8 @@ inline Bytes bytes(std::string_view text) {
 using Texts = std::vector<std::string>;
 using Attributes = std::vector<std::pair<std::uint16_t, Bytes>>;
 
-/// A peer as a relay names it.
-inline TURNAttributes::Address named(const Endpoint& endpoint) {
-  return {endpoint.ip(), endpoint.port};
+inline Bytes xorAddress(const Endpoint& endpoint) {
+  return copyOf(TURNAttributes::encodeXorAddress(endpoint));
 }
 
 /// Lines from many threads.
@@ -48,7 +46,11 @@ class Log {
   LogCallback callback() {
     return [this](std::string_view line) {
       const std::lock_guard guard(lock_);
-      lines_.emplace_back(line);
+      for (std::size_t end = 0; end != line.npos;
+           line.remove_prefix(end == line.npos ? 0 : end + 1)) {
+        end = line.find('\n');
+        lines_.emplace_back(line.substr(0, end));
+      }
     };
   }
   /// Those that contain `piece`.
@@ -100,9 +102,8 @@ class ScriptedRelay final : public TURNRelay {
 
   void sendAll(std::span<const PeerDatagram> datagrams) override {
     std::string burst;
-    for (const auto& [payload, ip, port] : datagrams) {
-      burst +=
-          std::string(payload.begin(), payload.end()) + "→" + ip + ":" + std::to_string(port) + " ";
+    for (const auto& [payload, to] : datagrams) {
+      burst += std::string(payload.begin(), payload.end()) + "→" + to.endpoint.text() + " ";
     }
     const std::lock_guard guard(lock_);
     bursts_.push_back(burst);
@@ -115,24 +116,28 @@ class ScriptedRelay final : public TURNRelay {
     loop_ = &loop.loop;
     listener_ = &listener;
   }
-  void onRouteChange(const RouteCheck& /*hasRoute*/) override {}
+  RelayWay way() const override { return {}; }
+  void setCutOff(bool isCutOff) override { cutOff = isCutOff; }
   bool isCutOff() const override { return cutOff; }
+  void retire() override { retired = true; }
   void close() override { ++closed; }
 
   /// Has the relay tell its listener something, on the loop's thread, unless it is closed by then.
   void tell(std::function<void(RelayListener&)> work) {
     const std::lock_guard guard(lock_);
     loop_->post([this, work = std::move(work), listener = listener_] {
-      if (closed == 0) {
+      if (closed == 0 && !retired) {
         work(*listener);
       }
     });
   }
-  void arrive(std::vector<std::pair<Bytes, TURNAttributes::Address>> burst) {
+  /// A payload, whom it is from, and what the proxy calls that one if it has no IPv4 address.
+  using Arrival = std::tuple<Bytes, Endpoint, std::optional<std::string>>;
+  void arrive(std::vector<Arrival> burst) {
     tell([burst = std::move(burst)](RelayListener& listener) {
-      std::vector<PeerDatagram> datagrams;
-      for (const auto& [payload, peer] : burst) {
-        datagrams.push_back({payload, peer.ip, peer.port});
+      std::vector<ReceivedDatagram> datagrams;
+      for (const auto& [payload, peer, name] : burst) {
+        datagrams.push_back({payload, peer, name});
       }
       listener.onDatagrams(datagrams);
     });
@@ -153,6 +158,7 @@ class ScriptedRelay final : public TURNRelay {
 
   std::atomic<int> closed{0};
   std::atomic<bool> cutOff{false};
+  std::atomic<bool> retired{false};
   std::atomic<bool> viaDefault{false};
   std::atomic<double> connectTimeout{0};
 
@@ -166,14 +172,14 @@ class ScriptedRelay final : public TURNRelay {
 
 class ScriptedFactory final : public TURNRelayFactory {
  public:
-  std::shared_ptr<TURNRelay> makeRelay(const FiveTuple& forClient) override {
+  std::shared_ptr<TURNRelay> makeRelay(const Endpoint& forClient) override {
     const std::lock_guard guard(lock_);
     RelayPlan plan;
     if (!plans_.empty()) {
       plan = std::move(plans_.front());
       plans_.pop_front();
     }
-    clients_.push_back(forClient.clientPort);
+    clients_.push_back(forClient.port);
     relays_.push_back(std::make_shared<ScriptedRelay>(std::move(plan)));
     return relays_.back();
   }

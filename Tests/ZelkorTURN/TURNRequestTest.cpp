@@ -217,9 +217,10 @@ TEST_F(TURNRequestTest, ARefreshRevivesForTheTimeAskedWithinBounds) {
 class AllocationTableTest : public testing::Test {
  protected:
   std::optional<TURNMessage> answerTo(const TURNMessage& message) {
-    const auto outcome = table.handle(message, client, message.encode(), credentials, 0);
-    const auto* const answer = std::get_if<TURNMessage>(&outcome);
-    return answer ? std::optional(*answer) : std::nullopt;
+    const Bytes raw = message.encode();
+    const auto outcome = table.handle(TURNMessageView::decode(raw).value(), client, held, raw, 0);
+    const auto* const answer = std::get_if<AllocationTable::Answer>(&outcome);
+    return answer ? std::optional(answer->message) : std::nullopt;
   }
   TURNMessage signedRequest(std::uint16_t method, const Attributes& attributes) {
     TURNMessage message(method, TURNClass::request, {1});
@@ -234,25 +235,27 @@ class AllocationTableTest : public testing::Test {
     return message;
   }
 
-  const Credentials credentials{"alice", "r", "wonderland"};
-  const FiveTuple client{"127.0.0.1", 5000};
-  AllocationTable table{"r"};
+  const Endpoint client{INADDR_LOOPBACK, 5000};
+  Allocation* held = nullptr;
+  AllocationTable table{{"alice", "r", "wonderland"}, "r"};
 };
 
 TEST_F(AllocationTableTest, PermissionsAreNotedByAddressAlone) {
-  table.conclude({client, {9}, {}}, RelayedAddress{"192.0.2.10", 7000}, 0);
+  Allocation allocation;
+  table.conclude({client, {9}}, {}, allocation, 0);
+  held = &allocation;
   answerTo(signedRequest(TURNMethod::createPermission,
                          {{TURNAttr::xorPeerAddress, xorAddress(endpointAt("192.0.2.1", 1))},
                           {TURNAttr::xorMappedAddress, xorAddress(endpointAt("192.0.2.9", 1))},
                           {TURNAttr::xorPeerAddress, xorAddress(endpointAt("192.0.2.1", 3))}}));
-  EXPECT_EQ(table.allocation(client)->permissions, std::set<std::string>{"192.0.2.1"});
+  EXPECT_EQ(allocation.permissions(), std::set{0xC0000201U});
 }
 
 // For how long, the relays' tests show.
 TEST_F(AllocationTableTest, SoManyOfTheLatestFailuresAreRememberedUntilTheyArePast) {
   const TURNMessage message =
       signedRequest(TURNMethod::allocate, {{TURNAttr::requestedTransport, {17, 0, 0, 0}}});
-  const auto fails = [&](const TransactionID& txID) { table.conclude({client, txID, {}}, {}, 0); };
+  const auto fails = [&](const TransactionID& txID) { table.concludeFailed({client, txID}, 0); };
   fails(message.txID);
   for (std::size_t i = 1; i < AllocationTable::maxFailures; ++i) {
     fails({2});
@@ -280,10 +283,10 @@ TEST_F(TURNRequestTest, AnyNumberOfPermissionsIsAcknowledgedAndSoManyAreNoted) {
                                                  {TURNAttr::xorPeerAddress, xorAddress(peer)}})),
       onlySigned);
   Allocation allocation;
-  for (std::size_t i = 0; i <= Allocation::maxPermissions; ++i) {
-    allocation.permit(std::to_string(i));
+  for (std::uint32_t i = 0; i <= Allocation::maxPermissions; ++i) {
+    allocation.permit({i});
   }
-  EXPECT_EQ(allocation.permissions.size(), Allocation::maxPermissions);
+  EXPECT_EQ(allocation.permissions().size(), Allocation::maxPermissions);
 }
 
 TEST_F(TURNRequestTest, AChannelBindIsRefusedForTheFirstThingThatIsWrong) {
@@ -328,7 +331,7 @@ TEST_F(TURNRequestTest, APeerIsHeardOnTheLowestOfItsChannels) {
   for (const auto& [channel, number, wanted] : steps) {
     EXPECT_EQ(typesOf(bind(channel, peers[number])), onlySigned);
     factory->relay(0)->arrive(
-        {{{}, named(peers[0])}, {{}, named(peers[1])}, {{}, named(peers[2])}});
+        {{Bytes(), peers[0], {}}, {Bytes(), peers[1], {}}, {Bytes(), peers[2], {}}});
     std::string heard;
     for (int i = 0; i < 3; ++i) {
       const auto data = client->receiveData(patience);

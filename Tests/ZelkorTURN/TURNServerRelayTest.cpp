@@ -73,7 +73,7 @@ TEST_F(TURNServerRelayTest, AnOpeningHoldsUpNobodyButItsClient) {
   client->send(request);
   ASSERT_TRUE(eventually([&] { return factory->made() == 2; }));
   std::string wanted;
-  for (std::size_t i = 0; i < TURNServer::maxKeptDatagrams; ++i) {
+  for (std::size_t i = 0; i < Opening::maxDatagrams; ++i) {
     client->send(request);
     client->sendIndication(peer, bytes(std::to_string(i)));
     wanted += std::to_string(i) + toPeer;
@@ -83,7 +83,7 @@ TEST_F(TURNServerRelayTest, AnOpeningHoldsUpNobodyButItsClient) {
   }
   client->sendIndication(peer, bytes("one too many"));
   other->sendIndication(peer, bytes("through"));
-  factory->relay(0)->arrive({{bytes("back"), named(peer)}});
+  factory->relay(0)->arrive({{bytes("back"), peer, {}}});
   EXPECT_TRUE(other->receiveData(patience));
   allocated();
   fence(*other);
@@ -100,7 +100,7 @@ TEST_F(TURNServerRelayTest, AnOpeningHoldsUpNobodyButItsClient) {
 
 TEST_F(TURNServerRelayTest, KeepsSoManyOctetsOfAWaitingClient) {
   const auto client = opening(gate);
-  const Bytes large(TURNServer::maxKeptOctets / 2 - 36, 'l');  // with its header just half of it
+  const Bytes large(Opening::maxOctets / 2 - 36, 'l');  // with its header just half of it
   for (const Bytes& payload : {large, Bytes(large.size() + 1, 'x'), large, bytes("x")}) {
     client->sendIndication(peer, payload);
   }
@@ -201,11 +201,11 @@ TEST_F(TURNServerRelayTest, ARelayThatHasGoneSilentGoesWithItsAllocation) {
   const auto client = allocated();
   const auto relay = factory->relay(0);
   relay->tell([](RelayListener& listener) { listener.onAssociationEnd("end of stream"); });
-  relay->arrive({{bytes("still there"), named(peer)}});
+  relay->arrive({{bytes("still there"), peer, {}}});
   EXPECT_TRUE(client->receiveData(patience));
   EXPECT_EQ(log.lines("relay END"), std::vector{"relay END for 127.0.0.1:" + portOf(*client) +
                                                 ": control connection: end of stream"});
-  relay->tell([](RelayListener& listener) { listener.onSilence(); });
+  relay->tell([](RelayListener& listener) { listener.onLoss(RelayListener::Loss::silent); });
   ASSERT_TRUE(log.waitFor("relay SILENT since its end, released for 127.0.0.1:" + portOf(*client)));
   EXPECT_EQ(client->refresh({}).errorCode(), 437);
   EXPECT_EQ(relay->closed, 1);
@@ -226,10 +226,10 @@ TEST_F(TURNServerRelayTest, RefreshWithLifetimeZeroReleasesTheRelayAtOnce) {
     EXPECT_EQ(released->sent(), "");
     EXPECT_EQ(released->closed, isCutOff ? 0 : 1);
     ASSERT_TRUE(client->allocate().success());
-    released->arrive({{bytes("late"), named(peer)}});
+    released->arrive({{bytes("late"), peer, {}}});
     released->tell([](RelayListener& listener) {
       listener.onAssociationEnd("end of stream");
-      listener.onSilence();
+      listener.onLoss(RelayListener::Loss::silent);
     });
     EXPECT_FALSE(client->receiveData(aMoment));
     EXPECT_TRUE(client->refresh({}).success());

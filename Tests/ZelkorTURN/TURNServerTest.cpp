@@ -113,20 +113,21 @@ TEST_F(AllocatedTest, PassesOnTogetherWhatArrivesTogetherAndKeepsClientsApart) {
             (Texts{"1" + toPeer + "2→198.51.100.8:4712 4" + toPeer, "5→198.51.100.8:1 "}));
   EXPECT_EQ(factory->relay(1)->bursts(), (Texts{"3" + toPeer, "6→198.51.100.8:4712 "}));
   EXPECT_EQ(factory->clients(), (std::vector{client->localPort(), second->localPort()}));
-  factory->relay(1)->arrive({{bytes("back"), named(peer)}});
+  factory->relay(1)->arrive({{bytes("back"), peer, {}}});
   EXPECT_FALSE(second->receiveData(patience)->channel);
   EXPECT_FALSE(client->receiveData(aMoment));
 }
 
 // More of them than go with one call, and one that fits no datagram in between.
 TEST_F(AllocatedTest, DeliversByChannelWhereOneIsBoundToThatPeerAndElseByIndication) {
-  const TURNAttributes::Address peers[] = {
-      named(peer), {peer.ip(), 4712}, {"203.0.113.1", peer.port}, {"2001:db8::1", peer.port}};
-  std::vector<std::pair<Bytes, TURNAttributes::Address>> burst;
+  const Endpoint peers[] = {
+      peer, {peer.address, 4712}, endpointAt("203.0.113.1", peer.port), {0, peer.port}};
+  std::vector<ScriptedRelay::Arrival> burst;
   for (std::uint8_t i = 0; i < 80; ++i) {
-    burst.emplace_back(Bytes{i, 'x'}, peers[i % 4]);
+    burst.emplace_back(Bytes{i, 'x'}, peers[i % 4],
+                       i % 4 == 3 ? std::optional("2001:db8::1") : std::nullopt);
   }
-  burst.emplace(burst.begin() + 40, Bytes(65'507), named(peer));
+  burst.emplace(burst.begin() + 40, Bytes(65'507), peer, std::nullopt);
   relay->arrive(burst);
   std::set<TransactionID> transactions;
   for (std::uint8_t i = 0; i < 80; ++i) {
@@ -143,8 +144,7 @@ TEST_F(AllocatedTest, DeliversByChannelWhereOneIsBoundToThatPeerAndElseByIndicat
     ASSERT_TRUE(message);
     EXPECT_TRUE(transactions.insert(message->txID).second);
     TURNMessage wanted(TURNMethod::dataMsg, TURNClass::indication, message->txID);
-    wanted.append(TURNAttr::xorPeerAddress,
-                  xorAddress(endpointAt(peers[i % 4].ip, peers[i % 4].port)));
+    wanted.append(TURNAttr::xorPeerAddress, xorAddress(peers[i % 4]));
     wanted.append(TURNAttr::data, Bytes{i, 'x'});
     EXPECT_EQ(*datagram, wanted.encode());
   }
@@ -160,7 +160,7 @@ TEST_F(AllocatedTest, AnExpiredAllocationCarriesNothingUntilItIsRefreshed) {
     const std::size_t before = relay->sent().size();
     client->sendIndication(peer, bytes("a"));
     client->sendChannelData(0x4001, bytes("b"));
-    relay->arrive({{bytes("c"), named(peer)}});
+    relay->arrive({{bytes("c"), peer, {}}});
     fence(*client);
     const std::size_t sent = (relay->sent().size() - before) / (1 + toPeer.size());
     return std::pair(sent, client->receiveData(aMoment).has_value());

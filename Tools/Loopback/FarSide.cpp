@@ -3,8 +3,8 @@
 #include <deque>
 
 #include "Loopback/SOCKS5Frame.h"
-#include "Loopback/XorAddress.h"
 #include "Platform/Thread.h"
+#include "ZelkorTURN/TURNAttributes.h"
 #include "ZelkorTURN/TURNMessage.h"
 
 namespace zk::loopback {
@@ -32,7 +32,8 @@ Bytes stunAnswer(ByteView datagram) {
     return {};
   }
   TURNMessage answer(bindingMethod, TURNClass::successResponse, request->txID);
-  answer.append(TURNAttr::xorMappedAddress, xorAddress(endpointAt("203.0.113.9", 40000)));
+  answer.append(TURNAttr::xorMappedAddress,
+                TURNAttributes::encodeXorAddress(endpointAt("203.0.113.9", 40000)));
   return concatenated(datagram.first(socks5HeaderSize), answer.encode());
 }
 

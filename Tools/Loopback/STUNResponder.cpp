@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "Loopback/XorAddress.h"
+#include "ZelkorTURN/TURNAttributes.h"
 #include "ZelkorTURN/TURNMessage.h"
 
 namespace zk::loopback {
@@ -29,8 +29,8 @@ Bytes makeAnswer(const STUNScript& script, const TURNMessage& request, const End
     answer.append(TURNAttr::xorMappedAddress, ipv6Mapped);
   }
   answer.append(TURNAttr::xorMappedAddress,
-                xorAddress(endpointAt(script.mappedIP.value_or(from.ip()),
-                                      script.mappedPort.value_or(from.port))));
+                TURNAttributes::encodeXorAddress(endpointAt(
+                    script.mappedIP.value_or(from.ip()), script.mappedPort.value_or(from.port))));
   Bytes wire = answer.encode();
   if (script.answer == Answer::truncated) {
     wire.resize(wire.size() - 3);

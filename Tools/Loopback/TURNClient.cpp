@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "Loopback/XorAddress.h"
+#include "ZelkorTURN/TURNAttributes.h"
 
 namespace zk::loopback {
 namespace {
@@ -20,7 +20,7 @@ std::string textOf(std::optional<ByteView> value) {
 
 std::optional<Endpoint> addressIn(const std::optional<TURNMessage>& message, std::uint16_t type) {
   const auto value = message ? message->first(type) : std::nullopt;
-  return value ? xorAddressIn(*value) : std::nullopt;
+  return value ? TURNAttributes::decodeXorAddress(*value) : std::nullopt;
 }
 
 }  // namespace
@@ -34,7 +34,7 @@ Bytes channelData(std::uint16_t number, ByteView payload) {
 
 Bytes sendIndicationTo(const Endpoint& peer, ByteView payload, const TransactionID& transaction) {
   TURNMessage message(TURNMethod::send, TURNClass::indication, transaction);
-  message.append(TURNAttr::xorPeerAddress, xorAddress(peer));
+  message.append(TURNAttr::xorPeerAddress, TURNAttributes::encodeXorAddress(peer));
   message.append(TURNAttr::data, payload);
   return message.encode();
 }
@@ -194,7 +194,7 @@ TURNAnswer TURNClient::refresh(std::optional<std::uint32_t> lifetime) {
 
 TURNAnswer TURNClient::createPermission(const Endpoint& peer) {
   TURNMessage message = makeRequest(TURNMethod::createPermission);
-  message.append(TURNAttr::xorPeerAddress, xorAddress(peer));
+  message.append(TURNAttr::xorPeerAddress, TURNAttributes::encodeXorAddress(peer));
   return authenticatedRequest(message);
 }
 
@@ -203,7 +203,7 @@ TURNAnswer TURNClient::bindChannel(std::uint16_t number, const Endpoint& peer) {
   std::array<std::uint8_t, 4> value{};  // two octets of number, two reserved
   writeUInt16(value.data(), number);
   message.append(TURNAttr::channelNumber, value);
-  message.append(TURNAttr::xorPeerAddress, xorAddress(peer));
+  message.append(TURNAttr::xorPeerAddress, TURNAttributes::encodeXorAddress(peer));
   return authenticatedRequest(message);
 }
 
