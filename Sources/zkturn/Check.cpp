@@ -20,7 +20,7 @@
 namespace zk {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = Deadline::clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 using Stage = SOCKS5Control::Stage;
 using Mark = Step::Mark;
