@@ -11,6 +11,8 @@
 #include <future>
 #include <map>
 #include <stdexcept>
+#include <thread>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 #include <sched.h>
@@ -40,7 +42,7 @@ constexpr double tolerated = 5;  // milliseconds that the p99 may be above the i
 
 struct Row {
   std::string name;
-  json figures{};  // p50, p99, max, sent, lost; or value; or skipped
+  json figures{};  // p50, p99, max, sent, lost, broken; or value; or skipped
 };
 
 Row rowOf(const std::string& name, const LoadResult& seen) {
@@ -72,29 +74,31 @@ bool open(const World& world) {
   return client.allocate().success();
 }
 
-/// Sends those datagrams to the server in turn for two and a half seconds, 20 each millisecond, or
-/// as fast as one thread can.
-void bother(const World& world, const std::vector<Bytes>& datagrams, bool atFullRate) {
+/// Sends those datagrams to the server in turn for two and a half seconds, as fast as one thread
+/// can.
+void bother(const World& world, const std::vector<Bytes>& datagrams) {
   const KitSocket stranger = KitSocket::boundUDP();
   stranger.connectTo(localEndpoint(world.port));
   Bytes buffer(2048);
-  std::size_t sent = 0;
-  const auto sendOne = [&] {
-    stranger.send(datagrams[sent++ % datagrams.size()]);
+  const auto end = Clock::now() + 2500ms;
+  for (std::size_t sent = 1; Clock::now() < end; ++sent) {
+    stranger.send(datagrams[sent % datagrams.size()]);
     while (sent % 32 == 0 && stranger.receive(buffer)) {  // the answers
     }
-  };
-  if (!atFullRate) {
-    pace(2500ms, 20, sendOne);
-    return;
-  }
-  for (const auto end = Clock::now() + 2500ms; Clock::now() < end;) {
-    sendOne();
   }
 }
 
 Bytes unsignedAllocate() {
   return TURNMessage(TURNMethod::allocate, TURNClass::request, {}).encode();
+}
+
+/// With a nonce of the server's.
+Bytes wronglySignedAllocate(const World& world) {
+  TURNClient stranger(world.port, {.password = "guess"});
+  stranger.allocate();
+  TURNMessage request = stranger.makeRequest(TURNMethod::allocate);
+  stranger.sign(request);
+  return request.encode();
 }
 
 /// A socket in a network namespace of its own, behind an uplink of 20 Mbit/s from here.
@@ -166,11 +170,13 @@ class Rows {
           world.proxy.setScript(away(150));
           return observe(line, [&] {
             auto opening = std::async(std::launch::async, [&] { open(world); });
-            bother(world, {Bytes(200, 0x80), unsignedAllocate(), Bytes(100, 0x00)}, true);
+            bother(world, {Bytes(200, 0x80), unsignedAllocate(), Bytes(100, 0x00)});
           });
         });
-    add("20,000 unsigned Allocates a second", false, [](World& world, Line& line) {
-      return observe(line, [&] { bother(world, {unsignedAllocate()}, false); });
+    add("unsigned Allocates at full rate", false,
+        [&](World& world, Line& line) { return besideFlood(world, line, unsignedAllocate()); });
+    add("wrongly signed Allocates at full rate", false, [&](World& world, Line& line) {
+      return besideFlood(world, line, wronglySignedAllocate(world));
     });
     addValue("ten openings at once, 100 ms away, x the time of one", 1.5,
              [&] { return openings(10) / openings(1); });
@@ -197,6 +203,30 @@ class Rows {
       throw std::runtime_error("the opening was to fail");
     }
     return seen;
+  }
+
+  /// A new client gets its relay within two seconds all the same, and another may go on with the
+  /// nonce that it had before.
+  LoadResult besideFlood(World& world, Line& line, const Bytes& request) {
+    TURNClient call(world.port);
+    call.setRetransmission(500ms, 4);
+    call.setTimeout(2s);
+    if (!call.allocate().success()) {
+      throw std::runtime_error("the daemon gave no relay");
+    }
+    return observe(line, [&] {
+      auto others = std::async(std::launch::async, [&] {
+        std::this_thread::sleep_for(300ms);
+        const auto start = Clock::now();
+        if (!open(world) || Clock::now() - start > 2s) {
+          broken_ += ", no new relay within 2 s";
+        }
+        if (!call.refresh(600).success()) {
+          broken_ += ", no Refresh";
+        }
+      });
+      bother(world, {request});
+    });
   }
 
   static LoadResult burst(Line& line, int size) {
@@ -266,7 +296,9 @@ class Rows {
         }
         // What goes into a narrow uplink takes its time.
         const bool isOwn = name.find("datagrams of") != std::string::npos;
-        allHold_ = allHold_ && row.figures["lost"] == 0 && (isOwn || p99 <= idle_ + tolerated);
+        allHold_ = allHold_ && row.figures["lost"] == 0 && (isOwn || p99 <= idle_ + tolerated) &&
+                   broken_.empty();
+        row.figures["broken"] = std::exchange(broken_, {});
       }
     } catch (const std::exception& error) {
       row.figures = {{"skipped", error.what()}};
@@ -292,15 +324,17 @@ class Rows {
   const std::string hindrance_;
   std::vector<Row> rows_;
   double idle_ = 0;
+  std::string broken_;  // of the row at hand, but for delays and losses
   bool allHold_ = true;
 };
 
 /// A row's figures as four cells of a table.
 std::string cells(const json& figures) {
   if (figures.contains("p50")) {
-    return fmt::format("{:.2f} | {:.2f} | {:.1f} | {} of {}", figures["p50"].get<double>(),
+    return fmt::format("{:.2f} | {:.2f} | {:.1f} | {} of {}{}", figures["p50"].get<double>(),
                        figures["p99"].get<double>(), figures["max"].get<double>(),
-                       figures["lost"].get<std::uint64_t>(), figures["sent"].get<std::uint64_t>());
+                       figures["lost"].get<std::uint64_t>(), figures["sent"].get<std::uint64_t>(),
+                       figures.value("broken", ""));
   }
   return figures.contains("value") ? fmt::format("{:.2f} | | | ", figures["value"].get<double>())
                                    : "not measured | | | ";

@@ -8,8 +8,8 @@
 #include <string>
 #include <thread>
 
+#include "FarSide.h"
 #include "Loopback/DaemonProcess.h"
-#include "Loopback/FarSide.h"
 #include "Loopback/Load.h"
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
@@ -77,7 +77,7 @@ class Line {
   std::mutex lock_;
   Endpoint relay_;  // guarded by lock_; where the daemon's relay sends from
   loopback::TURNClient client_;
-  loopback::FarSide far_;
+  FarSide far_;
   std::atomic<bool> ending_{false};
   std::thread receiver_;
 };

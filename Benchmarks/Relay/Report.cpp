@@ -26,6 +26,14 @@ double Series::ratioTo(const Series& base, double Measurement::*figure) const {
   return median(std::move(ratios));
 }
 
+std::uint64_t Series::losses() const {
+  std::uint64_t all = 0;
+  for (const Measurement& round : rounds) {
+    all += round.losses;
+  }
+  return all;
+}
+
 double median(std::vector<double> values) {
   if (values.empty()) {
     return 0;
@@ -51,16 +59,26 @@ std::string table(const std::vector<Series>& all) {
       "p99 µs | losses | resident KiB |\n|--:|--:|:--|--:|--:|--:|--:|--:|--:|--:|\n";
   for (const Series& series : all) {
     const Series& floor = find(all, "floor", series.payload, series.outstanding);
-    std::uint64_t losses = 0;
-    for (const Measurement& round : series.rounds) {
-      losses += round.losses;
-    }
     text += fmt::format(
         "| {} | {} | {} | {:.2f} | {:.2f} | {:.0f} | {:.0f} | {:.0f} | {} | {} |\n", series.payload,
         series.outstanding, series.name, series.of(&Measurement::cpuMicroseconds),
         series.ratioTo(floor, &Measurement::cpuMicroseconds),
         series.of(&Measurement::roundTripsPerSecond), series.of(&Measurement::p50),
-        series.of(&Measurement::p99), losses, series.of(&Measurement::residentKilobytes));
+        series.of(&Measurement::p99), series.losses(), series.of(&Measurement::residentKilobytes));
+  }
+  return text;
+}
+
+std::string callTable(const std::vector<Series>& all) {
+  std::string text =
+      "| a call's relay | CPU ms/s | × floor | wake-ups/s | p50 µs | p99 µs | losses |\n"
+      "|:--|--:|--:|--:|--:|--:|--:|\n";
+  for (const Series& series : all) {
+    text += fmt::format("| {} | {:.2f} | {:.2f} | {:.0f} | {:.0f} | {:.0f} | {} |\n", series.name,
+                        series.of(&Measurement::cpuMilliseconds),
+                        series.ratioTo(all[0], &Measurement::cpuMilliseconds),
+                        series.of(&Measurement::wakeUps), series.of(&Measurement::p50),
+                        series.of(&Measurement::p99), series.losses());
   }
   return text;
 }
@@ -78,7 +96,9 @@ std::string chart(const std::string& title, const std::vector<Bar>& bars, bool l
   std::string svg = fmt::format(
       "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"960\" height=\"{0}\" "
       "font-family=\"sans-serif\" font-size=\"13\">\n"
-      "<rect width=\"960\" height=\"{0}\" fill=\"white\"/>\n"
+      "<style>text{{fill:#1f2328}}.page{{fill:#ffffff}}"
+      "@media(prefers-color-scheme:dark){{text{{fill:#e6edf3}}.page{{fill:#0d1117}}}}</style>\n"
+      "<rect class=\"page\" width=\"960\" height=\"{0}\"/>\n"
       "<text x=\"20\" y=\"24\" font-size=\"15\">{1}</text>\n",
       height, title);
   int y = 44;
@@ -95,25 +115,20 @@ std::string chart(const std::string& title, const std::vector<Bar>& bars, bool l
                            height - 12, machineText());
 }
 
-std::string chart(const std::vector<Series>& all, std::size_t payload, unsigned outstanding) {
-  const Series& floor = find(all, "floor", payload, outstanding);
+std::string callChart(const std::vector<Series>& all) {
   std::vector<Bar> bars;
   for (const Series& series : all) {
-    if (series.payload == payload && series.outstanding == outstanding) {
-      const double cpu = series.of(&Measurement::cpuMicroseconds);
-      const double times = series.ratioTo(floor, &Measurement::cpuMicroseconds);
-      bars.push_back({series.name, cpu, fmt::format("{:.2f} µs, {:.2f} × floor", cpu, times)});
-      if (series.isProxy) {
-        bars.back().colour = orange;
-      } else if (&series == &floor) {
-        bars.back().colour = grey;
-      }
+    const double cpu = series.of(&Measurement::cpuMilliseconds);
+    const double times = series.ratioTo(all[0], &Measurement::cpuMilliseconds);
+    bars.push_back({series.name, cpu, fmt::format("{:.2f} ms/s, {:.2f} × floor", cpu, times)});
+    if (series.isProxy) {
+      bars.back().colour = orange;
+    } else if (&series == &all[0]) {
+      bars.back().colour = grey;
     }
   }
-  return chart(fmt::format("CPU time per relayed datagram, {} octets, {} round trips outstanding "
-                           "(less is better)",
-                           payload, outstanding),
-               bars, false);
+  return chart("CPU time per second of a call with sound and pictures (less is better)", bars,
+               false);
 }
 
 std::string machineText() {

@@ -16,6 +16,8 @@ struct Measurement {
   double p99 = 0;
   double cpuMicroseconds = 0;  // of the relaying process, per datagram relayed
   double residentKilobytes = 0;
+  double cpuMilliseconds = 0;  // of the relaying process, per second
+  double wakeUps = 0;          // of all its threads, per second
   std::uint64_t roundTrips = 0;
   std::uint64_t losses = 0;
 };
@@ -33,12 +35,17 @@ struct Series {
   /// The median of the ratios of rounds that were measured next to each other, so that what the
   /// machine did meanwhile bears on both alike.
   double ratioTo(const Series& base, double Measurement::*figure) const;
+  /// Of all rounds together.
+  std::uint64_t losses() const;
 };
 
 double median(std::vector<double> values);
 
 /// The table in Markdown: one row per series, ratios to the floor under the same load.
 std::string table(const std::vector<Series>& all);
+
+/// The same for calls, by what they cost in a second.
+std::string callTable(const std::vector<Series>& all);
 
 /// The series of one contestant under one load. It must be there.
 const Series& find(const std::vector<Series>& all, const std::string& name, std::size_t payload,
@@ -57,8 +64,8 @@ inline constexpr const char* orange = "#d9822b";
 /// A bar chart as SVG; with `logarithmic` each factor of ten is of one length.
 std::string chart(const std::string& title, const std::vector<Bar>& bars, bool logarithmic);
 
-/// The same for CPU per datagram under one load.
-std::string chart(const std::vector<Series>& all, std::size_t payload, unsigned outstanding);
+/// The same for what a call costs in a second.
+std::string callChart(const std::vector<Series>& all);
 
 /// The processor and the number of its cores, as the system names them.
 std::string machineText();

@@ -5,16 +5,14 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <memory>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "Platform/Mutex.h"
+#include "Platform/Poller.h"
 
 namespace zk {
-
-class Poller;
 
 /// Waits for descriptors, timers and tasks of other threads, and calls back on one thread, that of
 /// run(). Whoever is called back must not wait for anything.
@@ -24,11 +22,13 @@ class Poller;
 /// while the loop does not run.
 class EventLoop {
  public:
-  /// Who is told that a descriptor is readable, or has ended or failed, which reading it shows. It
-  /// may unwatch and destroy itself or others meanwhile.
+  /// Who is told that a descriptor is readable, or has ended or failed, which reading it shows; or
+  /// writable, which a failed one is as well. It may unwatch and destroy itself or others
+  /// meanwhile.
   class Source {
    public:
     virtual void onReadable() = 0;
+    virtual void onWritable() {}
 
    protected:
     ~Source() = default;
@@ -47,6 +47,11 @@ class EventLoop {
   /// Calls `source` whenever `descriptor` is readable, until unwatch(). Throws std::system_error
   /// when the system refuses.
   void watch(int descriptor, Source& source);
+  /// Calls the source of a watched descriptor for these from now on, in place of `readable` alone:
+  /// whenever it is, as long as it is. Failed alone counts as readable. Throws std::system_error
+  /// when the system refuses.
+  using Interest = Poller::Interest;
+  void setInterest(int descriptor, Interest interest);
   /// No call back for `descriptor` begins after this. Before the descriptor is closed.
   void unwatch(int descriptor);
 
@@ -79,9 +84,14 @@ class EventLoop {
   std::chrono::nanoseconds untilNextTimer() const;
 
   const Clock clock_;
-  const std::unique_ptr<Poller> poller_;
-  std::unordered_map<int, Source*> sources_;  // by descriptor
+  struct Watched {
+    Source* source = nullptr;
+    Interest interest;
+  };
+  Poller poller_;
+  std::unordered_map<int, Watched> sources_;  // by descriptor
   std::vector<int> ready_;                    // of the round at hand
+  std::vector<int> writable_;
   std::map<TimerID, Task> timers_;
   std::uint64_t timersMade_ = 0;
   Task endOfRound_;

@@ -11,18 +11,31 @@ namespace zk {
 /// The system's way of waiting for many descriptors at once, for EventLoop.
 class Poller {
  public:
+  /// What is waited for on a descriptor. Its failure comes with each, and by itself where the
+  /// system can tell; with none of them nothing is reported.
+  struct Interest {
+    bool readable = false;
+    bool writable = false;
+    bool failed = false;
+    bool operator==(const Interest&) const = default;
+  };
+
   /// Throws std::system_error.
   Poller();
 
   /// From now on wait() reports `descriptor` whenever it is readable, has ended or failed, until
   /// remove() or its end. Throws std::system_error.
-  void add(int descriptor);
+  void add(int descriptor) { change(descriptor, {}, {.readable = true}); }
   void remove(int descriptor);
+  /// Waits for something else on a descriptor from now on. `from` is what it was waited for so far.
+  /// Throws std::system_error.
+  void change(int descriptor, Interest from, Interest to);
 
-  /// Puts the descriptors that are ready into `ready`, in turns when they are many: none is
-  /// reported twice before all others have been. Waits for one, for wake(), or until `limit` has
-  /// passed; a negative limit means for ever, zero not at all. May return early with nothing.
-  void wait(std::chrono::nanoseconds limit, std::vector<int>& ready);
+  /// Puts the descriptors that are readable into `ready`, and those that are writable into
+  /// `writable`, in turns when they are many: none is reported twice before all others have been.
+  /// Waits for one, for wake(), or until `limit` has passed; a negative limit means for ever, zero
+  /// not at all. May return early with nothing.
+  void wait(std::chrono::nanoseconds limit, std::vector<int>& ready, std::vector<int>& writable);
 
   /// Ends a wait() that is under way, or the next one. Any thread.
   void wake();

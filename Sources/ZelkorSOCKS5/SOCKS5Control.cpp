@@ -13,6 +13,7 @@
 #include "Platform/StopSignal.h"
 #include "ZelkorSOCKS5/InterfaceScope.h"
 #include "ZelkorSOCKS5/RelayAddress.h"
+#include "ZelkorSOCKS5/SOCKS5Handshake.h"
 #include "ZelkorSOCKS5/SOCKS5UDPFrame.h"
 
 namespace zk {
@@ -31,12 +32,7 @@ constexpr std::chrono::seconds aliveInterval{5};
 constexpr int aliveProbes = 3;
 
 constexpr std::uint8_t version = 0x05;
-constexpr std::uint8_t noAuthentication = 0x00;
-constexpr std::uint8_t usernamePassword = 0x02;
-constexpr std::uint8_t noAcceptableMethod = 0xFF;
-constexpr std::uint8_t subnegotiationVersion = 0x01;
 constexpr std::uint8_t succeeded = 0x00;
-constexpr std::size_t longestCredential = 255;
 
 Deadline deadlineAfter(Seconds limit) {
   return Clock::now() + std::chrono::duration_cast<Clock::duration>(limit);
@@ -57,13 +53,6 @@ SOCKS5Error::Cause causeOf(const std::error_code& error) {
 }
 
 }  // namespace
-
-void requireSendable(const char* name, const std::string& credential) {
-  if (credential.size() > longestCredential) {
-    throw SOCKS5Error::authFailed(
-        fmt::format("{} is {} octets long, at most 255 can be sent", name, credential.size()));
-  }
-}
 
 SOCKS5Control::SOCKS5Control(std::string host, std::int64_t port,
                              std::optional<std::string> username,
@@ -131,7 +120,7 @@ SOCKS5Control::RelayEndpoint SOCKS5Control::performHandshakeAndUDPAssociate() {
   negotiate();
   // UDP ASSOCIATE, RFC 1928 section 4. The address and port that will send are not announced: they
   // are not known yet, and not what the proxy would see behind a translator.
-  writeAll(Bytes{version, 0x03, 0x00, SOCKS5AddressType::ipv4, 0, 0, 0, 0, 0, 0});
+  writeAll(SOCKS5Request::encode(SOCKS5Request::Command::udpAssociate, {}));
   const Bytes reply = readExactly(4);
   if (reply[0] != version) {
     throw SOCKS5Error::protocolError(fmt::format("reply ver {}", reply[0]));
@@ -151,50 +140,15 @@ SOCKS5Control::RelayEndpoint SOCKS5Control::performHandshakeAndUDPAssociate() {
   return relay;
 }
 
-// Method selection, RFC 1928 section 3.
 void SOCKS5Control::negotiate() {
-  if (hasCredentials()) {
-    requireSendable("user name", *username_);
-    requireSendable("password", *password_);
-  }
-  writeAll(hasCredentials() ? Bytes{version, 2, noAuthentication, usernamePassword}
-                            : Bytes{version, 1, noAuthentication});
-  const Bytes choice = readExactly(2);
-  if (choice[0] != version) {
-    throw SOCKS5Error::protocolError(fmt::format("bad ver {}", choice[0]));
-  }
-  if (choice[1] == usernamePassword) {
-    tell(Stage::methodChosen, "user name and password");
-    authenticate();
+  SOCKS5Handshake handshake(username_, password_);
+  writeAll(handshake.message());
+  handshake.take(readExactly(SOCKS5Handshake::answerSize));
+  tell(Stage::methodChosen, handshake.wantsLogin() ? "user name and password" : "no login");
+  if (handshake.wantsLogin()) {
+    writeAll(handshake.message());
+    handshake.take(readExactly(SOCKS5Handshake::answerSize));
     tell(Stage::loggedIn, "accepted");
-  } else if (choice[1] == noAcceptableMethod) {
-    throw SOCKS5Error::authFailed("server rejected all offered methods");
-  } else if (choice[1] != noAuthentication) {
-    throw SOCKS5Error::authFailed(fmt::format("server picked method 0x{:x}", choice[1]));
-  } else {
-    tell(Stage::methodChosen, "no login");
-  }
-}
-
-// RFC 1929.
-void SOCKS5Control::authenticate() {
-  if (!hasCredentials()) {
-    throw SOCKS5Error::authFailed("server wants auth but none provided");
-  }
-  Bytes request{subnegotiationVersion};
-  for (const std::string_view field :
-       {std::string_view(*username_), std::string_view(*password_)}) {
-    request.push_back(static_cast<std::uint8_t>(field.size()));
-    request.insert(request.end(), field.begin(), field.end());
-  }
-  writeAll(request);
-
-  const Bytes answer = readExactly(2);
-  if (answer[0] != subnegotiationVersion) {
-    throw SOCKS5Error::protocolError(fmt::format("auth ver {}", answer[0]));
-  }
-  if (answer[1] != succeeded) {
-    throw SOCKS5Error::authFailed(fmt::format("status 0x{:x}", answer[1]));
   }
 }
 

@@ -16,10 +16,6 @@ namespace zk {
 
 class StopSignal;
 
-/// Throws SOCKS5Error::authFailed for a credential that no proxy can be sent, since its length has
-/// one octet (RFC 1929); `name` says in the text which one it is.
-void requireSendable(const char* name, const std::string& credential);
-
 /// The client side of one SOCKS5 control connection (RFC 1928, RFC 1929): TCP to the proxy, method
 /// negotiation, one UDP ASSOCIATE. The proxy ends the association when this connection closes, so
 /// the object is kept for as long as the association is used; destruction closes the connection.
@@ -78,11 +74,9 @@ class SOCKS5Control {
   void close() { stream_.reset(); }
 
  private:
-  bool hasCredentials() const { return username_ && password_; }
   std::optional<SOCKS5Error> tryAddress(const struct ResolvedAddress& address,
                                         std::optional<bool> viaDefault);
   void negotiate();
-  void authenticate();
   std::string readAddress(std::uint8_t addressType);
   void writeAll(ByteView bytes);
   Bytes readExactly(std::size_t count);

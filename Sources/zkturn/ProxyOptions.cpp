@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 
 #include "Platform/Terminal.h"
-#include "ZelkorSOCKS5/SOCKS5Control.h"
+#include "ZelkorSOCKS5/SOCKS5Handshake.h"
 #include "zkturn/Advice.h"
 
 namespace zk {

@@ -32,7 +32,7 @@ inline Result check(std::uint16_t port, const std::vector<std::string>& options,
   }
   arguments.insert(arguments.end(), options.begin(), options.end());
   if (isOnTerminal) {
-    arguments = {findProgram("script"), "-qec", fmt::format("{}", fmt::join(arguments, " ")),
+    arguments = {findProgram("script"), "-qec", fmt::format("'{}'", fmt::join(arguments, "' '")),
                  "/dev/null"};
   }
   ChildProcess program(arguments, environment, output);

@@ -1,12 +1,14 @@
 // The daemon on machines whose network is not simple, or changes in mid-call, with a proxy behind a
 // real network: which way its packets go, seen from outside.
 
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <ostream>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -14,6 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "BriefFailures.h"
 #include "EndToEnd/Rig.h"
 #include "Loopback/SOCKS5Frame.h"
 #include "NetworkLab/NetworkLab.h"
@@ -74,7 +77,7 @@ class NetworkLabTest : public testing::Test {
  protected:
   void SetUp() override {
     if (!whyNoLab.empty()) {
-      GTEST_SKIP() << "no network lab here: " << whyNoLab;
+      GTEST_SKIP() << "needs root, and what the network lab is made of: " << whyNoLab;
     }
   }
 
@@ -251,6 +254,61 @@ TEST_F(NetworkLabTest, WhatScansThePortsOfHomeDoesNotReachTheClient) {
   EXPECT_TRUE(echoesWithin(patience)) << "the first that comes is from the scanner";
   end();
   EXPECT_EQ(traffic(), by("wire"));
+}
+
+// How long a call is told that all is well after its way has gone.
+double secondsUntilTold(TURNClient& client) {
+  const Stopwatch time;
+  while (client.refresh({}).success() && time.seconds() < 60) {
+    std::this_thread::sleep_for(aMoment);
+  }
+  return time.seconds();
+}
+
+// A neighbour answers for the proxy meanwhile, and hears nothing but the question.
+TEST_F(NetworkLabTest, ACallWhoseWayAVPNHasTakenIsToldAtOnceAndGoesByTheVPN) {
+  build(wire);
+  start();
+  expectCallWorks();
+  std::this_thread::sleep_for(aMoment);  // for what is acknowledged late
+  traffic();
+  NetworkLab::change("ip -n home route del default\n" + vpn + "neighbourAnswers");
+  const double seconds = secondsUntilTold(*client);
+  EXPECT_GE(seconds, 1.5);
+  EXPECT_LT(seconds, 6);
+  expectCallWorks();
+  Traffic seen = traffic();
+  seen.erase("ARP to 10.2.0.2 by wire");
+  EXPECT_EQ(seen, by("vpn"));
+  expectIn(end(), "relay CUT OFF from the proxy, released for 127.0.0.1:");
+}
+
+TEST_F(NetworkLabTest, AnInterfaceThatIsGoneForGoodTakesItsRelaysAlong) {
+  build(wireAndVPN);
+  start();
+  const auto descriptors = [&] {
+    const std::filesystem::directory_iterator all("/proc/" + std::to_string(daemon->pid()) + "/fd");
+    return std::distance(begin(all), std::filesystem::end(all));
+  };
+  const auto before = descriptors();
+  expectCallWorks();
+  NetworkLab::change("ip -n home link del lan0");
+  const double seconds = secondsUntilTold(*client);
+  EXPECT_GE(seconds, 29);
+  EXPECT_LT(seconds, 40);
+  EXPECT_TRUE(eventually([&] { return descriptors() == before; })) << descriptors() - before;
+  expectCallWorks();
+}
+
+TEST_F(NetworkLabTest, ACableThatIsOutForTenSecondsEndsNoCallThoughAVPNIsUp) {
+  build(wireAndVPN);
+  start();
+  expectCallWorks();
+  NetworkLab::change("ip -n home link set lan0 down");
+  std::this_thread::sleep_for(std::chrono::seconds(10));
+  EXPECT_TRUE(client->refresh({}).success());
+  NetworkLab::change("ip -n home link set lan0 up; route default via 10.1.0.1 metric 100");
+  EXPECT_TRUE(echoesWithin(patience));
 }
 
 // A step changes the network and looks at the call from before, if there is one; then at a new
@@ -433,6 +491,7 @@ INSTANTIATE_TEST_SUITE_P(Scenarios, ScenarioTest, testing::ValuesIn(scenarios),
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
+  zk::test::failBriefly();
   if (!testing::GTEST_FLAG(list_tests)) {
     // In there this process has another number.
     const std::string path = zk::test::pathByDescriptor(zk::test::programBeside("zkturn"));

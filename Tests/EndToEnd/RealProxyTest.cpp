@@ -90,7 +90,7 @@ TEST_P(RealProxyTest, ServesWithALogin) {
        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
        !addLine("/etc/passwd", login.user + ":x:54321:54321::/nonexistent:/bin/false") ||
        !addLine("/etc/shadow", login.user + ":" + hashedPassword + ":19000:0:99999:7:::"))) {
-    GTEST_SKIP() << "needs a mount namespace, for a user that only danted sees";
+    GTEST_SKIP() << "needs root: sudo scripts/test";
   }
   {
     const ForeignProxy proxy(GetParam(), login);

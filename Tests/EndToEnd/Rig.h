@@ -71,7 +71,7 @@ class PrivateTmpTest : public testing::Test {
  protected:
   void SetUp() override {
     if (!tmp_.mounted()) {
-      GTEST_SKIP() << "needs root, for a /tmp of its own";
+      GTEST_SKIP() << "needs root: sudo scripts/test";
     }
   }
 

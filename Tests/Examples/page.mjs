@@ -15,7 +15,7 @@ const patience = 20000;
 
 const browser = ['/usr/bin/chromium', '/usr/bin/google-chrome'].find(existsSync);
 if (!browser) {
-  console.log('skipped: chromium is not installed');
+  console.log('skipped: needs chromium: apt-get install chromium');
   process.exit(0);
 }
 

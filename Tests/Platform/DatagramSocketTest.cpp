@@ -119,7 +119,7 @@ TEST(DatagramSocket, BurstsPassAWayThatTakesLessThanTheirDatagrams) {
 TEST(DatagramSocket, SaysFromWhereOnThereIsNoRoom) {
   const test::PrivateNetwork network;
   if (!network) {
-    GTEST_SKIP() << "no namespaces here";
+    GTEST_SKIP() << "needs root: sudo scripts/test";
   }
   DatagramSocket socket = DatagramSocket::open();
   const int smallest = 0;

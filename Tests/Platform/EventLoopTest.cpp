@@ -4,6 +4,7 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "Platform/Clock.h"
@@ -73,6 +74,48 @@ TEST_F(EventLoopTest, CallsNobodyWhoIsNoLongerWatched) {
   loop_.turn(false);
   loop_.turn(false);
   EXPECT_EQ(order_, "r");
+}
+
+// Both ends of a connection: what it is called for shows in the order.
+TEST_F(EventLoopTest, CallsForWhatIsOfInterestWhileItLasts) {
+  struct End final : EventLoop::Source {
+    explicit End(std::string& calls) : order(calls) {}
+    void onReadable() override { order += 'r'; }
+    void onWritable() override { order += 'w'; }
+    std::string& order;
+  } end(order_);
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  Descriptor near(pair[0]);
+  Descriptor far(pair[1]);
+  const auto turns = [&](EventLoop::Interest interest) {
+    order_.clear();
+    loop_.setInterest(near.get(), interest);
+    loop_.turn(false);
+    loop_.turn(false);
+    return order_;
+  };
+  std::vector<char> octets(1 << 20);
+  loop_.watch(near.get(), end);
+  EXPECT_EQ(turns({.readable = true}), "");
+  EXPECT_EQ(turns({.writable = true}), "ww");
+  while (send(near.get(), octets.data(), octets.size(), MSG_DONTWAIT) > 0) {
+  }
+  EXPECT_EQ(turns({.readable = true, .writable = true}), "") << "it is full";
+  EXPECT_EQ(write(far.get(), "x", 1), 1);
+  EXPECT_EQ(turns({.readable = true, .writable = true}), "rr");
+  EXPECT_EQ(turns({}), "");
+  EXPECT_EQ(turns({.failed = true}), "");
+  while (recv(far.get(), octets.data(), octets.size(), MSG_DONTWAIT) > 0) {
+  }
+  EXPECT_EQ(turns({.readable = true, .writable = true}), "rwrw");
+  far.reset();
+  EXPECT_EQ(turns({}), "") << "an end that nobody waits for must not keep the loop busy";
+  EXPECT_EQ(turns({.writable = true}), "ww");
+  EXPECT_EQ(turns({.failed = true}), "rr");
+  loop_.unwatch(near.get());
+  loop_.turn(false);
+  EXPECT_EQ(order_, "rr");
 }
 
 TEST_F(EventLoopTest, RunsTimersWhenTheyAreDueInTheirOrder) {

@@ -125,7 +125,7 @@ const Case cases[] = {
 TEST(InterfaceScope, ChoosesTheInterfaceThatTheDestinationCallsFor) {
   unsetenv("ZK_EGRESS_VIA_DEFAULT");
   if (std::system("command -v ip >/dev/null && unshare -n true 2>/dev/null") != 0) {
-    GTEST_SKIP() << "needs iproute2 and the right to make network namespaces";
+    GTEST_SKIP() << "needs root and ip: apt-get install iproute2; sudo scripts/test";
   }
   for (const Case& c : cases) {
     std::thread([&c] {

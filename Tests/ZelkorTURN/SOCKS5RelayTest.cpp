@@ -233,7 +233,7 @@ TEST_F(Relay, OutlivesItsControlConnectionWhileTheProxyCarriesDatagrams) {
 TEST_F(Relay, KeepsWhatTheSystemDoesNotTakeWithinLimits) {
   const PrivateNetwork network;
   if (!network || !network.setReachable(true)) {
-    GTEST_SKIP() << "no namespaces here";
+    GTEST_SKIP() << "needs root: sudo scripts/test";
   }
   const Environment viaDefault("ZK_EGRESS_VIA_DEFAULT", "1");
   SOCKS5Server proxy({}, network.host);

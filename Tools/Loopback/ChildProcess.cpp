@@ -1,5 +1,6 @@
 #include "Loopback/ChildProcess.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <ctime>
@@ -10,6 +11,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,10 +24,6 @@ namespace {
 namespace fs = std::filesystem;
 using Milliseconds = ChildProcess::Milliseconds;
 using Clock = std::chrono::steady_clock;
-
-[[noreturn]] void fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
 
 std::vector<std::string> mergedEnvironment(const ChildProcess::Environment& extra) {
   std::vector<std::string> merged;
@@ -51,32 +49,36 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
   return pointers;
 }
 
-std::string procOf(pid_t pid, const char* what) {
-  return "/proc/" + std::to_string(pid) + "/" + what;
-}
-
-std::size_t countEntries(const std::string& folder) {
+/// What a folder of /proc holds; nothing once the process is gone.
+std::vector<fs::path> entriesOf(pid_t pid, const char* folder) {
+  std::vector<fs::path> entries;
   std::error_code gone;
-  std::size_t count = 0;
-  for (fs::directory_iterator at(folder, gone), end; !gone && at != end; at.increment(gone)) {
-    ++count;
+  fs::directory_iterator at(fs::path("/proc") / std::to_string(pid) / folder, gone);
+  for (const fs::directory_iterator end; !gone && at != end; at.increment(gone)) {
+    entries.push_back(at->path());
   }
-  return count;
+  return entries;
 }
 
-/// A process, its children, and theirs.
-std::vector<pid_t> familyOf(pid_t pid) {
-  std::vector<pid_t> found{pid};
-  for (std::size_t i = 0; i < found.size(); ++i) {
-    std::error_code gone;
-    for (const auto& task : fs::directory_iterator(procOf(found[i], "task"), gone)) {
-      std::ifstream list(task.path() / "children");
-      for (pid_t child = 0; list >> child;) {
-        found.push_back(child);
-      }
+/// The threads of a process, of its children, and of theirs.
+std::vector<fs::path> tasksOf(pid_t pid) {
+  std::vector<fs::path> tasks = entriesOf(pid, "task");
+  for (std::size_t i = 0; i < tasks.size(); ++i) {
+    std::ifstream list(tasks[i] / "children");
+    for (pid_t child = 0; list >> child;) {
+      std::ranges::copy(entriesOf(child, "task"), std::back_inserter(tasks));
     }
   }
-  return found;
+  return tasks;
+}
+
+/// The same without all threads but the first of each.
+std::vector<fs::path> familyOf(pid_t pid) {
+  std::vector<fs::path> first = tasksOf(pid);
+  std::erase_if(first, [](const fs::path& task) {
+    return task.filename() != task.parent_path().parent_path().filename();
+  });
+  return first;
 }
 
 /// The number behind `name` in a status file of /proc; 0 without one.
@@ -97,43 +99,36 @@ std::size_t numberIn(const fs::path& status, const std::string& name) {
 ChildProcess::ChildProcess(std::vector<std::string> arguments, const Environment& environment,
                            const std::string& output) {
   std::signal(SIGPIPE, SIG_IGN);
-  // Nothing is allocated between fork() and exec(): other threads may hold the heap's lock.
   std::vector<std::string> merged = mergedEnvironment(environment);
-  const auto variables = pointersTo(merged);
-  const auto argv = pointersTo(arguments);
   Pipe toChild = openPipe();
   Pipe fromChild = openPipe();
-  Pipe failure = openPipe();  // closed by a successful exec()
-  const Descriptor log(
-      output.empty()
-          ? -1
-          : open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  pid_ = fork();
-  if (pid_ == 0) {
-    setpgid(0, 0);
-    for (int signal = 1; signal < NSIG; ++signal) {
-      std::signal(signal, SIG_DFL);
-    }
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    dup2(toChild.reader.get(), STDIN_FILENO);
-    dup2(log ? log.get() : fromChild.writer.get(), STDOUT_FILENO);
-    dup2(log ? log.get() : STDERR_FILENO, STDERR_FILENO);
-    execve(argv[0], argv.data(), variables.data());
-    const int error = errno;
-    [[maybe_unused]] const auto told = ::write(failure.writer.get(), &error, sizeof error);
-    _exit(127);
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_adddup2(&files, toChild.reader.get(), STDIN_FILENO);
+  if (output.empty()) {
+    posix_spawn_file_actions_adddup2(&files, fromChild.writer.get(), STDOUT_FILENO);
+  } else {
+    posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, output.c_str(),
+                                     O_WRONLY | O_CREAT | O_APPEND, S_IRUSR | S_IWUSR);
+    posix_spawn_file_actions_adddup2(&files, STDOUT_FILENO, STDERR_FILENO);
   }
-  int error = pid_ < 0 ? errno : 0;
-  failure.writer.reset();
-  fromChild.writer.reset();
-  if (pid_ > 0 && read(failure.reader.get(), &error, sizeof error) > 0) {
-    waitpid(pid_, nullptr, 0);
-  }
+  sigset_t none;
+  sigset_t all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  posix_spawnattr_t how;
+  posix_spawnattr_init(&how);
+  // Its own process group: some servers serve with children.
+  posix_spawnattr_setflags(&how,
+                           POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+  posix_spawnattr_setsigdefault(&how, &all);
+  posix_spawnattr_setsigmask(&how, &none);
+  const int error = posix_spawn(&pid_, arguments[0].c_str(), &files, &how,
+                                pointersTo(arguments).data(), pointersTo(merged).data());
+  posix_spawnattr_destroy(&how);
+  posix_spawn_file_actions_destroy(&files);
   if (error != 0) {
-    errno = error;
-    fail(arguments[0]);
+    throw std::system_error(error, std::generic_category(), arguments[0]);
   }
   input_ = std::move(toChild.writer);
   output_ = std::move(fromChild.reader);
@@ -142,7 +137,6 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments, const Environment
 ChildProcess::~ChildProcess() {
   closeInput();
   output_.reset();
-  // Its own process group: some servers serve with children.
   kill(-pid_, SIGKILL);
   if (!exitStatus_) {
     waitpid(pid_, nullptr, 0);
@@ -206,27 +200,28 @@ std::optional<int> ChildProcess::waitExit(Milliseconds timeout) {
 }
 
 std::size_t ChildProcess::descriptorCount() const {
-  return countEntries(procOf(pid_, "fd"));
+  return entriesOf(pid_, "fd").size();
 }
 
 std::size_t ChildProcess::threadCount() const {
-  return countEntries(procOf(pid_, "task"));
+  return entriesOf(pid_, "task").size();
 }
 
 std::size_t ChildProcess::residentKilobytes() const {
   std::size_t total = 0;
-  for (const pid_t pid : familyOf(pid_)) {
-    total += numberIn(procOf(pid, "status"), "VmRSS:");
+  for (const fs::path& process : familyOf(pid_)) {
+    total += numberIn(process / "status", "VmRSS:");
   }
   return total;
 }
 
 std::chrono::nanoseconds ChildProcess::cpuTime() const {
   std::chrono::nanoseconds total{0};
-  for (const pid_t pid : familyOf(pid_)) {
+  for (const fs::path& process : familyOf(pid_)) {
     clockid_t clock{};
     timespec used{};
-    if (clock_getcpuclockid(pid, &clock) == 0 && clock_gettime(clock, &used) == 0) {
+    if (clock_getcpuclockid(std::stoi(process.filename()), &clock) == 0 &&
+        clock_gettime(clock, &used) == 0) {
       total += std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
     }
   }
@@ -235,11 +230,8 @@ std::chrono::nanoseconds ChildProcess::cpuTime() const {
 
 std::size_t ChildProcess::wakeUps() const {
   std::size_t total = 0;
-  for (const pid_t pid : familyOf(pid_)) {
-    std::error_code gone;
-    for (const auto& task : fs::directory_iterator(procOf(pid, "task"), gone)) {
-      total += numberIn(task.path() / "status", "voluntary_ctxt_switches:");
-    }
+  for (const fs::path& task : tasksOf(pid_)) {
+    total += numberIn(task / "status", "voluntary_ctxt_switches:");
   }
   return total;
 }
@@ -259,7 +251,9 @@ std::string runScript(const std::string& script) {
     }
   }
   if (shell.waitExit({}) != 0) {
-    throw std::runtime_error("cannot: " + script + "\n" + said);
+    throw std::runtime_error(
+        "failed: " + said +
+        script.substr(script.size() - std::min<std::size_t>(script.size(), 200)));
   }
   return said;
 }
@@ -281,9 +275,9 @@ std::string programBeside(const std::string& name) {
 std::string pathByDescriptor(const std::string& path) {
   const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (file < 0) {
-    fail(path);
+    throw std::system_error(errno, std::generic_category(), path);
   }
-  return procOf(getpid(), "fd/") + std::to_string(file);
+  return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(file);
 }
 
 }  // namespace zk::loopback

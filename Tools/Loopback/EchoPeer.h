@@ -23,17 +23,32 @@ class EchoPeer {
   std::uint16_t port() const { return endpoint().port; }
 
   /// Whether datagrams are sent back (the default) or only counted.
-  void setEcho(bool echo);
+  void setEcho(bool echo) {
+    service_.thread().sync([&] { echo_ = echo; });
+  }
   /// Datagrams that have arrived.
-  std::size_t received() const;
+  std::size_t received() const {
+    return service_.thread().ask([&] { return received_; });
+  }
   /// The latest of them, and where it came from; absent before the first.
-  std::optional<Bytes> lastPayload() const;
-  std::optional<Endpoint> lastSource() const;
+  std::optional<Bytes> lastPayload() const {
+    return service_.thread().ask([&] { return lastPayload_; });
+  }
+  std::optional<Endpoint> lastSource() const {
+    return service_.thread().ask([&] { return lastSource_; });
+  }
   /// Sends a datagram of its own accord. Whether the system took it.
   bool send(const Endpoint& to, ByteView payload) { return service_.socket().send(payload, to); }
 
  private:
-  void take(const Arrival& arrival);
+  void take(const Arrival& arrival) {
+    ++received_;
+    lastSource_ = arrival.from;
+    lastPayload_.emplace(arrival.datagram.begin(), arrival.datagram.end());
+    if (echo_) {
+      service_.socket().send(arrival.datagram, arrival.from);
+    }
+  }
 
   // These belong to the service's thread.
   bool echo_ = true;

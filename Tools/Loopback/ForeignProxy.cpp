@@ -49,10 +49,10 @@ bool accepts(std::uint16_t port) {
 std::string ForeignProxy::hindrance(const std::string& name) {
   for (const std::string& program : {name, std::string(name == "ss-local" ? "ss-server" : name)}) {
     if (findProgram(program).empty()) {
-      return fmt::format("{} is not installed (Debian: {})", program, packages.at(program));
+      return fmt::format("needs {}: apt-get install {}", program, packages.at(program));
     }
   }
-  return name == "danted" && geteuid() != 0 ? "danted needs root" : "";
+  return name == "danted" && geteuid() != 0 ? "needs root: sudo scripts/test" : "";
 }
 
 ForeignProxy::ForeignProxy(const std::string& name, const std::optional<SOCKS5Login>& login)

@@ -13,7 +13,8 @@
 namespace zk::loopback {
 namespace {
 
-constexpr std::uint64_t unlimited = UINT64_MAX;
+using namespace std::chrono_literals;
+
 constexpr int mostSilences = 5;
 constexpr std::uint32_t marker = UINT32_MAX;
 
@@ -25,8 +26,9 @@ struct Stamp {
 };
 static_assert(sizeof(Stamp) == Ledger::stampSize);
 
-std::uint64_t nanoseconds(std::chrono::nanoseconds duration) {
-  return static_cast<std::uint64_t>(duration.count());
+std::uint32_t anyNumber() {
+  static thread_local std::minstd_rand random(std::random_device{}());
+  return static_cast<std::uint32_t>(random());
 }
 
 /// One size of payload, all of them alike but for their stamps.
@@ -34,8 +36,7 @@ class Pattern {
  public:
   Pattern(const std::vector<CallLeg>& legs, std::size_t size)
       : payload_(std::max(size, Ledger::stampSize)) {
-    static thread_local std::minstd_rand random(std::random_device{}());
-    std::ranges::generate(payload_, [] { return static_cast<std::uint8_t>(random()); });
+    std::ranges::generate(payload_, [] { return static_cast<std::uint8_t>(anyNumber()); });
     for (const CallLeg& leg : legs) {
       datagrams_.push_back(leg.frame(payload_));
     }
@@ -61,8 +62,7 @@ class Pattern {
 
 class Load {
  public:
-  Load(const std::vector<CallLeg>& legs, const LoadPlan& plan)
-      : legs_(legs), plan_(plan), pattern_(legs, plan.payload) {
+  Load(const std::vector<CallLeg>& legs, const LoadPlan& plan) : legs_(legs), plan_(plan) {
     if (legs.size() == 1) {  // a plain receive costs least
       setBlocking(legs[0].socket, plan.patience);
       return;
@@ -75,10 +75,9 @@ class Load {
   }
 
   LoadResult run() {
-    const std::uint64_t start = monotonicNanoseconds();
-    const std::uint64_t end =
-        plan_.duration.count() == 0 ? unlimited : start + nanoseconds(plan_.duration);
-    const std::uint64_t count = plan_.count == 0 ? unlimited : plan_.count;
+    patterns_.emplace_back(legs_, plan_.payload);
+    const std::uint64_t end = endOf(plan_.duration.count() == 0 ? 24h * 365 : plan_.duration);
+    const std::uint64_t count = plan_.count == 0 ? UINT64_MAX : plan_.count;
     unsigned flying = 0;
     int silences = 0;
     const auto sending = [&] {
@@ -95,15 +94,43 @@ class Load {
         plan_.progress(ledger_.sent() - flying);
       }
     }
-    const double seconds = static_cast<double>(monotonicNanoseconds() - start) / 1e9;
-    LoadResult result = ledger_.close();
-    result.seconds = seconds;
-    return result;
+    return finish();
+  }
+
+  LoadResult call() {
+    patterns_ = {Pattern(legs_, 160), Pattern(legs_, 1100)};
+    const std::chrono::nanoseconds gaps[] = {20ms, 33333us};
+    std::uint64_t next[] = {start_, start_};
+    unsigned pictures = 0;
+    const std::uint64_t end = endOf(plan_.duration);
+    for (std::uint64_t now = start_; now < end; now = monotonicNanoseconds()) {
+      for (const std::size_t kind : {0U, 1U}) {
+        const unsigned size = kind == 0 ? 1 : 4 + pictures % 7;
+        for (unsigned i = 0; now >= next[kind] && i < size; ++i) {
+          patterns_[kind].send(legs_[0], 0, ledger_);
+        }
+        pictures += now >= next[kind] && kind == 1 ? 1 : 0;
+        next[kind] += now >= next[kind] ? static_cast<std::uint64_t>(gaps[kind].count()) : 0;
+      }
+      takeUntil(std::min({next[0], next[1], end}));
+    }
+    takeUntil(endOf(plan_.duration + plan_.patience));
+    return finish();
   }
 
  private:
+  std::uint64_t endOf(std::chrono::nanoseconds duration) const {
+    return start_ + static_cast<std::uint64_t>(duration.count());
+  }
+
+  LoadResult finish() {
+    LoadResult result = ledger_.close();
+    result.seconds = static_cast<double>(monotonicNanoseconds() - start_) / 1e9;
+    return result;
+  }
+
   void sendOne() {
-    pattern_.send(legs_[next_], next_, ledger_);
+    patterns_[0].send(legs_[next_], next_, ledger_);
     if (++sentInBurst_ >= plan_.burst) {
       sentInBurst_ = 0;
       next_ = (next_ + 1) % legs_.size();
@@ -135,17 +162,29 @@ class Load {
       }
       const ByteView datagram = ByteView(buffer_).first(static_cast<std::size_t>(n));
       const ByteView content = datagram.subspan(std::min(datagram.size(), legs_[from].payloadAt));
-      if (ledger_.take(pattern_.fits(content) ? content : ByteView{})) {
+      const auto fits = [&](const Pattern& pattern) { return pattern.fits(content); };
+      if (ledger_.take(std::ranges::any_of(patterns_, fits) ? content : ByteView{})) {
         return true;
       }
     }
   }
 
-  const std::vector<CallLeg>& legs_;
-  const LoadPlan& plan_;
-  Pattern pattern_;
+  void takeUntil(std::uint64_t end) {
+    for (std::uint64_t now = 0; (now = monotonicNanoseconds()) < end;) {
+      const std::chrono::nanoseconds left(end - now);
+      if (waitReadable(legs_[0].socket, std::chrono::ceil<std::chrono::milliseconds>(left))) {
+        while (receiveOne(0, MSG_DONTWAIT)) {
+        }
+      }
+    }
+  }
+
+  const std::vector<CallLeg> legs_;
+  const LoadPlan plan_;
+  std::vector<Pattern> patterns_;
   Ledger ledger_;
   Descriptor poll_;
+  const std::uint64_t start_ = monotonicNanoseconds();
   std::size_t next_ = 0;
   unsigned sentInBurst_ = 0;
   std::array<std::uint8_t, 65536> buffer_{};
@@ -200,11 +239,10 @@ bool Ledger::take(ByteView payload) {
 }
 
 LoadResult Ledger::close() {
-  static thread_local std::minstd_rand random(std::random_device{}());
   LoadResult result = std::exchange(result_, {});
   result.sent = isBack_.size();
   std::ranges::sort(result.times);
-  run_ = static_cast<std::uint32_t>(random());
+  run_ = anyNumber();
   isBack_.clear();
   marked_ = false;
   return result;
@@ -226,47 +264,7 @@ LoadResult runLoad(const std::vector<CallLeg>& legs, const LoadPlan& plan) {
 }
 
 LoadResult runCall(const CallLeg& leg, std::chrono::milliseconds duration) {
-  using namespace std::chrono_literals;
-  constexpr std::uint64_t soundEvery = 20'000'000;
-  constexpr std::uint64_t pictureEvery = 33'333'333;
-  constexpr auto patience = 200ms;  // for what is under way at the end
-  Pattern sound({leg}, 160);
-  Pattern picture({leg}, 1100);
-  Ledger ledger;
-  std::array<std::uint8_t, 2048> buffer;
-  const std::uint64_t start = monotonicNanoseconds();
-  const std::uint64_t end = start + nanoseconds(duration);
-  std::uint64_t nextSound = start;
-  std::uint64_t nextPicture = start;
-  for (unsigned pictures = 0;;) {
-    const std::uint64_t now = monotonicNanoseconds();
-    if (now < end && now >= nextSound) {
-      sound.send(leg, 0, ledger);
-      nextSound += soundEvery;
-    }
-    if (now < end && now >= nextPicture) {
-      for (unsigned i = 0; i < 4 + pictures % 7; ++i) {
-        picture.send(leg, 0, ledger);
-      }
-      ++pictures;
-      nextPicture += pictureEvery;
-    }
-    const std::uint64_t next =
-        now < end ? std::min({nextSound, nextPicture, end}) : end + nanoseconds(patience);
-    if (now >= next && now >= end) {
-      break;
-    }
-    const auto left = std::chrono::nanoseconds(next > now ? next - now : 0);
-    waitReadable(leg.socket, std::chrono::ceil<std::chrono::milliseconds>(left));
-    for (ssize_t n = 0; (n = recv(leg.socket, buffer.data(), buffer.size(), MSG_DONTWAIT)) >= 0;) {
-      const ByteView datagram = ByteView(buffer).first(static_cast<std::size_t>(n));
-      const ByteView content = datagram.subspan(std::min(datagram.size(), leg.payloadAt));
-      ledger.take(sound.fits(content) || picture.fits(content) ? content : ByteView{});
-    }
-  }
-  LoadResult result = ledger.close();
-  result.seconds = static_cast<double>(nanoseconds(duration)) / 1e9;
-  return result;
+  return Load({leg}, {.duration = duration}).call();
 }
 
 }  // namespace zk::loopback

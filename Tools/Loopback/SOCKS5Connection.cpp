@@ -5,6 +5,7 @@
 
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "Loopback/SOCKS5Association.h"
 
@@ -20,6 +21,7 @@ constexpr std::uint8_t noAuthentication = 0x00;
 constexpr std::uint8_t usernamePassword = 0x02;
 constexpr std::uint8_t noneAcceptable = 0xFF;
 constexpr std::uint8_t loginVersion = 0x01;
+constexpr std::uint8_t commandConnect = 0x01;
 constexpr std::uint8_t commandUDPAssociate = 0x03;
 constexpr std::uint8_t replyGeneralFailure = 0x01;
 constexpr std::uint8_t replyNotAllowed = 0x02;
@@ -56,6 +58,7 @@ void SOCKS5Connection::end() {
   }
   ended_ = true;
   watch_.reset();
+  tunnel_.reset();
   if (association_) {
     core_.associations.erase(*association_);
   }
@@ -169,6 +172,11 @@ void SOCKS5Connection::handleLogin(ByteView message) {
 
 void SOCKS5Connection::handleRequest(ByteView message) {
   phase_ = Phase::done;
+  if (message[1] == commandConnect && message[3] == typeIPv4) {
+    connect({static_cast<std::uint32_t>(readUInt16(message, 4) << 16 | readUInt16(message, 6)),
+             readUInt16(message, 8)});
+    return;
+  }
   const SOCKS5Script& script = core_.script;
   Bytes answer;
   if (message[1] != commandUDPAssociate) {
@@ -185,6 +193,26 @@ void SOCKS5Connection::handleRequest(ByteView message) {
   }
   answer = script.associateReply.value_or(std::move(answer));
   perform(script.onAssociate, std::move(answer), !association_);
+}
+
+void SOCKS5Connection::connect(const Endpoint& to) {
+  const auto& connectTo = core_.script.connectTo;
+  const SOCKS5Script::Route route = connectTo ? connectTo(to) : SOCKS5Script::Route{to};
+  answering_ = true;
+  if (route.reply != 0) {
+    answerConnect(route.reply);
+    return;
+  }
+  tunnel_ = std::make_unique<SOCKS5Tunnel>(
+      core_.loop, core_.conduits, route.to,
+      [this](std::uint8_t reply) { later({}, [this, reply] { answerConnect(reply); }); });
+}
+
+void SOCKS5Connection::answerConnect(std::uint8_t reply) {
+  if (reply != 0) {
+    tunnel_.reset();
+  }
+  perform(core_.script.onConnect, refusal(reply), reply != 0);
 }
 
 /// Makes the association and returns the proper answer.
@@ -219,54 +247,58 @@ Bytes SOCKS5Connection::associate() {
 void SOCKS5Connection::perform(const SOCKS5Step& step, Bytes answer, bool closeBehind) {
   answering_ = true;
   const bool answers = !answer.empty();
-  const auto act = [self = weak_from_this(), step, answer = std::move(answer), closeBehind] {
-    const auto connection = self.lock();
-    if (!connection || connection->ended_) {
-      return;
-    }
+  const auto act = [this, step, answer = std::move(answer), closeBehind] {
     switch (step.action) {
       case Action::answer:
-        connection->sendOctets(answer);
-        connection->answered(closeBehind);
-        break;
       case Action::answerThenClose:
-        connection->sendOctets(answer);
-        connection->answered(closeBehind || !answer.empty());
+        sendOctets(answer);
+        answered(closeBehind || (step.action == Action::answerThenClose && !answer.empty()));
         break;
       case Action::dribble:
-        connection->dribble(step.pace, std::make_shared<const Bytes>(answer), 0, closeBehind);
+        dribble(step.pace, answer, closeBehind);
         break;
       case Action::half:
-        connection->sendOctets(ByteView(answer).first(answer.size() / 2));
-        connection->mute_ = true;
+        sendOctets(ByteView(answer).first(answer.size() / 2));
+        mute_ = true;
         break;
       case Action::silence:
-        connection->mute_ = true;
+        mute_ = true;
         break;
       case Action::close:
-        connection->end();
+        end();
         break;
       case Action::reset:
-        connection->reset();
+        reset();
         break;
     }
   };
-  core_.loop.after(step.delay + (answers ? core_.script.distance : 0ms), act);
+  later(step.delay + (answers ? core_.script.distance : 0ms), act);
 }
 
-void SOCKS5Connection::dribble(std::chrono::milliseconds pace,
-                               const std::shared_ptr<const Bytes>& answer, std::size_t at,
-                               bool closeBehind) {
-  if (at < answer->size()) {
-    sendOctets(ByteView(*answer).subspan(at, 1));
-  }
-  if (at + 1 >= answer->size()) {
+/// Unless the connection has ended by then.
+void SOCKS5Connection::later(std::chrono::milliseconds delay, std::function<void()> action) {
+  core_.loop.after(delay, [self = weak_from_this(), action = std::move(action)] {
+    if (const auto connection = self.lock(); connection && !connection->ended_) {
+      action();
+    }
+  });
+}
+
+void SOCKS5Connection::dribble(std::chrono::milliseconds pace, Bytes answer, bool closeBehind) {
+  sendOctets(ByteView(answer).first(std::min<std::size_t>(answer.size(), 1)));
+  if (answer.size() <= 1) {
     answered(closeBehind);
     return;
   }
-  core_.loop.after(pace, [self = weak_from_this(), pace, answer, at, closeBehind] {
+  answer.erase(answer.begin());
+  later(pace, [=, this] { dribble(pace, answer, closeBehind); });
+}
+
+/// Unless the connection has ended by then.
+void SOCKS5Connection::later(std::chrono::milliseconds delay, std::function<void()> action) {
+  core_.loop.after(delay, [self = weak_from_this(), action = std::move(action)] {
     if (const auto connection = self.lock(); connection && !connection->ended_) {
-      connection->dribble(pace, answer, at + 1, closeBehind);
+      action();
     }
   });
 }
@@ -282,6 +314,9 @@ void SOCKS5Connection::answered(bool closeBehind) {
   answering_ = false;
   if (closeBehind) {
     end();
+  } else if (tunnel_) {
+    watch_.reset();
+    tunnel_->carry(Descriptor(dup(socket_.get())), [this] { later({}, [this] { end(); }); });
   } else {
     converse();
   }

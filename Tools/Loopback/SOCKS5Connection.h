@@ -6,6 +6,7 @@
 
 #include "Base/Bytes.h"
 #include "Loopback/SOCKS5Core.h"
+#include "Loopback/SOCKS5Tunnel.h"
 
 namespace zk::loopback {
 
@@ -34,10 +35,12 @@ class SOCKS5Connection : public std::enable_shared_from_this<SOCKS5Connection> {
   void handleLogin(ByteView message);
   void handleRequest(ByteView message);
   Bytes associate();
+  void connect(const Endpoint& to);
+  void answerConnect(std::uint8_t reply);
 
   void perform(const SOCKS5Step& step, Bytes answer, bool closeBehind);
-  void dribble(std::chrono::milliseconds pace, const std::shared_ptr<const Bytes>& answer,
-               std::size_t at, bool closeBehind);
+  void later(std::chrono::milliseconds delay, std::function<void()> action);
+  void dribble(std::chrono::milliseconds pace, Bytes answer, bool closeBehind);
   void sendOctets(ByteView octets) const;
   void answered(bool closeBehind);
 
@@ -51,6 +54,7 @@ class SOCKS5Connection : public std::enable_shared_from_this<SOCKS5Connection> {
   bool ended_ = false;
   Bytes unread_;  // arrived and not yet taken as a message
   std::optional<std::size_t> association_;
+  std::unique_ptr<SOCKS5Tunnel> tunnel_;
 };
 
 }  // namespace zk::loopback

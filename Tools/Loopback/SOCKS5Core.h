@@ -12,6 +12,7 @@
 #include "Loopback/LoopThread.h"
 #include "Loopback/SOCKS5Script.h"
 #include "Loopback/SOCKS5Server.h"
+#include "Platform/StreamBridge.h"
 
 namespace zk::loopback {
 
@@ -36,6 +37,7 @@ struct SOCKS5Core {
   KitSocket listener;
   std::optional<Watch> accepting{};
   SOCKS5Server::Counts counts{};
+  ConduitPool conduits{};
   std::map<std::size_t, std::unique_ptr<SOCKS5Association>> associations{};
   std::map<std::size_t, std::shared_ptr<SOCKS5Connection>> connections{};
   std::vector<Bytes> controlBytes{};         // by number of the connection

@@ -77,6 +77,15 @@ struct SOCKS5Script {
   SOCKS5Step onGreeting{};
   SOCKS5Step onAuth{};
   SOCKS5Step onAssociate{};
+  SOCKS5Step onConnect{};
+
+  /// Where a CONNECT to an IPv4 address leads in truth, or the REP that refuses it. Absent: there.
+  /// Runs on the proxy's thread.
+  struct Route {
+    Endpoint to;
+    std::uint8_t reply = 0;
+  };
+  std::function<Route(const Endpoint&)> connectTo{};
 
   /// What becomes of a frame that a client sends to its relay.
   enum class Relay {

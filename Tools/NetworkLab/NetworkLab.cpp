@@ -181,19 +181,19 @@ std::string describe(const std::string& link, std::uint16_t etherType, ByteView 
   std::string destination = "?";
   int protocol = IPPROTO_RAW;
   std::array<char, INET6_ADDRSTRLEN> text{};
-  const auto ipAt = [&](std::size_t at) {
-    return inet_ntop(AF_INET, &packet[at], text.data(), text.size());
+  const auto addressAt = [&](std::size_t at, int family = AF_INET) {
+    return inet_ntop(family, &packet[at], text.data(), text.size());
   };
   if (etherType == ETH_P_ARP && packet.size() >= 28) {
     kind = "ARP";
-    destination = ipAt(24);
+    destination = addressAt(24);
     protocol = destination.starts_with(neighbours) ? IPPROTO_ICMP : protocol;
   } else if (etherType == ETH_P_IP && packet.size() >= 20) {
     protocol = packet[9];
-    destination = ipAt(16);
+    destination = addressAt(16);
   } else if (etherType == ETH_P_IPV6 && packet.size() >= 40) {
     protocol = packet[6];
-    destination = inet_ntop(AF_INET6, &packet[24], text.data(), text.size());
+    destination = addressAt(24, AF_INET6);
   }
   if (protocol == IPPROTO_ICMP || protocol == IPPROTO_ICMPV6 || protocol == IPPROTO_HOPOPTS) {
     return {};
@@ -246,8 +246,8 @@ NetworkLab::NetworkLab(const std::string& homeScript) {
   thread_.sync([this] {
     EventLoop& loop = thread_.loop();
     watches_[0].emplace(loop, recorder_.get(), [this] { recordWire(); });
-    watches_[1].emplace(loop, vpnAtHome_.get(), [this] { recordVPN(); });
-    watches_[2].emplace(loop, vpnAtRouter_.get(), [this] { carryBack(); });
+    watches_[1].emplace(loop, vpnAtHome_.get(), [this] { carry(vpnAtHome_, vpnAtRouter_); });
+    watches_[2].emplace(loop, vpnAtRouter_.get(), [this] { carry(vpnAtRouter_, vpnAtHome_); });
   });
 }
 
@@ -275,7 +275,7 @@ std::map<std::string, std::size_t> NetworkLab::takeTraffic() {
   tpacket_stats statistics{};
   thread_.sync([&] {
     recordWire();
-    recordVPN();
+    carry(vpnAtHome_, vpnAtRouter_);
     socklen_t length = sizeof statistics;
     getsockopt(recorder_.get(), SOL_PACKET, PACKET_STATISTICS, &statistics, &length);
     traffic.swap(traffic_);
@@ -310,27 +310,18 @@ void NetworkLab::recordWire() {
   }
 }
 
-void NetworkLab::recordVPN() {
+void NetworkLab::carry(const Descriptor& from, const Descriptor& to) {
   std::array<std::uint8_t, 65536> buffer;
   for (;;) {
-    const auto count = read(vpnAtHome_.get(), buffer.data(), buffer.size());
+    const auto count = read(from.get(), buffer.data(), buffer.size());
     if (count <= 0) {
       return;
     }
     const auto packet = ByteView(buffer).first(static_cast<std::size_t>(count));
-    const bool isIPv4 = packet[0] >> 4 == 4;
-    ++traffic_[describe("vpn", isIPv4 ? ETH_P_IP : ETH_P_IPV6, packet)];
-    if (write(vpnAtRouter_.get(), packet.data(), packet.size()) < 0) {
-      return;
+    if (&from == &vpnAtHome_) {
+      ++traffic_[describe("vpn", packet[0] >> 4 == 4 ? ETH_P_IP : ETH_P_IPV6, packet)];
     }
-  }
-}
-
-void NetworkLab::carryBack() {
-  std::array<std::uint8_t, 65536> buffer;
-  for (;;) {
-    const auto count = read(vpnAtRouter_.get(), buffer.data(), buffer.size());
-    if (count <= 0 || write(vpnAtHome_.get(), buffer.data(), static_cast<std::size_t>(count)) < 0) {
+    if (write(to.get(), packet.data(), packet.size()) < 0) {
       return;
     }
   }

@@ -58,8 +58,7 @@ class NetworkLab {
 
  private:
   void recordWire();
-  void recordVPN();
-  void carryBack();
+  void carry(const Descriptor& from, const Descriptor& to);
 
   Descriptor recorder_;
   Descriptor vpnAtHome_;

@@ -12,7 +12,6 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
-#include <sys/resource.h>
 
 #include "Loopback/DaemonProcess.h"
 #include "Loopback/EchoPeer.h"
@@ -68,44 +67,28 @@ struct Tally {
 
 /// What the daemon holds.
 struct Holdings {
-  std::size_t kilobytes = 0;
-  std::size_t descriptors = 0;
-  std::size_t threads = 0;
+  explicit Holdings(const DaemonProcess& daemon)
+      : kilobytes(daemon.residentKilobytes()),
+        descriptors(daemon.descriptorCount()),
+        threads(daemon.threadCount()) {}
+  std::size_t kilobytes;
+  std::size_t descriptors;
+  std::size_t threads;
 };
 
 /// The proxy, the STUN server, the peer, and a daemon that was started with room for 1024
 /// descriptors only.
-class World {
- public:
-  explicit World(const std::string& binary) {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const rlimit usual{1024, limit.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &usual);
-    daemon_ = std::make_unique<DaemonProcess>(
-        binary, ChildProcess::Environment{{"ZK_STUN_IPS", stun_.target()}});
-    setrlimit(RLIMIT_NOFILE, &limit);
-    port_ = daemon_->serve({.proxyPort = proxy_.port()});
-  }
+struct World {
+  explicit World(const std::string& binary)
+      : daemon({"/bin/bash", "-c", "ulimit -S -n 1024; exec \"$0\"", binary},
+               {{"ZK_STUN_IPS", stun.target()}}),
+        port(daemon.serve({.proxyPort = proxy.port()})) {}
 
-  std::uint16_t port() const { return port_; }
-  const Endpoint& peer() const { return peer_.endpoint(); }
-  DaemonProcess& daemon() { return *daemon_; }
-  Holdings holdings() const {
-    return {daemon_->residentKilobytes(), daemon_->descriptorCount(), daemon_->threadCount()};
-  }
-  /// The same when it has stopped changing.
-  Holdings settledHoldings() const {
-    std::this_thread::sleep_for(500ms);
-    return holdings();
-  }
-
- private:
-  STUNResponder stun_;
-  SOCKS5Server proxy_;
-  EchoPeer peer_;
-  std::unique_ptr<DaemonProcess> daemon_;
-  std::uint16_t port_ = 0;
+  const STUNResponder stun;
+  const SOCKS5Server proxy;
+  const EchoPeer peer;
+  DaemonProcess daemon;
+  const std::uint16_t port;
 };
 
 void exchange(const CallLeg& leg, std::uint64_t count, unsigned window, Tally& tally) {
@@ -117,12 +100,12 @@ void exchange(const CallLeg& leg, std::uint64_t count, unsigned window, Tally& t
 
 /// One client's whole life: a port of its own, an allocation, some data, and the release.
 void comeAndGo(const World& world, std::uint64_t datagrams, Tally& tally) {
-  TURNClient client(world.port());
+  TURNClient client(world.port);
   if (!client.allocate().success()) {
     ++tally.failures;
     return;
   }
-  exchange(CallLeg::indications(client, world.peer()), datagrams, 1, tally);
+  exchange(CallLeg::indications(client, world.peer.endpoint()), datagrams, 1, tally);
   tally.failures += !client.refresh(0).success();
   ++tally.rounds;
 }
@@ -133,13 +116,14 @@ class FullLoad {
   FullLoad(const World& world, Tally& tally) {
     for (std::size_t i = 0; i < steadyClients; ++i) {
       threads_.emplace_back([this, &world, &tally, i] {
-        TURNClient client(world.port());
+        TURNClient client(world.port);
         const bool isChannel = i % 2 == 0;
-        const bool ready = client.allocate().success() &&
-                           (!isChannel || client.bindChannel(0x4000, world.peer()).success());
+        const bool ready =
+            client.allocate().success() &&
+            (!isChannel || client.bindChannel(0x4000, world.peer.endpoint()).success());
         tally.failures += !ready;
         const CallLeg leg = isChannel ? CallLeg::onChannel(client, 0x4000)
-                                      : CallLeg::indications(client, world.peer());
+                                      : CallLeg::indications(client, world.peer.endpoint());
         while (ready && !ending_) {
           exchange(leg, 200, steadyWindow, tally);
         }
@@ -180,23 +164,22 @@ class Trial {
   explicit Trial(const std::string& binary) : world_(binary) {
     Tally warmUp;
     comeAndGo(world_, 100, warmUp);
-    beginning_ = world_.settledHoldings();
+    beginning_ = settled();
     report("beginning", beginning_, "");
   }
 
   void serveMany() {
     Tally tally;
-    std::vector<std::unique_ptr<TURNClient>> clients;
+    const auto clients = newClients(manyClients);
     const auto start = Clock::now();
-    for (std::size_t i = 0; i < manyClients; ++i) {
-      clients.push_back(std::make_unique<TURNClient>(world_.port()));
-      tally.failures += !clients.back()->allocate().success();
+    for (const auto& client : clients) {
+      tally.failures += !client->allocate().success();
     }
     const double opening = secondsSince(start);
     for (const auto& client : clients) {
-      exchange(CallLeg::indications(*client, world_.peer()), 10, 5, tally);
+      exchange(CallLeg::indications(*client, world_.peer.endpoint()), 10, 5, tally);
     }
-    report("600 clients at once", world_.holdings(),
+    report("600 clients at once", Holdings(world_.daemon),
            fmt::format("{:.2f} ms per opening, {} datagrams, {} lost", opening * 1000 / manyClients,
                        tally.sent.load(), tally.lost.load()));
     for (const auto& client : clients) {
@@ -224,10 +207,7 @@ class Trial {
   /// Allocate requests without credentials.
   void endureStorm() {
     constexpr std::size_t burst = 50;
-    std::vector<std::unique_ptr<TURNClient>> clients;
-    for (std::size_t i = 0; i < stormPorts; ++i) {
-      clients.push_back(std::make_unique<TURNClient>(world_.port()));
-    }
+    const auto clients = newClients(stormPorts);
     std::size_t answered = 0;
     const auto start = Clock::now();
     for (std::size_t sent = 0; sent < stormRequests; sent += burst) {
@@ -258,7 +238,7 @@ class Trial {
       for (auto next = start; next < end;) {
         next = std::min(next + 1min, end);
         std::this_thread::sleep_until(next);
-        report("full rate", world_.holdings(),
+        report("full rate", Holdings(world_.daemon),
                fmt::format("{} datagrams each way, {} lost, {} clients came and went",
                            tally.sent.load(), tally.lost.load(), tally.rounds.load()));
       }
@@ -275,8 +255,8 @@ class Trial {
     const FullLoad load(world_, tally);
     std::this_thread::sleep_for(1s);
     const auto start = Clock::now();
-    (world_.daemon().*tell)();
-    const auto status = world_.daemon().waitExit(10s);
+    (world_.daemon.*tell)();
+    const auto status = world_.daemon.waitExit(10s);
     const double took = secondsSince(start);
     fmt::print("{} at full load: status {} after {:.0f} ms\n", how,
                status ? std::to_string(*status) : "none", took * 1000);
@@ -286,8 +266,14 @@ class Trial {
   }
 
  private:
+  std::vector<std::unique_ptr<TURNClient>> newClients(std::size_t count) const {
+    std::vector<std::unique_ptr<TURNClient>> clients(count);
+    std::ranges::generate(clients, [&] { return std::make_unique<TURNClient>(world_.port); });
+    return clients;
+  }
+
   void finish(const char* stage, const std::string& figures, const Tally& tally) const {
-    const Holdings now = world_.settledHoldings();
+    const Holdings now = settled();
     report(stage, now, figures);
     const bool forgotten = Clock::now() - lastStorm_ > nonceLifetime;
     const std::size_t more = keptKilobytes + (forgotten ? 0 : nonces_ * octetsPerNonce / 1024);
@@ -298,8 +284,14 @@ class Trial {
           fmt::format("at most {} KiB more than at the beginning", more));
   }
 
+  /// When it has stopped changing.
+  Holdings settled() const {
+    std::this_thread::sleep_for(500ms);
+    return Holdings(world_.daemon);
+  }
+
   World world_;
-  Holdings beginning_;
+  Holdings beginning_{world_.daemon};
   std::size_t nonces_ = 0;
   Clock::time_point lastStorm_ = Clock::now();
 };

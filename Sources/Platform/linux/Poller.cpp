@@ -34,11 +34,15 @@ Poller::Poller()
   add(wakeUp_.get());
 }
 
-void Poller::add(int descriptor) {
+void Poller::change(int descriptor, Interest from, Interest to) {
   epoll_event event{};
-  event.events = EPOLLIN;
+  event.events = (to.readable ? EPOLLIN : 0U) | (to.writable ? EPOLLOUT : 0U);
   event.data.fd = descriptor;
-  if (epoll_ctl(poller_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
+  // The system reports the end of a descriptor that is in its list whether it was asked to or not.
+  const int operation = from == Interest() ? EPOLL_CTL_ADD
+                        : to == Interest() ? EPOLL_CTL_DEL
+                                           : EPOLL_CTL_MOD;
+  if (epoll_ctl(poller_.get(), operation, descriptor, &event) != 0) {
     throw std::system_error(errno, std::generic_category(), "epoll_ctl");
   }
 }
@@ -47,7 +51,8 @@ void Poller::remove(int descriptor) {
   epoll_ctl(poller_.get(), EPOLL_CTL_DEL, descriptor, nullptr);
 }
 
-void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready) {
+void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready,
+                  std::vector<int>& writable) {
   using std::chrono::milliseconds;
   // Rounded up: a timer that is not yet due would be waited for in a busy loop.
   const auto wanted = std::chrono::ceil<milliseconds>(limit).count();
@@ -58,12 +63,19 @@ void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready) {
   std::array<epoll_event, maxEvents> events;
   const int count = epoll_wait(poller_.get(), events.data(), maxEvents, timeout);
   ready.clear();
+  writable.clear();
   for (int i = 0; i < count; ++i) {
-    const int descriptor = events[static_cast<std::size_t>(i)].data.fd;
+    const auto [occurred, data] = events[static_cast<std::size_t>(i)];
+    const int descriptor = data.fd;
     if (descriptor == wakeUp_.get()) {
       std::uint64_t counter = 0;
       [[maybe_unused]] const ssize_t got = read(descriptor, &counter, sizeof counter);
-    } else {
+      continue;
+    }
+    if ((occurred & EPOLLOUT) != 0) {
+      writable.push_back(descriptor);
+    }
+    if ((occurred & EPOLLIN) != 0 || (occurred & EPOLLOUT) == 0) {  // or an end, or an error
       ready.push_back(descriptor);
     }
   }

@@ -42,17 +42,26 @@ Poller::Poller() : poller_(kqueue()) {
   }
 }
 
-void Poller::add(int descriptor) {
-  if (!change(poller_.get(), static_cast<std::uintptr_t>(descriptor), EVFILT_READ, EV_ADD)) {
-    fail("kevent");
-  }
+void Poller::change(int descriptor, Interest from, Interest to) {
+  const auto set = [&](int filter, bool was, bool is) {
+    const int flags = is ? EV_ADD : EV_DELETE;
+    if (was != is &&
+        !zk::change(poller_.get(), static_cast<std::uintptr_t>(descriptor), filter, flags)) {
+      fail("kevent");
+    }
+  };
+  set(EVFILT_READ, from.readable, to.readable);
+  set(EVFILT_WRITE, from.writable, to.writable);
 }
 
 void Poller::remove(int descriptor) {
-  change(poller_.get(), static_cast<std::uintptr_t>(descriptor), EVFILT_READ, EV_DELETE);
+  for (const int filter : {EVFILT_READ, EVFILT_WRITE}) {
+    zk::change(poller_.get(), static_cast<std::uintptr_t>(descriptor), filter, EV_DELETE);
+  }
 }
 
-void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready) {
+void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready,
+                  std::vector<int>& writable) {
   using std::chrono::seconds;
   const auto whole = std::chrono::floor<seconds>(limit);
   const timespec timeout{static_cast<time_t>(whole.count()),
@@ -61,16 +70,19 @@ void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready) {
   const int count = kevent(poller_.get(), nullptr, 0, events.data(), maxEvents,
                            limit.count() < 0 ? nullptr : &timeout);
   ready.clear();
+  writable.clear();
   for (int i = 0; i < count; ++i) {
     const struct kevent& event = events[static_cast<std::size_t>(i)];
     if (event.filter == EVFILT_READ) {
       ready.push_back(static_cast<int>(event.ident));
+    } else if (event.filter == EVFILT_WRITE) {
+      writable.push_back(static_cast<int>(event.ident));
     }
   }
 }
 
 void Poller::wake() {
-  change(poller_.get(), wakeUpEvent, EVFILT_USER, 0, NOTE_TRIGGER);
+  zk::change(poller_.get(), wakeUpEvent, EVFILT_USER, 0, NOTE_TRIGGER);
 }
 
 }  // namespace zk

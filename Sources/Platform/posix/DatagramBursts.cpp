@@ -21,6 +21,10 @@ constexpr std::size_t maxDatagram = 65536;
 // What fits one IP packet that is yet to be cut, with room for its headers.
 constexpr std::size_t maxSegmented = 65000;
 
+// A datagram that is alone and no larger goes in one piece: the plain call costs less than copying
+// that much.
+constexpr std::size_t maxPlain = 2048;
+
 // Larger segments would not pass an Ethernet, and the system then refuses them on the wire.
 constexpr std::size_t maxSegment = 1472;
 
@@ -85,9 +89,22 @@ struct DatagramSender::Burst {
   std::array<std::size_t, maxBurst> runs;  // how many datagrams each message carries
   alignas(cmsghdr) std::array<SegmentControl, maxBurst> controls;
 
+  ssize_t sendPlain(int socket);
   std::size_t runFrom(std::size_t first, std::size_t end) const;
   std::size_t prepare(std::size_t first, std::size_t end, bool segments);
 };
+
+ssize_t DatagramSender::Burst::sendPlain(int socket) {
+  std::array<std::uint8_t, maxPlain> datagram;
+  std::size_t size = 0;
+  for (const iovec& part : {vectors[0], vectors[1]}) {
+    const auto* const octets = static_cast<const std::uint8_t*>(part.iov_base);
+    std::copy(octets, octets + part.iov_len, datagram.begin() + static_cast<std::ptrdiff_t>(size));
+    size += part.iov_len;
+  }
+  return sendto(socket, datagram.data(), size, MSG_DONTWAIT,
+                reinterpret_cast<const sockaddr*>(&receivers[0]), sizeof receivers[0]);
+}
 
 // How many datagrams from `first` on the system may cut from one: all of one size, but that the
 // last may be shorter.
@@ -142,8 +159,14 @@ std::span<const DatagramSender::Result> DatagramSender::send(DatagramSocket& soc
   const std::size_t count = std::exchange(count_, 0);
   std::size_t next = 0;  // the first datagram that is still to be sent
   while (next < count) {
-    const std::size_t made = burst.prepare(next, count, cutsSegments && socket.takesSegments_);
-    const int sent = sendMessages(socket.descriptor(), std::span(burst.messages).first(made));
+    int sent = 0;
+    if (count == 1 && burst.sizes[0] <= maxPlain) {
+      burst.runs[0] = 1;
+      sent = burst.sendPlain(socket.descriptor()) < 0 ? -1 : 1;
+    } else {
+      const std::size_t made = burst.prepare(next, count, cutsSegments && socket.takesSegments_);
+      sent = sendMessages(socket.descriptor(), std::span(burst.messages).first(made));
+    }
     const int error = errno;
     if (sent < 0 && error == EINTR) {
       continue;

@@ -2,24 +2,31 @@
 
 #include <algorithm>
 
-#include "Platform/Poller.h"
-
 namespace zk {
 
-EventLoop::EventLoop(Clock clock) : clock_(std::move(clock)), poller_(std::make_unique<Poller>()) {}
+EventLoop::EventLoop(Clock clock) : clock_(std::move(clock)) {}
 
 EventLoop::~EventLoop() = default;
 
 void EventLoop::watch(int descriptor, Source& source) {
-  poller_->add(descriptor);
-  sources_[descriptor] = &source;
+  poller_.add(descriptor);
+  sources_[descriptor] = {&source, {.readable = true}};
+}
+
+void EventLoop::setInterest(int descriptor, Interest interest) {
+  Watched& watched = sources_.at(descriptor);
+  if (watched.interest != interest) {
+    poller_.change(descriptor, watched.interest, interest);
+    watched.interest = interest;
+  }
 }
 
 void EventLoop::unwatch(int descriptor) {
   if (sources_.erase(descriptor) > 0) {
-    poller_->remove(descriptor);
+    poller_.remove(descriptor);
     // The number may be given to a new socket before the round is over.
     std::replace(ready_.begin(), ready_.end(), descriptor, -1);
+    std::replace(writable_.begin(), writable_.end(), descriptor, -1);
   }
 }
 
@@ -41,7 +48,7 @@ void EventLoop::post(Task task) {
     posted_.push_back(std::move(task));
   }
   if (wasEmpty) {
-    poller_->wake();
+    poller_.wake();
   }
 }
 
@@ -53,18 +60,31 @@ void EventLoop::run() {
 
 void EventLoop::stop() {
   stopping_ = true;
-  poller_->wake();
+  poller_.wake();
 }
 
 void EventLoop::turn(bool mayWait) {
-  poller_->wait(mayWait ? untilNextTimer() : std::chrono::nanoseconds::zero(), ready_);
+  poller_.wait(mayWait ? untilNextTimer() : std::chrono::nanoseconds::zero(), ready_, writable_);
   for (std::size_t i = 0; i < ready_.size() && !stopping_; ++i) {
-    const auto source = sources_.find(ready_[i]);
-    if (source != sources_.end()) {
-      source->second->onReadable();
+    const auto found = sources_.find(ready_[i]);
+    if (found == sources_.end()) {
+      continue;
+    }
+    const auto [source, interest] = found->second;
+    if (interest.writable && !interest.readable) {  // a descriptor that failed while it was full
+      source->onWritable();
+    } else if (interest != Interest()) {
+      source->onReadable();
+    }
+  }
+  for (std::size_t i = 0; i < writable_.size() && !stopping_; ++i) {
+    const auto found = sources_.find(writable_[i]);
+    if (found != sources_.end() && found->second.interest.writable) {
+      found->second.source->onWritable();
     }
   }
   ready_.clear();
+  writable_.clear();
   runDueTimers();
   runPosted();
   if (endOfRound_) {

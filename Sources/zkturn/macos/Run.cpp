@@ -7,7 +7,8 @@
 namespace zk {
 
 int run(const ProxyOptions& /*proxy*/, const RunOptions& /*options*/) {
-  fmt::print(stderr, "zkturn: programs cannot be sealed on this system\n");
+  fmt::print(stderr,
+             "zkturn: this system has no namespaces to seal a program into; run it on Linux\n");
   return 125;
 }
 

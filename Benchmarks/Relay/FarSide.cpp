@@ -1,4 +1,4 @@
-#include "Loopback/FarSide.h"
+#include "FarSide.h"
 
 #include <deque>
 
@@ -7,9 +7,10 @@
 #include "ZelkorTURN/TURNAttributes.h"
 #include "ZelkorTURN/TURNMessage.h"
 
-namespace zk::loopback {
+namespace zk::bench {
 namespace {
 
+using namespace loopback;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds tick{50};  // how soon it notices that it is to end
@@ -81,4 +82,4 @@ void FarSide::run() {
   }
 }
 
-}  // namespace zk::loopback
+}  // namespace zk::bench

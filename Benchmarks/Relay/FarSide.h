@@ -9,7 +9,7 @@
 
 #include "Loopback/KitSocket.h"
 
-namespace zk::loopback {
+namespace zk::bench {
 
 /// The cheapest far side there is: one socket, on a thread of its own, that stands for a proxy's
 /// relay and all peers behind it. A proxy whose script announces its port sends clients there.
@@ -23,23 +23,24 @@ class FarSide {
   using Handler = std::function<bool(std::span<std::uint8_t> datagram, const Endpoint& from)>;
 
   /// What is sent back is sent `distance` later; STUN is answered at once.
-  explicit FarSide(Handler handler = {}, KitSocket socket = KitSocket::boundUDP(),
+  explicit FarSide(Handler handler = {},
+                   loopback::KitSocket socket = loopback::KitSocket::boundUDP(),
                    std::chrono::milliseconds distance = {});
   ~FarSide();
   FarSide(const FarSide&) = delete;
   FarSide& operator=(const FarSide&) = delete;
 
-  const KitSocket& socket() const { return socket_; }
+  const loopback::KitSocket& socket() const { return socket_; }
   std::uint16_t port() const { return socket_.port(); }
 
  private:
   void run();
 
-  const KitSocket socket_;
+  const loopback::KitSocket socket_;
   const Handler handler_;
   const std::chrono::milliseconds distance_;
   std::atomic<bool> ending_{false};
   std::thread thread_;
 };
 
-}  // namespace zk::loopback
+}  // namespace zk::bench

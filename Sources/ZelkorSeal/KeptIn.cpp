@@ -1,0 +1,68 @@
+#include "ZelkorSeal/KeptIn.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+namespace zk {
+
+void KeptIn::add(Kind kind, const Endpoint& to) {
+  const std::pair key(kind, to.number());
+  if (counts_.size() < maxDestinations || counts_.contains(key)) {
+    ++counts_[key];
+  } else {
+    ++beyond_;
+  }
+}
+
+const char* KeptIn::name(Kind kind) {
+  switch (kind) {
+    case Kind::tcp:
+      return "TCP";
+    case Kind::udp:
+      return "UDP";
+    case Kind::privateTCP:
+      return "private TCP";
+    case Kind::privateUDP:
+      return "private UDP";
+    case Kind::multicast:
+      return "multicast";
+    case Kind::broadcast:
+      return "broadcast";
+    case Kind::reserved:
+      return "reserved";
+    case Kind::icmp:
+      return "ICMP";
+    case Kind::other:
+      break;
+  }
+  return "other";
+}
+
+std::vector<std::string> KeptIn::sentences() const {
+  std::vector<std::pair<std::pair<Kind, std::uint64_t>, std::uint64_t>> sorted(counts_.begin(),
+                                                                               counts_.end());
+  std::stable_sort(sorted.begin(), sorted.end(),
+                   [](const auto& a, const auto& b) { return a.second > b.second; });
+  const bool areMany = sorted.size() > maxSentences || beyond_ > 0;
+  const std::size_t shown = std::min(sorted.size(), areMany ? maxSentences - 1 : maxSentences);
+  std::vector<std::string> sentences;
+  std::uint64_t rest = beyond_;
+  for (std::size_t i = 0; i < sorted.size(); ++i) {
+    const auto& [key, count] = sorted[i];
+    const Endpoint to{static_cast<std::uint32_t>(key.second >> 16),
+                      static_cast<std::uint16_t>(key.second)};
+    if (i >= shown) {
+      rest += count;
+      continue;
+    }
+    sentences.push_back(
+        fmt::format("{} {} to {}", count, name(key.first), to.port == 0 ? to.ip() : to.text()));
+  }
+  if (areMany) {
+    sentences.push_back(fmt::format("{} more to other addresses", rest));
+  }
+  return sentences;
+}
+
+}  // namespace zk

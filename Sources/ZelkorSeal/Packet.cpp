@@ -1,0 +1,174 @@
+#include "ZelkorSeal/Packet.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace zk {
+namespace {
+
+constexpr std::size_t ip = Packet::ipv4HeaderSize;
+constexpr std::size_t ipChecksumAt = 10;
+constexpr std::size_t tcpChecksumAt = ip + 16;
+constexpr std::uint8_t hopLimit = 64;
+
+std::uint32_t sumOf(ByteView octets) {
+  std::uint32_t sum = 0;
+  for (std::size_t i = 0; i + 1 < octets.size(); i += 2) {
+    sum += readUInt16(octets, i);
+  }
+  return octets.size() % 2 == 0 ? sum : sum + (std::uint32_t{octets.back()} << 8);
+}
+
+// RFC 1071.
+std::uint16_t folded(std::uint32_t sum) {
+  while (sum > 0xFFFF) {
+    sum = (sum & 0xFFFF) + (sum >> 16);
+  }
+  return static_cast<std::uint16_t>(sum);
+}
+
+std::uint16_t checksum(std::uint32_t sum) {
+  return static_cast<std::uint16_t>(~folded(sum));
+}
+
+void writeUInt32(std::uint8_t* to, std::uint32_t value) {
+  writeUInt16(to, static_cast<std::uint16_t>(value >> 16));
+  writeUInt16(to + 2, static_cast<std::uint16_t>(value));
+}
+
+void writeAddresses(std::uint8_t* packet, const Endpoint& from, const Endpoint& to) {
+  writeUInt32(packet + 12, from.address);
+  writeUInt32(packet + 16, to.address);
+}
+
+void writePorts(std::uint8_t* packet, const Endpoint& from, const Endpoint& to) {
+  writeUInt16(packet + ip, from.port);
+  writeUInt16(packet + ip + 2, to.port);
+}
+
+// A packet with its IP header, and zeros behind it.
+Bytes packetOf(std::uint8_t protocol, const Endpoint& from, const Endpoint& to, std::size_t body) {
+  Bytes packet(ip + body);
+  packet[0] = 0x45;
+  writeUInt16(packet.data() + 2, static_cast<std::uint16_t>(packet.size()));
+  packet[6] = 0x40;  // don't fragment
+  packet[8] = hopLimit;
+  packet[9] = protocol;
+  writeAddresses(packet.data(), from, to);
+  writeUInt16(packet.data() + ipChecksumAt, checksum(sumOf(ByteView(packet).first(ip))));
+  return packet;
+}
+
+// Over what follows the IP header and the pseudo header of TCP and UDP.
+std::uint16_t transportChecksum(const Bytes& packet) {
+  const ByteView all(packet);
+  const auto length = static_cast<std::uint32_t>(all.size() - ip);
+  return checksum(sumOf(all.subspan(12, 8)) + packet[9] + length + sumOf(all.subspan(ip)));
+}
+
+}  // namespace
+
+std::optional<Packet> Packet::parse(std::span<std::uint8_t> octets) {
+  if (octets.size() < ip || octets[0] != 0x45 || folded(sumOf(octets.first(ip))) != 0xFFFF) {
+    return std::nullopt;
+  }
+  const std::size_t length = readUInt16(octets, 2);
+  const bool isFragment = (readUInt16(octets, 6) & 0x3FFF) != 0;
+  if (length < ip || length > octets.size() || isFragment) {
+    return std::nullopt;
+  }
+  Packet packet(octets.first(length));
+  const std::size_t rest = length - ip;
+  std::size_t header = 0;
+  if (packet.protocol() == tcp) {
+    header = rest < tcpHeaderSize ? tcpHeaderSize : std::size_t{octets[ip + 12]} / 16 * 4;
+    header = std::max(header, tcpHeaderSize);
+  } else if (packet.protocol() == udp) {
+    header = udpHeaderSize;
+    if (rest >= udpHeaderSize && readUInt16(octets, ip + 4) != rest) {
+      return std::nullopt;
+    }
+  }
+  if (header > rest) {
+    return std::nullopt;
+  }
+  packet.payloadAt_ = ip + header;
+  return packet;
+}
+
+std::uint32_t Packet::number(std::size_t at) const {
+  return std::uint32_t{readUInt16(octets_, at)} << 16 | readUInt16(octets_, at + 2);
+}
+
+Endpoint Packet::endpoint(std::size_t addressAt, std::size_t portAt) const {
+  const bool hasPorts = protocol() == tcp || protocol() == udp;
+  return {number(addressAt), hasPorts ? readUInt16(octets_, ip + portAt) : std::uint16_t{0}};
+}
+
+std::uint32_t Packet::nextSequence() const {
+  return sequence() + static_cast<std::uint32_t>(payload().size()) + (has(syn) ? 1U : 0U) +
+         (has(fin) ? 1U : 0U);
+}
+
+void Packet::readdress(const Endpoint& from, const Endpoint& to) {
+  std::uint8_t* const packet = octets_.data();
+  // Addresses count in both checksums, ports in that of TCP only. HC' = ~(~HC + ~m + m'), where the
+  // sum of complements is the complement of the sum.
+  const auto adjust = [packet](std::size_t at, std::uint32_t before, std::uint32_t after) {
+    const auto old = static_cast<std::uint16_t>(~readUInt16({packet + at, 2}, 0));
+    writeUInt16(packet + at, checksum(old + static_cast<std::uint16_t>(~folded(before)) + after));
+  };
+  const std::uint32_t addressesBefore = sumOf({packet + 12, 8});
+  const std::uint32_t portsBefore = sumOf({packet + ip, 4});
+  writeAddresses(packet, from, to);
+  writePorts(packet, from, to);
+  const std::uint32_t addressesAfter = sumOf({packet + 12, 8});
+  adjust(ipChecksumAt, addressesBefore, addressesAfter);
+  adjust(tcpChecksumAt, addressesBefore + portsBefore, addressesAfter + sumOf({packet + ip, 4}));
+}
+
+// RFC 9293 section 3.10.7.1.
+Bytes PacketAnswer::reset(const Packet& segment) {
+  const Endpoint from = segment.destination();
+  const Endpoint to = segment.source();
+  Bytes packet = packetOf(Packet::tcp, from, to, Packet::tcpHeaderSize);
+  std::uint8_t* const tcp = packet.data() + ip;
+  writePorts(packet.data(), from, to);
+  if (segment.has(Packet::ack)) {
+    writeUInt32(tcp + 4, segment.acknowledged());
+    tcp[13] = Packet::rst;
+  } else {
+    writeUInt32(tcp + 8, segment.nextSequence());
+    tcp[13] = Packet::rst | Packet::ack;
+  }
+  tcp[12] = Packet::tcpHeaderSize / 4 << 4;
+  writeUInt16(packet.data() + tcpChecksumAt, transportChecksum(packet));
+  return packet;
+}
+
+Bytes PacketAnswer::unreachable(const Packet& packet, Unreachable why, std::uint32_t router) {
+  constexpr std::size_t header = 8;
+  constexpr std::size_t mostQuoted = ip + 8;  // the ports, and the sequence number of TCP
+  const ByteView quoted = packet.octets().first(std::min(packet.octets().size(), mostQuoted));
+  Bytes answer =
+      packetOf(Packet::icmp, {router, 0}, {packet.source().address, 0}, header + quoted.size());
+  answer[ip] = 3;
+  answer[ip + 1] = static_cast<std::uint8_t>(why);
+  std::memcpy(answer.data() + ip + header, quoted.data(), quoted.size());
+  writeUInt16(answer.data() + ip + 2, checksum(sumOf(ByteView(answer).subspan(ip))));
+  return answer;
+}
+
+Bytes PacketAnswer::datagram(const Endpoint& from, const Endpoint& to, ByteView payload) {
+  const std::size_t length = Packet::udpHeaderSize + payload.size();
+  Bytes packet = packetOf(Packet::udp, from, to, length);
+  writePorts(packet.data(), from, to);
+  writeUInt16(packet.data() + ip + 4, static_cast<std::uint16_t>(length));
+  std::copy(payload.begin(), payload.end(),
+            packet.begin() + static_cast<std::ptrdiff_t>(ip + Packet::udpHeaderSize));
+  const std::uint16_t sum = transportChecksum(packet);
+  writeUInt16(packet.data() + ip + 6, sum == 0 ? std::uint16_t{0xFFFF} : sum);  // 0 means none
+  return packet;
+}
+
+}  // namespace zk

@@ -1,0 +1,376 @@
+// The seal in the network lab, by a user without privileges, with everything that leaves home
+// recorded from before the seal is made until after it has ended.
+
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include "Base/IPv4.h"
+#include "Loopback/ChildProcess.h"
+#include "Loopback/Scratch.h"
+#include "NetworkLab/NetworkLab.h"
+#include "Support.h"
+
+namespace zk::lab {
+namespace {
+
+using namespace test;
+using loopback::ChildProcess;
+using loopback::contentOf;
+using std::chrono::milliseconds;
+using Traffic = std::set<std::string>;
+
+constexpr milliseconds patience{20'000};
+std::string whyNoLab;  // empty when the lab can be built
+
+// Home has a VPN, a wire, and IPv6 on it; a name server of its own, as most have.
+constexpr const char* home = R"(
+link home lan0 10.1.0.2 router wire 10.1.0.1
+route default via 10.1.0.1 metric 100
+ipv6 home lan0 fd00:1::2
+ipv6 router wire fd00:1::1
+printf 'nameserver 10.1.0.1\noptions timeout:1 attempts:1\n' >/etc/resolv.conf
+)";
+
+// As the user "nobody", who has lost all that a process can lose without a seal.
+std::vector<std::string> asNobody(std::vector<std::string> command) {
+  std::vector<std::string> all{loopback::findProgram("setpriv"),
+                               "--reuid=65534",
+                               "--regid=65534",
+                               "--clear-groups",
+                               "--inh-caps=-all",
+                               "--bounding-set=-all"};
+  all.insert(all.end(), command.begin(), command.end());
+  return all;
+}
+
+struct Outcome {
+  int status = -1;
+  std::string output;  // both of them
+};
+
+class SealTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!whyNoLab.empty()) {
+      GTEST_SKIP() << "no network lab here: " << whyNoLab;
+    }
+    lab = std::make_unique<NetworkLab>(home);
+  }
+
+  std::unique_ptr<ChildProcess> start(const std::vector<std::string>& command,
+                                      const std::string& output = "/tmp/output") {
+    std::unique_ptr<ChildProcess> started;
+    unlink(output.c_str());
+    NetworkLab::in("home", [&] {
+      started = std::make_unique<ChildProcess>(asNobody(command), environment, output);
+    });
+    return started;
+  }
+
+  Outcome run(const std::vector<std::string>& command) {
+    const auto started = start(command);
+    const auto status = started->waitExit(patience);
+    return {status.value_or(-1000), contentOf("/tmp/output")};
+  }
+  Outcome runSealed(const std::string& script) { return run({sealed, "sh", "-c", script}); }
+
+  // Has a program of the same user listen there.
+  void serve(const std::string& path, const std::string& host = "home") {
+    NetworkLab::in(host, [&] {
+      services.push_back(std::make_unique<ChildProcess>(asNobody({waysOut, "--listen", path})));
+      ASSERT_EQ(services.back()->readLine(patience), "listens");
+    });
+  }
+
+  Traffic traffic() {
+    Traffic kinds;
+    for (const auto& [kind, count] : lab->takeTraffic()) {
+      kinds.insert(kind);
+    }
+    return kinds;
+  }
+
+  const std::string sealed = "/tmp/sealed";
+  const std::string waysOut = "/tmp/ways-out";
+  std::map<std::string, std::string> environment{{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"}};
+  std::unique_ptr<NetworkLab> lab;
+  std::vector<std::unique_ptr<ChildProcess>> services;
+};
+
+// Everything at once, in the seal and outside of it.
+class WaysOutTest : public SealTest {
+ protected:
+  // What the program said of each way.
+  std::map<std::string, std::string> ways(const std::string& seal) {
+    NetworkLab::change(
+        "mkdir -p /run/service /run/later /run/user/65534 /tmp/multiplexer\n"
+        "chown nobody /run/service /run/later /run/user/65534 /tmp/multiplexer\n"
+        "rm -f /tmp/go /tmp/started /tmp/heartbeat\n");
+    environment["XDG_RUNTIME_DIR"] = "/run/user/65534";
+    for (const char* const path : {"/run/service/socket", "/run/user/65534/bus", "/tmp/agent",
+                                   "/tmp/multiplexer/socket", "@service"}) {
+      serve(path);
+    }
+    serve("/tmp/elsewhere", "proxy");
+    const auto started =
+        start({"/bin/sh", "-c", "cd /run/user/65534 && exec /tmp/with-socket " + seal + waysOut});
+    EXPECT_TRUE(eventually([] { return access("/tmp/started", F_OK) == 0; }))
+        << contentOf("/tmp/output");
+    // Services come and go while a program is sealed.
+    NetworkLab::change(
+        "rm /tmp/multiplexer/socket; rm -r /run/service; mkdir /run/service\n"
+        "chown nobody /run/service\n");
+    for (const char* const path :
+         {"/run/service/socket", "/run/later/socket", "/tmp/multiplexer/socket"}) {
+      serve(path);
+    }
+    std::ofstream("/tmp/go") << "now";
+    EXPECT_EQ(started->waitExit(patience), 0) << contentOf("/tmp/output");
+    std::map<std::string, std::string> found;
+    std::ifstream lines("/tmp/output");
+    for (std::string line; std::getline(lines, line);) {
+      const auto space = line.rfind(' ');
+      found[line.substr(0, space)] = line.substr(space + 1);
+    }
+    return found;
+  }
+};
+
+TEST_F(WaysOutTest, NoneIsOpen) {
+  auto found = ways(sealed + " ");
+  std::size_t looked = 0;
+  for (const auto& [way, state] : found) {
+    if (!way.starts_with("sent")) {
+      EXPECT_EQ(state, "closed") << way;
+      ++looked;
+    }
+  }
+  EXPECT_EQ(looked, 24U);
+  const std::string output = contentOf("/tmp/output");
+  for (const char* const to : {"198.51.100.11", "203.0.113.1", "10.1.0.1", "192.168.1.1",
+                               "224.0.0.251", "239.255.255.250", "255.255.255.255"}) {
+    EXPECT_TRUE(std::regex_search(output, std::regex(std::string("sent \\d+ to ") + to))) << to;
+  }
+  EXPECT_EQ(traffic(), Traffic{});
+  // What the program has left behind has gone with it.
+  const std::string last = contentOf("/tmp/heartbeat");
+  std::this_thread::sleep_for(milliseconds(300));
+  EXPECT_EQ(contentOf("/tmp/heartbeat"), last);
+}
+
+// Without this, the test above proves nothing.
+TEST_F(WaysOutTest, OutsideOfASealTheyAreSeenToLeak) {
+  for (const auto& [way, state] : ways("")) {
+    // What belongs to the seal itself is not there outside of it.
+    const bool isOfSeal = std::regex_search(way, std::regex("process 1|of the tun|lies under|cap"));
+    EXPECT_EQ(state, isOfSeal ? "closed" : "open") << way;
+  }
+  const Traffic expected{"UDP to 198.51.100.11 by wire", "UDP to 203.0.113.1 by wire",
+                         "UDP to 10.1.0.1 by wire",      "UDP to 192.168.1.1 by wire",
+                         "UDP to 224.0.0.251 by wire",   "UDP to 239.255.255.250 by wire",
+                         "UDP to fd00:1::1 by wire",     "TCP to 203.0.113.1 by wire",
+                         "TCP to 10.1.0.1 by wire"};
+  Traffic seen = traffic();
+  for (const std::string& kind : expected) {
+    EXPECT_TRUE(seen.contains(kind)) << kind;
+  }
+  NetworkLab::change("kill $(cat /tmp/left-behind)\n");
+}
+
+TEST_F(SealTest, TheStatusIsTheCommands) {
+  EXPECT_EQ(runSealed("exit 7").status, 7);
+  EXPECT_EQ(runSealed("kill -9 $$").status, 128 + 9);
+  const Outcome absent = run({sealed, "no-such-program"});
+  EXPECT_EQ(absent.status, 127);
+  EXPECT_EQ(absent.output, "zkturn: cannot run no-such-program: No such file or directory\n");
+  EXPECT_EQ(run({sealed, "/tmp"}).status, 126);
+}
+
+TEST_F(SealTest, LimitsSignalsAndMaskAreTheCommandsOwn) {
+  const char* const look =
+      "ulimit -n; ulimit -c; umask; grep -E '^Sig(Blk|Ign)' /proc/self/status; "
+      "echo \\$DBUS_SESSION_BUS_ADDRESS\\$SESSION_MANAGER";
+  environment["DBUS_SESSION_BUS_ADDRESS"] = "";
+  const std::string before = "ulimit -n 1000; ulimit -c 5; umask 027; trap '' HUP CHLD; exec ";
+  const Outcome outside = run({"/bin/bash", "-c", before + "sh -c \"" + look + "\""});
+  environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=/run/bus";
+  const Outcome inside = run({"/bin/bash", "-c", before + sealed + " sh -c \"" + look + "\""});
+  EXPECT_EQ(inside.output, outside.output);
+  EXPECT_EQ(inside.status, 0);
+}
+
+TEST_F(SealTest, TerminationIsPassedOn) {
+  for (const int signal : {SIGTERM, SIGHUP}) {
+    std::remove("/tmp/ready");
+    const auto running =
+        start({sealed, "bash", "-c",
+               "trap 'exit 3' TERM; trap 'exit 4' HUP; >/tmp/ready; read <>/dev/ptmx"});
+    ASSERT_TRUE(eventually([] { return access("/tmp/ready", F_OK) == 0; }));
+    running->sendSignal(signal);
+    EXPECT_EQ(running->waitExit(patience), signal == SIGTERM ? 3 : 4);
+  }
+}
+
+TEST_F(SealTest, NothingOutlivesWhoSealedIt) {
+  std::remove("/tmp/beat");
+  const auto running =
+      start({sealed, "bash", "-c", "setsid sh -c 'while :; do date +%N >/tmp/beat; done'"});
+  ASSERT_TRUE(eventually([] { return !contentOf("/tmp/beat").empty(); }));
+  running->sendSignal(SIGKILL);
+  EXPECT_EQ(running->waitExit(patience), -SIGKILL);
+  std::string last;
+  EXPECT_TRUE(eventually([&] {
+    last = contentOf("/tmp/beat");
+    std::this_thread::sleep_for(milliseconds(200));
+    return last == contentOf("/tmp/beat");
+  }));
+}
+
+// Where it cannot be made, the command does not run, and people are told what to do.
+TEST_F(SealTest, ARefusalNamesTheReason) {
+  const std::string command = sealed + " touch /tmp/ran";
+  struct {
+    const char* name;
+    std::string shell;
+    const char* sentence;
+  } const rows[] = {
+      {"a network socket", "exec " + command + " </dev/udp/10.1.0.1/9",
+       "standard input is a socket of the network"},
+      {"a folder", "exec " + command + " </run", "standard input is a folder"},
+      {"a working folder that does not show", "cd /run/service && exec " + command,
+       "the working folder does not show"},
+      {"no descriptors", "ulimit -n 6; exec " + command, "cannot make the seal"},
+  };
+  NetworkLab::change("mkdir -p /run/service");
+  for (const auto& row : rows) {
+    const Outcome refused = run({"/bin/bash", "-c", row.shell});
+    EXPECT_EQ(refused.status, 125) << row.name;
+    EXPECT_NE(refused.output.find(row.sentence), std::string::npos) << refused.output;
+  }
+  ::chmod("/dev/net/tun", 0600);
+  EXPECT_NE(run({sealed, "touch", "/tmp/ran"}).output.find("chmod 666 /dev/net/tun"),
+            std::string::npos);
+  ::chmod("/dev/net/tun", 0666);
+  EXPECT_NE(access("/tmp/ran", F_OK), 0);
+}
+
+// A shell with jobs on a terminal of its own, which somebody types into.
+class Terminal {
+ public:
+  explicit Terminal(const std::vector<std::string>& command) {
+    pid_ = forkpty(&master_, nullptr, nullptr, nullptr);
+    if (pid_ == 0) {
+      std::vector<char*> arguments;
+      for (const std::string& each : command) {
+        arguments.push_back(const_cast<char*>(each.c_str()));
+      }
+      arguments.push_back(nullptr);
+      execv(arguments[0], arguments.data());
+      _exit(127);
+    }
+    fcntl(master_, F_SETFL, O_NONBLOCK);
+  }
+  ~Terminal() {
+    close(master_);
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  void type(const std::string& text) {
+    EXPECT_EQ(write(master_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+  // Waits until it shows that, once more than what was waited for before.
+  bool shows(const std::string& text) {
+    return eventually([&] {
+      char read[4096];
+      for (ssize_t size = 0; (size = ::read(master_, read, sizeof read)) > 0;) {
+        screen_.append(read, static_cast<std::size_t>(size));
+      }
+      const auto at = screen_.find(text);
+      if (at != std::string::npos) {
+        screen_.erase(0, at + text.size());
+      }
+      return at != std::string::npos;
+    });
+  }
+  const std::string& screen() const { return screen_; }
+
+ private:
+  int master_ = -1;
+  pid_t pid_ = -1;
+  std::string screen_;
+};
+
+TEST_F(SealTest, JobsWorkAsWithoutIt) {
+  for (const std::string& seal : {std::string(), sealed + " "}) {
+    SCOPED_TRACE(seal);
+    std::unique_ptr<Terminal> shell;
+    NetworkLab::in("home", [&] {
+      shell = std::make_unique<Terminal>(asNobody({"/bin/bash", "--norc", "-i"}));
+    });
+    shell->type("PS1='> '\n");
+    shell->type(seal + "bash -c 'echo beg\"\"un; while :; do sleep 0.1; done; echo end\"\"ed'\n");
+    ASSERT_TRUE(shell->shows("begun")) << shell->screen();
+    shell->type("\x1a");
+    ASSERT_TRUE(shell->shows("[1]+  Stopped")) << shell->screen();
+    shell->type("fg\n");
+    ASSERT_TRUE(shell->shows("echo end")) << shell->screen();
+    std::this_thread::sleep_for(milliseconds(300));
+    shell->type("\x03");
+    shell->type("echo status=$?\n");
+    EXPECT_TRUE(shell->shows("status=130\r")) << shell->screen();
+    // A command that reads from the terminal and ends by itself.
+    shell->type(seal + "bash -c 'echo re\"\"ads; cat'\n");
+    ASSERT_TRUE(shell->shows("reads")) << shell->screen();
+    shell->type("hello\n\x04");
+    EXPECT_TRUE(shell->shows("hello\r\nhello")) << shell->screen();
+    shell->type("echo status=$?\n");
+    EXPECT_TRUE(shell->shows("status=0\r")) << shell->screen();
+  }
+}
+
+// The lab's udev: everybody may open the tun, as on most machines.
+void equip() {
+  const auto copy = [](const char* from, const char* to) {
+    std::filesystem::copy_file(from, to);
+    chmod(to, 0755);
+  };
+  copy(ZK_SEALED, "/tmp/sealed");
+  copy(ZK_WAYS_OUT, "/tmp/ways-out");
+  copy(ZK_WAYS_OUT, "/tmp/setuid");
+  chmod("/tmp/setuid", 04755);
+  std::ofstream("/tmp/with-socket")
+      << "#!/bin/bash\nexec 5</dev/udp/198.51.100.11/9; exec \"$@\"\n";
+  chmod("/tmp/with-socket", 0755);
+  mknod("/run/tun", S_IFCHR | 0666, makedev(10, 200));
+  chmod("/run/tun", 0666);
+  if (mount("/run/tun", "/dev/net/tun", nullptr, MS_BIND, nullptr) != 0) {
+    whyNoLab = "no /dev/net/tun";
+  }
+}
+
+}  // namespace
+}  // namespace zk::lab
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  if (!testing::GTEST_FLAG(list_tests)) {
+    zk::lab::whyNoLab = zk::lab::enterPrivateMachine(ZK_SEALED);
+    if (zk::lab::whyNoLab.empty()) {
+      zk::lab::equip();
+    }
+  }
+  return RUN_ALL_TESTS();
+}

@@ -1,0 +1,61 @@
+// Runs a command in a seal for which nobody carries anything, and says on standard error what the
+// command sent: the seal alone, without a proxy.
+
+#include <cstdio>
+#include <map>
+
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include "Base/Bytes.h"
+#include "Base/Endpoint.h"
+#include "Platform/Clock.h"
+#include "ZelkorSeal/Seal.h"
+
+namespace {
+
+using namespace zk;
+
+class Sink final : public EventLoop::Source {
+ public:
+  explicit Sink(int tun) : tun_(tun) {}
+  void onReadable() override {
+    std::uint8_t packet[65536];
+    const auto size = read(tun_, packet, sizeof packet);
+    if (size >= 20) {
+      const Endpoint to{ntohl(*reinterpret_cast<const std::uint32_t*>(packet + 16)), 0};
+      ++counts_[packet[0] >> 4 == 4 ? to.ip() : "IPv6"];
+    }
+  }
+  void print() const {
+    for (const auto& [to, count] : counts_) {
+      std::fprintf(stderr, "sent %zu to %s\n", count, to.c_str());
+    }
+  }
+
+ private:
+  const int tun_;
+  std::map<std::string, std::size_t> counts_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  const bool keepsBus = argc > 1 && std::string(argv[1]) == "--keep-bus";
+  Seal seal({{argv + 1 + keepsBus, argv + argc}, {}, keepsBus});
+  const SealDescriptors made = seal.takeDescriptors();
+  EventLoop loop(monotonicNanoseconds);
+  Sink sink(made.tun.get());
+  loop.watch(made.tun.get(), sink);
+  int status = 0;
+  seal.start(loop, [&](int ended) {
+    status = ended;
+    loop.stop();
+  });
+  loop.run();
+  sink.print();
+  return status;
+} catch (const SealFailure& failure) {
+  std::fprintf(stderr, "zkturn: %s\n", failure.what());
+  return 125;
+}

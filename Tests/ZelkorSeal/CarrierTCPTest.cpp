@@ -1,0 +1,221 @@
+#include <poll.h>
+
+#include "ZelkorSeal/CarrierFixture.h"
+
+namespace zk::test {
+namespace {
+
+using namespace std::chrono_literals;
+using loopback::KitSocket;
+using loopback::SOCKS5Script;
+using loopback::SOCKS5Step;
+using Action = SOCKS5Step::Action;
+
+class CarrierTCP : public CarrierTest {
+ protected:
+  static inline const Endpoint open = at("203.0.113.7", 80);
+
+  // `open` is the listener; at other addresses the last octet is the proxy's REP.
+  void SetUp() override {
+    CarrierTest::SetUp();
+    script_.connectTo = [this](const Endpoint& to) -> SOCKS5Script::Route {
+      return {far_.endpoint(),
+              to == open ? std::uint8_t{0} : static_cast<std::uint8_t>(to.address)};
+    };
+  }
+
+  // A program and its far end, connected.
+  std::pair<Descriptor, KitSocket> connected() {
+    Descriptor program = network_.socket(SOCK_STREAM);
+    EXPECT_EQ(connect(program, open), 0);
+    return {std::move(program), far_.accept()};
+  }
+
+  FarListener far_;
+};
+
+TEST_F(CarrierTCP, TellsTheTruthAboutWhatItMeets) {
+  settings_.proxy.username = "user";
+  settings_.proxy.password = "secret";
+  script_.login = {"user", "secret"};
+  start();
+  for (const auto& [address, expected] :
+       std::initializer_list<std::pair<const char*, int>>{{"203.0.113.5", ECONNREFUSED},
+                                                          {"203.0.113.3", ENETUNREACH},
+                                                          {"203.0.113.4", EHOSTUNREACH},
+                                                          {"203.0.113.1", EHOSTUNREACH},
+                                                          {"203.0.113.2", EHOSTUNREACH}}) {
+    EXPECT_EQ(connectTo(at(address, 80)), expected) << address;
+  }
+  EXPECT_EQ(keptIn(), std::vector<std::string>{});
+  // Nobody knocks at networks that are the proxy's own, or nobody's.
+  for (const char* const address :
+       {"192.168.1.1", "192.168.7.9", "10.1.2.3", "100.64.0.1", "169.254.169.254", "240.0.0.1"}) {
+    EXPECT_EQ(connectTo(at(address, 80)), EHOSTUNREACH) << address;
+  }
+  EXPECT_TRUE(hasLine("kept in: private TCP to 10.1.2.3:80"));
+  EXPECT_EQ(keptIn().size(), 5U);
+  EXPECT_EQ(connectTo(open), 0);
+}
+
+TEST_F(CarrierTCP, CarriesPrivateAddressesWhenToldTo) {
+  settings_.carriesPrivate = true;
+  start();
+  EXPECT_EQ(connectTo(at("10.1.2.5", 80)), ECONNREFUSED) << "says the proxy";
+  EXPECT_EQ(connectTo(at("169.254.169.254", 80)), EHOSTUNREACH);
+  EXPECT_EQ(keptIn(), std::vector<std::string>{"1 private TCP to 169.254.169.254:80"});
+}
+
+// Each way of a proxy to fail ends the connection, or leaves it waiting, and nothing else.
+TEST_F(CarrierTCP, SurvivesAProxyThatFails) {
+  start();
+  for (const Action action : {Action::reset, Action::close, Action::half, Action::silence}) {
+    script_.onConnect.action = action;
+    proxy_.setScript(script_);
+    const Descriptor program = network_.socket(SOCK_STREAM);
+    const timeval limit{0, 300'000};
+    setsockopt(program.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    const bool waits = action == Action::half || action == Action::silence;
+    EXPECT_EQ(connect(program, open), waits ? EINPROGRESS : EHOSTUNREACH);
+  }
+  script_.onConnect = {};
+  script_.connectTo = {};
+  proxy_.setScript(script_);
+  const std::uint16_t port = proxy_.port();
+  proxy_.stop();
+  EXPECT_EQ(connectTo(far_.endpoint().port ? open : open), EHOSTUNREACH);
+  script_.connectTo = [this](const Endpoint&) -> SOCKS5Script::Route { return {far_.endpoint()}; };
+  loopback::SOCKS5Server again(script_, "127.0.0.1", port);
+  EXPECT_EQ(connectTo(open), 0);
+}
+
+TEST_F(CarrierTCP, EndsAndResetsBothWays) {
+  start();
+  {
+    const auto [program, far] = connected();
+    say(program.get(), "question");
+    shutdown(program.get(), SHUT_WR);
+    EXPECT_EQ(readAll(far.get()), "question");
+    say(far.get(), "answer");
+    shutdown(far.get(), SHUT_WR);
+    EXPECT_EQ(readAll(program.get()), "answer");
+  }
+  EXPECT_TRUE(
+      eventually([&] { return hasLine("TCP to 203.0.113.7:80: ended, 8 octets out, 6 in"); }));
+  {
+    const auto [program, far] = connected();
+    say(far.get(), "the first word");
+    shutdown(far.get(), SHUT_WR);
+    EXPECT_EQ(readAll(program.get()), "the first word");
+    say(program.get(), "the last");
+    shutdown(program.get(), SHUT_WR);
+    EXPECT_EQ(readAll(far.get()), "the last");
+  }
+  const linger none{1, 0};
+  {
+    auto [program, far] = connected();
+    setsockopt(program.get(), SOL_SOCKET, SO_LINGER, &none, sizeof none);
+    program.reset();
+    EXPECT_EQ(readAll(far.get()), "<Connection reset by peer>");
+  }
+  {
+    auto [program, far] = connected();
+    setsockopt(far.get(), SOL_SOCKET, SO_LINGER, &none, sizeof none);
+    far.reset();
+    EXPECT_EQ(readAll(program.get()), "<Connection reset by peer>");
+  }
+  {  // half closed, and then gone
+    auto [program, far] = connected();
+    shutdown(program.get(), SHUT_WR);
+    EXPECT_EQ(readAll(far.get()), "");
+    setsockopt(program.get(), SOL_SOCKET, SO_LINGER, &none, sizeof none);
+    program.reset();
+    say(far.get(), "anybody?");
+    EXPECT_TRUE(eventually([&] { return proxy_.counts().openConnections == 0; }));
+  }
+}
+
+// The far end has closed long before; the program takes its time over what it was sent.
+TEST_F(CarrierTCP, LosesNothingForASlowReader) {
+  start();
+  auto [program, far] = connected();
+  const int small = 65536;
+  setsockopt(program.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  std::string sent;
+  for (std::uint32_t i = 0; sent.size() < 6'300'000; ++i) {
+    sent += fmt::format("{},", i);
+  }
+  std::thread sender([&, to = far.get()] {
+    say(to, sent);
+    shutdown(to, SHUT_WR);
+  });
+  std::string received;
+  std::array<char, 65536> buffer;
+  ssize_t got = 0;
+  while ((got = recv(program.get(), buffer.data(), buffer.size(), 0)) > 0) {
+    received.append(buffer.data(), static_cast<std::size_t>(got));
+    if (received.size() % 3 == 0) {
+      std::this_thread::sleep_for(10ms);
+    }
+  }
+  sender.join();
+  EXPECT_TRUE(received == sent) << received.size() << " of " << sent.size();
+}
+
+TEST_F(CarrierTCP, RefusesWhatIsTooManyAndGoesOn) {
+  start();
+  std::vector<Descriptor> programs;
+  for (int i = 0; i < 3000; ++i) {
+    programs.push_back(network_.socket(SOCK_STREAM | SOCK_NONBLOCK));
+    ASSERT_EQ(connect(programs.back(), open), EINPROGRESS);
+  }
+  std::size_t opened = 0;
+  std::size_t refused = 0;
+  for (const Descriptor& program : programs) {
+    pollfd waiting{program.get(), POLLOUT, 0};
+    ASSERT_EQ(poll(&waiting, 1, 10'000), 1);
+    int error = 0;
+    socklen_t size = sizeof error;
+    getsockopt(program.get(), SOL_SOCKET, SO_ERROR, &error, &size);
+    opened += error == 0 ? 1 : 0;
+    refused += error == ECONNREFUSED ? 1 : 0;
+  }
+  EXPECT_GE(opened, TCPGate::maxConnections);
+  EXPECT_EQ(opened + refused, programs.size());
+  EXPECT_EQ(connectTo(open), refused > 0 ? ECONNREFUSED : 0);
+  programs.clear();
+  for (std::size_t i = 0; i < opened; ++i) {
+    far_.accept();
+  }
+  EXPECT_TRUE(eventually([&] { return connectTo(open) == 0; }));
+}
+
+// Neither a number that is used too soon nor one that is not given back.
+TEST_F(CarrierTCP, OpensOneConnectionAfterTheOther) {
+  start();
+  Stopwatch stopwatch;
+  for (int i = 0; i < 400; ++i) {
+    const auto [program, far] = connected();
+    say(i % 2 == 0 ? program.get() : far.get(), "x");
+  }
+  EXPECT_LT(stopwatch.seconds(), 8);
+  EXPECT_TRUE(eventually([&] { return proxy_.counts().openConnections == 0; }));
+}
+
+// What connects to the listener without having come by the tun takes nobody's place; neither does a
+// program that is gone before it was accepted.
+TEST_F(CarrierTCP, AcceptsNobodyWhoWasNotAnnounced) {
+  script_.onConnect.delay = 300ms;
+  start();
+  const Descriptor stranger = network_.socket(SOCK_STREAM);
+  connect(stranger, {SealNetwork::address, SealNetwork::listenerPort});
+  EXPECT_NE(readAll(stranger.get()), "");
+  Descriptor gone = network_.socket(SOCK_STREAM | SOCK_NONBLOCK);
+  EXPECT_EQ(connect(gone, open), EINPROGRESS);
+  gone.reset();
+  EXPECT_TRUE(eventually([&] { return hasLine("given up by the program"); }));
+  EXPECT_TRUE(eventually([&] { return proxy_.counts().openConnections == 0; }));
+}
+
+}  // namespace
+}  // namespace zk::test
