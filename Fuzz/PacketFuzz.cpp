@@ -108,8 +108,10 @@ void check(ByteView packet, bool wereAllRight) {
   require(isICMP || isUDP || packet[9] == 6, "it is ICMP, UDP or TCP");
   require(packet.size() >= (packet[9] == 6 ? 40U : 28U), "it has its header");
   require(!isUDP || readUInt16(packet, 20) == 53, "a datagram is an answer of names");
-  if (wereAllRight || isICMP || isUDP) {
-    require(rest(isICMP ? 0 : pseudoSum(packet), packet.subspan(20)) == 0, "its checksum is right");
+  require(!isUDP || readUInt16(packet, 26) == 0, "a datagram has no checksum");
+  if (wereAllRight || isICMP) {
+    require(isUDP || rest(isICMP ? 0 : pseudoSum(packet), packet.subspan(20)) == 0,
+            "its checksum is right");
   }
 }
 

@@ -5,7 +5,6 @@
 #include <system_error>
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "ZelkorSOCKS5/AddressReach.h"
 
@@ -15,11 +14,15 @@ namespace {
 using Kind = KeptIn::Kind;
 
 constexpr std::size_t maxPacket = 65536;
-// Read in a row; then the others get their turn.
-constexpr int maxPackets = 32;
 
 constexpr std::uint32_t everyHost = 0xFFFFFFFF;
 constexpr std::uint32_t everyHostOfSeal = SealNetwork::address | 0xFF;
+
+// Told from STUN, DTLS and RTP by its first octet (RFC 9443), as long as connections begin.
+bool isQUIC(ByteView payload) {
+  constexpr std::size_t least = 7;  // RFC 9000 section 17.2: version, and two connection IDs
+  return payload.size() >= least && payload[0] >= 0xC0;
+}
 
 bool isError(const Packet& icmp) {
   constexpr std::uint8_t unreachable = 3;
@@ -32,46 +35,52 @@ Carrier::Carrier(EventLoop& loop, SealDescriptors seal, CarrierSettings settings
     : loop_(loop),
       settings_(std::move(settings)),
       tun_(std::move(seal.tun)),
-      buffer_(maxPacket),
+      buffer_(std::make_unique_for_overwrite<std::uint8_t[]>(maxBurst * maxPacket)),
       way_(loop, settings_.proxy, settings_.way),
       names_(loop, way_, settings_.proxy, settings_.nameServers, settings_.log),
-      gate_(
-          loop, way_, settings_.proxy, std::move(seal.listener),
-          [this](ByteView packet) { write(packet); }, settings_.log) {
+      gate_(loop, way_, settings_.proxy, std::move(seal.listener), tun_, settings_.log),
+      udp_(loop,
+           settings_.opener ? settings_.opener
+                            : UDPCarrier::proxyOpener(settings_.proxy, settings_.log),
+           tun_, keptIn_, settings_.log, settings_.tell) {
   std::signal(SIGPIPE, SIG_IGN);  // moving octets without a copy knows no other way
   for (std::size_t i = 0; i < seal.namesUDP.size(); ++i) {
     nameSockets_.push_back(std::make_unique<NameSocket>(*this, std::move(seal.namesUDP[i]), false));
     nameSockets_.push_back(std::make_unique<NameSocket>(*this, std::move(seal.namesTCP[i]), true));
   }
-  loop_.watch(tun_.get(), *this);
+  loop_.watch(tun_.descriptor(), *this);
 }
 
 Carrier::~Carrier() {
-  loop_.unwatch(tun_.get());
+  loop_.unwatch(tun_.descriptor());
 }
 
 // ---- Packets -----------------------------------------------------------------------------------
 
+// At most a burst; then the others get their turn.
 void Carrier::onReadable() {
-  for (int i = 0; i < maxPackets; ++i) {
-    const ssize_t size = read(tun_.get(), buffer_.data(), buffer_.size());
-    if (size <= 0) {
+  PeerBatch batch;
+  std::size_t kept = 0;  // until the batch is sent
+  for (std::size_t i = 0; i < maxBurst; ++i) {
+    const auto octets = tun_.read({buffer_.get() + kept * maxPacket, maxPacket});
+    if (octets.empty()) {
       return;
     }
-    take(std::span(buffer_).first(static_cast<std::size_t>(size)));
+    kept += take(octets, batch) ? 1 : 0;
   }
 }
 
-void Carrier::take(std::span<std::uint8_t> octets) {
+// Whether the octets must live on until the batch is sent.
+bool Carrier::take(std::span<std::uint8_t> octets, PeerBatch& batch) {
   auto packet = Packet::parse(octets);
-  if (packet && packet->protocol() == Packet::icmp && isError(*packet)) {
-    return;  // of the seal's own system, and nobody's wish
-  }
   if (!packet || packet->source().address != SealNetwork::address) {
     keptIn_.add(Kind::other, {});
-    return;
+    return false;
   }
   const bool isTCP = packet->protocol() == Packet::tcp;
+  if (packet->protocol() == Packet::icmp && isError(*packet)) {
+    return false;  // of the seal's own system, and nobody's wish
+  }
   if (isTCP && packet->source().port == SealNetwork::listenerPort) {
     gate_.takeFromListener(*packet);
   } else if (isTCP && !packet->has(Packet::syn)) {  // of a connection that there is, or of none
@@ -81,9 +90,16 @@ void Carrier::take(std::span<std::uint8_t> octets) {
   } else if (isTCP) {
     const bool isName = packet->destination().port == SealNetwork::namePort;
     gate_.takeFromProgram(*packet, isName ? names_.server() : packet->destination());
+  } else if (packet->destination().port == SealNetwork::namePort) {
+    names_.ask(packet->payload(),
+               [this, from = packet->destination(), to = packet->source()](ByteView answer) {
+                 tun_.write(PacketAnswer::datagramHeader(from, to, answer.size()), answer);
+               });
   } else {
-    takeName(*packet);
+    udp_.take(*packet, batch);
+    return true;
   }
+  return false;
 }
 
 // Names at any address are ours to find.
@@ -113,7 +129,8 @@ std::optional<Kind> Carrier::reasonToKeep(const Packet& packet) const {
   if (!isCarried) {
     return isTCP ? Kind::privateTCP : Kind::privateUDP;
   }
-  return isTCP ? std::nullopt : std::optional(Kind::udp);
+  const bool isKept = isUDP && !settings_.carriesQUIC && isQUIC(packet.payload());
+  return isKept ? std::optional(Kind::quic) : std::nullopt;
 }
 
 // ICMP answers neither itself nor what went to many (RFC 1122 section 3.2.2).
@@ -122,21 +139,9 @@ void Carrier::keep(const Packet& packet, Kind why) {
   keptIn_.add(why, to);
   logLine(settings_.log, FMT_COMPILE("kept in: {} to {}"), KeptIn::name(why), to.text());
   if (why != Kind::icmp && why != Kind::multicast && why != Kind::broadcast) {
-    write(PacketAnswer::unreachable(packet, PacketAnswer::Unreachable::prohibited,
-                                    SealNetwork::gateway));
+    tun_.write(PacketAnswer::unreachable(packet, PacketAnswer::Unreachable::prohibited,
+                                         SealNetwork::gateway));
   }
-}
-
-void Carrier::takeName(const Packet& packet) {
-  names_.ask(packet.payload(),
-             [this, from = packet.destination(), to = packet.source()](ByteView answer) {
-               write(PacketAnswer::datagram(from, to, answer));
-             });
-}
-
-// What the system does not take is lost, as on any wire.
-void Carrier::write(ByteView packet) const {
-  [[maybe_unused]] const ssize_t written = ::write(tun_.get(), packet.data(), packet.size());
 }
 
 // ---- Names by way of the loopback --------------------------------------------------------------

@@ -9,6 +9,7 @@
 #include "ZelkorSeal/Names.h"
 #include "ZelkorSeal/Seal.h"
 #include "ZelkorSeal/TCPGate.h"
+#include "ZelkorSeal/UDPCarrier.h"
 
 namespace zk {
 
@@ -20,11 +21,15 @@ struct CarrierSettings {
   /// Private addresses (RFC 1918, RFC 6598) are carried as well: the proxy is the way into their
   /// network.
   bool carriesPrivate = false;
-  LogCallback log;  // a line for what is refused and for each connection
+  /// QUIC is carried; else it is refused, and browsers take TCP, which a proxy carries better.
+  bool carriesQUIC = false;
+  std::shared_ptr<RelayOpener> opener;  // of relays for UDP; absent: UDPCarrier::proxyOpener()
+  LogCallback log;                      // a line for what is refused and for each connection
+  UDPCarrier::Tell tell;  // a sentence for people about the proxy, in the course of things
 };
 
-/// Carries what leaves a seal: TCP and names through the proxy. All else stays in, is answered with
-/// ICMP and counted. The loop's thread.
+/// Carries what leaves a seal: TCP, UDP and names, through the proxy. All else stays in, is
+/// answered with ICMP and counted. The loop's thread.
 class Carrier final : EventLoop::Source {
  public:
   /// `loop` outlives this. Ignores SIGPIPE. Throws std::system_error.
@@ -33,6 +38,8 @@ class Carrier final : EventLoop::Source {
   Carrier(const Carrier&) = delete;
   Carrier& operator=(const Carrier&) = delete;
 
+  /// Whether something that a program has said by TCP is still on its way to the proxy.
+  bool isPassingOn() const { return gate_.isPassingOn(); }
   const KeptIn& keptIn() const { return keptIn_; }
 
  private:
@@ -50,20 +57,19 @@ class Carrier final : EventLoop::Source {
   };
 
   void onReadable() override;
-  void take(std::span<std::uint8_t> octets);
-  void takeName(const Packet& packet);
+  bool take(std::span<std::uint8_t> octets, PeerBatch& batch);
   std::optional<KeptIn::Kind> reasonToKeep(const Packet& packet) const;
   void keep(const Packet& packet, KeptIn::Kind why);
-  void write(ByteView packet) const;
 
   EventLoop& loop_;
   const CarrierSettings settings_;
-  const Descriptor tun_;
-  Bytes buffer_;
+  const Tun tun_;
+  const std::unique_ptr<std::uint8_t[]> buffer_;  // of a burst
   KeptIn keptIn_;
   ProxyWay way_;
   Names names_;
   TCPGate gate_;
+  UDPCarrier udp_;
   std::vector<std::unique_ptr<NameSocket>> nameSockets_;
 };
 

@@ -1,6 +1,7 @@
 #include "ZelkorSeal/KeptIn.h"
 
 #include <algorithm>
+#include <array>
 
 #include <fmt/format.h>
 
@@ -16,27 +17,10 @@ void KeptIn::add(Kind kind, const Endpoint& to) {
 }
 
 const char* KeptIn::name(Kind kind) {
-  switch (kind) {
-    case Kind::tcp:
-      return "TCP";
-    case Kind::udp:
-      return "UDP";
-    case Kind::privateTCP:
-      return "private TCP";
-    case Kind::privateUDP:
-      return "private UDP";
-    case Kind::multicast:
-      return "multicast";
-    case Kind::broadcast:
-      return "broadcast";
-    case Kind::reserved:
-      return "reserved";
-    case Kind::icmp:
-      return "ICMP";
-    case Kind::other:
-      break;
-  }
-  return "other";
+  static constexpr std::array names{"TCP",  "UDP",       "private TCP", "private UDP",
+                                    "QUIC", "multicast", "broadcast",   "reserved",
+                                    "ICMP", "other"};
+  return names.at(static_cast<std::size_t>(kind));
 }
 
 std::vector<std::string> KeptIn::sentences() const {

@@ -13,7 +13,18 @@ namespace zk {
 /// What a seal's programs sent and nobody carried: counts by kind and destination, for people.
 class KeptIn {
  public:
-  enum class Kind { tcp, udp, privateTCP, privateUDP, multicast, broadcast, reserved, icmp, other };
+  enum class Kind {
+    tcp,
+    udp,
+    privateTCP,
+    privateUDP,
+    quic,
+    multicast,
+    broadcast,
+    reserved,
+    icmp,
+    other
+  };
   /// So many destinations are told apart.
   static constexpr std::size_t maxDestinations = 1024;
   static constexpr std::size_t maxSentences = 5;

@@ -1,7 +1,6 @@
 #include "ZelkorSeal/Packet.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace zk {
 namespace {
@@ -46,24 +45,16 @@ void writePorts(std::uint8_t* packet, const Endpoint& from, const Endpoint& to) 
   writeUInt16(packet + ip + 2, to.port);
 }
 
-// A packet with its IP header, and zeros behind it.
-Bytes packetOf(std::uint8_t protocol, const Endpoint& from, const Endpoint& to, std::size_t body) {
-  Bytes packet(ip + body);
+// The IP header of a packet that has `body` octets behind it.
+void writeIPv4(std::uint8_t* packet, std::uint8_t protocol, const Endpoint& from,
+               const Endpoint& to, std::size_t body) {
   packet[0] = 0x45;
-  writeUInt16(packet.data() + 2, static_cast<std::uint16_t>(packet.size()));
+  writeUInt16(packet + 2, static_cast<std::uint16_t>(ip + body));
   packet[6] = 0x40;  // don't fragment
   packet[8] = hopLimit;
   packet[9] = protocol;
-  writeAddresses(packet.data(), from, to);
-  writeUInt16(packet.data() + ipChecksumAt, checksum(sumOf(ByteView(packet).first(ip))));
-  return packet;
-}
-
-// Over what follows the IP header and the pseudo header of TCP and UDP.
-std::uint16_t transportChecksum(const Bytes& packet) {
-  const ByteView all(packet);
-  const auto length = static_cast<std::uint32_t>(all.size() - ip);
-  return checksum(sumOf(all.subspan(12, 8)) + packet[9] + length + sumOf(all.subspan(ip)));
+  writeAddresses(packet, from, to);
+  writeUInt16(packet + ipChecksumAt, checksum(sumOf({packet, ip})));
 }
 
 }  // namespace
@@ -129,11 +120,12 @@ void Packet::readdress(const Endpoint& from, const Endpoint& to) {
 
 // RFC 9293 section 3.10.7.1.
 Bytes PacketAnswer::reset(const Packet& segment) {
+  Bytes packet(ip + Packet::tcpHeaderSize);
   const Endpoint from = segment.destination();
   const Endpoint to = segment.source();
-  Bytes packet = packetOf(Packet::tcp, from, to, Packet::tcpHeaderSize);
-  std::uint8_t* const tcp = packet.data() + ip;
+  writeIPv4(packet.data(), Packet::tcp, from, to, Packet::tcpHeaderSize);
   writePorts(packet.data(), from, to);
+  std::uint8_t* const tcp = packet.data() + ip;
   if (segment.has(Packet::ack)) {
     writeUInt32(tcp + 4, segment.acknowledged());
     tcp[13] = Packet::rst;
@@ -142,7 +134,10 @@ Bytes PacketAnswer::reset(const Packet& segment) {
     tcp[13] = Packet::rst | Packet::ack;
   }
   tcp[12] = Packet::tcpHeaderSize / 4 << 4;
-  writeUInt16(packet.data() + tcpChecksumAt, transportChecksum(packet));
+  const std::uint32_t pseudoHeader =
+      sumOf(ByteView(packet).subspan(12, 8)) + Packet::tcp + Packet::tcpHeaderSize;
+  writeUInt16(packet.data() + tcpChecksumAt,
+              checksum(pseudoHeader + sumOf(ByteView(packet).subspan(ip))));
   return packet;
 }
 
@@ -150,25 +145,23 @@ Bytes PacketAnswer::unreachable(const Packet& packet, Unreachable why, std::uint
   constexpr std::size_t header = 8;
   constexpr std::size_t mostQuoted = ip + 8;  // the ports, and the sequence number of TCP
   const ByteView quoted = packet.octets().first(std::min(packet.octets().size(), mostQuoted));
-  Bytes answer =
-      packetOf(Packet::icmp, {router, 0}, {packet.source().address, 0}, header + quoted.size());
+  Bytes answer(ip + header + quoted.size());
+  writeIPv4(answer.data(), Packet::icmp, {router, 0}, packet.source(), header + quoted.size());
   answer[ip] = 3;
   answer[ip + 1] = static_cast<std::uint8_t>(why);
-  std::memcpy(answer.data() + ip + header, quoted.data(), quoted.size());
+  std::copy(quoted.begin(), quoted.end(), answer.begin() + ip + header);
   writeUInt16(answer.data() + ip + 2, checksum(sumOf(ByteView(answer).subspan(ip))));
   return answer;
 }
 
-Bytes PacketAnswer::datagram(const Endpoint& from, const Endpoint& to, ByteView payload) {
-  const std::size_t length = Packet::udpHeaderSize + payload.size();
-  Bytes packet = packetOf(Packet::udp, from, to, length);
-  writePorts(packet.data(), from, to);
-  writeUInt16(packet.data() + ip + 4, static_cast<std::uint16_t>(length));
-  std::copy(payload.begin(), payload.end(),
-            packet.begin() + static_cast<std::ptrdiff_t>(ip + Packet::udpHeaderSize));
-  const std::uint16_t sum = transportChecksum(packet);
-  writeUInt16(packet.data() + ip + 6, sum == 0 ? std::uint16_t{0xFFFF} : sum);  // 0 means none
-  return packet;
+PacketAnswer::DatagramHeader PacketAnswer::datagramHeader(const Endpoint& from, const Endpoint& to,
+                                                          std::size_t payloadSize) {
+  DatagramHeader header{};
+  const std::size_t length = Packet::udpHeaderSize + payloadSize;
+  writeIPv4(header.data(), Packet::udp, from, to, length);
+  writePorts(header.data(), from, to);
+  writeUInt16(header.data() + ip + 4, static_cast<std::uint16_t>(length));
+  return header;
 }
 
 }  // namespace zk

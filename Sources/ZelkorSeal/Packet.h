@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -63,8 +64,10 @@ Bytes reset(const Packet& segment);
 enum class Unreachable : std::uint8_t { network = 0, host = 1, port = 3, prohibited = 13 };
 Bytes unreachable(const Packet& packet, Unreachable why, std::uint32_t router);
 
-/// A datagram. The payload fits into an IPv4 packet.
-Bytes datagram(const Endpoint& from, const Endpoint& to, ByteView payload);
+/// The headers of a datagram, without a checksum (RFC 768): it crosses no wire. The payload fits
+/// into an IPv4 packet.
+using DatagramHeader = std::array<std::uint8_t, Packet::ipv4HeaderSize + Packet::udpHeaderSize>;
+DatagramHeader datagramHeader(const Endpoint& from, const Endpoint& to, std::size_t payloadSize);
 
 }  // namespace PacketAnswer
 }  // namespace zk

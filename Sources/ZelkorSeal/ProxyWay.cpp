@@ -3,6 +3,7 @@
 #include <system_error>
 #include <utility>
 
+#include "Platform/Interfaces.h"
 #include "Platform/Thread.h"
 
 namespace zk {
@@ -50,11 +51,20 @@ void ProxyWay::lookUp() {
     return;
   }
   isOutdated_ = false;
-  const auto work = [this, number = ++count_] {
+  const auto conclusion = [&loop = loop_, weak = std::weak_ptr(self_)](std::optional<Way> found,
+                                                                       std::string failure) {
+    loop.post([weak, found, failure = std::move(failure)] {
+      if (const auto self = weak.lock()) {
+        (*self)->conclude(found, failure);
+      }
+    });
+  };
+  const auto work = [this, conclusion, number = ++count_] {
     std::optional<Way> found;
     std::string failure;
+    bool isBlind = false;  // does not know whether to pin: then nothing is tried
     for (const OpeningAttempt& attempt : openingAttempts(&stop_)) {
-      if (found || attempt.viaDefault < access_.viaDefault) {
+      if (found || isBlind || attempt.viaDefault < access_.viaDefault) {
         continue;
       }
       try {
@@ -64,14 +74,15 @@ void ProxyWay::lookUp() {
         found = Way{control.proxyAddress(), control.pinnedInterface(), number};
       } catch (const std::exception& error) {
         failure = error.what();
+        isBlind = dynamic_cast<const LookFailed*>(&error) != nullptr;
       }
     }
-    loop_.post([this, found, failure = std::move(failure)] { conclude(found, failure); });
+    conclusion(found, failure);
   };
   try {
     lookUp_ = startThread("zk.seal.way", work);
   } catch (const std::system_error& error) {
-    loop_.post([this, what = std::string(error.what())] { conclude(std::nullopt, what); });
+    conclusion(std::nullopt, error.what());
   }
 }
 

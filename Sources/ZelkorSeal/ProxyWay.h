@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -68,6 +69,7 @@ class ProxyWay final : EventLoop::Source {
   std::map<Ticket, std::function<void()>> waiting_;
   std::uint64_t count_ = 0;  // of tickets and look-ups
   std::thread lookUp_;       // while one is under way
+  const std::shared_ptr<ProxyWay*> self_ = std::make_shared<ProxyWay*>(this);  // for tasks
   bool isOutdated_ = false;  // the routes have changed since it began
 };
 

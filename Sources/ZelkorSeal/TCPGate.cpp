@@ -1,5 +1,6 @@
 #include "ZelkorSeal/TCPGate.h"
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
 
@@ -19,12 +20,12 @@ constexpr std::chrono::milliseconds acceptPause{100};
 }  // namespace
 
 TCPGate::TCPGate(EventLoop& loop, ProxyWay& way, const ProxyAccess& access, Descriptor listener,
-                 Send send, LogCallback log)
+                 const Tun& tun, LogCallback log)
     : loop_(loop),
       way_(way),
       access_(access),
       listener_(std::move(listener)),
-      send_(std::move(send)),
+      tun_(tun),
       log_(std::move(log)),
       flows_([&loop] { return loop.now(); }) {
   loop_.watch(listener_.get(), *this);
@@ -73,7 +74,7 @@ void TCPGate::takeFromProgram(Packet& segment, const Endpoint& target) {
                                               : nullptr;
   if (flow == nullptr) {
     logLine(log_, FMT_COMPILE("TCP to {}: refused, too many connections"), target.text());
-    send_(PacketAnswer::reset(segment));
+    tun_.write(PacketAnswer::reset(segment));
     return;
   }
   flow->connection = open(target);
@@ -98,7 +99,7 @@ void TCPGate::forward(Flow& flow, Packet& segment, Side from) {
   } else {
     segment.readdress(flow.far, flow.program);
   }
-  send_(segment.octets());
+  tun_.write(segment.octets());
   if (isLast) {
     forget(flow);
   }
@@ -115,7 +116,7 @@ void TCPGate::forget(const Flow& flow) {
 
 void TCPGate::answerStray(const Packet& segment) {
   if (!segment.has(Packet::rst)) {
-    send_(PacketAnswer::reset(segment));
+    tun_.write(PacketAnswer::reset(segment));
   }
 }
 
@@ -174,12 +175,12 @@ void TCPGate::refuse(Connection& connection, Reply reply) {
     return;
   }
   using PacketAnswer::Unreachable;
-  send_(reply == Reply::refused
-            ? PacketAnswer::reset(*segment)
-            : PacketAnswer::unreachable(
-                  *segment,
-                  reply == Reply::networkUnreachable ? Unreachable::network : Unreachable::host,
-                  SealNetwork::gateway));
+  tun_.write(reply == Reply::refused ? PacketAnswer::reset(*segment)
+                                     : PacketAnswer::unreachable(*segment,
+                                                                 reply == Reply::networkUnreachable
+                                                                     ? Unreachable::network
+                                                                     : Unreachable::host,
+                                                                 SealNetwork::gateway));
 }
 
 void TCPGate::onReadable() {
@@ -233,6 +234,13 @@ void TCPGate::giveUp(std::uint64_t id) {
   logLine(log_, FMT_COMPILE("TCP to {}: given up by the program"), connection.target.text());
   flows_.remove(*flows_.ofNumber(*connection.number));
   connection.proxy.abort();
+}
+
+bool TCPGate::isPassingOn() const {
+  return std::any_of(connections_.begin(), connections_.end(), [](const auto& each) {
+    const Connection& connection = each.second;
+    return connection.proxy || (connection.bridge && !connection.bridge->hasPassedOn());
+  });
 }
 
 TCPGate::Connection* TCPGate::connectionOf(const Flow& flow) {

@@ -10,6 +10,7 @@
 #include "Platform/StreamBridge.h"
 #include "ZelkorSeal/FlowTable.h"
 #include "ZelkorSeal/ProxyConnection.h"
+#include "ZelkorSeal/Tun.h"
 
 namespace zk {
 
@@ -25,13 +26,10 @@ class TCPGate final : EventLoop::Source {
   static constexpr std::size_t maxConnections = 1000;
   /// A connection that nobody accepts within this is over.
   static constexpr std::chrono::seconds acceptLimit{10};
-  /// Writes a packet into the tun.
-  using Send = std::function<void(ByteView packet)>;
-
   /// All references outlive this. `log` gets a line for each connection's beginning and end. Throws
   /// std::system_error.
-  TCPGate(EventLoop& loop, ProxyWay& way, const ProxyAccess& access, Descriptor listener, Send send,
-          LogCallback log);
+  TCPGate(EventLoop& loop, ProxyWay& way, const ProxyAccess& access, Descriptor listener,
+          const Tun& tun, LogCallback log);
   ~TCPGate();
   TCPGate(const TCPGate&) = delete;
   TCPGate& operator=(const TCPGate&) = delete;
@@ -43,6 +41,8 @@ class TCPGate final : EventLoop::Source {
   void takeFromListener(Packet& segment);
   /// A connection of a program that did not come by the tun.
   void carry(TCPSocket program, const Endpoint& target);
+  /// Whether something that a program has said is still on its way to the proxy.
+  bool isPassingOn() const;
 
  private:
   struct Connection {
@@ -73,7 +73,7 @@ class TCPGate final : EventLoop::Source {
   ProxyWay& way_;
   const ProxyAccess& access_;
   const Descriptor listener_;
-  const Send send_;
+  const Tun& tun_;
   const LogCallback log_;
   FlowTable flows_;
   ConduitPool conduits_;

@@ -38,10 +38,15 @@ RelayedAddress SOCKS5Relay::open(const OpeningAttempt& attempt) {
     throw SOCKS5Error::connectionFailed("relay already open");
   }
   // Closes itself when something below throws.
-  auto association = Association::open(settings_->proxy, attempt);
+  OpeningAttempt how = attempt;
+  how.viaDefault |= settings_->viaDefault;
+  auto association = Association::open(settings_->proxy, how);
   const auto& relay = association.relay;
-  Egress egress = probeEgressIP(association.socket, relay.relayAddress, relay.relayHost,
-                                egressProbeSeconds, settings_->egressLog, attempt.stop);
+  Egress egress{"0.0.0.0", relay.relayPort};
+  if (settings_->findsEgress) {
+    egress = probeEgressIP(association.socket, relay.relayAddress, relay.relayHost,
+                           egressProbeSeconds, settings_->egressLog, attempt.stop);
+  }
   const auto port = settings_->reportsMappedPort ? egress.port : relay.relayPort;
   if (egress.ip.empty() || !port) {
     throw SOCKS5Error::connectionFailed("egress probe failed — fail-closed (no gateway fallback)");

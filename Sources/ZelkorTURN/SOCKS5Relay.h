@@ -21,6 +21,11 @@ struct SOCKS5RelaySettings {
   SOCKS5Proxy proxy;
   /// Tell clients the port that a STUN server saw rather than the one that the proxy assigned.
   bool reportsMappedPort = false;
+  /// Find out under which address peers see a relay, which takes a round trip or more. Where nobody
+  /// is told one, it is 0.0.0.0.
+  bool findsEgress = true;
+  /// By the default route and no other way, whatever the attempt says.
+  bool viaDefault = false;
   LogCallback dataPlaneLog;  // a line or two for every datagram
   LogCallback egressLog;     // the steps of the search for the egress address
 };

@@ -1,8 +1,11 @@
 #include "zkturn/Run.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <optional>
+#include <sstream>
 
 #include <fmt/compile.h>
 #include <fmt/format.h>
@@ -40,6 +43,22 @@ void prepareSelf() {
   setrlimit(RLIMIT_CORE, &none);
 }
 
+// The options with the STUN servers that ZK_STUN_IPS names, where the command line names none.
+ProxyOptions withServers(ProxyOptions proxy) {
+  const char* const given = std::getenv("ZK_STUN_IPS");
+  if (given == nullptr || !proxy.stunServers.empty()) {
+    return proxy;
+  }
+  std::istringstream list(given);
+  for (std::string entry; std::getline(list, entry, ',');) {
+    const auto server = parseHostPort(entry);
+    if (const auto address = server ? parseAddress(server->host) : std::nullopt) {
+      proxy.stunServers.push_back({*address, server->port});
+    }
+  }
+  return proxy;
+}
+
 // Whom peers see, or why nothing can go through the proxy, which ends it.
 void lookAtProxy(const ProxyOptions& proxy, const std::optional<std::string>& password) {
   constexpr bool asksResolver = false;
@@ -67,7 +86,7 @@ class RunLog {
     }
     std::FILE* const file = std::fopen(path.c_str(), "ae");
     if (file == nullptr) {
-      throw SealFailure(fmt::format("cannot write the log {}: {}", path, lastErrorText()));
+      throw SealFailure(fmt::format("cannot write the log {}: {}", path, errorText(errno)));
     }
     std::fclose(file);
     writer_.emplace("zk.turn.log");
@@ -133,7 +152,7 @@ int runSealed(const ProxyOptions& proxy, const RunOptions& options) {
   prepareSelf();
   SealDescriptors made = seal.takeDescriptors();
   const std::optional<std::string> password = readPassword(proxy);
-  lookAtProxy(proxy, password);
+  lookAtProxy(withServers(proxy), password);
   if (!command.remark().empty()) {
     say(command.remark());
   }
