@@ -1,5 +1,5 @@
-// While lines come, the thread takes what all files have pending, writes it and sleeps, in turns of
-// some milliseconds. After some turns without any it sleeps until a line wakes it.
+// While lines come, the thread wakes by itself every few milliseconds and writes what is pending
+// for all files. After a few turns without lines it sleeps until one wakes it.
 
 #include "Platform/LogWriter.h"
 
@@ -15,14 +15,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Long enough that at full rate a write carries hundreds of lines, and with the writing less than
-// the 20 milliseconds that are promised.
+// Long enough for hundreds of lines per write at full rate; together with the write itself, less
+// than the 20 milliseconds that are promised.
 constexpr std::chrono::milliseconds gatheringTime{15};
 
-// Sound comes every 20 milliseconds: its lines find the thread awake.
+// A call's sound comes every 20 milliseconds: the thread stays awake for it.
 constexpr int maxQuietTurns = 4;
 
-// A buffer that a slow disk made large is not kept.
+// Larger buffers, which a slow disk makes necessary, are freed after use.
 constexpr std::size_t keptCapacity = 1 << 18;
 
 }  // namespace

@@ -67,7 +67,8 @@ void requestStop() {
 
 void awaitStop() {
   while (waitFor(-1, 0, Deadline::max(), stopRequest) != Wait::stopped) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));  // the system is out of memory, say
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(10));  // poll() failed, for lack of memory say
   }
 }
 
