@@ -63,7 +63,6 @@ class LogWriter {
   std::vector<Pending> pending_ GUARDED_BY(lock_);  // by file
   bool isIdle_ GUARDED_BY(lock_) = false;           // the thread sleeps until it is woken
   bool isWriting_ GUARDED_BY(lock_) = false;
-  unsigned flushing_ GUARDED_BY(lock_) = 0;  // how many wait in flush()
   bool ends_ GUARDED_BY(lock_) = false;
   std::deque<Target> targets_;  // by file; only the thread uses it once there are lines
   std::thread thread_;          // last: it uses the rest

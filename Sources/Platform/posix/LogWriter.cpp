@@ -13,8 +13,6 @@
 namespace zk {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 // Long enough for hundreds of lines per write at full rate; together with the write itself, less
 // than the 20 milliseconds that are promised.
 constexpr std::chrono::milliseconds gatheringTime{15};
@@ -68,15 +66,14 @@ void LogWriter::append(std::size_t file, std::string_view lines, std::string_vie
 }
 
 bool LogWriter::flush(std::chrono::milliseconds limit) {
-  const auto deadline = Clock::now() + limit;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   const MutexLock guard(lock_);
-  ++flushing_;
-  changed_.notify_all();
-  while ((hasPending() || isWriting_) &&
-         changed_.wait_until(lock_, deadline) != std::cv_status::timeout) {
+  while (hasPending() || isWriting_) {
+    if (changed_.wait_until(lock_, deadline) == std::cv_status::timeout) {
+      return !hasPending() && !isWriting_;
+    }
   }
-  --flushing_;
-  return !hasPending() && !isWriting_;
+  return true;
 }
 
 void LogWriter::run() {
@@ -86,10 +83,9 @@ void LogWriter::run() {
       isIdle_ = true;
       changed_.wait(lock_);
     }
-    const auto gathered = Clock::now() + gatheringTime;
-    while ((flushing_ == 0 || !hasPending()) && !ends_ &&
-           changed_.wait_until(lock_, gathered) != std::cv_status::timeout) {
-    }
+    lock_.unlock();
+    std::this_thread::sleep_for(gatheringTime);
+    lock_.lock();
     if (hasPending()) {
       write();
       quietTurns = 0;
@@ -118,9 +114,7 @@ void LogWriter::write() {
   }
   lock_.lock();
   isWriting_ = false;
-  if (flushing_ > 0) {
-    changed_.notify_all();
-  }
+  changed_.notify_all();  // for flush(); costs nothing when nobody waits
 }
 
 bool LogWriter::hasPending() const {
