@@ -28,8 +28,8 @@ void awaitStop();
 /// them even if the parent made the input non-blocking.
 std::size_t readInput(std::span<char> into);
 
-/// Writes all of `text` to standard output, unbuffered, and waits for room there, but not once a
-/// stop is requested. Errors are ignored: there is nobody to tell.
+/// Writes all of `text` to standard output, unbuffered. Where a non-blocking pipe has no room it
+/// waits for some until a stop is requested. Errors are ignored: there is nobody to tell.
 void writeOutput(std::string_view text);
 
 /// Ends the process at once, without destructors: threads may still run.
