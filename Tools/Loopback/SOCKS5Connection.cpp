@@ -294,15 +294,6 @@ void SOCKS5Connection::dribble(std::chrono::milliseconds pace, Bytes answer, boo
   later(pace, [=, this] { dribble(pace, answer, closeBehind); });
 }
 
-/// Unless the connection has ended by then.
-void SOCKS5Connection::later(std::chrono::milliseconds delay, std::function<void()> action) {
-  core_.loop.after(delay, [self = weak_from_this(), action = std::move(action)] {
-    if (const auto connection = self.lock(); connection && !connection->ended_) {
-      action();
-    }
-  });
-}
-
 /// A client that has gone is noticed where octets are taken.
 void SOCKS5Connection::sendOctets(ByteView octets) const {
   if (!octets.empty()) {
