@@ -33,6 +33,7 @@ class RunTest : public SealTest {
       ASSERT_EQ(internet->readLine(patience), "listens");
     });
     environment["ZK_STUN_IPS"] = stun->target();
+    NetworkLab::change("until ip netns exec proxy ss -Htln | grep -q :1080; do sleep 0.05; done");
   }
 
   std::vector<std::string> throughProxy(const std::vector<std::string>& command,
@@ -187,7 +188,7 @@ TEST_F(RunTest, WhateverHappensOutsideNothingLeaks) {
     NetworkLab::change("route default dev vpn metric 50; trafficTakes vpn");
     EXPECT_TRUE(goesOn());
   }
-  EXPECT_EQ(traffic(), Traffic{"TCP to 10.2.0.2 by wire"});
+  EXPECT_EQ(traffic(), toProxy);
   {
     SCOPED_TRACE("the interface goes and comes back");
     NetworkLab::change("ip -n home route del default dev vpn; ip -n home link set lan0 down");
@@ -204,7 +205,7 @@ TEST_F(RunTest, WhateverHappensOutsideNothingLeaks) {
     std::this_thread::sleep_for(milliseconds(300));
     EXPECT_EQ(Chat::now().good + Chat::now().bad, last.good + last.bad);
   }
-  EXPECT_EQ(traffic(), Traffic{"TCP to 10.2.0.2 by wire"});
+  EXPECT_EQ(traffic(), toProxy);
 }
 
 TEST_F(RunTest, ThreeThousandAtOnceThenOneThatWorks) {
@@ -263,7 +264,8 @@ class RealBrowserTest : public RunTest, public testing::WithParamInterface<const
       std::this_thread::sleep_for(milliseconds(100));
     }
     const std::string report = contentOf("/tmp/report");
-    EXPECT_NE(report.find("candidate:"), std::string::npos) << contentOf("/tmp/browser");
+    EXPECT_TRUE(std::regex_search(report, std::regex("203\\.0\\.113\\.2 \\d+ typ srflx")))
+        << report << contentOf("/tmp/browser");
     running->terminate();
     running->waitExit(patience);
     return {traffic(), contentOf("/tmp/browser")};

@@ -68,6 +68,11 @@ void lookAtProxy(const ProxyOptions& proxy, const std::optional<std::string>& pa
     const Findings& found = look.findings();
     say(fmt::format("peers see {}, round trip {:.0f} ms", found.seenByPeers->ip(),
                     found.roundTripMilliseconds));
+    look.comparePorts();
+    if (found.isPortTheSame == false) {
+      say("two people behind this proxy cannot call each other, as it shows each peer another "
+          "port");
+    }
   } catch (const Failure& failure) {
     look.conclude(failure);
     if (failure.outcome == Outcome::notReached) {
@@ -137,6 +142,8 @@ CarrierSettings settingsFor(const ProxyOptions& proxy, const RunOptions& options
     settings.nameServers = options.dns;
   }
   settings.carriesPrivate = options.carriesPrivate;
+  settings.carriesQUIC = options.carriesQUIC;
+  settings.tell = [](std::string_view sentence) { say(sentence); };
   settings.log = log.callback();
   return settings;
 }
