@@ -235,6 +235,12 @@ int main(int argc, char** argv) {
   if (mode == "--listen") {
     return serve(argv[2]);
   }
+  if (mode == "--opens") {
+    for (int i = 2; i < argc; ++i) {
+      tell(argv[i], opens(argv[i]));
+    }
+    return 0;
+  }
   leaveBehind("/tmp/heartbeat");
   sendEverywhere();
   std::ofstream("/tmp/started") << "now";
