@@ -59,7 +59,7 @@ TEST_F(WaysOutTest, NoneIsOpen) {
       ++looked;
     }
   }
-  EXPECT_EQ(looked, 24U);
+  EXPECT_EQ(looked, 25U);
   const std::string output = contentOf("/tmp/output");
   for (const char* const to : {"198.51.100.11", "203.0.113.1", "10.1.0.1", "192.168.1.1",
                                "224.0.0.251", "239.255.255.250", "255.255.255.255"}) {
@@ -77,6 +77,9 @@ TEST_F(WaysOutTest, OutsideOfASealTheyAreSeenToLeak) {
   for (const auto& [way, state] : ways("")) {
     // What belongs to the seal itself is not there outside of it.
     const bool isOfSeal = std::regex_search(way, std::regex("process 1|of the tun|lies under|cap"));
+    if (way == "calls of 32-bit programs") {
+      continue;  // not every kernel has them
+    }
     EXPECT_EQ(state, isOfSeal ? "closed" : "open") << way;
   }
   const Traffic expected{"UDP to 198.51.100.11 by wire", "UDP to 203.0.113.1 by wire",
