@@ -294,7 +294,6 @@ void SOCKS5Connection::dribble(std::chrono::milliseconds pace, Bytes answer, boo
   later(pace, [=, this] { dribble(pace, answer, closeBehind); });
 }
 
-/// Unless the connection has ended by then.
 /// A client that has gone is noticed where octets are taken.
 void SOCKS5Connection::sendOctets(ByteView octets) const {
   if (!octets.empty()) {
