@@ -9,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "Call.h"
 #include "Contestants.h"
 #include "FarSide.h"
 #include "Flood.h"
@@ -18,6 +19,7 @@
 #include "Loopback/TURNClient.h"
 #include "Platform/Clock.h"
 #include "Report.h"
+#include "Usage.h"
 
 namespace zk::bench {
 namespace {
@@ -54,17 +56,17 @@ constexpr auto callDuration = 2s;
 /// Runs `load`, and reads what the contestant's process has used for it.
 template <typename LoadToRun>
 Measurement measureLoad(const Contestant& contestant, const LoadToRun& load) {
-  const auto before = contestant.process().cpuTime();
-  const auto wakeUpsBefore = contestant.process().wakeUps();
+  const Usage before(contestant.process());
   const LoadResult result = load();
-  const std::chrono::duration<double, std::micro> used = contestant.process().cpuTime() - before;
-  const auto wakeUps = static_cast<double>(contestant.process().wakeUps() - wakeUpsBefore);
+  const Usage after(contestant.process());
+  const std::chrono::duration<double, std::micro> used = after.cpu - before.cpu;
+  const auto wakeUps = static_cast<double>(after.wakeUps - before.wakeUps);
   const auto roundTrips = static_cast<double>(result.roundTrips());
   return {.roundTripsPerSecond = roundTrips / result.seconds,
           .p50 = result.percentile(0.50),
           .p99 = result.percentile(0.99),
           .cpuMicroseconds = used.count() / (2 * roundTrips),
-          .residentKilobytes = static_cast<double>(contestant.process().residentKilobytes()),
+          .residentKilobytes = static_cast<double>(after.residentKilobytes),
           .cpuMilliseconds = used.count() / 1000 / result.seconds,
           .wakeUps = wakeUps / result.seconds,
           .roundTrips = result.roundTrips(),

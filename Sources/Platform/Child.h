@@ -24,7 +24,7 @@ class Child {
   explicit Child(const std::vector<std::string>& arguments,
                  const std::map<std::string, std::string>& environment = {});
   /// Ends its input, and kills it when it has not ended a second later.
-  ~Child() { end(std::chrono::steady_clock::now() + std::chrono::seconds(1)); }
+  ~Child() { end(SteadyClock::now() + std::chrono::seconds(1)); }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 

@@ -1,12 +1,25 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
 namespace zk {
 
-/// Nanoseconds on a clock that only runs forward, from an origin of the system's choice.
+/// Nanoseconds on a clock that only runs forward, from an origin of the system's choice. It goes on
+/// while the machine is suspended: what was to last ten minutes is over in the morning.
 std::uint64_t monotonicNanoseconds();
+
+/// The same for std::chrono, whose own may stand still meanwhile.
+struct SteadyClock {
+  using duration = std::chrono::nanoseconds;
+  using rep = duration::rep;
+  using period = duration::period;
+  using time_point = std::chrono::time_point<SteadyClock>;
+  static constexpr bool is_steady = true;
+
+  static time_point now() { return time_point(duration(static_cast<rep>(monotonicNanoseconds()))); }
+};
 
 /// Microseconds of UTC since 1970.
 std::int64_t wallClockMicroseconds();

@@ -5,6 +5,7 @@
 
 #include <netinet/in.h>
 
+#include "Platform/Clock.h"
 #include "Platform/Descriptor.h"
 
 namespace zk {
@@ -17,8 +18,8 @@ std::string errorText(int error);
 /// An IPv4 or IPv6 address as numbers, without its port.
 std::string numericText(const sockaddr& address);
 
-/// When whoever waits gives up.
-using Deadline = std::chrono::steady_clock::time_point;
+/// When whoever waits gives up. It also passes while the machine is suspended.
+using Deadline = SteadyClock::time_point;
 
 enum class Wait { ready, timedOut, stopped, failed };
 

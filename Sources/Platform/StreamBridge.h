@@ -36,6 +36,8 @@ class StreamBridge {
   StreamBridge(const StreamBridge&) = delete;
   StreamBridge& operator=(const StreamBridge&) = delete;
 
+  /// Whether all that the near end will ever have said has been said to the far one.
+  bool hasPassedOn() const { return near_.isToldOn; }
   std::uint64_t octetsToFar() const { return near_.octets; }
   std::uint64_t octetsToNear() const { return far_.octets; }
 

@@ -24,7 +24,7 @@ struct OpeningAttempt {
   bool viaDefault = false;         // datagrams by the default route, not pinned to an interface
   double connectTimeout = 10.0;    // seconds, of the control connection
   bool controlViaDefault = false;  // the control connection too, as if ZK_EGRESS_VIA_DEFAULT were 1
-  bool failsWhenClosed = false;      // see SOCKS5Control
+  bool failsWhenClosed = false;    // see SOCKS5Control
   const StopSignal* stop = nullptr;  // ends the attempt early when raised
 };
 

@@ -9,7 +9,7 @@
 namespace zk {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = Deadline::clock;
 
 // RFC 5389 section 15: a server passes over attributes of this half of the range that it does not
 // know. Nobody knows this one.

@@ -22,7 +22,7 @@ class BindingTransaction {
   };
   struct Answer {
     std::optional<Endpoint> mapped;  // absent when it tells none
-    std::chrono::steady_clock::duration roundTrip{};
+    Deadline::duration roundTrip{};
   };
 
   /// Over `socket`, which nobody else reads, through the relay at `relay`.
@@ -47,7 +47,7 @@ class BindingTransaction {
   DatagramSocket& socket_;
   const Endpoint relay_;
   const STUN::BindingRequest binding_ = STUN::makeBindingRequest();
-  std::chrono::steady_clock::time_point sentAt_;
+  Deadline sentAt_;
   DatagramReceiver receiver_;
 };
 

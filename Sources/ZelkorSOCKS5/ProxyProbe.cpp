@@ -20,7 +20,7 @@ auto orFail(const char* what, Call call) {
 }  // namespace
 
 Endpoint ProbeRelay::sendSTUN(const Endpoint& relay, const Endpoint& stunServer, double timeout) {
-  using Clock = std::chrono::steady_clock;
+  using Clock = Deadline::clock;
   const Deadline deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                                std::chrono::duration<double>(timeout));
   DatagramSocket socket = orFail("relay failed: ", DatagramSocket::open);

@@ -19,7 +19,7 @@
 namespace zk {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = Deadline::clock;
 using Seconds = std::chrono::duration<double>;
 
 // A resolver asks each of its servers for 5 seconds and may need the third. Two openings in a row

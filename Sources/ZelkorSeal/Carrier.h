@@ -38,6 +38,8 @@ class Carrier final : EventLoop::Source {
   Carrier(const Carrier&) = delete;
   Carrier& operator=(const Carrier&) = delete;
 
+  /// Whether something that a program has said by TCP is still on its way to the proxy.
+  bool isPassingOn() const { return gate_.isPassingOn(); }
   const KeptIn& keptIn() const { return keptIn_; }
 
  private:

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <memory>
 
 #include <fcntl.h>
 #include <linux/if_tun.h>
@@ -121,12 +122,10 @@ Descriptor boundSocket(int type, const Endpoint& to, const char* interface) {
 
 // What a kernel puts into every new network, if anything, is down: nobody brings it up.
 void requireNothingElse(int socket) {
-  struct FreeList {
-    struct if_nameindex* list;
-    ~FreeList() { if_freenameindex(list); }
-  } const all{if_nameindex()};
-  requireStep(all.list != nullptr, SealStep::network, "list the interfaces");
-  for (const auto* interface = all.list; interface->if_index != 0; ++interface) {
+  const std::unique_ptr<struct if_nameindex, decltype(&if_freenameindex)> all(if_nameindex(),
+                                                                              &if_freenameindex);
+  requireStep(all != nullptr, SealStep::network, "list the interfaces");
+  for (const auto* interface = all.get(); interface->if_index != 0; ++interface) {
     if (std::strcmp(interface->if_name, loopback) == 0 ||
         std::strcmp(interface->if_name, tunName) == 0) {
       continue;

@@ -1,5 +1,6 @@
 #include "ZelkorSeal/TCPGate.h"
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
 
@@ -233,6 +234,13 @@ void TCPGate::giveUp(std::uint64_t id) {
   logLine(log_, FMT_COMPILE("TCP to {}: given up by the program"), connection.target.text());
   flows_.remove(*flows_.ofNumber(*connection.number));
   connection.proxy.abort();
+}
+
+bool TCPGate::isPassingOn() const {
+  return std::any_of(connections_.begin(), connections_.end(), [](const auto& each) {
+    const Connection& connection = each.second;
+    return connection.proxy || (connection.bridge && !connection.bridge->hasPassedOn());
+  });
 }
 
 TCPGate::Connection* TCPGate::connectionOf(const Flow& flow) {

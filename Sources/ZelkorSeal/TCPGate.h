@@ -41,6 +41,8 @@ class TCPGate final : EventLoop::Source {
   void takeFromListener(Packet& segment);
   /// A connection of a program that did not come by the tun.
   void carry(TCPSocket program, const Endpoint& target);
+  /// Whether something that a program has said is still on its way to the proxy.
+  bool isPassingOn() const;
 
  private:
   struct Connection {

@@ -17,7 +17,7 @@
 namespace zk {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = Deadline::clock;
 using Seconds = std::chrono::duration<double>;
 
 constexpr Seconds minWindow{0.2};

@@ -76,6 +76,9 @@ Failure failureAt(Stage stage, const SOCKS5Error& error, const HostPort& proxy, 
     case Stage::methodChosen:
       failure.without = "does not let you in";
       failure.asked = "asked it for a way to log in";
+      if (error.kind() == Kind::protocolError) {
+        failure.came = fmt::format("an answer that is not SOCKS5 ({})", failure.came);
+      }
       failure.tryThis =
           error.kind() != Kind::authFailed
               ? adviceFor(cause,

@@ -13,7 +13,7 @@
 namespace zk {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = Deadline::clock;
 using Milliseconds = Look::Milliseconds;
 using Mark = Step::Mark;
 

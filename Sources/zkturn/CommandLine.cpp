@@ -1,6 +1,7 @@
 #include "zkturn/CommandLine.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -61,6 +62,20 @@ std::vector<std::string> takeCommand(std::vector<std::string>& arguments) {
   return command;
 }
 
+// As the daemon has them: what does not read "address:port" is left out.
+std::vector<Endpoint> serversOfEnvironment() {
+  std::vector<Endpoint> servers;
+  const char* const list = std::getenv("ZK_STUN_IPS");
+  for (const std::string& text : CLI::detail::split(list != nullptr ? list : "", ',')) {
+    const auto server = parseHostPort(text);
+    const auto address = server ? parseAddress(server->host) : std::nullopt;
+    if (address) {
+      servers.push_back({*address, server->port});
+    }
+  }
+  return servers;
+}
+
 void conclude(ProxyOptions& options, const Texts& texts) {
   if (texts.user.empty() != texts.passFile.empty()) {
     throw UsageError("--user and --pass-file go together: a login needs both");
@@ -77,6 +92,9 @@ void conclude(ProxyOptions& options, const Texts& texts) {
   }
   if (options.user.has_value() == options.passFile.empty()) {
     throw UsageError("~/.config/zkturn/proxy has one of user and pass-file: a login needs both");
+  }
+  if (texts.stunServers.empty()) {
+    options.stunServers = serversOfEnvironment();
   }
   for (const std::string& text : texts.stunServers) {
     const Endpoint server = parseServer("--stun", text, 0);
@@ -103,6 +121,9 @@ void declareCheck(CLI::App& app, CommandLine& line) {
       ->check(CLI::Range(0, 3600))
       ->capture_default_str();
   app.add_flag("--json", line.check.asJSON, "print one JSON object instead");
+  app.footer(
+      "Each of its steps ends within --timeout; all of it takes at most 20 times that, --idle, and "
+      "0.02 seconds for each of --count.");
 }
 
 void declareServe(CLI::App& /*app*/, CommandLine& /*line*/) {}

@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include "Platform/Clock.h"
 #include "Platform/Interfaces.h"
 #include "Platform/Resolver.h"
 #include "ZelkorSOCKS5/InterfaceScope.h"
@@ -18,7 +19,7 @@
 namespace zk {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = SteadyClock;
 using Milliseconds = Look::Milliseconds;
 using Stage = SOCKS5Control::Stage;
 using Mark = Step::Mark;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Base/Endpoint.h"
+#include "Platform/Clock.h"
 #include "ZelkorSOCKS5/Association.h"
 #include "ZelkorSOCKS5/BindingTransaction.h"
 #include "zkturn/Advice.h"
@@ -96,7 +97,7 @@ class Look {
   const bool asksResolver_;
   Findings findings_;
   std::string remark_;
-  std::chrono::steady_clock::time_point stepBegan_ = std::chrono::steady_clock::now();
+  SteadyClock::time_point stepBegan_ = SteadyClock::now();
   std::chrono::seconds waited_{0};  // of that step
   std::vector<HostPort> servers_;
   std::unique_ptr<StepLimit> limit_;  // of the attempt's steps

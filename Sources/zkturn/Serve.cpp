@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "Platform/Child.h"
+#include "Platform/Clock.h"
 #include "Platform/Mutex.h"
 #include "Platform/Process.h"
 #include "Platform/Random.h"
@@ -27,7 +28,7 @@ namespace zk {
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using Clock = SteadyClock;
 using Json = nlohmann::ordered_json;
 
 constexpr std::chrono::seconds startPatience{10};

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <thread>
 
+#include "Platform/Clock.h"
 #include "Platform/Mutex.h"
 #include "Platform/StopSignal.h"
 
@@ -26,7 +27,7 @@ class StepLimit {
   const StopSignal* signal() const { return &signal_; }
 
  private:
-  using Clock = std::chrono::steady_clock;
+  using Clock = SteadyClock;
 
   void watch();
 

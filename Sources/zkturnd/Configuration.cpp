@@ -5,9 +5,12 @@
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
+#include "Base/LogLine.h"
 #include "Base/UTF8.h"
 #include "Platform/Process.h"
+#include "Platform/Terminal.h"
 #include "zkturnd/StatusOutput.h"
 
 namespace zk {
@@ -81,8 +84,10 @@ json parse(std::string_view line) {
     }
     return true;
   };
-  const auto syntaxError = [](std::size_t column) {
-    return ConfigError(fmt::format("syntax error at column {}", column));
+  const auto syntaxError = [&](std::size_t column) {
+    const bool isEnd = column > line.size();
+    return ConfigError(fmt::format("syntax error at column {}{}", column,
+                                   isEnd ? ", the end: all of it must be on one line" : ""));
   };
   // The library's own texts quote what they read, and that may be the password.
   try {
@@ -155,22 +160,30 @@ std::int64_t integer(const json& object, std::string_view path) {
   wrongType(path, "an integer of 64 bits", value);
 }
 
+[[noreturn]] void unknownKey(std::string_view path, std::string_view key) {
+  fmt::memory_buffer text;
+  fmt::format_to(std::back_inserter(text), "unknown key: {}.{:.64}", path, key);
+  replaceControls(text);
+  throw ConfigError(fmt::to_string(text));
+}
+
 Options decodeOptions(const json& object) {
   Options options;
-  const std::string_view fingerprint = "options.acceptFingerprint";
-  if (const auto flag = find(object, fingerprint); flag != object.end()) {
-    if (!flag->is_boolean()) {
-      wrongType(fingerprint, "true or false", *flag);
+  for (const auto& [key, value] : object.items()) {
+    if (key == "acceptFingerprint") {
+      if (!value.is_boolean()) {
+        wrongType("options.acceptFingerprint", "true or false", value);
+      }
+      options.acceptFingerprint = value.get<bool>();
+    } else if (key == "relayedPort") {
+      const std::string which = text(object, "options.relayedPort");
+      if (which != "assigned" && which != "mapped") {
+        throw ConfigError("wrong value: options.relayedPort must be assigned or mapped");
+      }
+      options.relayedPort = which == "mapped" ? RelayedPort::mapped : RelayedPort::assigned;
+    } else {
+      unknownKey("options", key);
     }
-    options.acceptFingerprint = flag->get<bool>();
-  }
-  const std::string_view port = "options.relayedPort";
-  if (find(object, port) != object.end()) {
-    const std::string which = text(object, port);
-    if (which != "assigned" && which != "mapped") {
-      throw ConfigError(fmt::format("wrong value: {} must be assigned or mapped", port));
-    }
-    options.relayedPort = which == "mapped" ? RelayedPort::mapped : RelayedPort::assigned;
   }
   return options;
 }
@@ -222,6 +235,11 @@ Config decodeConfig(std::string_view line) {
 }
 
 Config readConfig() {
+  if (isTerminal(STDIN_FILENO)) {
+    fmt::print(stderr,
+               "zkturnd waits here for its configuration, one line of JSON, as a program would "
+               "send it: see man zkturnd.\n");
+  }
   const std::string line = repairedUTF8(readLine());
   if (line.empty()) {
     failWith("stdin closed or empty before config was received");

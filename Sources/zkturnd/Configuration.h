@@ -48,7 +48,8 @@ class ConfigError : public std::runtime_error {
 Config decodeConfig(std::string_view line);
 
 /// Reads the first line of standard input and decodes it. On any failure it prints the error line
-/// and ends the process, so there is nothing for the caller to handle.
+/// and ends the process, so there is nothing for the caller to handle. Whoever is at a terminal is
+/// told on standard error what is waited for.
 Config readConfig();
 
 }  // namespace zk

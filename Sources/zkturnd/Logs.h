@@ -7,8 +7,8 @@
 
 namespace zk {
 
-/// The three logs of the daemon. Every operation but flush() takes one line, or several joined by
-/// line feeds, without the last line feed, returns at once, and may be called on any thread.
+/// The three logs of the daemon. Every operation but flush() takes lines as LogCallback has it,
+/// returns at once, and may be called on any thread.
 class Logs {
  public:
   /// Opens the files, and starts the thread that writes them. Throws std::system_error when there

@@ -1,50 +1,11 @@
 // zkturn check, run as a user does, on proxies of all sorts.
 
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
-
-#include "EndToEnd/Rig.h"
+#include "EndToEnd/Check.h"
 #include "Loopback/ForeignProxy.h"
 #include "PrivateNetwork.h"
 
 namespace zk::test {
 namespace {
-
-struct Result {
-  int status = -1;
-  std::string output;  // both of them
-
-  nlohmann::json json() const {
-    return nlohmann::json::parse(output, nullptr, /*allow_exceptions=*/false);
-  }
-  bool says(const std::string& piece) const { return output.find(piece) != std::string::npos; }
-};
-
-// For a proxy on the loopback, unless `port` is 0.
-Result check(std::uint16_t port, const std::vector<std::string>& options,
-             bool isOnTerminal = false) {
-  const TemporaryFolder folder;
-  const std::string output = folder.path() / "output";
-  std::vector<std::string> arguments{programBeside("zkturn"), "check"};
-  if (port != 0) {
-    arguments.push_back("127.0.0.1:" + std::to_string(port));
-  }
-  arguments.insert(arguments.end(), options.begin(), options.end());
-  if (isOnTerminal) {
-    arguments = {findProgram("script"), "-qec", fmt::format("'{}'", fmt::join(arguments, "' '")),
-                 "/dev/null"};
-  }
-  ChildProcess program(arguments, {}, output);
-  const auto status = program.waitExit(longPatience);
-  return {status.value_or(-1), contentOf(output)};
-}
-
-std::string secretFile(const TemporaryFolder& folder, const std::string& name,
-                       const std::string& content) {
-  const std::string path = folder.write(name, content);
-  fs::permissions(path, fs::perms(0600));
-  return path;
-}
 
 class CheckTest : public testing::TestWithParam<const char*> {};
 
@@ -124,7 +85,7 @@ std::vector<Proxy> proxies(const TemporaryFolder& folder, const STUNResponder& s
        {},
        1,
        nullptr,
-       {"does not let you in", "bad ver 72", "HTTP"},
+       {"does not let you in", "not SOCKS5 (bad ver 72)", "HTTP"},
        1},
       {"closes at the greeting",
        stepAt(&SOCKS5Script::onGreeting, Action::close),
@@ -341,46 +302,6 @@ TEST(Check, ShowsColoursAndItsProgressOnATerminal) {
   EXPECT_TRUE(result.says(" 2/3\r  ")) << result.output;
   EXPECT_TRUE(result.says(" 3/3\r\033[K ")) << result.output;
   EXPECT_EQ(count(result.output, "\033[K"), 1U) << "cleared when it is done";
-}
-
-TEST(Check, RefusesWrongUsageInOneSentence) {
-  const std::string large(256, 'x');
-  const TemporaryFolder folder;
-  const std::string tooLong = secretFile(folder, "long", large);
-  const std::string shown = folder.write("shown", "secret");
-  fs::permissions(shown, fs::perms(0644));
-  const std::pair<std::vector<std::string>, const char*> cases[] = {
-      {{}, "no proxy"},
-      {{"a:1", "--bogus"}, "--bogus"},
-      {{"1.2.3.4"}, "\"1.2.3.4\" is not a proxy"},
-      {{"1.2.3.4:0"}, "is not a proxy"},
-      {{"1.2.3.4:65536"}, "is not a proxy"},
-      {{"::1:1080"}, "is not a proxy"},
-      {{":1080"}, "is not a proxy"},
-      {{"http://a:1"}, "is not a proxy"},
-      {{"alice:secret@a:1"}, "--user and --pass-file"},
-      {{"socks5h://alice:secret@a:1"}, "--user and --pass-file"},
-      {{"a:1", "socks5://alice:secret@a:1"}, "not understood"},
-      {{"a:1", "--", "true"}, "runs no command"},
-      {{"[::1]:1080", "--count", "0"}, "--count"},
-      {{"a:1", "--idle", "soon"}, "--idle"},
-      {{"a:1", "--stun", "stun.example:3478"}, "in numbers"},
-      {{"a:1", "--stun", "1.2.3.4:1", "--stun", "1.2.3.4:2"}, "second destination"},
-      {{"a:1", "--user", "u"}, "--user and --pass-file"},
-      {{"a:1", "--pass-file", tooLong}, "--user and --pass-file"},
-      {{"a:1", "--user", "u", "--pass-file", "/nonexistent"}, "cannot be read"},
-      {{"a:1", "--user", "u", "--pass-file", shown}, "can be read by others"},
-      {{"a:1", "--user", "u", "--pass-file", tooLong}, "password is 256 octets long"},
-      {{"a:1", "--user", large, "--pass-file", "/dev/null"}, "user name is 256 octets long"},
-  };
-  for (const auto& [options, piece] : cases) {
-    const Result result = check(0, options);
-    EXPECT_EQ(result.status, 2) << piece;
-    EXPECT_TRUE(result.says(piece)) << piece << " is missing: " << result.output;
-    EXPECT_FALSE(result.says("secret")) << result.output;
-    EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;
-  }
-  EXPECT_EQ(check(0, {"--help"}).status, 0);
 }
 
 }  // namespace

@@ -135,7 +135,7 @@ TEST(Serve, EndsInOrderOnCtrlCAtATerminal) {
   const TemporaryFolder folder;
   const std::string output = folder.path() / "output";
   ChildProcess terminal({findProgram("script"), "-qec",
-                         fmt::format("exec {} serve 127.0.0.1:{} --stun {}",
+                         fmt::format("exec '{}' serve 127.0.0.1:{} --stun {}",
                                      programBeside("zkturn"), proxy.port(), stun.target()),
                          "/dev/null"},
                         {}, output);

@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 using Kind = StreamResult::Kind;
 
 Deadline in(std::chrono::milliseconds limit) {
-  return std::chrono::steady_clock::now() + limit;
+  return Deadline::clock::now() + limit;
 }
 
 // Both ends of a TCP connection on the loopback: ours as streams, the far one as a socket.

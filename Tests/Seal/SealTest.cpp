@@ -1,114 +1,18 @@
-// The seal in the network lab, by a user without privileges, with everything that leaves home
-// recorded from before the seal is made until after it has ended.
+// The seal alone: nobody carries anything.
 
-#include <fstream>
-#include <memory>
-#include <regex>
-#include <set>
-#include <string>
-#include <vector>
+#include <csignal>
+#include <sstream>
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pty.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
+#include <sys/wait.h>
 
-#include "Base/IPv4.h"
-#include "Loopback/ChildProcess.h"
-#include "Loopback/Scratch.h"
-#include "NetworkLab/NetworkLab.h"
-#include "Support.h"
+#include "Seal/SealLab.h"
 
 namespace zk::lab {
 namespace {
-
-using namespace test;
-using loopback::ChildProcess;
-using loopback::contentOf;
-using std::chrono::milliseconds;
-using Traffic = std::set<std::string>;
-
-constexpr milliseconds patience{20'000};
-std::string whyNoLab;  // empty when the lab can be built
-
-// Home has a VPN, a wire, and IPv6 on it; a name server of its own, as most have.
-constexpr const char* home = R"(
-link home lan0 10.1.0.2 router wire 10.1.0.1
-route default via 10.1.0.1 metric 100
-ipv6 home lan0 fd00:1::2
-ipv6 router wire fd00:1::1
-printf 'nameserver 10.1.0.1\noptions timeout:1 attempts:1\n' >/etc/resolv.conf
-)";
-
-// As the user "nobody", who has lost all that a process can lose without a seal.
-std::vector<std::string> asNobody(std::vector<std::string> command) {
-  std::vector<std::string> all{loopback::findProgram("setpriv"),
-                               "--reuid=65534",
-                               "--regid=65534",
-                               "--clear-groups",
-                               "--inh-caps=-all",
-                               "--bounding-set=-all"};
-  all.insert(all.end(), command.begin(), command.end());
-  return all;
-}
-
-struct Outcome {
-  int status = -1;
-  std::string output;  // both of them
-};
-
-class SealTest : public testing::Test {
- protected:
-  void SetUp() override {
-    if (!whyNoLab.empty()) {
-      GTEST_SKIP() << "no network lab here: " << whyNoLab;
-    }
-    lab = std::make_unique<NetworkLab>(home);
-  }
-
-  std::unique_ptr<ChildProcess> start(const std::vector<std::string>& command,
-                                      const std::string& output = "/tmp/output") {
-    std::unique_ptr<ChildProcess> started;
-    unlink(output.c_str());
-    NetworkLab::in("home", [&] {
-      started = std::make_unique<ChildProcess>(asNobody(command), environment, output);
-    });
-    return started;
-  }
-
-  Outcome run(const std::vector<std::string>& command) {
-    const auto started = start(command);
-    const auto status = started->waitExit(patience);
-    return {status.value_or(-1000), contentOf("/tmp/output")};
-  }
-  Outcome runSealed(const std::string& script) { return run({sealed, "sh", "-c", script}); }
-
-  // Has a program of the same user listen there.
-  void serve(const std::string& path, const std::string& host = "home") {
-    NetworkLab::in(host, [&] {
-      services.push_back(std::make_unique<ChildProcess>(asNobody({waysOut, "--listen", path})));
-      ASSERT_EQ(services.back()->readLine(patience), "listens");
-    });
-  }
-
-  Traffic traffic() {
-    Traffic kinds;
-    for (const auto& [kind, count] : lab->takeTraffic()) {
-      kinds.insert(kind);
-    }
-    return kinds;
-  }
-
-  const std::string sealed = "/tmp/sealed";
-  const std::string waysOut = "/tmp/ways-out";
-  std::map<std::string, std::string> environment{{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"}};
-  std::unique_ptr<NetworkLab> lab;
-  std::vector<std::unique_ptr<ChildProcess>> services;
-};
 
 // Everything at once, in the seal and outside of it.
 class WaysOutTest : public SealTest {
@@ -267,6 +171,60 @@ TEST_F(SealTest, ARefusalNamesTheReason) {
   EXPECT_NE(access("/tmp/ran", F_OK), 0);
 }
 
+// Each call that process 1 makes until all is made and locked, with how many of its kind came
+// before, and itself.
+std::vector<std::pair<std::string, int>> callsOfTheMaking(const std::string& trace) {
+  std::vector<std::pair<std::string, int>> calls;
+  std::map<std::string, int> counts;
+  const std::regex line("^(\\d+) +(\\w+)\\((.*)");
+  std::istringstream lines(trace);
+  std::string outside;
+  std::smatch call;
+  for (std::string each; std::getline(lines, each);) {
+    if (!std::regex_search(each, call, line)) {
+      continue;
+    }
+    outside = outside.empty() ? call[1].str() : outside;
+    const std::string name = call[2];
+    const std::string rest = call[3];
+    if (call[1] == outside) {
+      continue;
+    }
+    const int number = ++counts[name];
+    // What may show and is not there does not; what cannot be closed or freed stays.
+    const bool isOfNoConsequence = rest.find("O_PATH") != rest.npos || name == "close" ||
+                                   name == "munmap" || rest.starts_with("AF_UNIX");
+    if (!isOfNoConsequence) {
+      calls.emplace_back(name, number);
+    }
+    if (name == "sendmsg") {
+      break;
+    }
+  }
+  return calls;
+}
+
+TEST_F(SealTest, WhereOneCallOfItsMakingFailsTheCommandDoesNotRun) {
+  if (loopback::findProgram("strace").empty()) {
+    GTEST_SKIP() << "no strace here";
+  }
+  const std::vector<std::string> command{sealed, "touch", "/tmp/ran"};
+  const auto traced = [&](std::vector<std::string> options) {
+    std::remove("/tmp/ran");
+    options.insert(options.begin(), {"strace", "-f", "-qq", "-o", "/tmp/trace"});
+    options.insert(options.end(), command.begin(), command.end());
+    return run(options).status;
+  };
+  EXPECT_EQ(traced({}), 0);
+  const auto calls = callsOfTheMaking(contentOf("/tmp/trace"));
+  EXPECT_GT(calls.size(), 60U);
+  for (const auto& [name, number] : calls) {
+    const std::string fault = "inject=" + name + ":error=EPERM:when=" + std::to_string(number);
+    EXPECT_NE(traced({"-e", fault}), 0) << fault;
+    EXPECT_NE(access("/tmp/ran", F_OK), 0) << fault;
+  }
+}
+
 // A shell with jobs on a terminal of its own, which somebody types into.
 class Terminal {
  public:
@@ -341,6 +299,8 @@ TEST_F(SealTest, JobsWorkAsWithoutIt) {
   }
 }
 
+// ---- The lab -----------------------------------------------------------------------------------
+
 // The lab's udev: everybody may open the tun, as on most machines.
 void equip() {
   const auto copy = [](const char* from, const char* to) {
@@ -348,6 +308,8 @@ void equip() {
     chmod(to, 0755);
   };
   copy(ZK_SEALED, "/tmp/sealed");
+  copy(ZK_ZKTURN, "/tmp/zkturn");
+  copy(ZK_SEAL_TESTS "/sealed_client.py", "/tmp/sealed_client.py");
   copy(ZK_WAYS_OUT, "/tmp/ways-out");
   copy(ZK_WAYS_OUT, "/tmp/setuid");
   chmod("/tmp/setuid", 04755);

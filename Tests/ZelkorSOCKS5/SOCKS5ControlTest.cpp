@@ -358,7 +358,7 @@ TEST(SOCKS5Control, EndsEveryWaitWhenItIsStopped) {
   for (int i = 0; i < 15; ++i) {
     stopped("silent.test", 1, connects);
   }
-  const Deadline soon = std::chrono::steady_clock::now() + 50ms;
+  const Deadline soon = Deadline::clock::now() + 50ms;
   EXPECT_EQ(resolveTCP("silent.test", "1", soon, nullptr).error, gai_strerror(EAI_AGAIN));
   SOCKS5Control oneMore("silent.test", 1, {}, {}, longLimit);
   EXPECT_EQ(failureOf([&] { oneMore.connect(); }),

@@ -10,7 +10,7 @@ using test::hex;
 
 TEST(SOCKS5UDPFrame, WrapsWithAnIPv4Header) {
   EXPECT_EQ(SOCKS5UDPFrame::wrap(hex("A1"), {0xCB007109, 3478}), hex("00000001 CB007109 0D96 A1"));
-  EXPECT_EQ(SOCKS5UDPFrame::wrap({}, {}), hex("00000001 00000000 0000"));
+  EXPECT_EQ(SOCKS5UDPFrame::wrap({}, Endpoint()), hex("00000001 00000000 0000"));
 }
 
 // Each header, cut short anywhere, whole, and with a payload.

@@ -46,7 +46,7 @@ constexpr const char* asItStands =
 TEST(DecodeConfig, SaysWhatIsInTheLineOrWhatIsWrongWithItAndNoSecret) {
   const std::string zero(1, '\0');
   const std::string deep(500'000, '[');
-  const std::string option = R"("options":{"x":1,)";
+  const std::string option = R"("options":{)";
   const std::string behind = fmt::format("syntax error at column {}", good.size() + 1);
   const std::string noPort = "wrong type: proxy.port must be an integer of 64 bits, not ";
   const std::pair<std::string, std::string> cases[] = {
@@ -81,6 +81,8 @@ TEST(DecodeConfig, SaysWhatIsInTheLineOrWhatIsWrongWithItAndNoSecret) {
        "wrong type: options.relayedPort must be a string, not number"},
       {withMember(option + R"("relayedPort":"my-port"})"),
        "wrong value: options.relayedPort must be assigned or mapped"},
+      {withMember(option + R"("acceptFingerprnt":true})"), "unknown key: options.acceptFingerprnt"},
+      {withMember(option + R"("a\n\u0085b":"my-"})"), "unknown key: options.a??b"},
       {withMember(R"("options":null)"), "wrong type: options must be an object, not null"},
       // One object, and nothing behind it.
       {good + "x", behind},
@@ -88,7 +90,7 @@ TEST(DecodeConfig, SaysWhatIsInTheLineOrWhatIsWrongWithItAndNoSecret) {
       {good + zero, behind},
       {good + zero + "x", behind},
       {"   ", "syntax error at column "},
-      {good.substr(0, good.size() - 1), "syntax error at column "},
+      {"{", "syntax error at column 2, the end: all of it must be on one line"},
       {with("\xFF", "my-pass"), "syntax error at column "},
       {with("\\ud800", "my-pass"), "syntax error at column "},
       {with(zero, "my-"), "syntax error at column "},

@@ -49,49 +49,13 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
   return pointers;
 }
 
-/// What a folder of /proc holds; nothing once the process is gone.
-std::vector<fs::path> entriesOf(pid_t pid, const char* folder) {
-  std::vector<fs::path> entries;
+std::size_t countEntries(const fs::path& folder) {
   std::error_code gone;
-  fs::directory_iterator at(fs::path("/proc") / std::to_string(pid) / folder, gone);
-  for (const fs::directory_iterator end; !gone && at != end; at.increment(gone)) {
-    entries.push_back(at->path());
+  std::size_t count = 0;
+  for (fs::directory_iterator at(folder, gone), end; !gone && at != end; at.increment(gone)) {
+    ++count;
   }
-  return entries;
-}
-
-/// The threads of a process, of its children, and of theirs.
-std::vector<fs::path> tasksOf(pid_t pid) {
-  std::vector<fs::path> tasks = entriesOf(pid, "task");
-  for (std::size_t i = 0; i < tasks.size(); ++i) {
-    std::ifstream list(tasks[i] / "children");
-    for (pid_t child = 0; list >> child;) {
-      std::ranges::copy(entriesOf(child, "task"), std::back_inserter(tasks));
-    }
-  }
-  return tasks;
-}
-
-/// The same without all threads but the first of each.
-std::vector<fs::path> familyOf(pid_t pid) {
-  std::vector<fs::path> first = tasksOf(pid);
-  std::erase_if(first, [](const fs::path& task) {
-    return task.filename() != task.parent_path().parent_path().filename();
-  });
-  return first;
-}
-
-/// The number behind `name` in a status file of /proc; 0 without one.
-std::size_t numberIn(const fs::path& status, const std::string& name) {
-  std::ifstream file(status);
-  std::size_t number = 0;
-  for (std::string word; file >> word;) {
-    if (word == name) {
-      file >> number;
-      break;
-    }
-  }
-  return number;
+  return count;
 }
 
 }  // namespace
@@ -200,40 +164,28 @@ std::optional<int> ChildProcess::waitExit(Milliseconds timeout) {
 }
 
 std::size_t ChildProcess::descriptorCount() const {
-  return entriesOf(pid_, "fd").size();
+  return countEntries(proc() / "fd");
 }
 
 std::size_t ChildProcess::threadCount() const {
-  return entriesOf(pid_, "task").size();
+  return countEntries(proc() / "task");
 }
 
 std::size_t ChildProcess::residentKilobytes() const {
-  std::size_t total = 0;
-  for (const fs::path& process : familyOf(pid_)) {
-    total += numberIn(process / "status", "VmRSS:");
-  }
-  return total;
+  std::ifstream pages(proc() / "statm");
+  std::size_t all = 0;
+  std::size_t resident = 0;
+  pages >> all >> resident;
+  return resident * static_cast<std::size_t>(getpagesize()) / 1024;
 }
 
 std::chrono::nanoseconds ChildProcess::cpuTime() const {
-  std::chrono::nanoseconds total{0};
-  for (const fs::path& process : familyOf(pid_)) {
-    clockid_t clock{};
-    timespec used{};
-    if (clock_getcpuclockid(std::stoi(process.filename()), &clock) == 0 &&
-        clock_gettime(clock, &used) == 0) {
-      total += std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
-    }
+  clockid_t clock{};
+  timespec used{};
+  if (clock_getcpuclockid(pid_, &clock) != 0 || clock_gettime(clock, &used) != 0) {
+    return {};
   }
-  return total;
-}
-
-std::size_t ChildProcess::wakeUps() const {
-  std::size_t total = 0;
-  for (const fs::path& task : tasksOf(pid_)) {
-    total += numberIn(task / "status", "voluntary_ctxt_switches:");
-  }
-  return total;
+  return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
 }
 
 std::string runScript(const std::string& script) {

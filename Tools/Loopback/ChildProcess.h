@@ -3,6 +3,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
@@ -50,15 +51,14 @@ class ChildProcess {
   /// still runs after `timeout`.
   std::optional<int> waitExit(Milliseconds timeout);
 
-  /// The entries of /proc/PID/fd and /proc/PID/task; 0 once the process is gone.
+  /// Its folder in /proc.
+  std::filesystem::path proc() const { return "/proc/" + std::to_string(pid_); }
+  /// The entries of its folders fd and task; 0 once the process is gone.
   std::size_t descriptorCount() const;
   std::size_t threadCount() const;
-  /// VmRSS in KiB, and CPU time that all threads, ended ones included, have used so far: its own
-  /// and its children's that are still there.
+  /// Memory, and CPU time that all its threads, ended ones included, have used so far.
   std::size_t residentKilobytes() const;
   std::chrono::nanoseconds cpuTime() const;
-  /// How often its threads have waited for something, and were woken.
-  std::size_t wakeUps() const;
 
  private:
   pid_t pid_ = -1;

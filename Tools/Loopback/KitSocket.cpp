@@ -108,7 +108,7 @@ void setBlocking(int socket, std::chrono::milliseconds limit) {
 }
 
 bool waitReadable(int descriptor, std::chrono::milliseconds limit) {
-  return waitFor(descriptor, POLLIN, std::chrono::steady_clock::now() + limit) == Wait::ready;
+  return waitFor(descriptor, POLLIN, Deadline::clock::now() + limit) == Wait::ready;
 }
 
 }  // namespace zk::loopback

@@ -13,8 +13,6 @@
 namespace zk::loopback {
 namespace {
 
-using namespace std::chrono_literals;
-
 constexpr int mostSilences = 5;
 constexpr std::uint32_t marker = UINT32_MAX;
 
@@ -31,38 +29,14 @@ std::uint32_t anyNumber() {
   return static_cast<std::uint32_t>(random());
 }
 
-/// One size of payload, all of them alike but for their stamps.
-class Pattern {
+class Load {
  public:
-  Pattern(const std::vector<CallLeg>& legs, std::size_t size)
-      : payload_(std::max(size, Ledger::stampSize)) {
+  Load(const std::vector<CallLeg>& legs, const LoadPlan& plan)
+      : legs_(legs), plan_(plan), payload_(std::max(plan.payload, Ledger::stampSize)) {
     std::ranges::generate(payload_, [] { return static_cast<std::uint8_t>(anyNumber()); });
     for (const CallLeg& leg : legs) {
       datagrams_.push_back(leg.frame(payload_));
     }
-  }
-
-  void send(const CallLeg& leg, std::size_t which, Ledger& ledger) {
-    Bytes& datagram = datagrams_[which];
-    ledger.stamp(&datagram[leg.payloadAt]);
-    ::send(leg.socket, datagram.data(), datagram.size(), 0);
-  }
-
-  /// Whether what has come is one of them, which padding may follow.
-  bool fits(ByteView content) const {
-    return content.size() >= payload_.size() &&
-           std::equal(payload_.begin() + Ledger::stampSize, payload_.end(),
-                      content.begin() + Ledger::stampSize);
-  }
-
- private:
-  Bytes payload_;
-  std::vector<Bytes> datagrams_;  // by leg
-};
-
-class Load {
- public:
-  Load(const std::vector<CallLeg>& legs, const LoadPlan& plan) : legs_(legs), plan_(plan) {
     if (legs.size() == 1) {  // a plain receive costs least
       setBlocking(legs[0].socket, plan.patience);
       return;
@@ -75,8 +49,10 @@ class Load {
   }
 
   LoadResult run() {
-    patterns_.emplace_back(legs_, plan_.payload);
-    const std::uint64_t end = endOf(plan_.duration.count() == 0 ? 24h * 365 : plan_.duration);
+    const std::uint64_t end =
+        plan_.duration.count() == 0
+            ? UINT64_MAX
+            : start_ + static_cast<std::uint64_t>(plan_.duration.count()) * 1'000'000U;
     const std::uint64_t count = plan_.count == 0 ? UINT64_MAX : plan_.count;
     unsigned flying = 0;
     int silences = 0;
@@ -94,43 +70,17 @@ class Load {
         plan_.progress(ledger_.sent() - flying);
       }
     }
-    return finish();
-  }
-
-  LoadResult call() {
-    patterns_ = {Pattern(legs_, 160), Pattern(legs_, 1100)};
-    const std::chrono::nanoseconds gaps[] = {20ms, 33333us};
-    std::uint64_t next[] = {start_, start_};
-    unsigned pictures = 0;
-    const std::uint64_t end = endOf(plan_.duration);
-    for (std::uint64_t now = start_; now < end; now = monotonicNanoseconds()) {
-      for (const std::size_t kind : {0U, 1U}) {
-        const unsigned size = kind == 0 ? 1 : 4 + pictures % 7;
-        for (unsigned i = 0; now >= next[kind] && i < size; ++i) {
-          patterns_[kind].send(legs_[0], 0, ledger_);
-        }
-        pictures += now >= next[kind] && kind == 1 ? 1 : 0;
-        next[kind] += now >= next[kind] ? static_cast<std::uint64_t>(gaps[kind].count()) : 0;
-      }
-      takeUntil(std::min({next[0], next[1], end}));
-    }
-    takeUntil(endOf(plan_.duration + plan_.patience));
-    return finish();
-  }
-
- private:
-  std::uint64_t endOf(std::chrono::nanoseconds duration) const {
-    return start_ + static_cast<std::uint64_t>(duration.count());
-  }
-
-  LoadResult finish() {
+    const double seconds = static_cast<double>(monotonicNanoseconds() - start_) / 1e9;
     LoadResult result = ledger_.close();
-    result.seconds = static_cast<double>(monotonicNanoseconds() - start_) / 1e9;
+    result.seconds = seconds;
     return result;
   }
 
+ private:
   void sendOne() {
-    patterns_[0].send(legs_[next_], next_, ledger_);
+    Bytes& datagram = datagrams_[next_];
+    ledger_.stamp(&datagram[legs_[next_].payloadAt]);
+    send(legs_[next_].socket, datagram.data(), datagram.size(), 0);
     if (++sentInBurst_ >= plan_.burst) {
       sentInBurst_ = 0;
       next_ = (next_ + 1) % legs_.size();
@@ -162,26 +112,20 @@ class Load {
       }
       const ByteView datagram = ByteView(buffer_).first(static_cast<std::size_t>(n));
       const ByteView content = datagram.subspan(std::min(datagram.size(), legs_[from].payloadAt));
-      const auto fits = [&](const Pattern& pattern) { return pattern.fits(content); };
-      if (ledger_.take(std::ranges::any_of(patterns_, fits) ? content : ByteView{})) {
+      const bool fits =  // padding may follow
+          content.size() >= payload_.size() &&
+          std::equal(payload_.begin() + Ledger::stampSize, payload_.end(),
+                     content.begin() + Ledger::stampSize);
+      if (ledger_.take(fits ? content : ByteView{})) {
         return true;
       }
     }
   }
 
-  void takeUntil(std::uint64_t end) {
-    for (std::uint64_t now = 0; (now = monotonicNanoseconds()) < end;) {
-      const std::chrono::nanoseconds left(end - now);
-      if (waitReadable(legs_[0].socket, std::chrono::ceil<std::chrono::milliseconds>(left))) {
-        while (receiveOne(0, MSG_DONTWAIT)) {
-        }
-      }
-    }
-  }
-
-  const std::vector<CallLeg> legs_;
-  const LoadPlan plan_;
-  std::vector<Pattern> patterns_;
+  const std::vector<CallLeg>& legs_;
+  const LoadPlan& plan_;
+  Bytes payload_;
+  std::vector<Bytes> datagrams_;  // by leg
   Ledger ledger_;
   Descriptor poll_;
   const std::uint64_t start_ = monotonicNanoseconds();
@@ -261,10 +205,6 @@ CallLeg CallLeg::indications(const TURNClient& client, const Endpoint& peer) {
 
 LoadResult runLoad(const std::vector<CallLeg>& legs, const LoadPlan& plan) {
   return Load(legs, plan).run();
-}
-
-LoadResult runCall(const CallLeg& leg, std::chrono::milliseconds duration) {
-  return Load({leg}, {.duration = duration}).call();
 }
 
 }  // namespace zk::loopback

@@ -80,9 +80,4 @@ struct LoadPlan {
 /// back octet by octet.
 LoadResult runLoad(const std::vector<CallLeg>& legs, const LoadPlan& plan);
 
-/// A call with sound and pictures: 50 datagrams of 160 octets a second beside 30 pictures of 4 to
-/// 10 datagrams of 1,100 octets. All of them are to come back, which makes it as much the other
-/// way.
-LoadResult runCall(const CallLeg& leg, std::chrono::milliseconds duration);
-
 }  // namespace zk::loopback

@@ -67,19 +67,6 @@ TURNClient::TURNClient(std::uint16_t serverPort, TURNCredentials credentials)
   socket_.connectTo(localEndpoint(serverPort));
 }
 
-std::uint16_t TURNClient::localPort() const {
-  return socket_.port();
-}
-
-void TURNClient::setRetransmission(Milliseconds interval, int times) {
-  retransmissionInterval_ = interval;
-  retransmissions_ = times;
-}
-
-bool TURNClient::send(ByteView datagram) {
-  return socket_.send(datagram);
-}
-
 std::optional<Bytes> TURNClient::waitForDatagram(Clock::time_point deadline) {
   std::array<std::uint8_t, 65536> buffer;
   for (;;) {
@@ -205,14 +192,6 @@ TURNAnswer TURNClient::bindChannel(std::uint16_t number, const Endpoint& peer) {
   message.append(TURNAttr::channelNumber, value);
   message.append(TURNAttr::xorPeerAddress, TURNAttributes::encodeXorAddress(peer));
   return authenticatedRequest(message);
-}
-
-bool TURNClient::sendIndication(const Endpoint& peer, ByteView payload) {
-  return send(sendIndicationTo(peer, payload, freshTransaction()));
-}
-
-bool TURNClient::sendChannelData(std::uint16_t number, ByteView payload) {
-  return send(channelData(number, payload));
 }
 
 std::optional<TURNData> TURNClient::receiveData(Milliseconds timeout) {

@@ -63,7 +63,7 @@ class TURNClient {
   TURNClient& operator=(const TURNClient&) = delete;
 
   /// The client's own address, which the server should report as mapped.
-  std::uint16_t localPort() const;
+  std::uint16_t localPort() const { return socket_.port(); }
   /// Its socket, for a driver that sends and receives without copies.
   int socket() const { return socket_.get(); }
 
@@ -72,10 +72,13 @@ class TURNClient {
   void setTimeout(Milliseconds timeout) { timeout_ = timeout; }
   /// Sends a request again, unchanged, each time `interval` has passed without an answer, at most
   /// `times` times. Off unless set.
-  void setRetransmission(Milliseconds interval, int times);
+  void setRetransmission(Milliseconds interval, int times) {
+    retransmissionInterval_ = interval;
+    retransmissions_ = times;
+  }
 
   /// One datagram as it stands. Whether the system took it.
-  bool send(ByteView datagram);
+  bool send(ByteView datagram) { return socket_.send(datagram); }
   /// The next datagram from the server; absent after `timeout`.
   std::optional<Bytes> receive(Milliseconds timeout);
 
@@ -92,8 +95,12 @@ class TURNClient {
   TURNAnswer createPermission(const Endpoint& peer);
   TURNAnswer bindChannel(std::uint16_t number, const Endpoint& peer);
 
-  bool sendIndication(const Endpoint& peer, ByteView payload);
-  bool sendChannelData(std::uint16_t number, ByteView payload);
+  bool sendIndication(const Endpoint& peer, ByteView payload) {
+    return send(sendIndicationTo(peer, payload, freshTransaction()));
+  }
+  bool sendChannelData(std::uint16_t number, ByteView payload) {
+    return send(channelData(number, payload));
+  }
   /// The next datagram from a peer; anything else that comes is thrown away. Absent after
   /// `timeout`.
   std::optional<TURNData> receiveData(Milliseconds timeout);

@@ -2,7 +2,6 @@
 // a bound was not kept.
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>

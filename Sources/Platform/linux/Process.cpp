@@ -8,6 +8,8 @@
 
 namespace zk {
 
+const clockid_t clockThatCountsSuspension = CLOCK_BOOTTIME;
+
 void closeInherited() {
   close_range(STDERR_FILENO + 1, ~0U, 0);
 }

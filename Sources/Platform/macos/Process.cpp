@@ -14,6 +14,8 @@
 
 namespace zk {
 
+const clockid_t clockThatCountsSuspension = CLOCK_MONOTONIC_RAW;
+
 // There is no call for a range, and the limit may be a quarter of a million.
 void closeInherited() {
   std::vector<int> descriptors;

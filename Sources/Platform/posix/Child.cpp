@@ -10,12 +10,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Platform/Clock.h"
+
 extern "C" char** environ;
 
 namespace zk {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = SteadyClock;
 
 void require(int error, const char* what) {
   if (error != 0) {

@@ -3,17 +3,12 @@
 #include <fmt/format.h>
 #include <time.h>
 
+#include "Platform/posix/System.h"
+
 namespace zk {
 namespace {
 
 constexpr std::int64_t microsecondsPerSecond = 1'000'000;
-
-std::uint64_t nanosecondsOf(clockid_t clock) {
-  timespec now{};
-  clock_gettime(clock, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000U +
-         static_cast<std::uint64_t>(now.tv_nsec);
-}
 
 tm calendarOf(std::int64_t seconds) {
   const time_t time = seconds;
@@ -33,7 +28,10 @@ void writeDigits(char* to, int digits, int value) {
 }  // namespace
 
 std::uint64_t monotonicNanoseconds() {
-  return nanosecondsOf(CLOCK_MONOTONIC);
+  timespec now{};
+  clock_gettime(clockThatCountsSuspension, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000U +
+         static_cast<std::uint64_t>(now.tv_nsec);
 }
 
 std::int64_t wallClockMicroseconds() {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <limits>
+#include <cstdint>
 #include <system_error>
 
 #include <netdb.h>
@@ -15,6 +15,12 @@
 #include "Platform/posix/System.h"
 
 namespace zk {
+namespace {
+
+// poll(2) does not count the time for which the machine is suspended, a deadline does.
+constexpr std::int64_t longestPoll = 1000;  // milliseconds
+
+}  // namespace
 
 std::string errorText(int error) {
   return std::generic_category().message(error);
@@ -33,9 +39,9 @@ Wait waitFor(int descriptor, short events, Deadline deadline, const StopSignal* 
   std::array<pollfd, 2> watched{
       {{descriptor, events, 0}, {stop != nullptr ? stop->descriptor() : -1, POLLIN, 0}}};
   while (true) {
-    const auto left =
-        std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-    const auto limit = std::clamp<long long>(left, 0, std::numeric_limits<int>::max());
+    const auto left = std::chrono::ceil<milliseconds>(deadline - SteadyClock::now()).count();
+    const auto limit =
+        deadline == Deadline::max() ? -1 : std::clamp<std::int64_t>(left, 0, longestPoll);
     const int ready = poll(watched.data(), watched.size(), static_cast<int>(limit));
     if (stop != nullptr && stop->isRaised()) {
       return Wait::stopped;

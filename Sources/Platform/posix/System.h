@@ -5,6 +5,7 @@
 
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <time.h>
 
 #include "Base/Bytes.h"
 #include "Platform/Descriptor.h"
@@ -26,6 +27,9 @@ inline void setOption(int socket, int level, int option, int value) {
 
 /// The TCP option that holds the seconds of silence before the first probe.
 extern const int keepAliveIdleOption;
+
+/// A clock that only runs forward, and also while the machine is suspended.
+extern const clockid_t clockThatCountsSuspension;
 
 /// Closes every descriptor but those of standard input, output and error.
 void closeInherited();

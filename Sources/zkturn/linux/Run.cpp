@@ -1,8 +1,11 @@
 #include "zkturn/Run.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <optional>
+#include <sstream>
 
 #include <fmt/compile.h>
 #include <fmt/format.h>
@@ -40,6 +43,22 @@ void prepareSelf() {
   setrlimit(RLIMIT_CORE, &none);
 }
 
+// The options with the STUN servers that ZK_STUN_IPS names, where the command line names none.
+ProxyOptions withServers(ProxyOptions proxy) {
+  const char* const given = std::getenv("ZK_STUN_IPS");
+  if (given == nullptr || !proxy.stunServers.empty()) {
+    return proxy;
+  }
+  std::istringstream list(given);
+  for (std::string entry; std::getline(list, entry, ',');) {
+    const auto server = parseHostPort(entry);
+    if (const auto address = server ? parseAddress(server->host) : std::nullopt) {
+      proxy.stunServers.push_back({*address, server->port});
+    }
+  }
+  return proxy;
+}
+
 // Whom peers see, or why nothing can go through the proxy, which ends it.
 void lookAtProxy(const ProxyOptions& proxy, const std::optional<std::string>& password) {
   constexpr bool asksResolver = false;
@@ -49,6 +68,11 @@ void lookAtProxy(const ProxyOptions& proxy, const std::optional<std::string>& pa
     const Findings& found = look.findings();
     say(fmt::format("peers see {}, round trip {:.0f} ms", found.seenByPeers->ip(),
                     found.roundTripMilliseconds));
+    look.comparePorts();
+    if (found.isPortTheSame == false) {
+      say("two people behind this proxy cannot call each other, as it shows each peer another "
+          "port");
+    }
   } catch (const Failure& failure) {
     look.conclude(failure);
     if (failure.outcome == Outcome::notReached) {
@@ -67,7 +91,7 @@ class RunLog {
     }
     std::FILE* const file = std::fopen(path.c_str(), "ae");
     if (file == nullptr) {
-      throw SealFailure(fmt::format("cannot write the log {}: {}", path, lastErrorText()));
+      throw SealFailure(fmt::format("cannot write the log {}: {}", path, errorText(errno)));
     }
     std::fclose(file);
     writer_.emplace("zk.turn.log");
@@ -118,6 +142,8 @@ CarrierSettings settingsFor(const ProxyOptions& proxy, const RunOptions& options
     settings.nameServers = options.dns;
   }
   settings.carriesPrivate = options.carriesPrivate;
+  settings.carriesQUIC = options.carriesQUIC;
+  settings.tell = [](std::string_view sentence) { say(sentence); };
   settings.log = log.callback();
   return settings;
 }
@@ -133,7 +159,7 @@ int runSealed(const ProxyOptions& proxy, const RunOptions& options) {
   prepareSelf();
   SealDescriptors made = seal.takeDescriptors();
   const std::optional<std::string> password = readPassword(proxy);
-  lookAtProxy(proxy, password);
+  lookAtProxy(withServers(proxy), password);
   if (!command.remark().empty()) {
     say(command.remark());
   }

@@ -149,7 +149,7 @@ void SealedCommand::takeProfile(const std::string& name) {
   std::string path = fs::temp_directory_path(failure) / ("zkturn-" + name + "-XXXXXX");
   if (mkdtemp(path.data()) == nullptr) {
     throw SealFailure(
-        fmt::format("cannot make a profile for {} in {}: {}", name, path, lastErrorText()));
+        fmt::format("cannot make a profile for {} in {}: {}", name, path, errorText(errno)));
   }
   profile_ = path;
   isTemporary_ = true;

@@ -180,7 +180,8 @@ class Run {
   bool isOutputLost() const {
     const std::string log = contentOf(log_);
     const auto at = log.find("write(1, ");
-    return at != log.npos && log.substr(at, log.find('\n', at) - at).ends_with("(INJECTED)");
+    const std::string line = at == log.npos ? "" : log.substr(at, log.find('\n', at) - at);
+    return line.ends_with("(INJECTED)") || line.ends_with("<unfinished ...>");
   }
 
   std::size_t injected() const {

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <chrono>
+
+#include "Loopback/Load.h"
+
+namespace zk::bench {
+
+/// A call with sound and pictures: 50 datagrams of 160 octets a second beside 30 pictures of 4 to
+/// 10 datagrams of 1,100 octets. All of them are to come back, which makes it as much the other
+/// way.
+loopback::LoadResult runCall(const loopback::CallLeg& leg, std::chrono::milliseconds duration);
+
+}  // namespace zk::bench
