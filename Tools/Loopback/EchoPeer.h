@@ -5,7 +5,6 @@
 #include <optional>
 #include <string>
 
-#include "Base/Bytes.h"
 #include "Loopback/DatagramService.h"
 
 namespace zk::loopback {

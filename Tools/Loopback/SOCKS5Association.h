@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <optional>
 
-#include "Base/Bytes.h"
 #include "Loopback/SOCKS5Core.h"
 
 namespace zk::loopback {

@@ -4,7 +4,6 @@
 #include <memory>
 #include <optional>
 
-#include "Base/Bytes.h"
 #include "Loopback/SOCKS5Core.h"
 
 namespace zk::loopback {

@@ -6,7 +6,6 @@
 #include <optional>
 #include <string>
 
-#include "Base/Bytes.h"
 #include "Loopback/DatagramService.h"
 
 namespace zk::loopback {
