@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "Base/Bytes.h"
 #include "Loopback/DatagramService.h"
 
 namespace zk::loopback {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <optional>
 
+#include "Base/Bytes.h"
 #include "Loopback/SOCKS5Core.h"
 
 namespace zk::loopback {

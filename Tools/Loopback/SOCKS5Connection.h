@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 
+#include "Base/Bytes.h"
 #include "Loopback/SOCKS5Core.h"
 
 namespace zk::loopback {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "Base/Bytes.h"
 #include "Loopback/DatagramService.h"
 
 namespace zk::loopback {
