@@ -28,6 +28,10 @@ install(FILES ${packaging}/_zkturn DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site
 # Where Debian's zsh looks instead.
 install(FILES ${packaging}/_zkturn DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 
+# Put in its place, and loaded, where AppArmor is one that needs it.
+install(FILES ${packaging}/apparmor DESTINATION ${CMAKE_INSTALL_DATADIR}/zkturn)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${packaging}/postinst ${packaging}/prerm)
+
 set(docs ${CMAKE_INSTALL_DATADIR}/doc/zkturnd)
 install(FILES README.md packaging/copyright DESTINATION ${docs})
 # The README refers to the other documents by these paths.

@@ -65,7 +65,7 @@ std::vector<std::string> shownPaths(const std::string& runtime, bool keepsBus) {
   };
   add(variable("WAYLAND_DISPLAY", "wayland-0"));  // windows
   add(variable("XAUTHORITY"));                    // the key to X11's, often kept there
-  add("pulse");                                   // sound, by its two servers
+  add("pulse/native");                                   // sound, by its two servers
   add("pipewire-0");
   if (keepsBus) {
     add("bus");

@@ -145,6 +145,18 @@ TEST_F(RunTest, AProxyWithoutUDPIsWorthAWarning) {
       << outcome.output;
 }
 
+TEST_F(RunTest, ASealHoldsASecondOne) {
+  const std::string outer = proxy;
+  scriptProxy({});
+  const auto inner = throughProxy(client("echo"));
+  proxy = outer;
+  const Outcome outcome = run(throughProxy(inner));
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_NE(outcome.output.find("echo: hello\n"), std::string::npos) << outcome.output;
+  EXPECT_GT(scripted->counts().connections, 1U);
+  EXPECT_EQ(traffic(), toProxy);
+}
+
 TEST_F(RunTest, WhatWasSaidLastArrives) {
   const Outcome outcome = run(throughProxy(client("last words")));
   EXPECT_EQ(outcome.status, 0) << outcome.output;

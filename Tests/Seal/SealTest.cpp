@@ -3,11 +3,8 @@
 #include <csignal>
 #include <sstream>
 
-#include <fcntl.h>
-#include <pty.h>
 #include <sys/mount.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 
 #include "Seal/SealLab.h"
 
@@ -62,7 +59,7 @@ TEST_F(WaysOutTest, NoneIsOpen) {
       ++looked;
     }
   }
-  EXPECT_EQ(looked, 24U);
+  EXPECT_EQ(looked, 25U);
   const std::string output = contentOf("/tmp/output");
   for (const char* const to : {"198.51.100.11", "203.0.113.1", "10.1.0.1", "192.168.1.1",
                                "224.0.0.251", "239.255.255.250", "255.255.255.255"}) {
@@ -80,6 +77,9 @@ TEST_F(WaysOutTest, OutsideOfASealTheyAreSeenToLeak) {
   for (const auto& [way, state] : ways("")) {
     // What belongs to the seal itself is not there outside of it.
     const bool isOfSeal = std::regex_search(way, std::regex("process 1|of the tun|lies under|cap"));
+    if (way == "calls of 32-bit programs") {
+      continue;  // not every kernel has them
+    }
     EXPECT_EQ(state, isOfSeal ? "closed" : "open") << way;
   }
   const Traffic expected{"UDP to 198.51.100.11 by wire", "UDP to 203.0.113.1 by wire",
@@ -164,6 +164,15 @@ TEST_F(SealTest, ARefusalNamesTheReason) {
     EXPECT_EQ(refused.status, 125) << row.name;
     EXPECT_NE(refused.output.find(row.sentence), std::string::npos) << refused.output;
   }
+  // The limit of a namespace of its own stands for that of the machine.
+  const std::string none =
+      "unshare --user --map-root-user sh -c 'echo 0 >/proc/sys/user/max_user_namespaces; exec " +
+      command + "' >/tmp/output 2>&1";
+  unlink("/tmp/output");
+  EXPECT_EQ(std::system(none.c_str()), 125 << 8);
+  EXPECT_NE(contentOf("/tmp/output").find("user.max_user_namespaces is 0 here; as root"),
+            std::string::npos)
+      << contentOf("/tmp/output");
   ::chmod("/dev/net/tun", 0600);
   EXPECT_NE(run({sealed, "touch", "/tmp/ran"}).output.find("chmod 666 /dev/net/tun"),
             std::string::npos);
@@ -225,78 +234,34 @@ TEST_F(SealTest, WhereOneCallOfItsMakingFailsTheCommandDoesNotRun) {
   }
 }
 
-// A shell with jobs on a terminal of its own, which somebody types into.
-class Terminal {
- public:
-  explicit Terminal(const std::vector<std::string>& command) {
-    pid_ = forkpty(&master_, nullptr, nullptr, nullptr);
-    if (pid_ == 0) {
-      std::vector<char*> arguments;
-      for (const std::string& each : command) {
-        arguments.push_back(const_cast<char*>(each.c_str()));
-      }
-      arguments.push_back(nullptr);
-      execv(arguments[0], arguments.data());
-      _exit(127);
-    }
-    fcntl(master_, F_SETFL, O_NONBLOCK);
+// Windows and sound, and the session bus for those who ask for it.
+TEST_F(SealTest, WhatProgramsNeedToBeSeenAndHeardShows) {
+  NetworkLab::change(
+      "mkdir -p /run/user/65534/pulse /run/udev/data /tmp/.X11-unix; touch /run/udev/data/c1\n"
+      "chown -R nobody /run/user/65534; chmod 1777 /tmp/.X11-unix\n");
+  environment["XDG_RUNTIME_DIR"] = "/run/user/65534";
+  environment["WAYLAND_DISPLAY"] = "wayland-7";
+  environment["XAUTHORITY"] = "/run/user/65534/key";
+  environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=/run/user/65534/bus,guid=1";
+  std::ofstream("/run/user/65534/key") << "key";
+  const std::string shown[] = {"/run/user/65534/wayland-7", "/run/user/65534/pulse/native",
+                               "/run/user/65534/pipewire-0", "/tmp/.X11-unix/X7"};
+  const std::string bus = "/run/user/65534/bus";
+  serve(bus);
+  for (const std::string& path : shown) {
+    serve(path);
   }
-  ~Terminal() {
-    close(master_);
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
+  const std::string look = "cat $XAUTHORITY; ls /run/udev/data; echo $DBUS_SESSION_BUS_ADDRESS; " +
+                           waysOut + " --opens " + bus;
+  std::string open;
+  for (const std::string& path : shown) {
+    open += " " + path;
   }
-  void type(const std::string& text) {
-    EXPECT_EQ(write(master_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  }
-  // Waits until it shows that, once more than what was waited for before.
-  bool shows(const std::string& text) {
-    return eventually([&] {
-      char read[4096];
-      for (ssize_t size = 0; (size = ::read(master_, read, sizeof read)) > 0;) {
-        screen_.append(read, static_cast<std::size_t>(size));
-      }
-      const auto at = screen_.find(text);
-      if (at != std::string::npos) {
-        screen_.erase(0, at + text.size());
-      }
-      return at != std::string::npos;
-    });
-  }
-  const std::string& screen() const { return screen_; }
-
- private:
-  int master_ = -1;
-  pid_t pid_ = -1;
-  std::string screen_;
-};
-
-TEST_F(SealTest, JobsWorkAsWithoutIt) {
-  for (const std::string& seal : {std::string(), sealed + " "}) {
-    SCOPED_TRACE(seal);
-    std::unique_ptr<Terminal> shell;
-    NetworkLab::in("home", [&] {
-      shell = std::make_unique<Terminal>(asNobody({"/bin/bash", "--norc", "-i"}));
-    });
-    shell->type("PS1='> '\n");
-    shell->type(seal + "bash -c 'echo beg\"\"un; while :; do sleep 0.1; done; echo end\"\"ed'\n");
-    ASSERT_TRUE(shell->shows("begun")) << shell->screen();
-    shell->type("\x1a");
-    ASSERT_TRUE(shell->shows("[1]+  Stopped")) << shell->screen();
-    shell->type("fg\n");
-    ASSERT_TRUE(shell->shows("echo end")) << shell->screen();
-    std::this_thread::sleep_for(milliseconds(300));
-    shell->type("\x03");
-    shell->type("echo status=$?\n");
-    EXPECT_TRUE(shell->shows("status=130\r")) << shell->screen();
-    // A command that reads from the terminal and ends by itself.
-    shell->type(seal + "bash -c 'echo re\"\"ads; cat'\n");
-    ASSERT_TRUE(shell->shows("reads")) << shell->screen();
-    shell->type("hello\n\x04");
-    EXPECT_TRUE(shell->shows("hello\r\nhello")) << shell->screen();
-    shell->type("echo status=$?\n");
-    EXPECT_TRUE(shell->shows("status=0\r")) << shell->screen();
-  }
+  EXPECT_EQ(run({sealed, "sh", "-c", look + open}).output,
+            "keyc1\n\n" + bus + " closed\n" + shown[0] + " open\n" + shown[1] + " open\n" +
+                shown[2] + " open\n" + shown[3] + " open\n");
+  EXPECT_EQ(run({sealed, "--keep-bus", "sh", "-c", look}).output,
+            "keyc1\nunix:path=/run/user/65534/bus,guid=1\n" + bus + " open\n");
 }
 
 // ---- The lab -----------------------------------------------------------------------------------

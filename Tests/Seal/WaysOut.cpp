@@ -164,6 +164,22 @@ bool inNewNamespaces(Work work) {
   return status == 0;
 }
 
+// By the numbers that 32-bit programs have for them, where this processor knows such.
+bool takesOtherCalls() {
+  const pid_t child = fork();
+  if (child == 0) {
+    long answer = -1;
+#if defined(__x86_64__)
+    answer = 20;  // getpid
+    __asm__ volatile("int $0x80" : "+a"(answer) : : "memory");
+#endif
+    _exit(static_cast<int>(answer) > 0 ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return status == 0;
+}
+
 bool holdsCapabilities() {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);) {
@@ -235,6 +251,12 @@ int main(int argc, char** argv) {
   if (mode == "--listen") {
     return serve(argv[2]);
   }
+  if (mode == "--opens") {
+    for (int i = 2; i < argc; ++i) {
+      tell(argv[i], opens(argv[i]));
+    }
+    return 0;
+  }
   leaveBehind("/tmp/heartbeat");
   sendEverywhere();
   std::ofstream("/tmp/started") << "now";
@@ -255,6 +277,7 @@ int main(int argc, char** argv) {
   tell("io_uring", syscall(SYS_io_uring_setup, 1, nullptr) >= 0 || errno == EFAULT);
   tell("request_key", syscall(SYS_request_key, "user", "x", nullptr, 0) >= 0 || errno != EPERM);
   tell("another family", familyOpens(AF_VSOCK, SOCK_STREAM) || familyOpens(AF_ALG, SOCK_SEQPACKET));
+  tell("calls of 32-bit programs", takesOtherCalls());
   tell("capabilities", holdsCapabilities());
   tell("a setuid program", becomesRoot("/tmp/setuid"));
   tell("attaching to process 1", attachesToFirst());

@@ -137,7 +137,7 @@ int serve(Seal& seal, EventLoop& loop, const Carrier& carrier) {
 CarrierSettings settingsFor(const ProxyOptions& proxy, const RunOptions& options,
                             const std::optional<std::string>& password, RunLog& log) {
   CarrierSettings settings;
-  settings.proxy = {proxy.proxy.host, proxy.proxy.port, proxy.user, password, proxy.viaDefault};
+  settings.proxy = {{proxy.proxy.host, proxy.proxy.port, proxy.user, password}, proxy.viaDefault};
   if (!options.dns.empty()) {
     settings.nameServers = options.dns;
   }
