@@ -59,6 +59,71 @@ std::uint64_t pseudoSum(ByteView packet) {
   return rest(packet[9] + packet.size() - 20, packet.subspan(12, 8));
 }
 
+// A relay that is there at once, or not at all.
+class FuzzRelay final : public TURNRelay {
+ public:
+  FuzzRelay(std::vector<FuzzRelay*>& all, bool exists) : all_(all), exists_(exists) {
+    all_.push_back(this);
+  }
+  ~FuzzRelay() override { std::erase(all_, this); }
+  RelayedAddress allocateRelay(const OpeningAttempt&) override {
+    if (!exists_) {
+      throw SOCKS5Error::udpAssociateRejected(2);
+    }
+    return {"0.0.0.0", 1};
+  }
+  void sendAll(std::span<const PeerDatagram> datagrams) override {
+    for (const PeerDatagram& datagram : datagrams) {
+      const std::uint32_t to = datagram.peer.endpoint.address;
+      require(to >> 24 != 127 && to >> 24 != 0 && to >> 29 != 7, "only hosts are sent to");
+      require(datagram.payload.size() < 65'536, "no more than a packet holds");
+    }
+  }
+  void receive(const RelayLoop&, RelayListener& listener) override { listener_ = &listener; }
+  RelayWay way() const override { return {"127.0.0.1", {INADDR_LOOPBACK, 1}}; }
+  void setCutOff(bool) override {}
+  bool isCutOff() const override { return false; }
+  void retire() override { listener_ = nullptr; }
+  void close() override { listener_ = nullptr; }
+  RelayListener* listener() const { return listener_; }
+
+ private:
+  std::vector<FuzzRelay*>& all_;
+  const bool exists_;
+  RelayListener* listener_ = nullptr;
+};
+
+class FuzzRelays final : public TURNRelayFactory {
+ public:
+  std::shared_ptr<TURNRelay> makeRelay(const Endpoint&) override {
+    return std::make_shared<FuzzRelay>(all, exist);
+  }
+  // What a peer sends, or the proxy says, by one of those that are open.
+  void hear(Input& input) {
+    const std::uint8_t choice = input.octet();
+    RelayListener* const listener = all.empty() ? nullptr : all[choice % all.size()]->listener();
+    const ByteView payload = input.take(input.octet());
+    if (listener == nullptr) {
+      return;
+    }
+    const ReceivedDatagram datagram{payload, {input.number() * 65537U, input.number()}, {}};
+    const ReceivedDatagram named{payload, {}, "a name"};
+    switch (choice >> 5) {
+      case 0:
+        return listener->onLoss(RelayListener::Loss::silent);
+      case 1:
+        return listener->onAssociationEnd("the end");
+      case 2:
+        return listener->onDatagrams({&named, 1});
+      default:
+        return listener->onDatagrams({&datagram, 1});
+    }
+  }
+
+  std::vector<FuzzRelay*> all;
+  bool exist = true;
+};
+
 // Of a program, or of the listener, to some address: a segment or a datagram whose checksums are
 // right.
 Bytes packetFrom(Input& input) {
@@ -107,7 +172,6 @@ void check(ByteView packet, bool wereAllRight) {
   const bool isUDP = packet[9] == 17;
   require(isICMP || isUDP || packet[9] == 6, "it is ICMP, UDP or TCP");
   require(packet.size() >= (packet[9] == 6 ? 40U : 28U), "it has its header");
-  require(!isUDP || readUInt16(packet, 20) == 53, "a datagram is an answer of names");
   require(!isUDP || readUInt16(packet, 26) == 0, "a datagram has no checksum");
   if (wereAllRight || isICMP) {
     require(isUDP || rest(isICMP ? 0 : pseudoSum(packet), packet.subspan(20)) == 0,
@@ -140,6 +204,11 @@ void run(ByteView bytes) {
   const sockaddr_in address = Endpoint{INADDR_LOOPBACK, proxyPort}.socketAddress();
   std::memcpy(&settings.way->address, &address, sizeof address);
 
+  const auto relays = std::make_shared<FuzzRelays>();
+  settings.carriesQUIC = (choice & 4) != 0;
+  settings.opener = std::make_shared<RelayOpener>(
+      relays, nullptr, [](const std::string&, const std::function<void()>& body) { body(); });
+
   std::uint64_t now = 1;
   EventLoop loop([&now] { return now; });
   Carrier carrier(loop, std::move(seal), settings);
@@ -148,7 +217,8 @@ void run(ByteView bytes) {
   std::array<std::uint8_t, 65536> written;
   for (int step = 0; step < 200 && !input.isEmpty(); ++step) {
     const std::uint8_t what = input.octet();
-    switch (what % 6) {
+    relays->exist = (what & 0x80) == 0;
+    switch (what % 7) {
       case 0: {
         const ByteView raw = input.take(input.octet());
         areAllRight = false;
@@ -165,12 +235,15 @@ void run(ByteView bytes) {
       case 4:
         if (!connections.empty()) {
           const ByteView said = input.take(input.octet());
-          Descriptor& connection = connections[what / 6 % connections.size()];
+          Descriptor& connection = connections[what / 7 % connections.size()];
           send(connection.get(), said.data(), said.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
           if (said.empty()) {
             connection.reset();
           }
         }
+        break;
+      case 5:
+        relays->hear(input);
         break;
       default:
         now += std::uint64_t{input.octet()} * 500'000'000;
@@ -202,8 +275,11 @@ std::vector<Bytes> seeds() {
   const Bytes refused{3, 10, 5, 5, 0, 1, 0, 0, 0, 0, 0, 0};
   const Bytes name{1, 4, 0, 0, 0, 0, 19, 0, 7, 1, 0, 0, 1, 0, 0, 0, 0, 0, 0, 1, 'x', 0, 0, 1, 0, 1};
   const Bytes named{3, 21, 0, 19, 0, 1, 0x81, 0, 0, 1, 0, 0, 0, 0, 0, 0, 1, 'x', 0, 0, 1, 0, 1};
-  const Bytes later{5, 20};
+  const Bytes later{6, 20};
+  const Bytes datagram{1, 0, 0, 0, 0, 0, 3, 'a', 'b', 'c'};
+  const Bytes heard{5, 0x60, 2, 'a', 'b', 8, 8, 19, 136};
   return {
+      joined({Bytes{0}, datagram, heard, datagram, Bytes{5, 0, 0}, datagram, heard, later}),
       joined({Bytes{0}, syn, method, connected, answer, ack, later}),
       joined({Bytes{1}, syn, Bytes{3, 2, 5, 2}, Bytes{3, 2, 1, 0}, refused}),
       joined({Bytes{2}, name, method, connected, named, later, name, Bytes{3, 0}, later, later}),

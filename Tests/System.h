@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include "Platform/Descriptor.h"
 
 namespace zk::test {
@@ -10,6 +12,10 @@ namespace zk::test {
 /// down and nothing else. A handle of the network before; none when that cannot be.
 Descriptor enterNewNetwork();
 void returnToNetwork(const Descriptor& before);
+
+/// Whether `check` holds in a process on whose machine the clock that counts suspended time is so
+/// many seconds ahead of the one that does not. Absent where there is no such machine to be had.
+std::optional<bool> holdsAfterSuspension(int seconds, bool (*check)());
 
 /// Has a burst from that socket leave datagram by datagram, where the system would cut it from one.
 void refuseSegments(int socket);

@@ -11,7 +11,7 @@
 
 namespace zk {
 
-/// Octets that are owned, and octets that somebody else owns for at least as long as the call.
+/// Octets that are owned, and octets that somebody else owns at least until the call returns.
 using Bytes = std::vector<std::uint8_t>;
 using ByteView = std::span<const std::uint8_t>;
 
@@ -20,7 +20,7 @@ inline ByteView bytesOf(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-/// A header and what follows it in one piece, with one allocation.
+/// A header and what follows it in one buffer, with one allocation.
 inline Bytes concatenated(ByteView header, ByteView rest) {
   Bytes whole(header.size() + rest.size());
   std::copy(header.begin(), header.end(), whole.begin());
@@ -33,7 +33,7 @@ inline std::uint16_t readUInt16(ByteView bytes, std::size_t at) {
   return static_cast<std::uint16_t>(bytes[at] << 8 | bytes[at + 1]);
 }
 
-/// Four octets likewise.
+/// The same for four octets.
 inline std::uint32_t readUInt32(ByteView bytes, std::size_t at) {
   return static_cast<std::uint32_t>(readUInt16(bytes, at)) << 16 | readUInt16(bytes, at + 2);
 }

@@ -25,22 +25,22 @@ struct StreamResult {
 /// its deadline and when the stop signal is raised. One thread at a time.
 class ByteStreamPair {
  public:
-  /// Over a connected socket that does not block. `stop` may be absent, and else outlives this.
+  /// Takes a connected, non-blocking socket. `stop` may be null; otherwise it must outlive this.
   ByteStreamPair(Descriptor socket, const StopSignal* stop)
       : socket_(std::move(socket)), stop_(stop) {}
 
   /// Reads at most `into.size()` octets.
   StreamResult read(std::span<std::uint8_t> into, Deadline deadline);
 
-  /// Takes octets from the front of `bytes`. A connection that the far end has reset fails and
-  /// never raises SIGPIPE.
+  /// Writes octets from the front of `bytes`. Writing to a connection that the far end has reset
+  /// fails and never raises SIGPIPE.
   StreamResult write(ByteView bytes, Deadline deadline);
 
-  /// For whoever waits for several things at once.
+  /// For callers that wait on several descriptors at once.
   int descriptor() const { return socket_.get(); }
 
-  /// How the stream has ended by now, `end` or `failed`; absent while it lives. Never waits. Octets
-  /// that have come are thrown away.
+  /// How the stream has ended, `end` or `failed`; absent while it is alive. Never waits. Octets
+  /// that have arrived are discarded.
   std::optional<StreamResult> takeEnd();
 
  private:

@@ -6,11 +6,11 @@
 
 namespace zk {
 
-/// Nanoseconds on a clock that only runs forward, from an origin of the system's choice. It goes on
-/// while the machine is suspended: what was to last ten minutes is over in the morning.
+/// Nanoseconds on a clock that never goes back, from an origin of the system's choice. It keeps
+/// counting while the machine is suspended: what was to last ten minutes is over in the morning.
 std::uint64_t monotonicNanoseconds();
 
-/// The same for std::chrono, whose own may stand still meanwhile.
+/// The same for std::chrono, whose own steady clock may stop during suspend.
 struct SteadyClock {
   using duration = std::chrono::nanoseconds;
   using rep = duration::rep;

@@ -15,7 +15,7 @@ namespace zk {
 /// An IPv4 UDP socket that never blocks and closes with its owner.
 class DatagramSocket {
  public:
-  /// None.
+  /// No socket.
   DatagramSocket() = default;
   /// Throws std::system_error.
   static DatagramSocket open();
@@ -23,12 +23,13 @@ class DatagramSocket {
   /// To a local address; 0 is any address, or a port of the system's choice. Throws
   /// std::system_error.
   void bind(const Endpoint& local);
-  /// Has its traffic leave by that interface, whatever the routes say. Throws std::system_error.
+  /// Makes its traffic leave through that interface, whatever the routes say. Throws
+  /// std::system_error.
   void pin(unsigned interfaceIndex);
   /// Asks for room for a key frame's burst in both directions; the system may give less.
   void enlargeBuffers();
 
-  /// All zero when the system does not say.
+  /// Throws std::system_error.
   Endpoint localAddress() const;
   int descriptor() const { return descriptor_.get(); }
   explicit operator bool() const { return static_cast<bool>(descriptor_); }
@@ -43,18 +44,19 @@ class DatagramSocket {
   bool takesSegments_ = true;  // until the system, or the way out, refuses segmentation
 };
 
-/// As many datagrams as are received or sent together at most. A socket that has more waiting gets
+/// The most datagrams that are received or sent together. A socket that has more waiting gets
 /// another turn after the others have had theirs.
 inline constexpr std::size_t maxBurst = 32;
 
-/// Room for the datagrams of one burst. Any number of sockets may share it, on one thread.
+/// Buffers for the datagrams of one burst. Any number of sockets on one thread may share them.
 class DatagramReceiver {
  public:
   /// Takes address space; memory only as datagrams fill it. Throws std::system_error.
   DatagramReceiver();
 
-  /// Takes what waits in `socket`, maxBurst datagrams at most, in place of those of before. How
-  /// many; 0 when none waits, -1 when the socket reported an error instead, which then is gone.
+  /// Receives what is waiting in `socket`, at most maxBurst datagrams, and forgets the burst
+  /// before. Returns how many; 0 when none is waiting, -1 when the socket reported an error
+  /// instead, which that clears.
   int receive(const DatagramSocket& socket);
 
   /// The i-th datagram of the last burst, cut at 65,536 octets, and whom it came from.
@@ -90,8 +92,8 @@ class DatagramSender {
   std::size_t size() const { return count_; }
   bool isFull() const { return count_ == maxBurst; }
 
-  /// Sends all, in order, and begins anew. One result for each, good until the next add(). From
-  /// the first for which there is no room on, none is tried.
+  /// Sends all, in order, and starts over. One result for each, valid until the next add(). Once
+  /// there is no room for one, the rest are not tried.
   std::span<const Result> send(DatagramSocket& socket);
 
  private:

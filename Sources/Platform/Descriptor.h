@@ -8,7 +8,7 @@ namespace zk {
 class Descriptor {
  public:
   Descriptor() = default;
-  /// Takes `number` over; a negative one means none.
+  /// Takes ownership of `number`; a negative one means none.
   explicit Descriptor(int number) : number_(number) {}
   ~Descriptor() { reset(); }
   Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}

@@ -21,8 +21,8 @@ struct NetworkInterface {
   InterfaceType type = InterfaceType::other;
 };
 
-/// What became of an interface: there is none with its index any more; it lacks a carrier or an
-/// address, or is down; or traffic can go through it.
+/// The state of an interface: it does not exist any more; it is down, or lacks a carrier or an
+/// address; or it can carry traffic.
 enum class InterfaceState { gone, unusable, usable };
 
 /// A route that reaches its destinations on the interface's own link, with no gateway between.
@@ -31,20 +31,20 @@ struct LinkRoute {
   unsigned prefixLength = 0;
 };
 
-/// The system could not be asked about its interfaces or routes (no descriptor, no memory). That
-/// says nothing about them: nobody may take it for "there is none".
+/// The system could not be asked about its interfaces or routes, for lack of a descriptor or of
+/// memory. That must never be taken for "there is none".
 class LookFailed : public std::system_error {
  public:
   using std::system_error::system_error;
 };
 
-/// Whether there is a route, where a look that failed is an answer of its own.
+/// Whether there is a route; a look that failed is an answer of its own.
 enum class RouteAnswer { no, yes, unknown };
 
-/// A look at this machine's network interfaces and routes. Everything is asked of the system
-/// afresh, takes about a millisecond and needs no privilege. What a look needs is opened by the
-/// constructor, so that an object that is kept works also when descriptors have run out. One thread
-/// at a time. Everything but askRoute() throws LookFailed.
+/// Looks at this machine's network interfaces and routes. Every call asks the system anew, takes
+/// about a millisecond and needs no privilege. The constructor opens all that is needed, so an
+/// object that is kept works even when descriptors have run out. One thread at a time. Everything
+/// but askRoute() throws LookFailed.
 ///
 /// Destinations are IPv4 or IPv6 socket addresses whose port does not matter.
 class Interfaces {
@@ -57,7 +57,7 @@ class Interfaces {
   ///
   /// What is stacked on hardware (a bridge, bond, VLAN, macvlan) counts as what lies under it.
   /// Tunnels, the loopback, and bridges that only containers are plugged into are `other`: what is
-  /// sent into them stays here, or leaves the machine by a way that somebody else decides.
+  /// sent into them stays here or leaves the machine by a way that somebody else decides on.
   std::vector<NetworkInterface> available();
 
   InterfaceState stateOf(unsigned interfaceIndex);
@@ -80,15 +80,15 @@ class Interfaces {
   const std::unique_ptr<System> system_;
 };
 
-/// Is told by the system when routes, addresses or interfaces change.
+/// Learns from the system when routes, addresses or interfaces change.
 class RouteWatch {
  public:
-  /// Throws std::system_error when there is no watch to be had.
+  /// Throws std::system_error when the system refuses.
   RouteWatch();
 
   /// Readable after a change.
   int descriptor() const { return socket_.get(); }
-  /// Forgets what has been told so far. Never blocks.
+  /// Discards the messages that have come so far. Never blocks.
   void drain();
 
  private:

@@ -18,22 +18,22 @@ struct LogFileMode {
 
 /// A log file that is appended to, by other processes too. One thread.
 ///
-/// Log paths lie in a directory that everybody can write. So what is not a plain file of this
-/// process's user, with one name, is refused: it would send the lines, or hang the caller, where
-/// somebody else chose.
+/// Logs lie in a directory that everybody can write to. So anything but a plain file of this
+/// process's user with a single name is refused: somebody else would choose where the lines go, or
+/// could hang the caller.
 class LogFile {
  public:
-  /// At this size a file is renamed to PATH.1, in the place of the one before, and begun anew.
-  /// Where somebody keeps that from happening it is cut: PATH.1 may be another user's, and a lock
-  /// on the log may be held for ever.
+  /// At this size a file is renamed to PATH.1, replacing the one before, and a new one is started.
+  /// Where that is impossible the file is emptied instead: PATH.1 may belong to another user, and a
+  /// lock on the log may be held for ever.
   static constexpr std::uint64_t maxSize = 64 << 20;
 
   /// Opens nothing yet. `path` must outlive the object.
   LogFile(const char* path, LogFileMode mode) : path_(path), mode_(mode) {}
 
-  /// Appends `lines`, creating the file when there is none. Blocks while the disk does. Failures
-  /// drop the lines. That the path names another file by now (the log was removed, renamed or
-  /// replaced) is noticed within a second.
+  /// Appends `lines`, creating the file when there is none. Blocks as long as the disk does. On a
+  /// failure the lines are dropped. A log that was removed, renamed or replaced is noticed within a
+  /// second.
   void append(std::string_view lines);
 
  private:

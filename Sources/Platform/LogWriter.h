@@ -15,10 +15,9 @@
 
 namespace zk {
 
-/// Writes log files on a thread of its own, which is the only one that waits for the disk. Lines
-/// reach their file in the order of appending, within 20 milliseconds while the disk keeps up.
-/// While they keep coming, some every few hundredths of a second, nobody has to wake the thread for
-/// them.
+/// Writes log files on a thread of its own, the only one that waits for the disk. Lines reach their
+/// file in the order in which they are appended, within 20 milliseconds while the disk keeps up. As
+/// long as lines keep coming, no append has to wake the thread.
 class LogWriter {
  public:
   /// How much memory a file may take while its disk stands still, in octets.
@@ -31,9 +30,9 @@ class LogWriter {
   LogWriter(const LogWriter&) = delete;
   LogWriter& operator=(const LogWriter&) = delete;
 
-  /// A log at `path`, which must outlive the writer. The file is opened, and created if need be,
-  /// now; without it logging does nothing until there is one. All before the first append().
-  /// Returns the number by which append() knows it.
+  /// Adds a log at `path`, which must outlive the writer, and opens or creates its file; when that
+  /// fails it is tried again later. To be called before the first append(). Returns the number by
+  /// which append() knows the log.
   std::size_t open(const char* path, LogFileMode mode = {});
 
   /// Adds a line, or several joined by line feeds, without the last line feed; each gets `prefix`
@@ -41,7 +40,8 @@ class LogWriter {
   /// lines are counted instead, and one line then tells how many.
   void append(std::size_t file, std::string_view lines, std::string_view prefix = {});
 
-  /// Waits until all lines of before are in their files, or `limit` has passed. Whether they are.
+  /// Waits until all lines appended so far are in their files, at most for `limit`. Returns whether
+  /// they are.
   bool flush(std::chrono::milliseconds limit);
 
  private:
@@ -63,9 +63,8 @@ class LogWriter {
   std::vector<Pending> pending_ GUARDED_BY(lock_);  // by file
   bool isIdle_ GUARDED_BY(lock_) = false;           // the thread sleeps until it is woken
   bool isWriting_ GUARDED_BY(lock_) = false;
-  unsigned flushing_ GUARDED_BY(lock_) = 0;  // how many wait in flush()
   bool ends_ GUARDED_BY(lock_) = false;
-  std::deque<Target> targets_;  // by file; the thread's, once there are lines
+  std::deque<Target> targets_;  // by file; only the thread uses it once there are lines
   std::thread thread_;          // last: it uses the rest
 };
 

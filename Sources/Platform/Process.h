@@ -6,15 +6,16 @@
 
 namespace zk {
 
-/// What a daemon does first, before there are threads: descriptors 0, 1 and 2 exist and all others
-/// are closed (a file opened later must never turn out to be standard output, and nothing that the
-/// parent forgot to close is kept alive); as many descriptors as the system permits may be open,
-/// since a client costs two; there are no core dumps, which would hold secrets; a reader that went
-/// away and a file that got too large are errors of a write and not the end of the process.
+/// What a daemon does first, before it starts threads. Descriptors 0, 1 and 2 are made to exist and
+/// all others are closed: a file opened later must never turn out to be standard output, and
+/// nothing that the parent forgot to close stays open. The limit on descriptors is raised as far as
+/// the system permits, since a client costs two. Core dumps, which would hold secrets, are off.
+/// Writing to a pipe without a reader, or past the limit on file sizes, is an error instead of a
+/// signal.
 void prepareProcess();
 
-/// From now on SIGTERM does nothing but end awaitStop(), whatever the parent had it do. Throws
-/// std::system_error when there is no descriptor to be had. Before there are threads.
+/// From now on SIGTERM only ends awaitStop(), whatever the parent had set. Throws std::system_error
+/// when no descriptor is left. To be called before there are threads.
 void takeTerminationSignal();
 
 /// The same for Ctrl-C and for the end of the terminal, for programs that people start. The latter
@@ -24,15 +25,15 @@ void takeInterrupts();
 /// Ends awaitStop(). Any thread.
 void requestStop();
 
-/// Returns when SIGTERM has arrived or requestStop() was called since takeTerminationSignal().
+/// Returns once SIGTERM has arrived or requestStop() has been called.
 void awaitStop();
 
-/// What comes next on standard input: how many octets, or 0 at its end or on an error. Waits for
-/// them, also where whoever gave us the input made it non-blocking.
+/// Reads from standard input: returns how many octets, or 0 at its end or on an error. Waits for
+/// them even if the parent made the input non-blocking.
 std::size_t readInput(std::span<char> into);
 
-/// Writes to standard output, unbuffered; waits for room there until it is time to stop. Whether
-/// anybody reads it shows nowhere.
+/// Writes all of `text` to standard output, unbuffered. Where a non-blocking pipe has no room it
+/// waits for some until a stop is requested. Errors are ignored: there is nobody to tell.
 void writeOutput(std::string_view text);
 
 /// Ends the process at once, without destructors: threads may still run.
@@ -41,7 +42,7 @@ void writeOutput(std::string_view text);
 /// From now on the files that this process and its children make are for this user alone.
 void keepFilesPrivate();
 
-/// Gives memory that was freed back to the system, after a structure has shrunk by much.
+/// Returns freed memory to the system, for after a structure has shrunk a lot.
 void returnFreedMemory();
 
 }  // namespace zk

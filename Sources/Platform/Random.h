@@ -10,16 +10,16 @@ namespace zk {
 /// number, with `out` untouched. At most 256 octets.
 int randomBytes(std::span<std::uint8_t> out);
 
-/// What randomBytes() is, for those that are to work with another source.
+/// The type of randomBytes(), for code that takes another source.
 using RandomSource = int (*)(std::span<std::uint8_t> out);
 
-/// Hands out secure random octets in small portions at one system call per 256 of them. Every
+/// Hands out secure random octets in small portions, with one system call per 256 of them. Every
 /// octet is handed out once. One thread at a time.
 class RandomPool {
  public:
   explicit RandomPool(RandomSource source = randomBytes) : source_(source) {}
 
-  /// `out`: at most 256 octets. On failure of the source `out` is left as it was.
+  /// Fills `out`, at most 256 octets. If the source fails, `out` is left as it was.
   void fill(std::span<std::uint8_t> out);
 
  private:

@@ -26,9 +26,9 @@ struct Resolution {
   std::string error;
 };
 
-/// Stream addresses of any family for a TCP connection to host:port. The system's resolver knows no
-/// time limit, so that it is asked on a thread of its own, which is left behind when the deadline
-/// passes or `stop` is raised first. Never throws, and looks up no name for a numeric address.
+/// Stream addresses of any family for a TCP connection to host:port. The system's resolver has no
+/// time limit, so it is asked on a thread of its own, which is abandoned when the deadline passes
+/// or `stop` is raised first. Never throws, and does no lookup for a numeric address.
 Resolution resolveTCP(const std::string& host, const std::string& port, Deadline deadline,
                       const StopSignal* stop);
 

@@ -18,7 +18,7 @@ std::string errorText(int error);
 /// An IPv4 or IPv6 address as numbers, without its port.
 std::string numericText(const sockaddr& address);
 
-/// When whoever waits gives up. It also passes while the machine is suspended.
+/// When a wait gives up. Deadlines keep running while the machine is suspended.
 using Deadline = SteadyClock::time_point;
 
 enum class Wait { ready, timedOut, stopped, failed };
@@ -35,20 +35,19 @@ Wait connectSocket(int socket, const sockaddr& to, Deadline deadline, const Stop
 /// with sendFlags. Throws std::system_error.
 Descriptor openNonBlockingSocket(int family, int type, int protocol);
 
-/// The flags of send() that keep it from raising SIGPIPE, where the socket itself cannot.
+/// The flags with which send() does not raise SIGPIPE, where that is not an option of the socket.
 extern const int sendFlags;
 
 /// Pins a socket of that family (AF_INET, AF_INET6): its traffic leaves by the interface with this
 /// index, whatever the routes say. Needs no privilege. Throws std::system_error.
 void pinToInterface(int socket, int family, unsigned interfaceIndex);
 
-/// Has the system ask the far end of a TCP connection whether it still lives: after `idle` of
-/// silence, and every `interval` from then on. `probes` without an answer end the connection;
-/// with 0 of them it asks no more.
+/// TCP keep-alive: probes the far end after `idle` of silence, then every `interval`. The
+/// connection ends after `probes` without an answer; 0 turns probing off.
 void keepAlive(int socket, std::chrono::seconds idle, std::chrono::seconds interval, int probes);
 
-/// Whether the system throws away, and so does not acknowledge, what arrives for a TCP connection
-/// from beyond a router. The far end sends it again.
+/// Whether the system drops, and so does not acknowledge, what arrives for a TCP connection from
+/// beyond a router. The far end sends it again.
 void ignoreDistant(int socket, bool isIgnored);
 
 /// A pipe, close-on-exec. Throws std::system_error.

@@ -2,29 +2,28 @@
 
 #include <atomic>
 
-#include "Platform/Descriptor.h"
+#include "Platform/Sockets.h"
 
 namespace zk {
 
-/// Tells threads that wait that something has happened, mostly that they are to give up. Raised
-/// once, and for good.
+/// Tells waiting threads that something has happened, usually that they should give up. Raised
+/// once, for good.
 ///
-/// It is a descriptor that becomes readable, so that whoever waits for a socket waits for it as
-/// well: shutting down a socket under a thread does not wake it on every system.
+/// It is a descriptor that becomes readable, so that it can be waited for together with a socket:
+/// shutting down a socket under a thread does not wake it on every system.
 class StopSignal {
  public:
   /// Throws std::system_error when there is no descriptor to be had.
-  StopSignal();
+  StopSignal() : pipe_(openPipe()) {}
 
   /// Any thread and any signal handler, any number of times. Cannot fail.
   void raise();
   bool isRaised() const { return isRaised_; }
   /// Readable from raise() on.
-  int descriptor() const { return reader_.get(); }
+  int descriptor() const { return pipe_.reader.get(); }
 
  private:
-  Descriptor reader_;
-  Descriptor writer_;  // closing it is the signal
+  Pipe pipe_;  // closing its writer is the signal
   std::atomic<bool> isRaised_{false};
 };
 

@@ -6,8 +6,8 @@
 
 namespace zk {
 
-/// A thread named `label` that runs `body`. Throws std::system_error when the system has no thread
-/// to give.
+/// Starts a thread named `label` that runs `body`. Throws std::system_error when there is no thread
+/// left.
 std::thread startThread(const std::string& label, std::function<void()> body);
 
 }  // namespace zk

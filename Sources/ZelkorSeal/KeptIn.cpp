@@ -40,8 +40,8 @@ std::vector<std::string> KeptIn::sentences() const {
       rest += count;
       continue;
     }
-    sentences.push_back(
-        fmt::format("{} {} to {}", count, name(key.first), to.port == 0 ? to.ip() : to.text()));
+    const std::string where = to == Endpoint() ? "" : " to " + (to.port == 0 ? to.ip() : to.text());
+    sentences.push_back(fmt::format("{} {}{}", count, name(key.first), where));
   }
   if (areMany) {
     sentences.push_back(fmt::format("{} more to other addresses", rest));

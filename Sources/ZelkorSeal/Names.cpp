@@ -15,7 +15,6 @@ constexpr std::uint8_t isTruncated = 0x02;    // likewise
 constexpr std::uint8_t serverFailure = 0x02;  // in the fourth
 constexpr std::uint16_t typeOPT = 41;
 constexpr std::size_t leastAllowed = 512;
-constexpr std::size_t mostOutgoing = 1 << 20;
 
 // Behind the name at `at`; absent when it is not all there.
 std::optional<std::size_t> behindName(ByteView message, std::size_t at) {
@@ -85,10 +84,10 @@ void Names::ask(ByteView message, Reply reply) {
   }
   Question& question = questions_[lastID_];
   question = {{message.begin(), message.end()}, *size, std::move(reply), loop_.now()};
-  if (socket_) {
-    send(lastID_, question);
-  } else {
+  if (!socket_) {
     connect();
+  } else if (!send(lastID_, question)) {
+    askNextServer();
   }
   watchPatience();
 }
@@ -114,8 +113,9 @@ void Names::connect() {
       askNextServer();
       return;
     }
-    for (const auto& [id, question] : questions_) {
-      send(id, question);
+    if (!std::all_of(questions_.begin(), questions_.end(),
+                     [this](const auto& each) { return send(each.first, each.second); })) {
+      askNextServer();
     }
   };
   opening_ = std::make_unique<ProxyConnection>(loop_, way_, access_, server(), opened);
@@ -128,7 +128,6 @@ void Names::disconnect() {
     socket_ = TCPSocket();
   }
   hasAnswered_ = false;
-  outgoing_.clear();
   incoming_.clear();
 }
 
@@ -177,25 +176,13 @@ void Names::watchPatience() {
 
 // ---- Messages ----------------------------------------------------------------------------------
 
-// Behind its length (RFC 1035 section 4.2.2).
-void Names::send(std::uint16_t id, const Question& question) {
-  if (outgoing_.size() > mostOutgoing) {
-    return;
-  }
-  const std::size_t at = outgoing_.size();
-  outgoing_.resize(at + 2);
-  outgoing_.insert(outgoing_.end(), question.message.begin(), question.message.end());
-  writeUInt16(outgoing_.data() + at, static_cast<std::uint16_t>(question.message.size()));
-  writeUInt16(outgoing_.data() + at + 2, id);
-  loop_.setInterest(socket_.descriptor(), {.readable = true, .writable = true});
-}
-
-void Names::onWritable() {
-  const Transfer sent = socket_.send(outgoing_);
-  outgoing_.erase(outgoing_.begin(), outgoing_.begin() + static_cast<std::ptrdiff_t>(sent.octets));
-  if (outgoing_.empty() || sent.state == State::failed) {  // reading shows how
-    loop_.setInterest(socket_.descriptor(), {.readable = true});
-  }
+// Behind its length (RFC 1035 section 4.2.2). A server that has not even taken what was asked
+// before has no room for it.
+bool Names::send(std::uint16_t id, const Question& question) {
+  Bytes message = concatenated(Bytes(2), question.message);
+  writeUInt16(message.data(), static_cast<std::uint16_t>(question.message.size()));
+  writeUInt16(message.data() + 2, id);
+  return socket_.send(message).octets == message.size();
 }
 
 void Names::onReadable() {

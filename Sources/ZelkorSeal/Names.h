@@ -54,11 +54,10 @@ class Names final : EventLoop::Source {
   };
 
   void onReadable() override;
-  void onWritable() override;
   void connect();
   void disconnect();
   void askNextServer();
-  void send(std::uint16_t id, const Question& question);
+  bool send(std::uint16_t id, const Question& question);
   void takeAnswers();
   void takeAnswer(ByteView answer);
   void fail(const Question& question) const;
@@ -77,7 +76,6 @@ class Names final : EventLoop::Source {
   std::unique_ptr<ProxyConnection> opening_;  // then
   TCPSocket socket_;
   bool hasAnswered_ = false;
-  Bytes outgoing_;
   Bytes incoming_;
 };
 

@@ -18,8 +18,8 @@ namespace {
 
 using nlohmann::json;
 
-// A configuration is a few hundred octets and two levels deep. Whatever is far beyond that is a
-// mistake or worse, and must not be able to exhaust anything.
+// A configuration is a few hundred octets and two levels deep. Anything far beyond that is a
+// mistake or an attack and must not use up memory or the stack.
 constexpr std::size_t longestLine = 1 << 20;
 constexpr int deepestNesting = 64;
 // Every challenge repeats the realm, and a challenge is one datagram.
@@ -57,9 +57,9 @@ std::size_t numberLength(std::string_view text) {
   return length;
 }
 
-// The line with another number of the same length in the place of each one beyond a double. The
-// library refuses those, though the grammar does not. No key takes a fraction, so one of these does
-// no harm.
+// Replaces each number that a double cannot hold by a fraction of the same length. The library
+// refuses such numbers although the grammar allows them. No key takes a fraction, so this does no
+// harm.
 std::string withoutHugeNumbers(std::string line) {
   bool isInText = false;
   for (std::size_t i = 0; i < line.size(); ++i) {
@@ -97,7 +97,7 @@ json parse(std::string_view line) {
     } catch (const json::out_of_range&) {
       value = json::parse(withoutHugeNumbers(std::string(line)), checkDepth);
     }
-    // The library takes a zero octet for the end.
+    // The library takes a zero octet for the end of its input.
     if (const std::size_t zero = line.find('\0'); zero != std::string_view::npos) {
       throw syntaxError(zero + 1);
     }
@@ -112,7 +112,7 @@ json parse(std::string_view line) {
       fmt::format("wrong type: {} must be {}, not {}", path, wanted, value.type_name()));
 }
 
-// The member of an object that the last piece of `path` names.
+// Finds the member that the last piece of `path` names.
 json::const_iterator find(const json& object, std::string_view path) {
   return object.find(std::string(path.substr(path.rfind('.') + 1)));
 }
@@ -188,8 +188,8 @@ Options decodeOptions(const json& object) {
   return options;
 }
 
-// The first line of standard input as its octets, without its line feed or carriage return and line
-// feed. Reads ahead at will: nothing behind the line is ever interpreted.
+// Reads the first line of standard input, without its line end (LF or CR LF). It may read ahead:
+// nothing behind the line is ever interpreted.
 std::string readLine() {
   std::string line;
   while (line.size() <= longestLine) {
@@ -245,7 +245,7 @@ Config readConfig() {
     failWith("stdin closed or empty before config was received");
   }
   if (!isValidUTF8(line)) {
-    failWith("config line is not valid UTF-8");  // should the repair ever leave something
+    failWith("config line is not valid UTF-8");  // only if the repair missed something
   }
   try {
     return decodeConfig(line);

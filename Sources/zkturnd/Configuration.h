@@ -21,7 +21,7 @@ enum class RelayedPort {
   mapped,    // the one that a STUN server saw
 };
 
-/// What is for clients and proxies that the defaults leave out.
+/// Settings for clients and proxies that the defaults do not suit.
 struct Options {
   bool acceptFingerprint = false;  // requests may carry FINGERPRINT behind MESSAGE-INTEGRITY
   RelayedPort relayedPort = RelayedPort::assigned;
@@ -36,8 +36,8 @@ struct Config {
   Options options;
 };
 
-/// Why a line is not a configuration: one line that names the key by its path and never holds a
-/// value, since the values are secrets.
+/// Says in one line what is wrong with a configuration. Keys are named by their path; values are
+/// never quoted, as they are secrets.
 class ConfigError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -49,7 +49,7 @@ Config decodeConfig(std::string_view line);
 
 /// Reads the first line of standard input and decodes it. On any failure it prints the error line
 /// and ends the process, so there is nothing for the caller to handle. Whoever is at a terminal is
-/// told on standard error what is waited for.
+/// told on standard error what the daemon waits for.
 Config readConfig();
 
 }  // namespace zk

@@ -6,7 +6,7 @@
 
 namespace zk {
 
-/// Makes relays through one SOCKS5 proxy, all with the same settings, which are not tested here: a
+/// Makes relays through one SOCKS5 proxy, all with the same settings. They are not checked here: a
 /// bad host or port shows when a relay is opened.
 class SOCKS5RelayFactory final : public TURNRelayFactory {
  public:

@@ -21,7 +21,7 @@ namespace {
 
 using namespace zk;
 
-// So long a stop waits for a disk to take the last lines.
+// How long a stop waits for the disk to take the last lines.
 constexpr std::chrono::milliseconds logPatience{500};
 
 std::optional<std::string> presentUnlessEmpty(const std::string& text) {
@@ -56,13 +56,13 @@ SOCKS5RelaySettings relaySettings(const Config& config, Logs& logs) {
     server.start();
     watchParent();
   } catch (const std::exception& error) {
-    failToStart(error);  // here, where nobody waits for the disk first
+    failToStart(error);  // here: outside, destructors would wait for the disk first
   }
   writeStatus(readyLine(server.boundPort()));
   awaitStop();
   server.stop();
   logs.flush(logPatience);
-  endProcess(0);  // a thread may still wait for standard input or the disk
+  endProcess(0);  // a thread may still be waiting for standard input or the disk
 }
 
 }  // namespace

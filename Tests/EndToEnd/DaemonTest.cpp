@@ -78,7 +78,8 @@ TEST(DaemonTest, SaysWhatIsWrongWithItsConfiguration) {
       {"", empty},
       {"\n" + good, empty},
       {"\r\n" + good, empty},
-      {"{\"secret\n", errorLine(undecoded + "syntax error at column 9")},
+      {"{\"secret\n",
+       errorLine(undecoded + "syntax error at column 9, the end: all of it must be on one line")},
       {"{}\n" + good, errorLine(undecoded + "missing key: proxy")},
       // Good, as are those without a line feed, or with another end.
       {unended, ""},

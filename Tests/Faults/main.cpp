@@ -130,6 +130,9 @@ class Run {
     for (const auto& [kind, count] : network_.takeTraffic()) {
       demand(allowedTraffic.contains(kind), kind);
     }
+    if (broken_.empty() && job_.isTraced && !job_.call.empty() && injected() == 0) {
+      return "not reached";
+    }
     return broken_.empty() ? "ok" : broken_;
   }
 

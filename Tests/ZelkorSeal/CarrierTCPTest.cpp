@@ -130,7 +130,6 @@ TEST_F(CarrierTCP, EndsAndResetsBothWays) {
     EXPECT_EQ(readAll(far.get()), "");
     setsockopt(program.get(), SOL_SOCKET, SO_LINGER, &none, sizeof none);
     program.reset();
-    say(far.get(), "anybody?");
     EXPECT_TRUE(eventually([&] { return proxy_.counts().openConnections == 0; }));
   }
 }

@@ -8,6 +8,10 @@ Descriptor enterNewNetwork() {
 
 void returnToNetwork(const Descriptor& /*before*/) {}
 
+std::optional<bool> holdsAfterSuspension(int /*seconds*/, bool (*)()) {
+  return std::nullopt;
+}
+
 void refuseSegments(int /*socket*/) {}
 
 }  // namespace zk::test

@@ -25,7 +25,7 @@ struct Deleter {
 };
 using Context = std::unique_ptr<EVP_MAC_CTX, Deleter>;
 
-// An HMAC-SHA1 without a key, made once: looking an algorithm up costs more than using it.
+// An HMAC-SHA1 without a key, made once: looking up an algorithm costs more than using it.
 const EVP_MAC_CTX* hmacTemplate() {
   static const EVP_MAC_CTX* const prepared = [] {
     const std::unique_ptr<EVP_MAC, Deleter> hmac(

@@ -1,5 +1,5 @@
-// The interfaces and routes as the kernel knows them: its tables are dumped where a rule goes
-// beyond what the kernel decides, and the kernel is asked for its decision elsewhere.
+// Where the kernel decides by itself, it is asked for its decision; where our rules go further, its
+// tables are read.
 
 #include "Platform/Interfaces.h"
 
@@ -20,7 +20,7 @@ namespace zk {
 namespace {
 
 constexpr std::uint32_t noDefaultRoute = std::numeric_limits<std::uint32_t>::max();
-constexpr int mostStacked = 8;  // bridge over bond over VLAN ...; an end for what forms a ring
+constexpr int mostStacked = 8;  // bridge over bond over VLAN ...; ends a search in circles
 
 struct Link {
   std::string name{};
@@ -67,7 +67,7 @@ void noteLink(Links& links, const nlmsghdr* message) {
 void noteAddress(Links& links, const nlmsghdr* message) {
   const auto* info = static_cast<const ifaddrmsg*>(NLMSG_DATA(message));
   const auto link = links.find(info->ifa_index);
-  // Every interface gives itself a link-local IPv6 address; that carries nothing anywhere.
+  // Every interface has a link-local IPv6 address, which leads nowhere.
   if (link != links.end() &&
       (info->ifa_family == AF_INET || info->ifa_scope == RT_SCOPE_UNIVERSE)) {
     link->second.hasAddress = true;

@@ -1,5 +1,5 @@
-// recvmmsg, sendmmsg, and UDP_SEGMENT: datagrams of one size towards one destination pass the
-// network stack as one, which the kernel cuts at the end.
+// recvmmsg, sendmmsg and UDP_SEGMENT, with which datagrams of one size to one destination pass the
+// network stack as one message that the kernel cuts at the end.
 
 #include "Platform/posix/Messages.h"
 
@@ -37,8 +37,8 @@ void cutIntoSegments(msghdr& message, std::size_t size, SegmentControl& control)
   std::memcpy(CMSG_DATA(header), &segment, sizeof segment);
 }
 
-// EMSGSIZE and EINVAL: a segment is larger than what the way takes in one piece. A datagram by
-// itself would be cut into fragments.
+// EMSGSIZE and EINVAL: a segment is larger than the MTU on the way. A single datagram would be
+// fragmented there.
 bool refusesSegments(int error) {
   return error == EIO || error == EINVAL || error == EMSGSIZE || error == ENOPROTOOPT;
 }

@@ -13,16 +13,15 @@ namespace {
   throw LookFailed(error, std::generic_category(), "netlink");
 }
 
-// Whether the answer to a question about a route says that there is none. All else says that the
-// kernel could not find out.
+// Which errors mean that there is no such route. All others mean that the kernel could not tell.
 bool meansNoRoute(int error) {
   return error == EHOSTUNREACH || error == ENETUNREACH || error == ENODEV || error == EINVAL ||
          error == EACCES;
 }
 
-// The error in an answer of that kind, 0 for none.
+// The error that such a message carries, 0 for none.
 int errorIn(const nlmsghdr* message) {
-  int error = 0;  // negative, and first of what follows the header
+  int error = 0;  // negative, right behind the header
   if (message->nlmsg_len >= NLMSG_LENGTH(sizeof error)) {
     std::memcpy(&error, NLMSG_DATA(message), sizeof error);
   }
@@ -102,8 +101,8 @@ std::optional<Route> Netlink::routeTo(const sockaddr& destination, unsigned inte
   const ByteView address = octetsOf(destination);
   Request request(RTM_GETROUTE, destination.sa_family);
   request.route.rtm_dst_len = static_cast<unsigned char>(address.size() * 8);
-  // The entry of the table, and a failure when there is none. Without this the kernel answers that
-  // a destination without a route is a neighbour on `interface`.
+  // Asks for the entry of the table, and for an error when there is none. Without this the kernel
+  // answers that a destination without a route is a neighbour on `interface`.
   request.route.rtm_flags = RTM_F_FIB_MATCH;
   request.add(RTA_DST, address.data(), address.size());
   if (interface != 0) {
@@ -119,7 +118,7 @@ std::optional<Route> Netlink::routeTo(const sockaddr& destination, unsigned inte
 
 // The error that the kernel answers with, 0 for none.
 int Netlink::ask(Request& request, const Visit& visit) {
-  if (!isAnswered_) {  // a dump that was given up keeps the socket from the next
+  if (!isAnswered_) {  // the kernel refuses a new dump before the old one is read
     while (recv(socket_.get(), buffer_.data(), buffer_.size() * sizeof buffer_[0], 0) > 0) {
     }
   }

@@ -20,7 +20,7 @@
 
 namespace zk {
 
-/// Calls `visit` with the type of every attribute of a message and the attribute.
+/// Calls `visit` with the type and the attribute for every attribute of a message.
 template <typename Visit>
 void forEachAttribute(const rtattr* attribute, std::size_t length, Visit visit) {
   int left = static_cast<int>(length);
@@ -56,16 +56,15 @@ struct Route {
 
 Route readRoute(const nlmsghdr* message);
 
-/// A conversation with the kernel, over one socket from beginning to end. It never waits: the
-/// kernel answers while it is asked. What fails throws LookFailed, and the next question is free
-/// of it.
+/// A conversation with the kernel over one socket. It never waits: the kernel has answered by the
+/// time a question is sent. A failure throws LookFailed and does not affect the next question.
 class Netlink {
  public:
   using Visit = std::function<void(const nlmsghdr* message)>;
 
   Netlink();
 
-  /// Has `visit` see everything of one kind (RTM_GETLINK, ...).
+  /// Calls `visit` for everything of one kind (RTM_GETLINK, ...).
   void dump(std::uint16_t type, int family, const Visit& visit);
 
   /// The route that the kernel would take to `destination`, by that interface when it is not 0.

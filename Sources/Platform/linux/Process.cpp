@@ -18,7 +18,7 @@ rlim_t mostDescriptors(rlim_t hardLimit) {
   return hardLimit;
 }
 
-// What is longer is refused.
+// The kernel refuses longer names.
 const std::size_t maxThreadName = 15;
 
 void nameThisThread(const char* name) {

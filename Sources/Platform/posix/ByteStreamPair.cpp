@@ -11,14 +11,14 @@ namespace {
 
 using Kind = StreamResult::Kind;
 
-// As much is thrown away in one go; a far end that floods must not keep the caller.
+// How many reads are discarded in one go: a far end that floods must not hold up the caller.
 constexpr int mostReads = 16;
 
 StreamResult failure() {
   return {Kind::failed, 0, {errno, std::generic_category()}};
 }
 
-// Runs `call` until a signal does not interrupt it. Absent when the socket is not ready.
+// Runs `call`, again if a signal interrupts it. Absent when the socket is not ready.
 template <typename Call>
 std::optional<StreamResult> attempt(Call call) {
   ssize_t moved = 0;

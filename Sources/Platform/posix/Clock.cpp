@@ -42,7 +42,7 @@ std::int64_t wallClockMicroseconds() {
 
 void writeTimestamp(char* to, std::int64_t microseconds) {
   const std::int64_t seconds = microseconds / microsecondsPerSecond;
-  // Thousands of lines share a second, and its calendar fields.
+  // Thousands of lines fall into one second and share its calendar fields.
   thread_local std::int64_t lastSecond = -1;
   thread_local char last[timestampLength];
   if (seconds != lastSecond) {

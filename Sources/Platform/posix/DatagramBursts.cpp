@@ -1,5 +1,5 @@
-// Bursts in and out. Where the system can cut one message into several datagrams, those of one size
-// towards one destination go together.
+// Sends and receives bursts. Where the system can cut one message into several datagrams, those of
+// one size to one destination are sent together.
 
 #include <algorithm>
 #include <cassert>
@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t maxDatagram = 65536;
 
-// What fits one IP packet that is yet to be cut, with room for its headers.
+// What fits into one IP packet before it is cut, with room for its headers.
 constexpr std::size_t maxSegmented = 65000;
 
 // A datagram that is alone and no larger goes in one piece: the plain call costs less than copying
@@ -106,8 +106,8 @@ ssize_t DatagramSender::Burst::sendPlain(int socket) {
                 reinterpret_cast<const sockaddr*>(&receivers[0]), sizeof receivers[0]);
 }
 
-// How many datagrams from `first` on the system may cut from one: all of one size, but that the
-// last may be shorter.
+// How many datagrams from `first` on can go as one: they have the same size, except that the last
+// may be shorter.
 std::size_t DatagramSender::Burst::runFrom(std::size_t first, std::size_t end) const {
   const std::size_t size = sizes[first];
   if (size == 0 || size > maxSegment) {
@@ -125,7 +125,7 @@ std::size_t DatagramSender::Burst::runFrom(std::size_t first, std::size_t end) c
   return count;
 }
 
-// Makes messages of the datagrams from `first` on, and tells how many.
+// Makes messages of the datagrams from `first` on. Returns how many.
 std::size_t DatagramSender::Burst::prepare(std::size_t first, std::size_t end, bool segments) {
   std::size_t made = 0;
   for (; first < end; first += runs[made++]) {
@@ -172,7 +172,7 @@ std::span<const DatagramSender::Result> DatagramSender::send(DatagramSocket& soc
       continue;
     }
     if (sent < 0 && burst.runs[0] > 1 && refusesSegments(error)) {
-      socket.takesSegments_ = false;  // nothing of it has left: the next round sends one by one
+      socket.takesSegments_ = false;  // nothing was sent: the next round sends one by one
       continue;
     }
     if (sent < 0 && (error == EAGAIN || error == EWOULDBLOCK || error == ENOBUFS)) {
@@ -180,7 +180,7 @@ std::span<const DatagramSender::Result> DatagramSender::send(DatagramSocket& soc
                 burst.results.begin() + static_cast<std::ptrdiff_t>(count), Result{-1, true});
       break;
     }
-    // When the first message was refused, it alone is done with.
+    // If the first message was refused, only that one is finished.
     for (std::size_t message = 0; message < static_cast<std::size_t>(sent < 0 ? 1 : sent);
          ++message) {
       for (const std::size_t end = next + burst.runs[message]; next < end; ++next) {

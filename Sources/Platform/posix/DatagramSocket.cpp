@@ -6,7 +6,7 @@
 namespace zk {
 namespace {
 
-// A burst of some thousand datagrams survives a moment in which the loop or the way out is busy.
+// Enough for some thousand datagrams while the loop or the way out is busy for a moment.
 constexpr int wantedBuffer = 4 << 20;
 
 }  // namespace
@@ -35,7 +35,8 @@ void DatagramSocket::enlargeBuffers() {
 Endpoint DatagramSocket::localAddress() const {
   sockaddr_in address{};
   socklen_t length = sizeof address;
-  getsockname(descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+  require(getsockname(descriptor(), reinterpret_cast<sockaddr*>(&address), &length) == 0,
+          "getsockname");
   return Endpoint::of(address);
 }
 

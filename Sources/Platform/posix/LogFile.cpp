@@ -39,7 +39,7 @@ void LogFile::append(std::string_view lines) {
       if (written < 0 && errno == EINTR) {
         continue;
       }
-      return;  // a full disk loses the lines; there is nobody to tell
+      return;  // a full disk costs the lines; there is nobody to tell
     }
     size_ += static_cast<std::uint64_t>(written);
     lines.remove_prefix(static_cast<std::size_t>(written));
@@ -89,8 +89,8 @@ void LogFile::open() {
   file_ = std::move(opened);
 }
 
-// Another process may be about to do the same: whoever has the lock looks whether the file is still
-// the one at the path, and so a young file never takes the place of the one before.
+// Another process may be about to do the same. Whoever gets the lock checks that the file is still
+// the one at the path, so that a new file never replaces the one before.
 void LogFile::rotate(std::uint64_t now) {
   const bool isLocked = lock(now);
   if (isAtPath()) {
@@ -102,8 +102,8 @@ void LogFile::rotate(std::uint64_t now) {
   open();
 }
 
-// Whoever rotates the file holds the lock for a moment; whoever holds it longer does something
-// else.
+// Whoever rotates the file holds the lock for a moment only. Anybody who holds it longer has
+// something else in mind.
 bool LogFile::lock(std::uint64_t now) {
   const auto tries = now >= nextPatience_ ? lockTries : 1;
   for (int i = 0; i < tries; ++i) {

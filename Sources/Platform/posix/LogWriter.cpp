@@ -1,5 +1,5 @@
-// While lines come, the thread takes what all files have pending, writes it and sleeps, in turns of
-// some milliseconds. After some turns without any it sleeps until a line wakes it.
+// While lines come, the thread wakes by itself every few milliseconds and writes what is pending
+// for all files. After a few turns without lines it sleeps until one wakes it.
 
 #include "Platform/LogWriter.h"
 
@@ -13,16 +13,14 @@
 namespace zk {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// Long enough that at full rate a write carries hundreds of lines, and with the writing less than
-// the 20 milliseconds that are promised.
+// Long enough for hundreds of lines per write at full rate; together with the write itself, less
+// than the 20 milliseconds that are promised.
 constexpr std::chrono::milliseconds gatheringTime{15};
 
-// Sound comes every 20 milliseconds: its lines find the thread awake.
+// A call's sound comes every 20 milliseconds: the thread stays awake for it.
 constexpr int maxQuietTurns = 4;
 
-// A buffer that a slow disk made large is not kept.
+// Larger buffers, which a slow disk makes necessary, are freed after use.
 constexpr std::size_t keptCapacity = 1 << 18;
 
 }  // namespace
@@ -68,15 +66,14 @@ void LogWriter::append(std::size_t file, std::string_view lines, std::string_vie
 }
 
 bool LogWriter::flush(std::chrono::milliseconds limit) {
-  const auto deadline = Clock::now() + limit;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   const MutexLock guard(lock_);
-  ++flushing_;
-  changed_.notify_all();
-  while ((hasPending() || isWriting_) &&
-         changed_.wait_until(lock_, deadline) != std::cv_status::timeout) {
+  while (hasPending() || isWriting_) {
+    if (changed_.wait_until(lock_, deadline) == std::cv_status::timeout) {
+      return !hasPending() && !isWriting_;
+    }
   }
-  --flushing_;
-  return !hasPending() && !isWriting_;
+  return true;
 }
 
 void LogWriter::run() {
@@ -86,10 +83,9 @@ void LogWriter::run() {
       isIdle_ = true;
       changed_.wait(lock_);
     }
-    const auto gathered = Clock::now() + gatheringTime;
-    while ((flushing_ == 0 || !hasPending()) && !ends_ &&
-           changed_.wait_until(lock_, gathered) != std::cv_status::timeout) {
-    }
+    lock_.unlock();
+    std::this_thread::sleep_for(gatheringTime);
+    lock_.lock();
     if (hasPending()) {
       write();
       quietTurns = 0;
@@ -118,9 +114,7 @@ void LogWriter::write() {
   }
   lock_.lock();
   isWriting_ = false;
-  if (flushing_ > 0) {
-    changed_.notify_all();
-  }
+  changed_.notify_all();  // for flush(); costs nothing when nobody waits
 }
 
 bool LogWriter::hasPending() const {

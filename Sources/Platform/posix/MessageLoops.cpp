@@ -8,7 +8,7 @@
 namespace zk {
 namespace {
 
-// Applies `call` to one message after the other until one fails.
+// Calls `call` for each message until one fails.
 template <typename Call>
 int untilFailure(std::span<Message> messages, Call call) {
   int done = 0;

@@ -81,7 +81,8 @@ void requestStop() {
 
 void awaitStop() {
   while (waitFor(-1, 0, Deadline::max(), stopRequest) != Wait::stopped) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));  // the system is out of memory, say
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(10));  // poll() failed, for lack of memory say
   }
 }
 
@@ -100,13 +101,17 @@ std::size_t readInput(std::span<char> into) {
 }
 
 void writeOutput(std::string_view text) {
-  while (!text.empty() &&
-         waitFor(STDOUT_FILENO, POLLOUT, Deadline::max(), stopRequest) != Wait::stopped) {
+  while (!text.empty()) {
     const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
-    if (written < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+    if (written >= 0) {
+      text.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      if (waitFor(STDOUT_FILENO, POLLOUT, Deadline::max(), stopRequest) == Wait::stopped) {
+        return;
+      }
+    } else if (errno != EINTR) {
       return;
     }
-    text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
   }
 }
 

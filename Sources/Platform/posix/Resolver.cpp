@@ -16,8 +16,8 @@
 namespace zk {
 namespace {
 
-// Threads that wait for a resolver although nobody waits for them any more. A resolver that is
-// silent keeps each for half a minute; clients that keep trying must not pile them up.
+// Threads that still wait for the resolver after their caller has given up. A silent resolver keeps
+// each for half a minute; clients that keep trying must not pile them up.
 constexpr int mostLeftBehind = 16;
 std::atomic<int> leftBehind{0};
 

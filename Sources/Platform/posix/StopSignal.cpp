@@ -1,19 +1,11 @@
 #include "Platform/StopSignal.h"
 
-#include "Platform/Sockets.h"
-
 namespace zk {
 
-StopSignal::StopSignal() {
-  Pipe pipe = openPipe();
-  reader_ = std::move(pipe.reader);
-  writer_ = std::move(pipe.writer);
-}
-
 void StopSignal::raise() {
-  // Known before it is felt: whoever the descriptor wakes finds it raised.
+  // The flag comes first, so that whoever the descriptor wakes finds it set.
   if (!isRaised_.exchange(true)) {
-    writer_.reset();
+    pipe_.writer.reset();
   }
 }
 

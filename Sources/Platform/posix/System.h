@@ -14,7 +14,7 @@
 
 namespace zk {
 
-/// Throws std::system_error about `call` with its errno unless that is ok.
+/// Throws std::system_error with errno and the name of the call unless it is ok.
 inline void require(bool ok, const char* call) {
   if (!ok) {
     throw std::system_error(errno, std::generic_category(), call);
@@ -28,13 +28,13 @@ inline void setOption(int socket, int level, int option, int value) {
 /// The TCP option that holds the seconds of silence before the first probe.
 extern const int keepAliveIdleOption;
 
-/// A clock that only runs forward, and also while the machine is suspended.
+/// A clock that never goes back and keeps counting while the machine is suspended.
 extern const clockid_t clockThatCountsSuspension;
 
 /// Closes every descriptor but those of standard input, output and error.
 void closeInherited();
 
-/// The highest soft limit of descriptors that the system takes under that hard one.
+/// The highest soft limit on descriptors that the system accepts with that hard limit.
 rlim_t mostDescriptors(rlim_t hardLimit);
 
 /// Gives the calling thread a name of at most that many octets.
@@ -47,7 +47,7 @@ Descriptor openForLooks(int family, int type);
 /// The octets of an IPv4 or IPv6 address; none for another family.
 ByteView octetsOf(const sockaddr& address);
 
-/// Whether two addresses have their first `bits` in common. They have as many.
+/// Whether the first `bits` of two addresses are the same. Both have that many.
 bool sharePrefix(const std::uint8_t* a, const std::uint8_t* b, unsigned bits);
 
 }  // namespace zk

@@ -5,7 +5,7 @@
 namespace zk {
 
 std::thread startThread(const std::string& label, std::function<void()> body) {
-  // The thread names itself: until then it bears the name of its creator.
+  // A thread can only name itself; until then it has its creator's name.
   return std::thread([name = label.substr(0, maxThreadName), run = std::move(body)] {
     nameThisThread(name.c_str());
     run();
