@@ -150,6 +150,7 @@ bool RelayLifetime::isLost(TURNRelay& relay, InUse& use, Look& look, std::uint64
   const RelayWay way = relay.way();
   const RouteAnswer answer = look.hasRoute(way);
   if (answer == RouteAnswer::unknown && !relay.isCutOff()) {
+    lookAgain();
     return false;
   }
   if (answer != RouteAnswer::unknown) {
