@@ -165,8 +165,8 @@ void run(ByteView bytes) {
   }
   require(error == expected.error, "the outcome is the one the answers call for");
   require(error || (endpoint.relayHost == expected.relay && endpoint.relayPort == expected.port &&
-                    Endpoint::of(endpoint.relayAddress).ip() == expected.relay &&
-                    Endpoint::of(endpoint.relayAddress).port == expected.port),
+                    endpoint.relayAddress.ip() == expected.relay &&
+                    endpoint.relayAddress.port == expected.port),
           "the relay is where the proxy says");
 
   Bytes heard(2048);
