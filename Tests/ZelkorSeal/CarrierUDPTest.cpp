@@ -143,6 +143,8 @@ TEST_F(CarrierUDP, OpensManyAtOnceAndTakesFromTheIdlest) {
   EXPECT_LT(stopwatch.seconds(), 5);
   script_.distance = 0ms;
   proxy_.setScript(script_);
+  sendTo(sockets[1], peer, "x");  // the others are idle for longer
+  ASSERT_EQ(receive(sockets[1]), "x from 203.0.113.7:5000");
   while (sockets.size() < UDPCarrier::maxRelays + 1) {
     sockets.push_back(program(1 << 16));
     sendTo(sockets.back(), peer, "x");

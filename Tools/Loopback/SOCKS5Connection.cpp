@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <system_error>
 
+#include <fcntl.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -25,6 +27,7 @@ constexpr std::uint8_t commandConnect = 0x01;
 constexpr std::uint8_t commandUDPAssociate = 0x03;
 constexpr std::uint8_t replyGeneralFailure = 0x01;
 constexpr std::uint8_t replyNotAllowed = 0x02;
+constexpr std::uint8_t replyRefused = 0x05;
 constexpr std::uint8_t replyCommandNotSupported = 0x07;
 constexpr std::uint8_t typeIPv4 = 0x01;
 constexpr std::uint8_t typeDomain = 0x03;
@@ -195,24 +198,20 @@ void SOCKS5Connection::handleRequest(ByteView message) {
   perform(script.onAssociate, std::move(answer), !association_);
 }
 
+/// To somewhere on this machine, which takes no time.
 void SOCKS5Connection::connect(const Endpoint& to) {
   const auto& connectTo = core_.script.connectTo;
-  const SOCKS5Script::Route route = connectTo ? connectTo(to) : SOCKS5Script::Route{to};
-  answering_ = true;
-  if (route.reply != 0) {
-    answerConnect(route.reply);
-    return;
+  SOCKS5Script::Route route = connectTo ? connectTo(to) : SOCKS5Script::Route{to};
+  try {
+    if (route.reply == 0) {
+      far_ = KitSocket::connectedTCP(route.to);
+      fcntl(far_.get(), F_SETFL, O_NONBLOCK);
+    }
+  } catch (const std::system_error& error) {
+    route.reply =
+        error.code() == std::errc::connection_refused ? replyRefused : replyGeneralFailure;
   }
-  tunnel_ = std::make_unique<SOCKS5Tunnel>(
-      core_.loop, core_.conduits, route.to,
-      [this](std::uint8_t reply) { later({}, [this, reply] { answerConnect(reply); }); });
-}
-
-void SOCKS5Connection::answerConnect(std::uint8_t reply) {
-  if (reply != 0) {
-    tunnel_.reset();
-  }
-  perform(core_.script.onConnect, refusal(reply), reply != 0);
+  perform(core_.script.onConnect, refusal(route.reply), route.reply != 0);
 }
 
 /// Makes the association and returns the proper answer.
@@ -305,9 +304,11 @@ void SOCKS5Connection::answered(bool closeBehind) {
   answering_ = false;
   if (closeBehind) {
     end();
-  } else if (tunnel_) {
+  } else if (far_) {
     watch_.reset();
-    tunnel_->carry(Descriptor(dup(socket_.get())), [this] { later({}, [this] { end(); }); });
+    tunnel_.emplace(core_.loop, core_.conduits, TCPSocket(Descriptor(dup(socket_.get()))),
+                    TCPSocket(std::move(far_)),
+                    [this](bool /*wasReset*/) { later({}, [this] { end(); }); });
   } else {
     converse();
   }

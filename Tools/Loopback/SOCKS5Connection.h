@@ -6,7 +6,6 @@
 
 #include "Base/Bytes.h"
 #include "Loopback/SOCKS5Core.h"
-#include "Loopback/SOCKS5Tunnel.h"
 
 namespace zk::loopback {
 
@@ -36,7 +35,6 @@ class SOCKS5Connection : public std::enable_shared_from_this<SOCKS5Connection> {
   void handleRequest(ByteView message);
   Bytes associate();
   void connect(const Endpoint& to);
-  void answerConnect(std::uint8_t reply);
 
   void perform(const SOCKS5Step& step, Bytes answer, bool closeBehind);
   void later(std::chrono::milliseconds delay, std::function<void()> action);
@@ -54,7 +52,8 @@ class SOCKS5Connection : public std::enable_shared_from_this<SOCKS5Connection> {
   bool ended_ = false;
   Bytes unread_;  // arrived and not yet taken as a message
   std::optional<std::size_t> association_;
-  std::unique_ptr<SOCKS5Tunnel> tunnel_;
+  KitSocket far_;                       // that a CONNECT has led to, until it is answered
+  std::optional<StreamBridge> tunnel_;  // from then on
 };
 
 }  // namespace zk::loopback
