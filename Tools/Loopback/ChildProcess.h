@@ -12,7 +12,7 @@
 
 #include <sys/types.h>
 
-#include "Platform/Descriptor.h"
+#include "Platform/Child.h"
 
 namespace zk::loopback {
 
@@ -29,21 +29,22 @@ class ChildProcess {
   /// this process's, or with `output` both outputs go to that file. SIGPIPE is ignored in this
   /// process from now on, as the child may end before its input is written. Throws
   /// std::system_error.
-  explicit ChildProcess(std::vector<std::string> arguments, const Environment& environment = {},
-                        const std::string& output = {});
+  explicit ChildProcess(const std::vector<std::string>& arguments,
+                        const Environment& environment = {}, const std::string& output = {})
+      : child_(arguments, environment, output) {}
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  pid_t pid() const { return pid_; }
+  pid_t pid() const { return child_.pid(); }
 
   /// Writes to its standard input. Whether all of it was taken.
-  bool write(std::string_view text);
+  bool write(std::string_view text) { return child_.write(text); }
   /// The next line on its standard output, without the line feed. Absent after `timeout`, and when
   /// the output ends before a line feed.
   std::optional<std::string> readLine(Milliseconds timeout);
   /// Ends its standard input.
-  void closeInput() { input_.reset(); }
+  void closeInput() { child_.closeInput(); }
   /// SIGTERM.
   void terminate() { sendSignal(SIGTERM); }
   void sendSignal(int signal);
@@ -52,7 +53,7 @@ class ChildProcess {
   std::optional<int> waitExit(Milliseconds timeout);
 
   /// Its folder in /proc.
-  std::filesystem::path proc() const { return "/proc/" + std::to_string(pid_); }
+  std::filesystem::path proc() const { return "/proc/" + std::to_string(pid()); }
   /// The entries of its folders fd and task; 0 once the process is gone.
   std::size_t descriptorCount() const;
   std::size_t threadCount() const;
@@ -61,11 +62,7 @@ class ChildProcess {
   std::chrono::nanoseconds cpuTime() const;
 
  private:
-  pid_t pid_ = -1;
-  Descriptor input_;   // our end of its standard input
-  Descriptor output_;  // our end of its standard output
-  std::string buffered_;
-  std::optional<int> exitStatus_;
+  Child child_;
 };
 
 /// Runs a shell script to its end, with both of its outputs in one. Throws std::runtime_error with

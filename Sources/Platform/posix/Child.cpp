@@ -5,8 +5,10 @@
 #include <csignal>
 #include <system_error>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,6 +38,11 @@ class Actions {
 
   void duplicate(int from, int to) {
     require(posix_spawn_file_actions_adddup2(&actions_, from, to), "posix_spawn");
+  }
+  void append(int to, const char* path) {
+    require(posix_spawn_file_actions_addopen(&actions_, to, path, O_WRONLY | O_CREAT | O_APPEND,
+                                             S_IRUSR | S_IWUSR),
+            "posix_spawn");
   }
   const posix_spawn_file_actions_t* get() const { return &actions_; }
 
@@ -94,13 +101,18 @@ std::vector<std::string> environmentWith(const std::map<std::string, std::string
 }  // namespace
 
 Child::Child(const std::vector<std::string>& arguments,
-             const std::map<std::string, std::string>& environment) {
+             const std::map<std::string, std::string>& environment, const std::string& outputFile) {
   Pipe input = openPipe();
   Pipe output = openPipe();
   std::signal(SIGPIPE, SIG_IGN);  // it may end before its input is written
   Actions actions;
   actions.duplicate(input.reader.get(), STDIN_FILENO);
-  actions.duplicate(output.writer.get(), STDOUT_FILENO);
+  if (outputFile.empty()) {
+    actions.duplicate(output.writer.get(), STDOUT_FILENO);
+  } else {
+    actions.append(STDOUT_FILENO, outputFile.c_str());
+    actions.duplicate(STDOUT_FILENO, STDERR_FILENO);
+  }
   const Attributes attributes;
   std::vector<std::string> texts = arguments;
   std::vector<std::string> entries = environmentWith(environment);
@@ -148,27 +160,31 @@ void Child::awaitEnd() {
   } while (got > 0 || (got < 0 && errno == EINTR));
 }
 
-int Child::end(Deadline deadline) {
-  if (status_) {
-    return *status_;
+std::optional<int> Child::waitExit(Deadline deadline) {
+  int status = 0;
+  while (!status_) {
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+      status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    } else if (Clock::now() >= deadline) {
+      return std::nullopt;
+    } else {
+      waitFor(-1, 0, Clock::now() + std::chrono::milliseconds(2));
+    }
   }
-  input_.reset();
+  return status_;
+}
+
+int Child::end(Deadline deadline) {
+  closeInput();
   char discarded[256];
-  while (waitFor(output_.get(), POLLIN, deadline) == Wait::ready &&
+  while (!status_ && waitFor(output_.get(), POLLIN, deadline) == Wait::ready &&
          read(output_.get(), discarded, sizeof discarded) > 0) {
   }
   // Its output has ended, and so will it, at once; or it hangs.
-  int status = 0;
-  while (waitpid(pid_, &status, WNOHANG) == 0) {
-    if (Clock::now() >= deadline) {
-      kill(pid_, SIGKILL);
-      while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-      }
-      break;
-    }
-    waitFor(-1, 0, Clock::now() + std::chrono::milliseconds(2));
+  if (!waitExit(deadline)) {
+    kill(pid_, SIGKILL);
+    waitExit(Deadline::max());
   }
-  status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
   return *status_;
 }
 
