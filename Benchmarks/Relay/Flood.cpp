@@ -56,14 +56,8 @@ std::vector<FloodKind> badInput(const Contestant& daemon) {
           {"frames of an unknown address type, from the proxy",
            daemon.legs()[0].frame(Bytes(spoiledSize)), byProxy},
           {"requests without credentials",
-           TURNMessage(TURNMethod::refresh, TURNClass::request, {}).encode(), answered},
-          {"requests with a wrong signature", signedRequest(daemon.port(), "guess"), answered}};
-}
-
-FloodKind goodRequest(const Contestant& daemon) {
-  return {"requests with a right signature",
-          signedRequest(daemon.port(), loopback::TURNCredentials().password),
-          FloodKind::Path::answered};
+           TURNMessage(TURNMethod::refresh, TURNClass::request, {}).encode(), request},
+          {"requests with a wrong signature", signedRequest(daemon.port(), "guess"), request}};
 }
 
 std::uint64_t flood(const Contestant& daemon, const FloodKind& kind, std::uint64_t count) {

@@ -12,9 +12,9 @@ namespace zk::bench {
 /// One way to bother the daemon.
 struct FloodKind {
   enum class Path {
-    dropped,   // from a local process, and not worth an answer
-    answered,  // from a local process; a request
-    byProxy,   // comes to the proxy through the daemon, and spoiled back
+    dropped,  // from a local process, and not worth an answer
+    request,  // from a local process; most are too many to be answered
+    byProxy,  // comes to the proxy through the daemon, and spoiled back
   };
   std::string name;
   Bytes datagram;  // what the daemon gets of it
@@ -29,9 +29,6 @@ bool spoil(std::span<std::uint8_t> datagram, const Endpoint& from);
 /// What a stranger may send: octets of no protocol, broken messages, data that belongs to nobody,
 /// requests without credentials or with a wrong signature, and what a proxy may send.
 std::vector<FloodKind> badInput(const Contestant& daemon);
-
-/// A request with a right signature, which the bad ones compare to.
-FloodKind goodRequest(const Contestant& daemon);
 
 /// Sends `count` datagrams of that kind through `daemon`, a daemon with one channel, in bursts that
 /// fit any socket's buffer: a round trip on the channel follows each of them. Returns how many

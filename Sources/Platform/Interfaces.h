@@ -36,6 +36,7 @@ struct LinkRoute {
 class LookFailed : public std::system_error {
  public:
   using std::system_error::system_error;
+  explicit LookFailed(const std::system_error& reason) : std::system_error(reason) {}
 };
 
 /// Whether there is a route; a look that failed is an answer of its own.

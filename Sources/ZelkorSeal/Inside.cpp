@@ -10,7 +10,6 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,26 +43,27 @@ void writeMap(const char* file, const std::string& text) {
               SealStep::maps, "write " + path);
 }
 
-void tell(int outside, const SealMessage& message, const SealDescriptors* made = nullptr) {
+void tell(int outside, const SealMessage& message, SealDescriptors* made = nullptr) {
   iovec content{const_cast<SealMessage*>(&message), sizeof message};
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(sealDescriptorCount * sizeof(int))> control{};
+  alignas(cmsghdr) SealRights control{};
   msghdr header{};
   header.msg_iov = &content;
   header.msg_iovlen = 1;
   if (made != nullptr) {
-    const int numbers[sealDescriptorCount] = {made->tun.get(),         made->listener.get(),
-                                              made->namesUDP[0].get(), made->namesUDP[1].get(),
-                                              made->namesTCP[0].get(), made->namesTCP[1].get()};
+    SealNumbers numbers{};
+    const auto all = made->all();
+    std::transform(all.begin(), all.end(), numbers.begin(),
+                   [](const Descriptor* descriptor) { return descriptor->get(); });
     header.msg_control = control.data();
     header.msg_controllen = control.size();
     cmsghdr* const rights = CMSG_FIRSTHDR(&header);
     rights->cmsg_level = SOL_SOCKET;
     rights->cmsg_type = SCM_RIGHTS;
     rights->cmsg_len = CMSG_LEN(sizeof numbers);
-    std::memcpy(CMSG_DATA(rights), numbers, sizeof numbers);
+    std::memcpy(CMSG_DATA(rights), numbers.data(), sizeof numbers);
   }
   requireStep(sendmsg(outside, &header, MSG_NOSIGNAL) == ssize_t(sizeof message), SealStep::process,
-              "hand the descriptors out");
+              "talk to zkturn");
 }
 
 // In the order that leaves nothing open: who made it can be attached to until it cannot be
@@ -77,11 +77,9 @@ void make(const SealInside& inside) {
   writeMap("gid_map", fmt::format("{0} {0} 1", inside.group));
   requireStep(prctl(PR_SET_DUMPABLE, 0) == 0, SealStep::process, "keep debuggers away");
   makeSealMounts(inside.mounts);
-  const SealDescriptors made = makeSealNetwork();
+  SealDescriptors made = makeSealNetwork();
   lockProcess();
-  SealMessage message;
-  message.kind = SealMessage::Kind::made;
-  tell(outside, message, &made);
+  tell(outside, {.kind = SealMessage::Kind::made}, &made);
 }
 
 [[noreturn]] void become(const SealInside& inside) {
@@ -174,10 +172,8 @@ class ProcessOne {
         continue;
       }
       if (WIFSTOPPED(status)) {
-        SealMessage message;
-        message.kind = SealMessage::Kind::stopped;
-        message.signal = WSTOPSIG(status);
-        tell(inside_.outside.get(), message);
+        tell(inside_.outside.get(),
+             {.kind = SealMessage::Kind::stopped, .signal = WSTOPSIG(status)});
       } else {
         _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
       }
@@ -191,19 +187,18 @@ class ProcessOne {
 }  // namespace
 
 void runInside(const SealInside& inside) {
+  std::string why;
   try {
     make(inside);
     ProcessOne(inside).serve();
   } catch (const SealStepFailure& failure) {
-    SealMessage message;
-    const std::string advice = adviceFor(failure);
-    advice.copy(message.text, sizeof message.text - 1);
-    send(inside.outside.get(), &message, sizeof message, MSG_NOSIGNAL);
+    why = adviceFor(failure);
   } catch (const std::exception& error) {
-    SealMessage message;
-    std::string_view(error.what()).copy(message.text, sizeof message.text - 1);
-    send(inside.outside.get(), &message, sizeof message, MSG_NOSIGNAL);
+    why = error.what();
   }
+  SealMessage message;
+  why.copy(message.text, sizeof message.text - 1);
+  send(inside.outside.get(), &message, sizeof message, MSG_NOSIGNAL);
   _exit(ours);
 }
 

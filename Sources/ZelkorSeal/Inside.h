@@ -1,6 +1,10 @@
 #pragma once
 
+#include <array>
 #include <csignal>
+#include <tuple>
+
+#include <sys/socket.h>
 
 #include "Platform/Descriptor.h"
 #include "ZelkorSeal/Mounts.h"
@@ -8,14 +12,18 @@
 
 namespace zk {
 
+enum class SealMessageKind { failed, made, start, stopped, goOn };
+
 /// What the process outside and process 1 of the seal tell each other, one message for each.
 struct SealMessage {
-  enum class Kind { failed, made, start, stopped, goOn };
+  using Kind = SealMessageKind;
   Kind kind = Kind::failed;
-  int signal = 0;        // by which the command was stopped
-  char text[1000] = {};  // why it failed, in words for people
+  int signal = 0;     // by which the command was stopped
+  char text[1000]{};  // why it failed, in words for people
 };
-inline constexpr std::size_t sealDescriptorCount = 6;  // that come with `made`
+/// Where the descriptors of a seal stand as they cross, and how many octets that takes.
+using SealNumbers = std::array<int, std::tuple_size_v<decltype(SealDescriptors().all())>>;
+using SealRights = std::array<char, CMSG_SPACE(sizeof(SealNumbers))>;
 
 /// What process 1 needs to know, learnt before it exists.
 struct SealInside {

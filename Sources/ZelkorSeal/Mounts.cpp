@@ -61,11 +61,13 @@ std::vector<std::string> shownPaths(const std::string& runtime, bool keepsBus) {
   const auto add = [&](const std::string& name) {
     if (!name.empty() && (name.front() == '/' || !runtime.empty())) {
       shown.push_back(name.front() == '/' ? name : runtime + "/" + name);
+      std::error_code absent;  // a link shows what it leads to
+      shown.push_back(fs::canonical(shown.back(), absent));
     }
   };
   add(variable("WAYLAND_DISPLAY", "wayland-0"));  // windows
   add(variable("XAUTHORITY"));                    // the key to X11's, often kept there
-  add("pulse/native");                                   // sound, by its two servers
+  add("pulse/native");                            // sound, by its two servers
   add("pipewire-0");
   if (keepsBus) {
     add("bus");

@@ -13,7 +13,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sched.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -93,7 +92,7 @@ class Seal::Signals final : private EventLoop::Source {
   ~Signals() {
     loop_.unwatch(pipe_.reader.get());
     for (const int number : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGTSTP}) {
-      std::signal(number, SIG_IGN);  // the command has had its end; ours comes at once
+      std::signal(number, SIG_DFL);  // whoever does not want to wait for the rest need not
     }
     signalWriter = -1;
   }
@@ -162,7 +161,7 @@ Seal::~Seal() {
 SealDescriptors Seal::takeDescriptors() {
   SealMessage message;
   iovec content{&message, sizeof message};
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(sealDescriptorCount * sizeof(int))> control{};
+  alignas(cmsghdr) SealRights control{};
   msghdr header{};
   header.msg_iov = &content;
   header.msg_iovlen = 1;
@@ -177,14 +176,13 @@ SealDescriptors Seal::takeDescriptors() {
     throw SealFailure(message.text[0] != '\0' ? message.text
                                               : "the seal has ended while it was being made");
   }
-  std::array<int, sealDescriptorCount> numbers{};
+  SealNumbers numbers{};
   if (rights == nullptr || rights->cmsg_len != CMSG_LEN(sizeof numbers)) {
     throw SealFailure("the seal's descriptors were not let through: too many are open");
   }
   std::memcpy(numbers.data(), CMSG_DATA(rights), sizeof numbers);
   SealDescriptors made;
-  Descriptor* const places[] = {&made.tun,         &made.listener,    &made.namesUDP[0],
-                                &made.namesUDP[1], &made.namesTCP[0], &made.namesTCP[1]};
+  const auto places = made.all();
   for (std::size_t i = 0; i < numbers.size(); ++i) {
     *places[i] = Descriptor(numbers[i]);
   }
@@ -196,9 +194,13 @@ void Seal::start(EventLoop& loop, Ended ended) {
   signals_ = std::make_unique<Signals>(loop, process_);
   loop.watch(pair_.get(), *this);
   loop_ = &loop;
-  SealMessage message;
-  message.kind = SealMessage::Kind::start;
-  send(pair_.get(), &message, sizeof message, MSG_NOSIGNAL);  // one that is gone shows as its end
+  tell(SealMessage::Kind::start);
+}
+
+// A process 1 that is gone shows as the end of the pair.
+void Seal::tell(SealMessageKind kind) {
+  const SealMessage message{.kind = kind};
+  send(pair_.get(), &message, sizeof message, MSG_NOSIGNAL);
 }
 
 void Seal::onReadable() {
@@ -221,9 +223,7 @@ void Seal::stopAsWell(int signal) {
   if (signal == SIGTSTP) {
     Signals::take(SIGTSTP);
   }
-  SealMessage message;
-  message.kind = SealMessage::Kind::goOn;
-  send(pair_.get(), &message, sizeof message, MSG_NOSIGNAL);
+  tell(SealMessage::Kind::goOn);
 }
 
 int Seal::waitForEnd() {

@@ -39,7 +39,14 @@ struct SealDescriptors {
   /// Bound at SealNetwork::nameServers, in that order; the ones for TCP listen.
   std::array<Descriptor, 2> namesUDP;
   std::array<Descriptor, 2> namesTCP;
+
+  /// All of them, always in the same order.
+  std::array<Descriptor*, 6> all() {
+    return {&tun, &listener, &namesUDP[0], &namesUDP[1], &namesTCP[0], &namesTCP[1]};
+  }
 };
+
+enum class SealMessageKind;
 
 /// Why there is no seal: one sentence for people, with what to try.
 class SealFailure : public std::runtime_error {
@@ -84,6 +91,7 @@ class Seal final : private EventLoop::Source {
   class Signals;
 
   void onReadable() override;
+  void tell(SealMessageKind kind);
   void stopAsWell(int signal);
   int waitForEnd();
 

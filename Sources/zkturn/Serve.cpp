@@ -46,7 +46,7 @@ fs::path inPath(const fs::path& name) {
   std::string_view rest = path != nullptr ? path : "";
   while (!rest.empty()) {
     const std::size_t colon = rest.find(':');
-    const fs::path candidate = fs::path(rest.substr(0, colon)) / name;
+    fs::path candidate = fs::path(rest.substr(0, colon)) / name;
     if (isProgram(candidate)) {
       return candidate;
     }
@@ -65,7 +65,7 @@ fs::path findDaemon(const fs::path& ownName) {
       return candidate;
     }
   }
-  const fs::path found = inPath("zkturnd");
+  fs::path found = inPath("zkturnd");
   if (found.empty()) {
     throw UsageError("there is no zkturnd beside this program nor in PATH: install it");
   }

@@ -286,6 +286,7 @@ TEST(Check, RemarksOnWhatIsLessThanItShouldBe) {
   EXPECT_EQ(result.status, 0) << result.output;
   EXPECT_TRUE(result.says("peers will see 203.0.113.9:40000")) << result.output;
   EXPECT_TRUE(result.says("sees 203.0.113.9:40001"));
+  EXPECT_TRUE(result.says("two people behind this proxy cannot call each other"));
   EXPECT_TRUE(result.says("forgets an association after 1 s of silence"));
   // All that the servers heard came from the proxy.
   EXPECT_EQ(proxy.counts().datagramsToPeers, stun.requests() + other.requests());

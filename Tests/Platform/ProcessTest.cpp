@@ -1,4 +1,3 @@
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <string>
@@ -43,21 +42,23 @@ TEST(Process, WritesItsOutputWholeIntoAPipeThatTakesItInPieces) {
 
 // Where poll() fails, here for a limit of no descriptors, a daemon is not told to stop.
 TEST(Process, WaitsForTheWordToStopWhateverTheSystemHasRunOutOf) {
+  Pipe pipe = openPipe();
   const pid_t child = fork();
   if (child == 0) {
     takeTerminationSignal();
     const rlimit none{0, 0};
     setrlimit(RLIMIT_NOFILE, &none);
-    std::atomic<bool> isTold{false};
-    std::thread teller([&] {
-      std::this_thread::sleep_for(50ms);
-      isTold = true;
-      kill(getpid(), SIGTERM);
-    });
+    pipe.writer.reset();
     awaitStop();
-    _exit(isTold ? 0 : 1);
+    _exit(0);
   }
+  pipe.writer.reset();
+  char octet = 0;
+  EXPECT_EQ(read(pipe.reader.get(), &octet, 1), 0);
+  std::this_thread::sleep_for(50ms);
   int status = -1;
+  EXPECT_EQ(waitpid(child, &status, WNOHANG), 0) << "it did not wait";
+  kill(child, SIGTERM);
   waitpid(child, &status, 0);
   EXPECT_EQ(status, 0);
 }

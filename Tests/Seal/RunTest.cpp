@@ -3,66 +3,10 @@
 #include <csignal>
 #include <iterator>
 
-#include "Loopback/SOCKS5Server.h"
-#include "Loopback/STUNResponder.h"
-#include "Seal/SealLab.h"
+#include "Seal/RunLab.h"
 
 namespace zk::lab {
 namespace {
-
-using loopback::SOCKS5Login;
-using loopback::SOCKS5Script;
-using loopback::SOCKS5Server;
-using loopback::STUNResponder;
-using loopback::STUNScript;
-
-const Traffic toProxy{"TCP to 10.2.0.2 by wire", "UDP to 10.2.0.2 by wire"};
-
-class RunTest : public SealTest {
- protected:
-  void SetUp() override {
-    SealTest::SetUp();
-    if (lab == nullptr) {
-      return;
-    }
-    NetworkLab::in("internet", [&] {
-      stun = std::make_unique<STUNResponder>(STUNScript{.mappedIP = NetworkLab::proxyPublic},
-                                             NetworkLab::internet, 3478);
-      internet = std::make_unique<ChildProcess>(std::vector<std::string>{
-          loopback::findProgram("python3"), ZK_SEAL_TESTS "/far_side.py", NetworkLab::internet});
-      ASSERT_EQ(internet->readLine(patience), "listens");
-    });
-    environment["ZK_STUN_IPS"] = stun->target();
-    NetworkLab::change("until ip netns exec proxy ss -Htln | grep -q :1080; do sleep 0.05; done");
-  }
-
-  std::vector<std::string> throughProxy(const std::vector<std::string>& command,
-                                        const std::vector<std::string>& options = {}) {
-    std::vector<std::string> all{zkturn, "run", proxy, "--dns", NetworkLab::internet};
-    all.insert(all.end(), options.begin(), options.end());
-    all.push_back("--");
-    all.insert(all.end(), command.begin(), command.end());
-    return all;
-  }
-  static std::vector<std::string> client(const std::string& step) {
-    return {"python3", "/tmp/sealed_client.py", step};
-  }
-
-  // Another proxy than the lab's own, on the same host, at its public address.
-  void scriptProxy(const SOCKS5Script& script) {
-    NetworkLab::change("ip -n router route add 203.0.113.2 via 10.2.0.2");
-    NetworkLab::in("proxy", [&] {
-      scripted = std::make_unique<SOCKS5Server>(script, NetworkLab::proxyPublic, 1081);
-    });
-    proxy = "203.0.113.2:1081";
-  }
-
-  const std::string zkturn = "/tmp/zkturn";
-  std::string proxy = "10.2.0.2:1080";
-  std::unique_ptr<SOCKS5Server> scripted;
-  std::unique_ptr<STUNResponder> stun;
-  std::unique_ptr<ChildProcess> internet;
-};
 
 TEST_F(RunTest, AProgramSeesTheInternetAsTheProxyDoes) {
   NetworkLab::change("ip -n proxy route add unreachable 192.0.2.0/24");
@@ -223,99 +167,6 @@ TEST_F(RunTest, WhateverHappensOutsideNothingLeaks) {
 TEST_F(RunTest, ThreeThousandAtOnceThenOneThatWorks) {
   const Outcome outcome = run(throughProxy(client("thousands")));
   EXPECT_NE(outcome.output.find("\nthousands: works\n"), std::string::npos) << outcome.output;
-}
-
-// ---- Browsers ----------------------------------------------------------------------------------
-
-TEST_F(RunTest, ABrowserGetsAProfileOfItsOwn) {
-  NetworkLab::change(
-      "mkdir -p /tmp/home; chown nobody /tmp/home\n"
-      "printf '#!/bin/sh\\necho \"$MOZ_NO_REMOTE $*\"\\n"
-      "[ -z \"$HOLD\" ] || sleep 60\\n' >/tmp/firefox\n"
-      "chmod 755 /tmp/firefox; cp /tmp/firefox /tmp/chromium\n");
-  environment["HOME"] = "/tmp/home";
-  const std::string profiles = "/tmp/home/.local/share/zkturn/";
-  struct {
-    std::vector<std::string> command;
-    std::string told;  // by the browser, of its arguments
-  } const rows[] = {
-      {{"/tmp/firefox", "URL"}, "\n1 --no-remote --profile " + profiles + "firefox URL\n"},
-      {{"/tmp/firefox", "-private-window"}, profiles + "firefox -private-window\n"},
-      {{"/tmp/firefox", "-P", "mine"}, "\n1 -P mine\n"},
-      {{"/tmp/chromium", "URL"}, "\n1 --user-data-dir=" + profiles + "chromium URL\n"},
-      {{"/tmp/chromium", "--user-data-dir=/tmp/x"}, "\n1 --user-data-dir=/tmp/x\n"},
-  };
-  for (const auto& row : rows) {
-    const Outcome outcome = run(throughProxy(row.command));
-    EXPECT_NE(outcome.output.find(row.told), std::string::npos) << outcome.output;
-  }
-  // While one seal has the profile, a second one gets another, which goes with it.
-  environment["HOLD"] = "1";
-  const auto first = start(throughProxy({"/tmp/firefox"}), "/tmp/first");
-  ASSERT_TRUE(eventually([] { return contentOf("/tmp/first").find("\n1 ") != std::string::npos; }));
-  environment.erase("HOLD");
-  const Outcome second = run(throughProxy({"/tmp/firefox"}));
-  std::smatch told;
-  ASSERT_TRUE(std::regex_search(second.output, told,
-                                std::regex("own, (/tmp/zkturn-firefox-\\w+), for this once\n")))
-      << second.output;
-  EXPECT_FALSE(std::filesystem::exists(told[1].str()));
-}
-
-// The distribution's, without one setting, on a page that wants out by all that a page has.
-class RealBrowserTest : public RunTest, public testing::WithParamInterface<const char*> {
- protected:
-  // What left home, and what was told of it.
-  std::pair<Traffic, std::string> visit(std::vector<std::string> command) {
-    NetworkLab::change("rm -rf /tmp/home; mkdir -p /tmp/home; chown nobody /tmp/home");
-    environment["HOME"] = "/tmp/home";
-    std::remove("/tmp/report");
-    const auto running = start(command, "/tmp/browser");
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (access("/tmp/report", F_OK) != 0 && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(milliseconds(100));
-    }
-    const std::string report = contentOf("/tmp/report");
-    EXPECT_TRUE(std::regex_search(report, std::regex("203\\.0\\.113\\.2 \\d+ typ srflx")))
-        << report << contentOf("/tmp/browser");
-    running->terminate();
-    running->waitExit(patience);
-    return {traffic(), contentOf("/tmp/browser")};
-  }
-};
-
-TEST_P(RealBrowserTest, APageGetsOutByTheProxyOnly) {
-  if (loopback::findProgram(GetParam()).empty()) {
-    GTEST_SKIP() << "no " << GetParam() << " here";
-  }
-  const std::vector<std::string> browser{GetParam(), "--headless", "http://203.0.113.1:8000/"};
-  const auto [left, told] = visit(throughProxy(browser));
-  EXPECT_EQ(left, toProxy);
-  EXPECT_TRUE(std::regex_search(told, std::regex("kept in: \\d+ private UDP to 10.1.0.1:3478\n")))
-      << told;
-  // Outside, with the page in reach.
-  NetworkLab::change(
-      "ip -n router route add 203.0.113.1 via 10.2.0.2; ip -n internet route add 10.0.0.0/8 via "
-      "203.0.113.2; ip netns exec proxy sh -c 'echo 1 >/proc/sys/net/ipv4/ip_forward'");
-  const Traffic leaked = visit({"/usr/bin/env", GetParam(), browser[1], browser[2]}).first;
-  for (const char* const kind : {"UDP to 198.51.100.11 by wire", "UDP to 10.1.0.1 by wire"}) {
-    EXPECT_TRUE(leaked.contains(kind)) << "this test proves nothing";
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Browsers, RealBrowserTest, testing::Values("firefox-esr", "chromium"),
-                         [](const auto& name) { return std::string(name.param).substr(0, 7); });
-
-TEST_F(RunTest, WhatCannotStartWithoutPrivilegesIsRefusedWithAWayOut) {
-  NetworkLab::change(
-      "printf '#!/bin/sh\\nexec /snap/bin/chromium \"$@\"\\n' >/tmp/chromium-browser\n"
-      "printf '#!/bin/sh\\nexec /usr/bin/flatpak run org.example.App\\n' >/tmp/org.example.App\n"
-      "chmod 755 /tmp/chromium-browser /tmp/org.example.App\n");
-  for (const char* const script : {"/tmp/chromium-browser", "/tmp/org.example.App"}) {
-    const Outcome outcome = run(throughProxy({script}));
-    EXPECT_EQ(outcome.status, 125);
-    EXPECT_NE(outcome.output.find("plain package"), std::string::npos) << outcome.output;
-  }
 }
 
 }  // namespace

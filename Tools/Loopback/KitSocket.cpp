@@ -20,13 +20,9 @@ int checked(int result, const char* call) {
   return result;
 }
 
-/// A socket address as the system's calls take it.
-struct Native {
-  explicit Native(const Endpoint& endpoint) : address(endpoint.socketAddress()) {}
-  const sockaddr* pointer() const { return reinterpret_cast<const sockaddr*>(&address); }
-  const sockaddr_in address;
-  const socklen_t length = sizeof address;
-};
+const sockaddr* generic(const sockaddr_in& address) {
+  return reinterpret_cast<const sockaddr*>(&address);
+}
 
 KitSocket bound(int type, const std::string& ip, std::uint16_t port) {
   KitSocket made(openNonBlockingSocket(AF_INET, type, 0));
@@ -34,8 +30,8 @@ KitSocket bound(int type, const std::string& ip, std::uint16_t port) {
   const int value = type == SOCK_STREAM ? 1 : receiveBuffer;
   setsockopt(made.get(), SOL_SOCKET, type == SOCK_STREAM ? SO_REUSEADDR : SO_RCVBUF, &value,
              sizeof value);
-  const Native address(endpointAt(ip, port));
-  checked(bind(made.get(), address.pointer(), address.length), "bind");
+  const sockaddr_in address = endpointAt(ip, port).socketAddress();
+  checked(bind(made.get(), generic(address), sizeof address), "bind");
   return made;
 }
 
@@ -75,14 +71,14 @@ Endpoint KitSocket::localAddress() const {
 }
 
 void KitSocket::connectTo(const Endpoint& to) const {
-  const Native address(to);
-  checked(connect(get(), address.pointer(), address.length), "connect");
+  const sockaddr_in address = to.socketAddress();
+  checked(connect(get(), generic(address), sizeof address), "connect");
 }
 
 bool KitSocket::send(ByteView datagram, const Endpoint& to) const {
-  const Native address(to);
-  return sendto(get(), datagram.data(), datagram.size(), sendFlags, address.pointer(),
-                address.length) == static_cast<ssize_t>(datagram.size());
+  const sockaddr_in address = to.socketAddress();
+  return sendto(get(), datagram.data(), datagram.size(), sendFlags, generic(address),
+                sizeof address) == static_cast<ssize_t>(datagram.size());
 }
 
 bool KitSocket::send(ByteView datagram) const {

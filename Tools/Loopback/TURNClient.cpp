@@ -11,8 +11,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::uint8_t transportUDP = 17;
-constexpr int challenge = 401;
-constexpr int staleNonce = 438;
 
 std::string textOf(std::optional<ByteView> value) {
   return value ? std::string(value->begin(), value->end()) : std::string();
@@ -130,7 +128,8 @@ TURNAnswer TURNClient::authenticatedRequest(const TURNMessage& message) {
   }
   TURNAnswer answer = request(attempt);
   const int error = answer.errorCode();
-  if (error != staleNonce && !(error == challenge && first)) {
+  if (error != TURNAttributes::staleNonce.code &&
+      !(error == TURNAttributes::unauthorized.code && first)) {
     return answer;
   }
   nonce_ = textOf(answer.message->first(TURNAttr::nonce));

@@ -94,9 +94,6 @@ client pass { from: 0.0.0.0/0 to: 0.0.0.0/0 }
 socks pass { from: 0.0.0.0/0 to: 0.0.0.0/0 }
 )";
 
-constexpr const char* startProxy =
-    "ip netns exec proxy danted -D -f /run/danted.conf -p /run/danted.pid\n";
-
 constexpr const char* asNobody =
     "#!/bin/sh\n"
     "exec setpriv --reuid=65534 --regid=65534 --clear-groups --inh-caps=-all --bounding-set=-all "
@@ -173,8 +170,6 @@ Descriptor openRecorder() {
   return recorder;
 }
 
-constexpr const char* neighbours = "10.1.";
-
 // What is recorded of a packet; empty for what the kernel tells neighbours and senders.
 std::string describe(const std::string& link, std::uint16_t etherType, ByteView packet) {
   std::string kind = "other";
@@ -187,7 +182,7 @@ std::string describe(const std::string& link, std::uint16_t etherType, ByteView 
   if (etherType == ETH_P_ARP && packet.size() >= 28) {
     kind = "ARP";
     destination = addressAt(24);
-    protocol = destination.starts_with(neighbours) ? IPPROTO_ICMP : protocol;
+    protocol = destination.starts_with("10.1.") ? IPPROTO_ICMP : protocol;
   } else if (etherType == ETH_P_IP && packet.size() >= 20) {
     protocol = packet[9];
     destination = addressAt(16);
@@ -242,7 +237,7 @@ NetworkLab::NetworkLab(const std::string& homeScript) {
   in("router", [this] { vpnAtRouter_ = openTun(); });
   in("home", [this] { vpnAtHome_ = openTun(); });
   change(bothEndsOfVPN + homeScript);
-  loopback::runScript(startProxy);
+  loopback::runScript("ip netns exec proxy danted -D -f /run/danted.conf -p /run/danted.pid");
   thread_.sync([this] {
     EventLoop& loop = thread_.loop();
     watches_[0].emplace(loop, recorder_.get(), [this] { recordWire(); });

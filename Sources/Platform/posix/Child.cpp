@@ -12,7 +12,8 @@
 
 #include "Platform/Clock.h"
 
-extern "C" char** environ;
+// Not every system's headers have it.
+extern "C" char** environ;  // NOLINT(readability-redundant-declaration)
 
 namespace zk {
 namespace {
@@ -78,7 +79,8 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
 std::vector<std::string> environmentWith(const std::map<std::string, std::string>& more) {
   std::vector<std::string> entries;
   for (const auto& [name, value] : more) {
-    entries.push_back(name + "=" + value);
+    entries.push_back(name);
+    entries.back().append("=").append(value);
   }
   for (char** entry = environ; *entry != nullptr; ++entry) {
     const std::string text = *entry;

@@ -29,7 +29,7 @@ Descriptor openForLooks(int family, int type) {
   try {
     return openNonBlockingSocket(family, type, 0);
   } catch (const std::system_error& error) {
-    throw LookFailed(error.code(), "socket");
+    throw LookFailed(error);
   }
 }
 
