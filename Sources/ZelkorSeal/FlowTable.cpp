@@ -20,19 +20,18 @@ std::uint32_t indexOf(const Endpoint& number) {
   return (number.address - SealNetwork::gateway) * ports + number.port - firstPort;
 }
 
-}  // namespace
-
-std::size_t FlowTable::Hash::operator()(const Key& key) const noexcept {
-  return std::hash<Endpoint>()({key.far.address, key.far.port}) ^
-         std::hash<Endpoint>()({key.program.port, key.program.port});
+std::uint64_t keyOf(const Endpoint& program, const Endpoint& far) {
+  return far.number() << 16 | program.port;
 }
+
+}  // namespace
 
 bool FlowTable::isNumber(const Endpoint& endpoint) {
   return endpoint.address - SealNetwork::gateway < gateways && endpoint.port >= firstPort;
 }
 
 Flow* FlowTable::ofProgram(const Endpoint& program, const Endpoint& far) const {
-  const auto found = flows_.find({program, far});
+  const auto found = flows_.find(keyOf(program, far));
   return found == flows_.end() ? nullptr : found->second.get();
 }
 
@@ -52,7 +51,7 @@ Flow* FlowTable::add(const Endpoint& program, const Endpoint& far) {
   flow->number = numberAt(index);
   Flow* const added = flow.get();
   numbers_[flow->number] = added;
-  flows_[{program, far}] = std::move(flow);
+  flows_[keyOf(program, far)] = std::move(flow);
   return added;
 }
 
@@ -71,7 +70,7 @@ bool FlowTable::takeNumber(std::uint32_t& index) {
 void FlowTable::remove(const Flow& flow) {
   resting_.push_back({indexOf(flow.number), clock_()});
   numbers_.erase(flow.number);
-  flows_.erase({flow.program, flow.far});
+  flows_.erase(keyOf(flow.program, flow.far));
 }
 
 bool FlowTable::isLast(Flow& flow, const Packet& segment, Side from) {

@@ -59,13 +59,6 @@ class FlowTable {
   std::size_t size() const { return flows_.size(); }
 
  private:
-  struct Key {
-    Endpoint program, far;
-    bool operator==(const Key&) const = default;
-  };
-  struct Hash {
-    std::size_t operator()(const Key& key) const noexcept;
-  };
   struct Resting {
     std::uint32_t index;
     std::uint64_t since;
@@ -73,7 +66,8 @@ class FlowTable {
   bool takeNumber(std::uint32_t& index);
 
   const Clock clock_;
-  std::unordered_map<Key, std::unique_ptr<Flow>, Hash> flows_;
+  // By the far end and the program's port: all programs have the same address.
+  std::unordered_map<std::uint64_t, std::unique_ptr<Flow>> flows_;
   std::unordered_map<Endpoint, Flow*> numbers_;
   std::deque<Resting> resting_;  // the longest first
   std::uint32_t fresh_ = 0;      // numbers from here on have never been given
