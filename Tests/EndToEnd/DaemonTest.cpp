@@ -114,36 +114,6 @@ TEST(DaemonTest, SaysWhatItLacks) {
   }
 }
 
-// However few they are: it says so, or it serves, if only with 500, and keeps none.
-TEST(DaemonTest, MakesDoWithTheDescriptorsThereAre) {
-  if (sanitized) {
-    GTEST_SKIP() << "sanitizers need descriptors for their own checks";
-  }
-  std::set<int> outcomes;
-  for (int count = 4; count <= 20; ++count) {
-    SCOPED_TRACE(count);
-    // What the runner of the tests leaves open goes first.
-    const auto rig = Rig::startedBy("exec 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-; ulimit -n " +
-                                    std::to_string(count));
-    rig->daemon.write(rig->config.line());
-    const auto port = rig->daemon.waitReady(patience);
-    int outcome = 1;
-    if (port) {
-      rig->port = *port;
-      const std::size_t before = rig->daemon.descriptorCount();
-      outcome = rig->client()->allocate().errorCode();
-      EXPECT_EQ(rig->daemon.descriptorCount(), before + (outcome == 500 ? 0 : 2));
-    } else {
-      const std::string& line = rig->daemon.statusLine();
-      EXPECT_TRUE(line.starts_with(errorLine("TURNServer.start() failed: ").substr(0, 50))) << line;
-    }
-    rig->daemon.closeInput();
-    EXPECT_EQ(rig->daemon.waitExit(patience), port ? 0 : 1);
-    outcomes.insert(outcome);
-  }
-  EXPECT_EQ(outcomes, (std::set<int>{0, 1, 500}));
-}
-
 // Each parent is careless in its own way, and each daemon is as it should be.
 TEST(DaemonTest, IsTheSameWhateverItsParentLeavesIt) {
   const TemporaryFolder folder;
@@ -260,50 +230,7 @@ TEST(DaemonTest, StopsAtOnceDuringOpenings) {
   expectQuickStop(*rig);
 }
 
-// Its address space ends before the next thread's stack.
-TEST(DaemonTest, ServesAndStopsAtTheThreadLimit) {
-  if (sanitized) {
-    GTEST_SKIP() << "sanitizers map what they like";
-  }
-  const auto rig = Rig::ready();
-  const rlimit unlimited = limitOf(rig->daemon, RLIMIT_AS);
-  const rlim_t pages = std::stoul(contentOf(procOf(rig->daemon) / "statm"));
-  const rlimit few{pages * static_cast<rlim_t>(getpagesize()) + (4 << 20), unlimited.rlim_max};
-  limitOf(rig->daemon, RLIMIT_AS, &few);
-  EXPECT_EQ(rig->client()->allocate().errorCode(), 500);
-  EXPECT_EQ(rig->proxy.counts().connections, 0U);
-  limitOf(rig->daemon, RLIMIT_AS, &unlimited);
-  const auto client = rig->allocated();
-  EXPECT_TRUE(echoes(*client, rig->peer, bytes("hello")));
-  limitOf(rig->daemon, RLIMIT_AS, &few);
-  expectQuickStop(*rig);
-}
-
 // ---- Service -----------------------------------------------------------------------------------
-
-TEST(DaemonTest, RelaysInBothFormsBothWays) {
-  const auto rig = Rig::ready();
-  const auto client = rig->client();
-  const TURNAnswer answer = client->allocate();
-  ASSERT_TRUE(answer.success());
-  // The face is what STUN saw; the port is the association's.
-  EXPECT_EQ(answer.relayedAddress()->ip(), egressIP);
-  EXPECT_EQ(answer.mappedAddress()->port, client->localPort());
-  EchoPeer second;
-  ASSERT_TRUE(client->bindChannel(0x4000, second.endpoint()).success());
-  for (const std::size_t size : {0U, 1U, 1200U, 9000U, 65'000U}) {
-    const Bytes payload(size, static_cast<std::uint8_t>(size));
-    EXPECT_TRUE(echoes(*client, rig->peer, payload)) << size;
-    EXPECT_TRUE(echoes(*client, second, payload, 0x4000)) << size;
-  }
-  // Nobody asked for this one: a peer that speaks first.
-  EchoPeer stranger;
-  ASSERT_TRUE(stranger.send(rig->proxy.egressAddress(0).value(), bytes("knock")));
-  const auto data = client->receiveData(patience);
-  ASSERT_TRUE(data && data->peer);
-  EXPECT_EQ(data->peer->port, stranger.port());
-  EXPECT_EQ(data->payload, bytes("knock"));
-}
 
 // Clients come and go; while they are there each costs two descriptors and no thread.
 TEST(DaemonTest, GivesBackWhatItTook) {

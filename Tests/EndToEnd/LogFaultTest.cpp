@@ -64,24 +64,6 @@ TEST_F(LogFaultTest, NewLinesFollowOldOnesAndBearTheirTime) {
   EXPECT_EQ(static_cast<unsigned>(fs::status(egressLog).permissions()), 0666U);
 }
 
-TEST_F(LogFaultTest, AFullDiskCostsLinesOnly) {
-  const auto rig = Rig::ready();
-  expectService(*rig);
-  ASSERT_TRUE(willContain(dataPlaneLog, "SEND", 20));
-  {
-    std::ofstream filler("/tmp/filler");
-    while (filler << std::string(1024, 'x') << std::flush) {
-    }
-  }
-  const auto size = fs::file_size(dataPlaneLog);
-  expectService(*rig);
-  EXPECT_LE(fs::file_size(dataPlaneLog), size + 4096) << "the disk was not full";
-  fs::remove("/tmp/filler");
-  expectService(*rig);
-  EXPECT_TRUE(eventually([&] { return fs::file_size(dataPlaneLog) > size + 1000; }));
-  EXPECT_TRUE(rig->stops());
-}
-
 // What somebody else may have put in a directory that everybody can write.
 TEST_F(LogFaultTest, RefusesWhatIsNotAPlainFileOfItsOwn) {
   const std::string precious = "/tmp/precious";

@@ -110,30 +110,5 @@ TEST(PacketTest, AnswersWithPacketsThatAreRight) {
   }
 }
 
-TEST(PacketTest, RefusesWhatIsNotOneWholePacket) {
-  const auto isTaken = [](std::size_t at, std::uint8_t value, std::size_t size) {
-    Bytes octets = syn;
-    octets[at] = value;
-    writeUInt16(octets.data() + 10, 0);
-    const std::uint16_t right =
-        static_cast<std::uint16_t>(~sum(copyOf(ByteView(octets).first(20))));
-    writeUInt16(octets.data() + 10, right);
-    octets.resize(size);
-    return Packet::parse(octets).has_value();
-  };
-  EXPECT_TRUE(isTaken(0, 0x45, 60));
-  EXPECT_FALSE(isTaken(0, 0x65, 60)) << "version";
-  EXPECT_FALSE(isTaken(0, 0x46, 60)) << "options";
-  EXPECT_FALSE(isTaken(0, 0x45, 59)) << "cut";
-  EXPECT_FALSE(isTaken(3, 19, 60)) << "shorter than its header";
-  EXPECT_FALSE(isTaken(6, 0x20, 60)) << "more fragments";
-  EXPECT_FALSE(isTaken(7, 0x01, 60)) << "a later fragment";
-  EXPECT_FALSE(isTaken(3, 39, 60)) << "half a header of TCP";
-  EXPECT_FALSE(isTaken(32, 0xF0, 60)) << "a header longer than the packet";
-  Bytes wrong = syn;
-  wrong[11] ^= 1;
-  EXPECT_FALSE(Packet::parse(wrong)) << "checksum";
-}
-
 }  // namespace
 }  // namespace zk::test
