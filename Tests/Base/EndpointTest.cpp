@@ -42,17 +42,5 @@ TEST(Endpoint, IsStrictAboutDottedQuadsAsTheSystemIsAndWritesThemAgain) {
   EXPECT_FALSE(parseAddress(std::string_view("10.0.0.1\0", 9)));
 }
 
-TEST(Endpoint, HostsWithPortsAreReadAsTheyAreWritten) {
-  for (const char* const text : {"proxy.example:1080", "192.0.2.1:1", "[2001:db8::1]:65535"}) {
-    const auto read = parseHostPort(text);
-    ASSERT_TRUE(read) << text;
-    EXPECT_EQ(read->text(), text);
-  }
-  for (const char* const text : {"", "proxy", ":1", "proxy:", "proxy:0", "proxy:65536", "proxy:1x",
-                                 "2001:db8::1:1", "[]:1", "[::1]", "a]:1"}) {
-    EXPECT_FALSE(parseHostPort(text)) << text;
-  }
-}
-
 }  // namespace
 }  // namespace zk

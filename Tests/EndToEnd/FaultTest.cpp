@@ -74,16 +74,6 @@ void expectRefusedAndHarmless(const Fault& fault) {
   EXPECT_TRUE(rig->stops());
 }
 
-TEST(FaultTest, AProxyThatResetsOrAnswersGarbage) {
-  const Fault faults[] = {at("reset at once", &SOCKS5Script::onAccept, Action::reset),
-                          at("reset for an association", &SOCKS5Script::onAssociate, Action::reset),
-                          {"a greeting of another protocol",
-                           {.greetingReply = bytes("HTTP/1.1 400 Bad Request\r\n\r\n")}},
-                          {"garbage for an association", {.associateReply = Bytes(300, 0xEE)}},
-                          {"no association left", {.sessionLimit = 1}}};
-  forAll(faults, expectRefusedAndHarmless);
-}
-
 // A read that meets the end of the stream waits like one that meets silence: 3 seconds at the first
 // attempt and 10 at the second.
 TEST(FaultTest, AProxyThatHangsOrDies) {
