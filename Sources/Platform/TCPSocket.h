@@ -60,7 +60,7 @@ class TCPSocket {
 class Conduit {
  public:
   /// So much at most is in it.
-  static constexpr std::size_t capacity = 256 * 1024;
+  static constexpr std::size_t capacity = std::size_t{256} << 10;
 
   /// Throws std::system_error when there is no descriptor to be had.
   Conduit();

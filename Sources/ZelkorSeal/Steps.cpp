@@ -41,7 +41,7 @@ std::string adviceOn(const SealStepFailure& failure) {
                        "here if this is a container";
   }
   if (isRefused || failure.error == ENOSPC || failure.error == EUSERS) {
-    if (const std::string known = restriction(); !known.empty()) {
+    if (std::string known = restriction(); !known.empty()) {
       return known;
     }
   }

@@ -19,7 +19,7 @@ bool hasPassed(std::uint64_t now, std::uint64_t since, std::chrono::nanoseconds 
 class Factory final : public TURNRelayFactory {
  public:
   explicit Factory(const ProxyAccess& access) {
-    settings_->proxy = access;
+    settings_->proxy = static_cast<const SOCKS5Proxy&>(access);
     settings_->viaDefault = access.viaDefault;
     settings_->findsEgress = false;  // nobody here is told under which address
   }

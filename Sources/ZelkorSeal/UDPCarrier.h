@@ -32,7 +32,7 @@ class UDPCarrier {
   static constexpr std::chrono::seconds pause{5};
   /// What a port sends before it has a relay waits for it.
   static constexpr std::size_t maxKept = 64;
-  static constexpr std::size_t maxKeptOctets = 64 * 1024;
+  static constexpr std::size_t maxKeptOctets = std::size_t{64} << 10;
   /// Takes a sentence for people.
   using Tell = std::function<void(std::string_view sentence)>;
 
