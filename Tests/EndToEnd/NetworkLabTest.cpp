@@ -300,6 +300,18 @@ TEST_F(NetworkLabTest, AnInterfaceThatIsGoneForGoodTakesItsRelaysAlong) {
   expectCallWorks();
 }
 
+// The system asks it after 20 seconds of silence; then nothing has come for 5 seconds more.
+TEST_F(NetworkLabTest, AProxyThatVanishesWithoutAWordEndsItsRelays) {
+  build(wire);
+  start();
+  expectCallWorks();
+  NetworkLab::change("onWire blackhole; ip -n router rule add pref 11 iif proxy blackhole");
+  const double seconds = secondsUntilTold(*client);
+  EXPECT_GE(seconds, 20);
+  EXPECT_LT(seconds, 48);
+  expectIn(end(), "relay SILENT since its end");
+}
+
 TEST_F(NetworkLabTest, ACableThatIsOutForTenSecondsEndsNoCallThoughAVPNIsUp) {
   build(wireAndVPN);
   start();
