@@ -12,6 +12,16 @@
 
 namespace zk::test {
 
+// One compiler has macros for it, the other a question.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool sanitized = true;
+#elif defined(__has_feature)
+inline constexpr bool sanitized =
+    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+inline constexpr bool sanitized = false;
+#endif
+
 /// Octets written as hexadecimal digits; anything else between them is ignored.
 inline Bytes hex(std::string_view digits) {
   Bytes bytes;

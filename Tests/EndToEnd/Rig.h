@@ -35,16 +35,6 @@ inline constexpr milliseconds patience{10'000};
 inline constexpr milliseconds longPatience{40'000};  // two attempts at a bad proxy, and a margin
 inline constexpr milliseconds aMoment{200};
 
-// One compiler has macros for it, the other a question.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr bool sanitized = true;
-#elif defined(__has_feature)
-inline constexpr bool sanitized =
-    __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-inline constexpr bool sanitized = false;
-#endif
-
 inline constexpr const char* egressIP = "203.0.113.9";
 
 inline Bytes bytes(std::string_view text) {

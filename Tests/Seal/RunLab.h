@@ -27,7 +27,7 @@ class RunTest : public SealTest {
       stun = std::make_unique<STUNResponder>(STUNScript{.mappedIP = NetworkLab::proxyPublic},
                                              NetworkLab::internet, 3478);
       internet = std::make_unique<ChildProcess>(std::vector<std::string>{
-          loopback::findProgram("python3"), ZK_SEAL_TESTS "/far_side.py", NetworkLab::internet});
+          loopback::findProgram("python3"), "/tmp/far_side.py", NetworkLab::internet});
       ASSERT_EQ(internet->readLine(patience), "listens");
     });
     environment["ZK_STUN_IPS"] = stun->target();

@@ -74,6 +74,9 @@ TEST_F(WaysOutTest, NoneIsOpen) {
 
 // Without this, the test above proves nothing.
 TEST_F(WaysOutTest, OutsideOfASealTheyAreSeenToLeak) {
+  if (sanitized) {
+    GTEST_SKIP() << "what sanitizers say of ptrace is no way out";
+  }
   for (const auto& [way, state] : ways("")) {
     // What belongs to the seal itself is not there outside of it.
     const bool isOfSeal = std::regex_search(way, std::regex("process 1|of the tun|lies under|cap"));
@@ -104,6 +107,9 @@ TEST_F(SealTest, TheStatusIsTheCommands) {
 }
 
 TEST_F(SealTest, LimitsSignalsAndMaskAreTheCommandsOwn) {
+  if (sanitized) {
+    GTEST_SKIP() << "sanitizers lower the limit on core dumps";
+  }
   const char* const look =
       "ulimit -n; ulimit -c; umask; grep -E '^Sig(Blk|Ign)' /proc/self/status; "
       "echo \\$DBUS_SESSION_BUS_ADDRESS\\$SESSION_MANAGER";
@@ -214,6 +220,9 @@ std::vector<std::pair<std::string, int>> callsOfTheMaking(const std::string& tra
 }
 
 TEST_F(SealTest, WhereOneCallOfItsMakingFailsTheCommandDoesNotRun) {
+  if (sanitized) {
+    GTEST_SKIP() << "leaks cannot be looked for under strace";
+  }
   if (loopback::findProgram("strace").empty()) {
     GTEST_SKIP() << "no strace here";
   }
@@ -266,17 +275,24 @@ TEST_F(SealTest, WhatProgramsNeedToBeSeenAndHeardShows) {
 
 // ---- The lab -----------------------------------------------------------------------------------
 
+// A folder, opened: the lab has a /tmp of its own, which may lie over it.
+Descriptor opened(const std::filesystem::path& folder) {
+  return Descriptor(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
 // The lab's udev: everybody may open the tun, as on most machines.
-void equip() {
-  const auto copy = [](const char* from, const char* to) {
-    std::filesystem::copy_file(from, to);
+void equip(const Descriptor& programs, const Descriptor& scripts) {
+  const auto copy = [](const Descriptor& folder, const char* from, const char* to) {
+    std::filesystem::copy_file("/proc/self/fd/" + std::to_string(folder.get()) + "/" + from, to);
     chmod(to, 0755);
   };
-  copy(ZK_SEALED, "/tmp/sealed");
-  copy(ZK_ZKTURN, "/tmp/zkturn");
-  copy(ZK_SEAL_TESTS "/sealed_client.py", "/tmp/sealed_client.py");
-  copy(ZK_WAYS_OUT, "/tmp/ways-out");
-  copy(ZK_WAYS_OUT, "/tmp/setuid");
+  std::filesystem::current_path("/");  // ours may be hidden, and a seal enters its own by its path
+  copy(programs, "Sealed", "/tmp/sealed");
+  copy(programs, "zkturn", "/tmp/zkturn");
+  copy(scripts, "sealed_client.py", "/tmp/sealed_client.py");
+  copy(scripts, "far_side.py", "/tmp/far_side.py");
+  copy(programs, "WaysOut", "/tmp/ways-out");
+  copy(programs, "WaysOut", "/tmp/setuid");
   chmod("/tmp/setuid", 04755);
   std::ofstream("/tmp/with-socket")
       << "#!/bin/bash\nexec 5</dev/udp/198.51.100.11/9; exec \"$@\"\n";
@@ -294,9 +310,11 @@ void equip() {
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
   if (!testing::GTEST_FLAG(list_tests)) {
+    const zk::Descriptor programs = zk::lab::opened(std::filesystem::path(ZK_SEALED).parent_path());
+    const zk::Descriptor scripts = zk::lab::opened(ZK_SEAL_TESTS);
     zk::lab::whyNoLab = zk::lab::enterPrivateMachine(ZK_SEALED);
     if (zk::lab::whyNoLab.empty()) {
-      zk::lab::equip();
+      zk::lab::equip(programs, scripts);
     }
   }
   return RUN_ALL_TESTS();

@@ -37,7 +37,7 @@ Poller::Poller() : poller_(kqueue()) {
     fail("kqueue");
   }
   fcntl(poller_.get(), F_SETFD, FD_CLOEXEC);
-  if (!change(poller_.get(), wakeUpEvent, EVFILT_USER, EV_ADD | EV_CLEAR)) {
+  if (!zk::change(poller_.get(), wakeUpEvent, EVFILT_USER, EV_ADD | EV_CLEAR)) {
     fail("kevent");
   }
 }

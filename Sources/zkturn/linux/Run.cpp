@@ -28,6 +28,7 @@ constexpr int ours = 125;
 // What the command has sent is passed on before all ends, if that does not take long.
 constexpr std::chrono::seconds farewell{10};
 constexpr std::chrono::milliseconds farewellPause{5};
+constexpr int farewellLooks = 30;
 
 void say(std::string_view sentence) {
   fmt::print(stderr, "zkturn: {}\n", sentence);
@@ -118,8 +119,10 @@ int serve(Seal& seal, EventLoop& loop, const Carrier& carrier) {
   int status = ours;
   std::function<void()> endWhenQuiet;
   std::uint64_t end = 0;
+  int quiet = 0;  // looks in a row: between two packets of what comes there is nothing to see
   endWhenQuiet = [&] {
-    if (!carrier.isPassingOn() || loop.now() >= end) {
+    quiet = carrier.isPassingOn() ? 0 : quiet + 1;
+    if (quiet == farewellLooks || loop.now() >= end) {
       loop.stop();
     } else {
       loop.after(farewellPause, endWhenQuiet);
