@@ -101,13 +101,6 @@ TEST_F(RunTest, ASealHoldsASecondOne) {
   EXPECT_EQ(traffic(), toProxy);
 }
 
-TEST_F(RunTest, WhatWasSaidLastArrives) {
-  const Outcome outcome = run(throughProxy(client("last words")));
-  EXPECT_EQ(outcome.status, 0) << outcome.output;
-  EXPECT_TRUE(eventually([] { return contentOf("/tmp/taken") == "3000000"; }))
-      << contentOf("/tmp/taken");
-}
-
 // How often the chatting program got through, and how often not.
 struct Chat {
   int good = 0;
