@@ -45,12 +45,6 @@ def many():
     return str(good)
 
 
-def last_words():
-    stream = socket.create_connection((FAR, 7002), 10)
-    stream.sendall(bytes(3000000))
-    os._exit(0)
-
-
 def thousands():
     begun = []
     for _ in range(3000):
@@ -90,7 +84,6 @@ STEPS = {
     "long name": lambda: resolve("long.example"),
     "no name": lambda: resolve("nobody.example"),
     "many": many,
-    "last words": last_words,
     "thousands": thousands,
     "chatter": chatter,
 }
