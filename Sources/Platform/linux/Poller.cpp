@@ -82,8 +82,10 @@ void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready,
 }
 
 void Poller::wake() {
+  // An event that is lost would have a stop wait for the next timer.
   const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = write(wakeUp_.get(), &one, sizeof one);
+  for (int tries = 0; tries < 10 && write(wakeUp_.get(), &one, sizeof one) < 0; ++tries) {
+  }
 }
 
 }  // namespace zk

@@ -36,7 +36,7 @@ void take(int signal) {
   action.sa_handler = noteTermination;
   action.sa_flags = SA_RESTART;
   sigfillset(&action.sa_mask);
-  sigaction(signal, &action, nullptr);
+  require(sigaction(signal, &action, nullptr) == 0, "sigaction");
   sigset_t taken;
   sigemptyset(&taken);
   sigaddset(&taken, signal);
