@@ -237,7 +237,10 @@ NetworkLab::NetworkLab(const std::string& homeScript) {
   in("router", [this] { vpnAtRouter_ = openTun(); });
   in("home", [this] { vpnAtHome_ = openTun(); });
   change(bothEndsOfVPN + homeScript);
-  loopback::runScript("ip netns exec proxy danted -D -f /run/danted.conf -p /run/danted.pid");
+  loopback::runScript(R"(ip netns exec proxy danted -D -f /run/danted.conf -p /run/danted.pid
+    for i in $(seq 500); do  # it goes into the background before it listens
+      ip netns exec proxy ss -Htln | grep -q :1080 && break; sleep 0.02
+    done)");
   thread_.sync([this] {
     EventLoop& loop = thread_.loop();
     watches_[0].emplace(loop, recorder_.get(), [this] { recordWire(); });
