@@ -31,14 +31,14 @@ namespace {
 
 }  // namespace
 
-void runFloor(std::uint16_t farPort) {
+void runFloor(const Endpoint& to) {
   static const auto nearSocket = loopback::KitSocket::boundUDP();
-  static const auto farSocket = loopback::KitSocket::boundUDP();
+  static const auto farSocket = loopback::KitSocket::boundUDP("0.0.0.0");
   loopback::setBlocking(nearSocket.get(), std::chrono::milliseconds(0));
   loopback::setBlocking(farSocket.get(), std::chrono::milliseconds(0));
   std::printf("%u\n", nearSocket.port());
   std::fflush(stdout);
-  const sockaddr_in far = loopback::localEndpoint(farPort).socketAddress();
+  const sockaddr_in far = to.socketAddress();
   // Written with the same value for every datagram of the one client, before any answer to it.
   static sockaddr_in client{};
   std::thread([=] { forward(farSocket.get(), nearSocket.get(), &client, nullptr); }).detach();

@@ -79,6 +79,12 @@ class Verdict {
     fmt::print("{} {}: {:.2f}{} (at most {:.2f})\n", holds ? "ok  " : "OVER", what, value, unit,
                bound);
   }
+  void checkAtLeast(const std::string& what, double value, double bound, const char* unit) {
+    const bool holds = value >= bound;
+    allHold_ = allHold_ && holds;
+    fmt::print("{} {}: {:.2f}{} (at least {:.2f})\n", holds ? "ok  " : "LOW ", what, value, unit,
+               bound);
+  }
   /// A figure without a bound.
   static void tell(const std::string& what, double value, const char* unit) {
     fmt::print("     {}: {:.2f}{}\n", what, value, unit);

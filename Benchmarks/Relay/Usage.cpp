@@ -25,7 +25,7 @@ std::size_t numberIn(const fs::path& status, const std::string& name) {
 
 }  // namespace
 
-Usage::Usage(const loopback::ChildProcess& process) {
+Usage::Usage(const loopback::ChildProcess& process, Family counted) {
   std::vector<pid_t> family{process.pid()};
   for (std::size_t i = 0; i < family.size(); ++i) {
     const fs::path folder = fs::path("/proc") / std::to_string(family[i]);
@@ -39,11 +39,30 @@ Usage::Usage(const loopback::ChildProcess& process) {
     for (const auto& task : fs::directory_iterator(folder / "task", gone)) {
       wakeUps += numberIn(task.path() / "status", "voluntary_ctxt_switches:");
       std::ifstream list(task.path() / "children");
-      for (pid_t child = 0; list >> child;) {
+      for (pid_t child = 0; counted == Family::withChildren && list >> child;) {
         family.push_back(child);
       }
     }
   }
+}
+
+Measurement measured(const loopback::ChildProcess& process,
+                     const std::function<loopback::LoadResult()>& load, Family counted) {
+  const Usage before(process, counted);
+  const loopback::LoadResult result = load();
+  const Usage after(process, counted);
+  const std::chrono::duration<double, std::micro> used = after.cpu - before.cpu;
+  const auto wakeUps = static_cast<double>(after.wakeUps - before.wakeUps);
+  const auto roundTrips = static_cast<double>(result.roundTrips());
+  return {.roundTripsPerSecond = roundTrips / result.seconds,
+          .p50 = result.percentile(0.50),
+          .p99 = result.percentile(0.99),
+          .cpuMicroseconds = used.count() / (2 * roundTrips),
+          .residentKilobytes = static_cast<double>(after.residentKilobytes),
+          .cpuMilliseconds = used.count() / 1000 / result.seconds,
+          .wakeUps = wakeUps / result.seconds,
+          .roundTrips = result.roundTrips(),
+          .losses = result.losses()};
 }
 
 }  // namespace zk::bench

@@ -48,34 +48,9 @@ struct LoadKind {
 };
 constexpr LoadKind loads[] = {{200, 32}, {200, 8}, {200, 4}, {200, 1}, {20, 32}, {1200, 32}};
 
-/// Of a call the sound comes every 20 ms and the pictures every 33; what comes back this much later
-/// meets what goes there as seldom as with two who talk.
-constexpr auto callDistance = 13ms;
-constexpr auto callDuration = 2s;
-
-/// Runs `load`, and reads what the contestant's process has used for it.
-template <typename LoadToRun>
-Measurement measureLoad(const Contestant& contestant, const LoadToRun& load) {
-  const Usage before(contestant.process());
-  const LoadResult result = load();
-  const Usage after(contestant.process());
-  const std::chrono::duration<double, std::micro> used = after.cpu - before.cpu;
-  const auto wakeUps = static_cast<double>(after.wakeUps - before.wakeUps);
-  const auto roundTrips = static_cast<double>(result.roundTrips());
-  return {.roundTripsPerSecond = roundTrips / result.seconds,
-          .p50 = result.percentile(0.50),
-          .p99 = result.percentile(0.99),
-          .cpuMicroseconds = used.count() / (2 * roundTrips),
-          .residentKilobytes = static_cast<double>(after.residentKilobytes),
-          .cpuMilliseconds = used.count() / 1000 / result.seconds,
-          .wakeUps = wakeUps / result.seconds,
-          .roundTrips = result.roundTrips(),
-          .losses = result.losses()};
-}
-
 Measurement measure(const Contestant& contestant, const LoadKind& load,
                     std::chrono::milliseconds duration, unsigned burst = 1) {
-  return measureLoad(contestant, [&] {
+  return measured(contestant.process(), [&] {
     return runLoad(contestant.legs(), {.payload = load.payload,
                                        .outstanding = load.outstanding,
                                        .duration = duration,
@@ -137,8 +112,8 @@ std::vector<Series> compareCalls(const Options& options) {
   for (int round = 0; round < (options.rounds + 4) / 5; ++round) {
     for (std::size_t i = 0; i < contestants.size(); ++i) {
       const Contestant& contestant = *contestants[i].second;
-      all[i].rounds.push_back(
-          measureLoad(contestant, [&] { return runCall(contestant.legs()[0], callDuration); }));
+      all[i].rounds.push_back(measured(
+          contestant.process(), [&] { return runCall(contestant.legs()[0], callDuration); }));
     }
   }
   return all;
@@ -353,7 +328,7 @@ int runWith(int argc, char** argv) {
     return app.exit(error) == 0 ? 0 : 2;
   }
   if (floor->parsed()) {
-    runFloor(farPort);
+    runFloor(localEndpoint(farPort));
   }
   if (proxy->parsed()) {
     runProxy(farPort);

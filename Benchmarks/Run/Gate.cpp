@@ -1,0 +1,201 @@
+// Each thread waits in the one call that it goes round: a packet is read and written, a piece of a
+// stream spliced twice, a datagram received and written. The programs' ports serve as the numbers
+// of their connections, and the far end of all of them is known, so that there is no table.
+
+#include "Run/Gate.h"
+
+#include <array>
+#include <cstdio>
+#include <future>
+#include <memory>
+#include <thread>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "Loopback/SOCKS5Frame.h"
+#include "Run/Proxied.h"
+#include "ZelkorSeal/Network.h"
+#include "ZelkorSeal/Packet.h"
+
+namespace zk::bench {
+namespace {
+
+using loopback::socks5HeaderSize;
+using SharedSocket = std::shared_ptr<loopback::KitSocket>;
+
+constexpr std::size_t ip = Packet::ipv4HeaderSize;
+constexpr std::size_t udpHeaders = ip + Packet::udpHeaderSize;
+constexpr std::size_t frameAt = udpHeaders - socks5HeaderSize;  // where its payload is in place
+constexpr int pieceSize = 256 << 10;
+
+SealDescriptors enterNetwork() {
+  std::promise<SealDescriptors> made;
+  std::thread([&made] {
+    if (unshare(CLONE_NEWNET) != 0) {
+      _exit(1);
+    }
+    SealDescriptors descriptors = makeSealNetwork();
+    std::printf("%d\n", gettid());
+    std::fflush(stdout);
+    made.set_value(std::move(descriptors));
+    for (;;) {
+      pause();
+    }
+  }).detach();
+  return made.get_future().get();
+}
+
+class Gate {
+ public:
+  Gate(const Endpoint& proxy, const Endpoint& target)
+      : proxy_(proxy), target_(target), network_(enterNetwork()) {
+    fcntl(tun(), F_SETFL, 0);
+    fcntl(network_.listener.get(), F_SETFL, 0);
+    relay_.connectTo(association_.bound);
+    loopback::setBlocking(relay_.get(), {});
+  }
+
+  [[noreturn]] void run() {
+    std::thread([this] { acceptAll(); }).detach();
+    std::thread([this] { takeAnswers(); }).detach();
+    takePackets();
+  }
+
+ private:
+  int tun() const { return network_.tun.get(); }
+
+  [[noreturn]] void takePackets() {
+    static std::array<std::uint8_t, 65536> packet;
+    for (;;) {
+      const ssize_t got = read(tun(), packet.data(), packet.size());
+      const auto size = static_cast<std::size_t>(std::max<ssize_t>(got, 0));
+      if (size > udpHeaders && packet[9] == Packet::udp) {
+        sendFrame(packet.data(), size);
+      } else if (size > ip && packet[9] == Packet::tcp) {
+        forward(packet.data());
+        [[maybe_unused]] const ssize_t written = write(tun(), packet.data(), size);
+      }
+    }
+  }
+
+  void sendFrame(std::uint8_t* packet, std::size_t size) {
+    const ByteView octets(packet, size);
+    const Endpoint to{readUInt32(octets, 16), readUInt16(octets, ip + 2)};
+    program_ = readUInt16(octets, ip);
+    loopback::writeSOCKS5Header(packet + frameAt, to);
+    relay_.send(octets.subspan(frameAt));
+  }
+
+  [[noreturn]] void takeAnswers() {
+    static std::array<std::uint8_t, 65536> packet;
+    for (;;) {
+      const ssize_t got = recv(relay_.get(), packet.data() + frameAt, packet.size() - frameAt, 0);
+      if (got < static_cast<ssize_t>(socks5HeaderSize)) {
+        continue;
+      }
+      const std::size_t size = frameAt + static_cast<std::size_t>(got);
+      const Endpoint from{readUInt32(packet, frameAt + 4), readUInt16(packet, frameAt + 8)};
+      const auto header =
+          PacketAnswer::datagramHeader(from, {SealNetwork::address, program_}, size - udpHeaders);
+      std::copy(header.begin(), header.end(), packet.begin());
+      [[maybe_unused]] const ssize_t written = write(tun(), packet.data(), size);
+    }
+  }
+
+  void forward(std::uint8_t* packet) {
+    const ByteView octets(packet, ip + Packet::tcpHeaderSize);
+    const std::uint16_t from = readUInt16(octets, ip);
+    if (from == SealNetwork::listenerPort) {
+      readdress(packet, target_, {SealNetwork::address, readUInt16(octets, ip + 2)});
+      return;
+    }
+    if ((packet[ip + 13] & (Packet::syn | Packet::ack)) == Packet::syn) {
+      waiting_ = std::make_shared<loopback::KitSocket>(
+          std::move(Proxied(proxy_, Command::connect, target_).socket));
+    }
+    readdress(packet, {SealNetwork::gateway, from},
+              {SealNetwork::address, SealNetwork::listenerPort});
+  }
+
+  // What the checksums lose on one side is put back (RFC 1624).
+  static void readdress(std::uint8_t* packet, const Endpoint& from, const Endpoint& to) {
+    constexpr std::size_t fields[] = {12, 14, 16, 18, ip, ip + 2};
+    const auto sum = [&](std::size_t count) {
+      std::uint32_t all = 0;
+      for (std::size_t i = 0; i < count; ++i) {
+        all += readUInt16({packet + fields[i], 2}, 0);
+      }
+      return all;
+    };
+    const std::uint32_t before[] = {sum(4), sum(6)};
+    const std::uint16_t values[] = {static_cast<std::uint16_t>(from.address >> 16),
+                                    static_cast<std::uint16_t>(from.address),
+                                    static_cast<std::uint16_t>(to.address >> 16),
+                                    static_cast<std::uint16_t>(to.address),
+                                    from.port,
+                                    to.port};
+    for (std::size_t i = 0; i < std::size(values); ++i) {
+      writeUInt16(packet + fields[i], values[i]);
+    }
+    const auto mend = [packet](std::size_t at, std::uint32_t lost, std::uint32_t gained) {
+      std::uint32_t value = readUInt16({packet + at, 2}, 0) + lost + 6 * 0xFFFF - gained;
+      while (value > 0xFFFF) {
+        value = (value & 0xFFFF) + (value >> 16);
+      }
+      writeUInt16(packet + at, static_cast<std::uint16_t>(value));
+    };
+    mend(10, before[0], sum(4));
+    mend(ip + 16, before[1], sum(6));
+  }
+
+  // The SYN has gone in behind its proxy's yes.
+  [[noreturn]] void acceptAll() {
+    for (;;) {
+      const auto program = std::make_shared<loopback::KitSocket>(
+          accept4(network_.listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      const SharedSocket far = waiting_;
+      std::thread([=] { pass(*program, *far); }).detach();
+      std::thread([=] { pass(*far, *program); }).detach();
+    }
+  }
+
+  static void pass(const loopback::KitSocket& from, const loopback::KitSocket& to) {
+    std::array<int, 2> pipe{};
+    if (pipe2(pipe.data(), O_CLOEXEC) != 0) {
+      return;
+    }
+    const Descriptor reader(pipe[0]);
+    const Descriptor writer(pipe[1]);
+    fcntl(pipe[1], F_SETPIPE_SZ, pieceSize);
+    const auto move = [](int source, int sink, ssize_t most) {
+      return splice(source, nullptr, sink, nullptr, static_cast<std::size_t>(most), SPLICE_F_MOVE);
+    };
+    for (ssize_t held = 1; held > 0;) {
+      held = move(from.get(), writer.get(), pieceSize);
+      for (ssize_t left = held, moved = 1; left > 0 && moved > 0; left -= moved) {
+        moved = move(reader.get(), to.get(), left);
+      }
+    }
+    shutdown(to.get(), SHUT_WR);
+  }
+
+  const Endpoint proxy_;
+  const Endpoint target_;
+  const SealDescriptors network_;
+  const Proxied association_{proxy_, Command::associate, {}};
+  const loopback::KitSocket relay_ = loopback::KitSocket::boundUDP("0.0.0.0");
+  std::atomic<std::uint16_t> program_{0};
+  SharedSocket waiting_;  // set before the SYN goes in, read after it has been accepted
+};
+
+}  // namespace
+
+void runGate(const Endpoint& proxy, const Endpoint& target) {
+  static Gate gate(proxy, target);
+  gate.run();
+}
+
+}  // namespace zk::bench
