@@ -8,15 +8,17 @@
 #include <cstdio>
 #include <future>
 #include <memory>
+#include <stdexcept>
 #include <thread>
 
 #include <fcntl.h>
+#include <netinet/tcp.h>
 #include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "Loopback/KitSocket.h"
 #include "Loopback/SOCKS5Frame.h"
-#include "Run/Proxied.h"
 #include "ZelkorSeal/Network.h"
 #include "ZelkorSeal/Packet.h"
 
@@ -30,6 +32,39 @@ constexpr std::size_t ip = Packet::ipv4HeaderSize;
 constexpr std::size_t udpHeaders = ip + Packet::udpHeaderSize;
 constexpr std::size_t frameAt = udpHeaders - socks5HeaderSize;  // where its payload is in place
 constexpr int pieceSize = 256 << 10;
+
+enum class Command : std::uint8_t { connect = 1, associate = 3 };
+
+// A connection to the proxy on which it has said yes, in the plainest way: one message and one
+// answer after the other, without a login (RFC 1928).
+struct Proxied {
+  Proxied(const Endpoint& proxy, Command command, const Endpoint& target);
+
+  loopback::KitSocket socket;
+  Endpoint bound;  // what the proxy's answer names
+};
+
+Proxied::Proxied(const Endpoint& proxy, Command command, const Endpoint& target)
+    : socket(loopback::KitSocket::connectedTCP(proxy)) {
+  const int on = 1;
+  setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  const auto ask = [this](const Bytes& message, std::size_t size) {
+    Bytes answer(size);
+    socket.send(message);
+    if (recv(socket.get(), answer.data(), size, MSG_WAITALL) != static_cast<ssize_t>(size) ||
+        answer[1] != 0) {
+      throw std::runtime_error("the proxy refuses");
+    }
+    return answer;
+  };
+  ask({5, 1, 0}, 2);
+  Bytes request{5, static_cast<std::uint8_t>(command), 0, 1, 0, 0, 0, 0, 0, 0};
+  const auto octets = target.octets();
+  std::copy(octets.begin(), octets.end(), request.begin() + 4);
+  writeUInt16(&request[8], target.port);
+  const Bytes answer = ask(request, request.size());
+  bound = {readUInt32(answer, 4), readUInt16(answer, 8)};
+}
 
 SealDescriptors enterNetwork() {
   std::promise<SealDescriptors> made;

@@ -19,7 +19,6 @@
 #include "Relay/Usage.h"
 #include "Run/Gate.h"
 #include "Run/Lab.h"
-#include "Run/Proxied.h"
 
 namespace zk::bench {
 namespace {
@@ -30,6 +29,7 @@ using lab::NetworkLab;
 
 constexpr double gibibyte = 1 << 30;
 constexpr std::size_t pageSize = 1024;
+constexpr unsigned pages = 1000;
 constexpr std::size_t quietConnections = 1000;
 constexpr std::size_t relaysAtOnce = 200;
 constexpr std::chrono::milliseconds relaysDistance{100};
@@ -45,6 +45,7 @@ const Endpoint proxy = endpointAt(Addresses::proxy, Addresses::proxyPort);
 struct Options {
   int rounds = 7;
   unsigned milliseconds = 200;
+  std::string only;
 };
 
 double secondsSince(std::uint64_t start) {
@@ -109,45 +110,30 @@ void compareDownloads(Comparison& all, int rounds, Verdict& verdict) {
   verdict.check("CPU of zkturn per GiB, × the bare gate", median(times), 1.1, "");
 }
 
-KitSocket outsideConnection(const Endpoint& to) {
-  return std::move(Proxied(proxy, Command::connect, to).socket);
-}
-
-/// Pages per second, each by a connection of its own.
-double pagesPerSecond(const std::string& host, KitSocket (*connect)(const Endpoint&),
-                      std::chrono::milliseconds duration) {
-  int pages = 0;
-  double seconds = 0;
-  NetworkLab::in(host, [&] {
-    const std::string request = fmt::format("GET /{} HTTP/1.1\r\n\r\n", pageSize);
-    std::array<std::uint8_t, 4096> buffer;
-    const std::uint64_t start = monotonicNanoseconds();
-    for (; seconds < std::chrono::duration<double>(duration).count(); ++pages) {
-      const KitSocket socket = connect(onInternet(Addresses::pagesPort));
-      setBlocking(socket.get(), 5s);
-      socket.send(bytesOf(request));
-      std::size_t size = 0;
-      for (ssize_t got = 1; got > 0; size += static_cast<std::size_t>(std::max<ssize_t>(got, 0))) {
-        got = recv(socket.get(), buffer.data(), buffer.size(), 0);
-      }
-      if (size < pageSize) {
-        throw std::runtime_error("a page was cut short");
-      }
-      seconds = secondsSince(start);
-    }
-  });
+/// By one program, each by a connection of its own.
+double pagesPerSecond(Way& way, const std::string& options) {
+  const std::uint64_t start = monotonicNanoseconds();
+  const std::string line = way.ask(fmt::format(
+      "curl -s {} -o /dev/null -w '%{{size_download}}\\n' 'http://{}/{}?[1-{}]' | sort | uniq -c",
+      options, onInternet(Addresses::pagesPort).text(), pageSize, pages));
+  const double seconds = secondsSince(start);
+  unsigned whole = 0;
+  std::size_t size = 0;
+  if (std::sscanf(line.c_str(), "%u %zu", &whole, &size) != 2 || whole != pages ||
+      size != pageSize) {
+    throw std::runtime_error("pages were cut short: " + line);
+  }
   return pages / seconds;
 }
 
-void comparePages(const Comparison& all, const Options& options, Verdict& verdict) {
-  const std::chrono::milliseconds duration(2 * options.milliseconds);
+void comparePages(Comparison& all, const Options& options, Verdict& verdict) {
+  const std::string own = fmt::format("--socks5 {}", proxy.text());
   std::vector<double> outside, ratios;
   for (int round = 0; round < options.rounds; ++round) {
-    outside.push_back(pagesPerSecond("home", outsideConnection, duration));
-    ratios.push_back(pagesPerSecond(all.sealed->host(), KitSocket::connectedTCP, duration) /
-                     outside.back());
+    outside.push_back(pagesPerSecond(all.direct, own));
+    ratios.push_back(pagesPerSecond(*all.sealed, "") / outside.back());
   }
-  Verdict::tell("small pages one after the other, the client's own SOCKS", median(outside), "/s");
+  Verdict::tell("small pages one after the other, by curl's own SOCKS", median(outside), "/s");
   verdict.checkAtLeast("small pages one after the other in a seal, × that", median(ratios), 0.8,
                        "");
 }
@@ -253,13 +239,15 @@ void compareDatagrams(const Comparison& all, const Options& options, Verdict& ve
   fmt::print("\n{}\n", bench::table(table));
 }
 
-void compareCalls(Comparison& all, const Options& options) {
+void compareCalls(Comparison& all, const Options& options, Verdict& verdict) {
   all.far->relayBy(all.far->later);
   all.gate.emplace(Way::bareGate());  // has one association, from its beginning
   const Floor floor(all.far->later);
-  fmt::print("{}\n",
-             callTable(compare(contestantsOf(all, floor), {}, (options.rounds + 1) / 2,
-                               [](const auto& legs) { return runCall(legs[0], callDuration); })));
+  const auto calls = compare(contestantsOf(all, floor), {}, (options.rounds + 1) / 2,
+                             [](const auto& legs) { return runCall(legs[0], callDuration); });
+  fmt::print("{}\n", callTable(calls));
+  verdict.check("CPU per second of a call, × floor",
+                calls[1].ratioTo(calls[0], &Measurement::cpuMilliseconds), 1.25, "");
 }
 
 /// What programs hear, each on a socket of its own that has sent one datagram.
@@ -358,14 +346,20 @@ bool run(const Options& options) {
   fmt::print("{}\n{} rounds, medians; zkturn runs as nobody\n\n", machineText(), options.rounds);
   Comparison all;
   Verdict verdict;
-  compareDownloads(all, options.rounds, verdict);
-  comparePages(all, options, verdict);
-  measureQuiet(all, verdict);
-  compareDatagrams(all, options, verdict);
-  compareCalls(all, options);
-  measureRelays(all, verdict);
-  measureBurst(all, verdict);
-  measureCrowd(all, verdict);
+  const std::pair<const char*, std::function<void()>> parts[] = {
+      {"downloads", [&] { compareDownloads(all, options.rounds, verdict); }},
+      {"pages", [&] { comparePages(all, options, verdict); }},
+      {"quiet", [&] { measureQuiet(all, verdict); }},
+      {"datagrams", [&] { compareDatagrams(all, options, verdict); }},
+      {"calls", [&] { compareCalls(all, options, verdict); }},
+      {"relays", [&] { measureRelays(all, verdict); }},
+      {"bursts", [&] { measureBurst(all, verdict); }},
+      {"crowd", [&] { measureCrowd(all, verdict); }}};
+  for (const auto& [name, measure] : parts) {
+    if (options.only.empty() || options.only == name) {
+      measure();
+    }
+  }
   return verdict.allHold();
 }
 
@@ -375,6 +369,8 @@ int runWith(int argc, char** argv) {
   CLI::App app("Measures what a seal costs the programs in it. As root.", "zkturn-bench");
   app.add_option("--rounds", options.rounds)->check(CLI::PositiveNumber);
   app.add_option("--milliseconds", options.milliseconds, "... of each round of datagrams");
+  app.add_option("--only", options.only,
+                 "downloads, pages, quiet, datagrams, calls, relays, bursts or crowd");
   auto* gate = app.add_subcommand("gate", "")->group("");
   auto* floor = app.add_subcommand("floor", "")->group("");
   floor->add_option("far", far)->required();
