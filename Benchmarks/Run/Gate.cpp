@@ -12,8 +12,10 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <linux/if_tun.h>
 #include <netinet/tcp.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,6 +23,7 @@
 #include "Loopback/SOCKS5Frame.h"
 #include "ZelkorSeal/Network.h"
 #include "ZelkorSeal/Packet.h"
+#include "ZelkorSeal/Tun.h"
 
 namespace zk::bench {
 namespace {
@@ -28,6 +31,8 @@ namespace {
 using loopback::socks5HeaderSize;
 using SharedSocket = std::shared_ptr<loopback::KitSocket>;
 
+// What the tun says of a packet before it: nothing, as nothing is left undone here.
+constexpr std::size_t aboutSize = sizeof(Tun::About);
 constexpr std::size_t ip = Packet::ipv4HeaderSize;
 constexpr std::size_t udpHeaders = ip + Packet::udpHeaderSize;
 constexpr std::size_t frameAt = udpHeaders - socks5HeaderSize;  // where its payload is in place
@@ -88,6 +93,7 @@ class Gate {
   Gate(const Endpoint& proxy, const Endpoint& target)
       : proxy_(proxy), target_(target), network_(enterNetwork()) {
     fcntl(tun(), F_SETFL, 0);
+    ioctl(tun(), TUNSETOFFLOAD, 0);
     fcntl(network_.listener.get(), F_SETFL, 0);
     relay_.connectTo(association_.bound);
     loopback::setBlocking(relay_.get(), {});
@@ -103,15 +109,19 @@ class Gate {
   int tun() const { return network_.tun.get(); }
 
   [[noreturn]] void takePackets() {
-    static std::array<std::uint8_t, 65536> packet;
+    static std::array<std::uint8_t, 65536> buffer;
+    std::uint8_t* const packet = buffer.data() + aboutSize;
     for (;;) {
-      const ssize_t got = read(tun(), packet.data(), packet.size());
-      const auto size = static_cast<std::size_t>(std::max<ssize_t>(got, 0));
-      if (size > udpHeaders && packet[9] == Packet::udp) {
-        sendFrame(packet.data(), size);
-      } else if (size > ip && packet[9] == Packet::tcp) {
-        forward(packet.data());
-        [[maybe_unused]] const ssize_t written = write(tun(), packet.data(), size);
+      const ssize_t got = read(tun(), buffer.data(), buffer.size());
+      if (got < static_cast<ssize_t>(aboutSize + udpHeaders)) {
+        continue;
+      }
+      const auto size = static_cast<std::size_t>(got);
+      if (packet[9] == Packet::udp) {
+        sendFrame(packet, size - aboutSize);
+      } else if (packet[9] == Packet::tcp) {
+        forward(packet);
+        [[maybe_unused]] const ssize_t written = write(tun(), buffer.data(), size);
       }
     }
   }
@@ -125,18 +135,21 @@ class Gate {
   }
 
   [[noreturn]] void takeAnswers() {
-    static std::array<std::uint8_t, 65536> packet;
+    static std::array<std::uint8_t, 65536> buffer;
+    std::uint8_t* const frame = buffer.data() + aboutSize + frameAt;
     for (;;) {
-      const ssize_t got = recv(relay_.get(), packet.data() + frameAt, packet.size() - frameAt, 0);
+      const ssize_t got = recv(relay_.get(), frame, buffer.size() - aboutSize - frameAt, 0);
       if (got < static_cast<ssize_t>(socks5HeaderSize)) {
         continue;
       }
-      const std::size_t size = frameAt + static_cast<std::size_t>(got);
-      const Endpoint from{readUInt32(packet, frameAt + 4), readUInt16(packet, frameAt + 8)};
+      const ByteView octets(frame, static_cast<std::size_t>(got));
+      const Endpoint from{readUInt32(octets, 4), readUInt16(octets, 8)};
+      const std::size_t payload = octets.size() - socks5HeaderSize;
       const auto header =
-          PacketAnswer::datagramHeader(from, {SealNetwork::address, program_}, size - udpHeaders);
-      std::copy(header.begin(), header.end(), packet.begin());
-      [[maybe_unused]] const ssize_t written = write(tun(), packet.data(), size);
+          PacketAnswer::datagramHeader(from, {SealNetwork::address, program_}, payload);
+      std::copy(header.begin(), header.end(), buffer.begin() + aboutSize);
+      [[maybe_unused]] const ssize_t written =
+          write(tun(), buffer.data(), aboutSize + header.size() + payload);
     }
   }
 

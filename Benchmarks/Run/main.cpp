@@ -83,7 +83,7 @@ Download download(Way& way, const char* options) {
   double size = 0;
   double speed = 0;
   if (std::sscanf(line.c_str(), "%lf %lf", &size, &speed) != 2 || size != gibibyte) {
-    throw std::runtime_error("a download was cut short: " + line);
+    throw std::runtime_error("a download was cut short in " + way.host() + ": " + line);
   }
   return {speed, used.count()};
 }
@@ -212,6 +212,9 @@ std::vector<Series> compare(const std::vector<Contestant>& contestants, LoadPlan
     for (std::size_t i = 0; i < contestants.size(); ++i) {
       series[i].rounds.push_back(measured(
           contestants[i].process, [&] { return load(contestants[i].legs); }, Family::alone));
+      if (series[i].rounds.back().roundTrips == 0) {
+        throw std::runtime_error("nothing came back to " + contestants[i].name);
+      }
     }
   }
   return series;
@@ -248,6 +251,8 @@ void compareCalls(Comparison& all, const Options& options, Verdict& verdict) {
   fmt::print("{}\n", callTable(calls));
   verdict.check("CPU per second of a call, × floor",
                 calls[1].ratioTo(calls[0], &Measurement::cpuMilliseconds), 1.25, "");
+  verdict.check("datagrams of these calls that were lost", static_cast<double>(calls[1].losses()),
+                0, "");
 }
 
 /// What programs hear, each on a socket of its own that has sent one datagram.

@@ -52,8 +52,10 @@ Descriptor openTun() {
   Descriptor tun(open("/dev/net/tun", O_RDWR | O_NONBLOCK | O_CLOEXEC));
   requireStep(bool(tun), SealStep::tun, "open /dev/net/tun");
   ifreq request = requestFor(tunName);
-  request.ifr_flags = IFF_TUN | IFF_NO_PI;
+  request.ifr_flags = IFF_TUN | IFF_NO_PI | IFF_VNET_HDR;
   requireStep(ioctl(tun.get(), TUNSETIFF, &request) == 0, SealStep::tun, "make a tun device");
+  requireStep(ioctl(tun.get(), TUNSETOFFLOAD, TUN_F_CSUM) == 0, SealStep::tun,
+              "leave sums to the tun");
   return tun;
 }
 

@@ -7,7 +7,6 @@ namespace {
 
 constexpr std::size_t ip = Packet::ipv4HeaderSize;
 constexpr std::size_t ipChecksumAt = 10;
-constexpr std::size_t tcpChecksumAt = ip + 16;
 constexpr std::uint8_t hopLimit = 64;
 
 std::uint32_t sumOf(ByteView octets) {
@@ -103,19 +102,10 @@ std::uint32_t Packet::nextSequence() const {
 
 void Packet::readdress(const Endpoint& from, const Endpoint& to) {
   std::uint8_t* const packet = octets_.data();
-  // Addresses count in both checksums, ports in that of TCP only. HC' = ~(~HC + ~m + m'), where the
-  // sum of complements is the complement of the sum.
-  const auto adjust = [packet](std::size_t at, std::uint32_t before, std::uint32_t after) {
-    const auto old = static_cast<std::uint16_t>(~readUInt16({packet + at, 2}, 0));
-    writeUInt16(packet + at, checksum(old + static_cast<std::uint16_t>(~folded(before)) + after));
-  };
-  const std::uint32_t addressesBefore = sumOf({packet + 12, 8});
-  const std::uint32_t portsBefore = sumOf({packet + ip, 4});
   writeAddresses(packet, from, to);
   writePorts(packet, from, to);
-  const std::uint32_t addressesAfter = sumOf({packet + 12, 8});
-  adjust(ipChecksumAt, addressesBefore, addressesAfter);
-  adjust(tcpChecksumAt, addressesBefore + portsBefore, addressesAfter + sumOf({packet + ip, 4}));
+  writeUInt16(packet + ipChecksumAt, 0);
+  writeUInt16(packet + ipChecksumAt, checksum(sumOf({packet, ip})));
 }
 
 // RFC 9293 section 3.10.7.1.
@@ -136,7 +126,7 @@ Bytes PacketAnswer::reset(const Packet& segment) {
   tcp[12] = Packet::tcpHeaderSize / 4 << 4;
   const std::uint32_t pseudoHeader =
       sumOf(ByteView(packet).subspan(12, 8)) + Packet::tcp + Packet::tcpHeaderSize;
-  writeUInt16(packet.data() + tcpChecksumAt,
+  writeUInt16(packet.data() + ip + Packet::tcpChecksumAt,
               checksum(pseudoHeader + sumOf(ByteView(packet).subspan(ip))));
   return packet;
 }

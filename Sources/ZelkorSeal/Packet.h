@@ -18,6 +18,7 @@ class Packet {
   static constexpr std::size_t ipv4HeaderSize = 20;
   static constexpr std::size_t tcpHeaderSize = 20;  // without options
   static constexpr std::size_t udpHeaderSize = 8;
+  static constexpr std::uint16_t tcpChecksumAt = 16;  // in its header
   enum Protocol : std::uint8_t { icmp = 1, tcp = 6, udp = 17 };
   enum Flag : std::uint8_t { fin = 0x01, syn = 0x02, rst = 0x04, ack = 0x10 };
 
@@ -41,8 +42,8 @@ class Packet {
   /// The sequence number behind it. SYN and FIN count.
   std::uint32_t nextSequence() const;
 
-  /// TCP: gives it another source and destination. Its checksums are adjusted (RFC 1624), so that
-  /// one that was wrong stays so.
+  /// TCP: gives it another source and destination. The sum over the segment is then that of the
+  /// former ones, see Tun::writeBack().
   void readdress(const Endpoint& from, const Endpoint& to);
 
  private:

@@ -99,7 +99,7 @@ void TCPGate::forward(Flow& flow, Packet& segment, Side from) {
   } else {
     segment.readdress(flow.far, flow.program);
   }
-  tun_.write(segment.octets());
+  tun_.writeBack(segment.octets());
   if (isLast) {
     forget(flow);
   }

@@ -4,13 +4,11 @@
 #include <cstdio>
 #include <map>
 
-#include <arpa/inet.h>
-#include <unistd.h>
-
 #include "Base/Bytes.h"
 #include "Base/Endpoint.h"
 #include "Platform/Clock.h"
 #include "ZelkorSeal/Seal.h"
+#include "ZelkorSeal/Tun.h"
 
 namespace {
 
@@ -18,12 +16,13 @@ using namespace zk;
 
 class Sink final : public EventLoop::Source {
  public:
-  explicit Sink(int tun) : tun_(tun) {}
+  explicit Sink(Descriptor tun) : tun_(std::move(tun)) {}
+  int descriptor() const { return tun_.descriptor(); }
   void onReadable() override {
-    std::uint8_t packet[65536];
-    const auto size = read(tun_, packet, sizeof packet);
-    if (size >= 20) {
-      const Endpoint to{ntohl(*reinterpret_cast<const std::uint32_t*>(packet + 16)), 0};
+    std::uint8_t room[65536];
+    const auto packet = tun_.read(room);
+    if (packet.size() >= Packet::ipv4HeaderSize) {
+      const Endpoint to{readUInt32(packet, 16), 0};
       ++counts_[packet[0] >> 4 == 4 ? to.ip() : "IPv6"];
     }
   }
@@ -34,7 +33,7 @@ class Sink final : public EventLoop::Source {
   }
 
  private:
-  const int tun_;
+  const Tun tun_;
   std::map<std::string, std::size_t> counts_;
 };
 
@@ -43,10 +42,10 @@ class Sink final : public EventLoop::Source {
 int main(int argc, char** argv) try {
   const bool keepsBus = argc > 1 && std::string(argv[1]) == "--keep-bus";
   Seal seal({{argv + 1 + keepsBus, argv + argc}, {}, keepsBus});
-  const SealDescriptors made = seal.takeDescriptors();
+  SealDescriptors made = seal.takeDescriptors();
   EventLoop loop(monotonicNanoseconds);
-  Sink sink(made.tun.get());
-  loop.watch(made.tun.get(), sink);
+  Sink sink(std::move(made.tun));
+  loop.watch(sink.descriptor(), sink);
   int status = 0;
   seal.start(loop, [&](int ended) {
     status = ended;
