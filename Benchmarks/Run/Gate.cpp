@@ -12,10 +12,7 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <linux/if_tun.h>
-#include <netinet/tcp.h>
 #include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -31,7 +28,7 @@ namespace {
 using loopback::socks5HeaderSize;
 using SharedSocket = std::shared_ptr<loopback::KitSocket>;
 
-// What the tun says of a packet before it: nothing, as nothing is left undone here.
+// What the tun says of a packet before it, which goes back as it has come.
 constexpr std::size_t aboutSize = sizeof(Tun::About);
 constexpr std::size_t ip = Packet::ipv4HeaderSize;
 constexpr std::size_t udpHeaders = ip + Packet::udpHeaderSize;
@@ -41,19 +38,15 @@ constexpr int pieceSize = 256 << 10;
 enum class Command : std::uint8_t { connect = 1, associate = 3 };
 
 // A connection to the proxy on which it has said yes, in the plainest way: one message and one
-// answer after the other, without a login (RFC 1928).
+// answer after the other, without a login (RFC 1928). And what its answer names.
 struct Proxied {
-  Proxied(const Endpoint& proxy, Command command, const Endpoint& target);
-
   loopback::KitSocket socket;
-  Endpoint bound;  // what the proxy's answer names
+  Endpoint bound;
 };
 
-Proxied::Proxied(const Endpoint& proxy, Command command, const Endpoint& target)
-    : socket(loopback::KitSocket::connectedTCP(proxy)) {
-  const int on = 1;
-  setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  const auto ask = [this](const Bytes& message, std::size_t size) {
+Proxied ask(const Endpoint& proxy, Command command, const Endpoint& target) {
+  auto socket = loopback::KitSocket::connectedTCP(proxy);
+  const auto say = [&](const Bytes& message, std::size_t size) {
     Bytes answer(size);
     socket.send(message);
     if (recv(socket.get(), answer.data(), size, MSG_WAITALL) != static_cast<ssize_t>(size) ||
@@ -62,13 +55,12 @@ Proxied::Proxied(const Endpoint& proxy, Command command, const Endpoint& target)
     }
     return answer;
   };
-  ask({5, 1, 0}, 2);
-  Bytes request{5, static_cast<std::uint8_t>(command), 0, 1, 0, 0, 0, 0, 0, 0};
-  const auto octets = target.octets();
-  std::copy(octets.begin(), octets.end(), request.begin() + 4);
-  writeUInt16(&request[8], target.port);
-  const Bytes answer = ask(request, request.size());
-  bound = {readUInt32(answer, 4), readUInt16(answer, 8)};
+  say({5, 1, 0}, 2);
+  Bytes request = loopback::socks5Frame(target, {});  // but for its first octets the same
+  request[0] = 5;
+  request[1] = static_cast<std::uint8_t>(command);
+  const Bytes answer = say(request, request.size());
+  return {std::move(socket), {readUInt32(answer, 4), readUInt16(answer, 8)}};
 }
 
 SealDescriptors enterNetwork() {
@@ -93,7 +85,6 @@ class Gate {
   Gate(const Endpoint& proxy, const Endpoint& target)
       : proxy_(proxy), target_(target), network_(enterNetwork()) {
     fcntl(tun(), F_SETFL, 0);
-    ioctl(tun(), TUNSETOFFLOAD, 0);
     fcntl(network_.listener.get(), F_SETFL, 0);
     relay_.connectTo(association_.bound);
     loopback::setBlocking(relay_.get(), {});
@@ -161,42 +152,27 @@ class Gate {
       return;
     }
     if ((packet[ip + 13] & (Packet::syn | Packet::ack)) == Packet::syn) {
-      waiting_ = std::make_shared<loopback::KitSocket>(
-          std::move(Proxied(proxy_, Command::connect, target_).socket));
+      waiting_ =
+          std::make_shared<loopback::KitSocket>(ask(proxy_, Command::connect, target_).socket);
     }
     readdress(packet, {SealNetwork::gateway, from},
               {SealNetwork::address, SealNetwork::listenerPort});
   }
 
-  // What the checksums lose on one side is put back (RFC 1624).
+  // What the IP checksum loses on one side is put back (RFC 1624).
   static void readdress(std::uint8_t* packet, const Endpoint& from, const Endpoint& to) {
-    constexpr std::size_t fields[] = {12, 14, 16, 18, ip, ip + 2};
-    const auto sum = [&](std::size_t count) {
-      std::uint32_t all = 0;
-      for (std::size_t i = 0; i < count; ++i) {
-        all += readUInt16({packet + fields[i], 2}, 0);
-      }
-      return all;
-    };
-    const std::uint32_t before[] = {sum(4), sum(6)};
-    const std::uint16_t values[] = {static_cast<std::uint16_t>(from.address >> 16),
-                                    static_cast<std::uint16_t>(from.address),
-                                    static_cast<std::uint16_t>(to.address >> 16),
-                                    static_cast<std::uint16_t>(to.address),
-                                    from.port,
-                                    to.port};
-    for (std::size_t i = 0; i < std::size(values); ++i) {
-      writeUInt16(packet + fields[i], values[i]);
+    const std::uint32_t words[] = {from.address >> 16, from.address & 0xFFFF, to.address >> 16,
+                                   to.address & 0xFFFF};
+    const ByteView octets(packet, ip + Packet::tcpHeaderSize);
+    std::uint32_t sum = readUInt16(octets, 10);
+    for (std::size_t i = 0; i < std::size(words); ++i) {
+      sum += readUInt16(octets, 12 + 2 * i) + 0xFFFF - words[i];
+      writeUInt16(packet + 12 + 2 * i, static_cast<std::uint16_t>(words[i]));
     }
-    const auto mend = [packet](std::size_t at, std::uint32_t lost, std::uint32_t gained) {
-      std::uint32_t value = readUInt16({packet + at, 2}, 0) + lost + 6 * 0xFFFF - gained;
-      while (value > 0xFFFF) {
-        value = (value & 0xFFFF) + (value >> 16);
-      }
-      writeUInt16(packet + at, static_cast<std::uint16_t>(value));
-    };
-    mend(10, before[0], sum(4));
-    mend(ip + 16, before[1], sum(6));
+    sum = (sum & 0xFFFF) + (sum >> 16);
+    writeUInt16(packet + 10, static_cast<std::uint16_t>(sum + (sum >> 16)));
+    writeUInt16(packet + ip, from.port);
+    writeUInt16(packet + ip + 2, to.port);
   }
 
   // The SYN has gone in behind its proxy's yes.
@@ -233,7 +209,7 @@ class Gate {
   const Endpoint proxy_;
   const Endpoint target_;
   const SealDescriptors network_;
-  const Proxied association_{proxy_, Command::associate, {}};
+  const Proxied association_ = ask(proxy_, Command::associate, {});
   const loopback::KitSocket relay_ = loopback::KitSocket::boundUDP("0.0.0.0");
   std::atomic<std::uint16_t> program_{0};
   SharedSocket waiting_;  // set before the SYN goes in, read after it has been accepted

@@ -1,6 +1,5 @@
 #include "Run/Lab.h"
 
-#include <filesystem>
 #include <fstream>
 
 #include <fmt/format.h>
@@ -21,7 +20,7 @@ using lab::NetworkLab;
 
 constexpr std::size_t zerosSize = 1 << 20;
 constexpr std::chrono::milliseconds tick{50};  // how soon it is noticed that all is to end
-constexpr const char* ready = "ready";
+constexpr const char* shellPath = "/bin/sh";
 
 // Everybody may open the tun, as on most machines.
 constexpr const char* hosts = R"(
@@ -36,8 +35,16 @@ ip -n far addr add {} dev lo
 
 // As the user "nobody", who has no privilege to seal with.
 constexpr const char* sealedShell =
-    "exec setpriv --reuid=65534 --regid=65534 --clear-groups --inh-caps=-all --bounding-set=-all "
+    "export ZK_STUN_IPS=203.0.113.1:3478; exec setpriv --reuid=65534 --regid=65534 --clear-groups "
+    "--inh-caps=-all --bounding-set=-all "
     "/run/zkturn run {}:{} --dns {} -- sh 2>/run/zkturn.log";
+
+std::unique_ptr<ChildProcess> start(const std::string& host,
+                                    const std::vector<std::string>& command) {
+  std::unique_ptr<ChildProcess> started;
+  NetworkLab::in(host, [&] { started = std::make_unique<ChildProcess>(command); });
+  return started;
+}
 
 Descriptor makeZeros() {
   Descriptor zeros(memfd_create("zeros", MFD_CLOEXEC));
@@ -105,27 +112,15 @@ SOCKS5Script FarHost::scriptFor(const FarSide& side) {
 
 // ---- Ways --------------------------------------------------------------------------------------
 
-Way::Way(std::string host, std::unique_ptr<ChildProcess> process)
-    : host_(std::move(host)), process_(std::move(process)) {}
-
 Way Way::direct() {
-  std::unique_ptr<ChildProcess> shell;
-  NetworkLab::in(
-      "home", [&] { shell = std::make_unique<ChildProcess>(std::vector<std::string>{"/bin/sh"}); });
-  return {"home", std::move(shell)};
+  return {"home", start("home", {shellPath})};
 }
 
 Way Way::sealed() {
-  std::unique_ptr<ChildProcess> zkturn;
-  NetworkLab::in("home", [&] {
-    zkturn = std::make_unique<ChildProcess>(
-        std::vector<std::string>{
-            "/bin/sh", "-c",
-            fmt::format(sealedShell, Addresses::proxy, Addresses::proxyPort, Addresses::internet)},
-        ChildProcess::Environment{{"ZK_STUN_IPS", fmt::format("{}:3478", Addresses::internet)}});
-  });
-  Way way("sealed", std::move(zkturn));
-  way.ask(fmt::format("echo {}", ready));
+  const std::string command =
+      fmt::format(sealedShell, Addresses::proxy, Addresses::proxyPort, Addresses::internet);
+  Way way("sealed", start("home", {shellPath, "-c", command}));
+  way.ask("echo it runs");
   const pid_t pid = way.process().pid();
   std::string inside;
   std::ifstream(fmt::format("/proc/{0}/task/{0}/children", pid)) >> inside;
@@ -134,16 +129,10 @@ Way Way::sealed() {
 }
 
 Way Way::bareGate() {
-  std::unique_ptr<ChildProcess> gate;
-  NetworkLab::in("home", [&] {
-    gate = std::make_unique<ChildProcess>(std::vector<std::string>{"/proc/self/exe", "gate"});
-  });
-  Way way("gate", std::move(gate));
+  Way way("gate", start("home", {"/proc/self/exe", "gate"}));
   const std::string thread = way.process_->readLine(5s).value();
   way.learnNetwork(fmt::format("{}/task/{}", way.process().pid(), thread));
-  NetworkLab::in("gate", [&] {
-    way.shell_ = std::make_unique<ChildProcess>(std::vector<std::string>{"/bin/sh"});
-  });
+  way.shell_ = start("gate", {shellPath});
   return way;
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -68,14 +67,14 @@ class Way {
   const std::string& host() const { return host_; }
   /// What carries.
   const loopback::ChildProcess& process() const { return *process_; }
-  loopback::ChildProcess& shell() { return shell_ ? *shell_ : *process_; }
   /// Runs one command of a program in there, and returns the line that it says.
   std::string ask(const std::string& command);
 
  private:
-  Way(std::string host, std::unique_ptr<loopback::ChildProcess> process);
+  Way(std::string host, std::unique_ptr<loopback::ChildProcess> process)
+      : host_(std::move(host)), process_(std::move(process)) {}
+  loopback::ChildProcess& shell() { return shell_ ? *shell_ : *process_; }
   void learnNetwork(const std::string& thread) const;
-  void openShell();
 
   std::string host_;
   std::unique_ptr<loopback::ChildProcess> process_;
