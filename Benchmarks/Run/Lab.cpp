@@ -60,6 +60,10 @@ Endpoint onInternet(std::uint16_t port) {
   return endpointAt(Addresses::internet, port);
 }
 
+Endpoint proxyEndpoint() {
+  return endpointAt(Addresses::proxy, Addresses::proxyPort);
+}
+
 // ---- The far host ------------------------------------------------------------------------------
 
 Pages::Pages(const Endpoint& at)
@@ -103,6 +107,12 @@ FarHost::FarHost()
       pages(onInternet(Addresses::pagesPort)),
       quiet(KitSocket::listener(Addresses::internet, Addresses::quietPort)),
       peer(Addresses::internet) {}
+
+std::unique_ptr<FarHost> FarHost::make() {
+  std::unique_ptr<FarHost> made;
+  NetworkLab::in("far", [&] { made = std::make_unique<FarHost>(); });
+  return made;
+}
 
 SOCKS5Script FarHost::scriptFor(const FarSide& side) {
   SOCKS5Script script;

@@ -23,6 +23,7 @@ inline constexpr std::uint16_t quietPort = 81;
 }  // namespace Addresses
 
 Endpoint onInternet(std::uint16_t port);
+Endpoint proxyEndpoint();
 
 /// Serves pages of zeros over HTTP, one after the other: /COUNT has COUNT octets.
 class Pages {
@@ -44,6 +45,8 @@ class Pages {
 /// A host that is far away: the proxy, and the internet behind it, all on threads of this process.
 struct FarHost {
   FarHost();
+  /// There.
+  static std::unique_ptr<FarHost> make();
   /// The proxy's associations lead to that far side, which is relay and peers in one.
   void relayBy(const FarSide& side) { proxy.setScript(scriptFor(side)); }
   static loopback::SOCKS5Script scriptFor(const FarSide& side);
