@@ -5,6 +5,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <system_error>
 
 #include "Base/Bytes.h"
 #include "Base/Endpoint.h"
@@ -16,7 +17,8 @@ namespace zk {
 struct Transfer {
   enum class State { moved, blocked, ended, failed };
   State state = State::moved;
-  std::size_t octets = 0;  // more than 0 if and only if moved
+  std::size_t octets = 0;   // more than 0 if and only if moved
+  std::error_code error{};  // the system's reason when it failed
 };
 
 /// Of a system call's result, and its error where that is negative.

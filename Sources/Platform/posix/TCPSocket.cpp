@@ -32,7 +32,10 @@ Transfer transferOf(std::ptrdiff_t result) {
   if (result == 0) {
     return {State::ended};
   }
-  return {errno == EAGAIN || errno == EINTR ? State::blocked : State::failed};
+  if (errno == EAGAIN || errno == EINTR) {
+    return {State::blocked};
+  }
+  return {State::failed, 0, {errno, std::generic_category()}};
 }
 
 TCPSocket TCPSocket::connecting(const sockaddr& to, std::optional<unsigned> interface) {
