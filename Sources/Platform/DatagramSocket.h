@@ -23,9 +23,6 @@ class DatagramSocket {
   /// To a local address; 0 is any address, or a port of the system's choice. Throws
   /// std::system_error.
   void bind(const Endpoint& local);
-  /// Makes its traffic leave through that interface, whatever the routes say. Throws
-  /// std::system_error.
-  void pin(unsigned interfaceIndex);
   /// Asks for room for a key frame's burst in both directions; the system may give less.
   void enlargeBuffers();
 
