@@ -5,7 +5,6 @@
 #include <chrono>
 #include <exception>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include <fmt/format.h>
@@ -25,10 +24,6 @@ using namespace zk;
 // How long a stop waits for the disk to take the last lines.
 constexpr std::chrono::milliseconds logPatience{500};
 
-std::optional<std::string> presentUnlessEmpty(const std::string& text) {
-  return text.empty() ? std::nullopt : std::optional(text);
-}
-
 // Makes relays through one SOCKS5 proxy, all with the same settings. A bad host or port shows when
 // a relay is opened.
 class SOCKS5RelayFactory final : public TURNRelayFactory {
@@ -46,9 +41,8 @@ class SOCKS5RelayFactory final : public TURNRelayFactory {
 
 SOCKS5RelaySettings relaySettings(const Config& config, Logs& logs) {
   SOCKS5RelaySettings settings;
-  settings.proxy = {config.proxy.host, config.proxy.port, presentUnlessEmpty(config.proxy.user),
-                    presentUnlessEmpty(config.proxy.pass)};
-  settings.reportsMappedPort = config.options.relayedPort == RelayedPort::mapped;
+  settings.proxy = config.proxy;
+  settings.reportsMappedPort = config.options.reportsMappedPort;
   settings.dataPlaneLog = [&logs](std::string_view line) { logs.zkDPLog(line); };
   settings.egressLog = [&logs](std::string_view line) { logs.plog(line); };
   return settings;
