@@ -92,7 +92,7 @@ class Serving {
 
   // On a thread of its own, until the process ends.
   void work();
-  // Whatever work() is at. The status to end with.
+  // Whatever work() is doing. Returns the status to end with.
   int end();
 
  private:
