@@ -19,8 +19,8 @@ class LogFile {
   /// lock on the log may be held for ever.
   static constexpr std::uint64_t maxSize = 64 << 20;
 
-  /// Opens nothing yet. `path` must outlive the object. A file that is created is everybody's to
-  /// read and write, as far as the umask lets it be, or whatever that says.
+  /// Opens nothing yet. `path` must outlive the object. A new file may be read and
+  /// written by everybody, within the umask or regardless of it.
   LogFile(const char* path, bool ignoresUmask) : path_(path), ignoresUmask_(ignoresUmask) {}
 
   /// Appends `lines`, creating the file when there is none. Blocks as long as the disk does. On a

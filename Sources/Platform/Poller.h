@@ -1,7 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <memory>
 #include <vector>
 
 #include "Platform/Descriptor.h"

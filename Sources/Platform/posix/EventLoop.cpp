@@ -4,10 +4,6 @@
 
 namespace zk {
 
-EventLoop::EventLoop(Clock clock) : clock_(std::move(clock)) {}
-
-EventLoop::~EventLoop() = default;
-
 void EventLoop::watch(int descriptor, Source& source) {
   poller_.add(descriptor);
   sources_[descriptor] = {&source, {.readable = true}};
