@@ -31,13 +31,14 @@ class StreamBridge {
 
   /// Both are connected. `loop` and `conduits` outlive this. Throws std::system_error.
   StreamBridge(EventLoop& loop, ConduitPool& conduits, TCPSocket near, TCPSocket far, Ended ended);
-  /// Resets both unless it has ended.
+  /// Resets both, unless the far end has been told all; the system sees to it that it arrives.
   ~StreamBridge();
   StreamBridge(const StreamBridge&) = delete;
   StreamBridge& operator=(const StreamBridge&) = delete;
 
   /// Whether all that the near end will ever have said has been said to the far one.
   bool hasPassedOn() const { return near_.isToldOn; }
+  /// What the other socket has taken.
   std::uint64_t octetsToFar() const { return near_.octets; }
   std::uint64_t octetsToNear() const { return far_.octets; }
 

@@ -38,8 +38,12 @@ class Carrier final : EventLoop::Source {
   Carrier(const Carrier&) = delete;
   Carrier& operator=(const Carrier&) = delete;
 
-  /// Whether something that a program has said by TCP is still on its way to the proxy.
-  bool isPassingOn() const { return gate_.isPassingOn(); }
+  /// A number that grows while what programs have said is on its way to the proxy; absent when
+  /// nothing is.
+  std::optional<std::uint64_t> passingOn() const {
+    const auto octets = gate_.passingOn();
+    return udp_.isPassingOn() ? octets.value_or(0) : octets;
+  }
   const KeptIn& keptIn() const { return keptIn_; }
 
  private:

@@ -1,6 +1,5 @@
 #include "ZelkorSeal/TCPGate.h"
 
-#include <algorithm>
 #include <system_error>
 #include <utility>
 
@@ -236,11 +235,16 @@ void TCPGate::giveUp(std::uint64_t id) {
   connection.proxy.abort();
 }
 
-bool TCPGate::isPassingOn() const {
-  return std::any_of(connections_.begin(), connections_.end(), [](const auto& each) {
-    const Connection& connection = each.second;
-    return connection.proxy || (connection.bridge && !connection.bridge->hasPassedOn());
-  });
+std::optional<std::uint64_t> TCPGate::passingOn() const {
+  std::optional<std::uint64_t> octets;
+  for (const auto& [id, connection] : connections_) {
+    if (connection.bridge && !connection.bridge->hasPassedOn()) {
+      octets = octets.value_or(0) + connection.bridge->octetsToFar();
+    } else if (connection.proxy) {  // about to be accepted
+      octets = octets.value_or(0);
+    }
+  }
+  return octets;
 }
 
 TCPGate::Connection* TCPGate::connectionOf(const Flow& flow) {

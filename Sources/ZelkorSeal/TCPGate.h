@@ -41,8 +41,9 @@ class TCPGate final : EventLoop::Source {
   void takeFromListener(Packet& segment);
   /// A connection of a program that did not come by the tun.
   void carry(TCPSocket program, const Endpoint& target);
-  /// Whether something that a program has said is still on its way to the proxy.
-  bool isPassingOn() const;
+  /// How much of what programs have said has reached the proxy's connections that still wait for
+  /// more of it; absent when none does.
+  std::optional<std::uint64_t> passingOn() const;
 
  private:
   struct Connection {

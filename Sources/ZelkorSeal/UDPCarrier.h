@@ -49,6 +49,8 @@ class UDPCarrier {
 
   /// A datagram of a program, whose octets live until `batch` has been sent.
   void take(const Packet& packet, PeerBatch& batch);
+  /// Whether datagrams of a program wait for their relay.
+  bool isPassingOn() const { return opening_ > 0 || !waiting_.empty(); }
 
  private:
   struct Port final : RelayListener {

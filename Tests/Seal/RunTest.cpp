@@ -101,6 +101,17 @@ TEST_F(RunTest, ASealHoldsASecondOne) {
   EXPECT_EQ(traffic(), toProxy);
 }
 
+// By UDP the relay is still being opened when the program is gone.
+TEST_F(RunTest, WhatWasSaidLastArrives) {
+  run(throughProxy({"true"}));
+  const std::size_t ofTheLook = stun->requests();
+  const Outcome outcome = run(throughProxy(client("last words")));
+  EXPECT_EQ(outcome.status, 0) << outcome.output;
+  EXPECT_TRUE(eventually([] { return contentOf("/tmp/taken") == "3000000"; }))
+      << contentOf("/tmp/taken");
+  EXPECT_TRUE(eventually([&] { return stun->requests() == 2 * ofTheLook + 1; }));
+}
+
 // How often the chatting program got through, and how often not.
 struct Chat {
   int good = 0;

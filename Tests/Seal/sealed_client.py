@@ -45,6 +45,14 @@ def many():
     return str(good)
 
 
+def last_words():
+    stream = socket.create_connection((FAR, 7002), 10)
+    stream.sendall(bytes(3000000))
+    question = b"\0\1\0\0\x21\x12\xa4\x42" + bytes(12)  # a Binding request
+    socket.socket(type=socket.SOCK_DGRAM).sendto(question, (FAR, 3478))
+    os._exit(0)
+
+
 def thousands():
     begun = []
     for _ in range(3000):
@@ -84,6 +92,7 @@ STEPS = {
     "long name": lambda: resolve("long.example"),
     "no name": lambda: resolve("nobody.example"),
     "many": many,
+    "last words": last_words,
     "thousands": thousands,
     "chatter": chatter,
 }

@@ -161,6 +161,29 @@ TEST_F(CarrierTCP, LosesNothingForASlowReader) {
   EXPECT_TRUE(received == sent) << received.size() << " of " << sent.size();
 }
 
+// The program ends with its last word, and the carrier once that has been passed on.
+TEST_F(CarrierTCP, LosesNothingOfWhatWasSaidLast) {
+  start();
+  auto [program, far] = connected();
+  const std::string sent(3'000'000, 'x');
+  std::string received;
+  std::thread reader([&, from = far.get()] {
+    std::string piece(65536, ' ');
+    ssize_t got = 0;
+    while ((got = recv(from, piece.data(), piece.size(), 0)) > 0) {
+      received.append(piece, 0, static_cast<std::size_t>(got));
+      std::this_thread::sleep_for(5ms);
+    }
+    received += got == 0 ? "" : errorText(errno);
+  });
+  say(program.get(), sent);
+  program.reset();
+  EXPECT_TRUE(eventually([&] { return !thread_.ask([this] { return carrier_->passingOn(); }); }));
+  thread_.sync([this] { carrier_.reset(); });
+  reader.join();
+  EXPECT_TRUE(received == sent) << received.size();
+}
+
 TEST_F(CarrierTCP, RefusesWhatIsTooManyAndGoesOn) {
   start();
   std::vector<Descriptor> programs;

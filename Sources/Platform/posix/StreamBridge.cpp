@@ -48,7 +48,7 @@ StreamBridge::StreamBridge(EventLoop& loop, ConduitPool& conduits, TCPSocket nea
 }
 
 StreamBridge::~StreamBridge() {
-  release(true);
+  release(!hasPassedOn());
 }
 
 void StreamBridge::move(End& from) {
@@ -78,13 +78,16 @@ bool StreamBridge::transfer(End& from, End& to) {
     }
     const Transfer filled = from.conduit->fill(from.socket);
     from.hasEnded = filled.state == State::ended;
-    from.octets += filled.octets;
     if (filled.state == State::failed) {
       return false;
     }
   }
-  if (from.held() > 0 && from.conduit->drain(to.socket).state == State::failed) {
-    return false;
+  if (from.held() > 0) {
+    const Transfer drained = from.conduit->drain(to.socket);
+    from.octets += drained.octets;
+    if (drained.state == State::failed) {
+      return false;
+    }
   }
   if (from.conduit && from.held() == 0) {
     conduits_.give(std::move(from.conduit));

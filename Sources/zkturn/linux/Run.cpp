@@ -25,10 +25,9 @@ namespace {
 
 constexpr int ours = 125;
 
-// What the command has sent is passed on before all ends, if that does not take long.
+// What the command has sent is passed on before all ends, for as long as some of it gets on.
 constexpr std::chrono::seconds farewell{10};
 constexpr std::chrono::milliseconds farewellPause{5};
-constexpr int farewellLooks = 30;
 
 void say(std::string_view sentence) {
   fmt::print(stderr, "zkturn: {}\n", sentence);
@@ -117,21 +116,23 @@ class RunLog {
 // Serves the command from its start to its end, and a little longer. Its status.
 int serve(Seal& seal, EventLoop& loop, const Carrier& carrier) {
   int status = ours;
-  std::function<void()> endWhenQuiet;
+  std::optional<std::uint64_t> seen;  // of what is passed on
   std::uint64_t end = 0;
-  int quiet = 0;  // looks in a row: between two packets of what comes there is nothing to see
-  endWhenQuiet = [&] {
-    quiet = carrier.isPassingOn() ? 0 : quiet + 1;
-    if (quiet == farewellLooks || loop.now() >= end) {
+  std::function<void()> look = [&] {
+    const auto passed = carrier.passingOn();
+    if (passed != seen) {
+      end = loop.now() + static_cast<std::uint64_t>(std::chrono::nanoseconds(farewell).count());
+    }
+    seen = passed;
+    if (!passed || loop.now() >= end) {
       loop.stop();
     } else {
-      loop.after(farewellPause, endWhenQuiet);
+      loop.after(farewellPause, look);
     }
   };
   seal.start(loop, [&](int ended) {
     status = ended;
-    end = loop.now() + static_cast<std::uint64_t>(std::chrono::nanoseconds(farewell).count());
-    endWhenQuiet();
+    loop.after(farewellPause, look);  // by then its last packets have been read
   });
   loop.run();
   return status;
