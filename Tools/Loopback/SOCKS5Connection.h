@@ -37,7 +37,6 @@ class SOCKS5Connection : public std::enable_shared_from_this<SOCKS5Connection> {
   void perform(const SOCKS5Step& step, Bytes answer, bool closeBehind);
   void later(std::chrono::milliseconds delay, std::function<void()> action);
   void dribble(std::chrono::milliseconds pace, Bytes answer, bool closeBehind);
-  void sendOctets(ByteView octets) const;
   void answered(bool closeBehind);
 
   SOCKS5Core& core_;
