@@ -299,19 +299,23 @@ void judgeCalls(const std::vector<Series>& calls, Verdict& verdict) {
   }
 }
 
-bool run(const Options& options) {
-  fmt::print("{}\n{} rounds of {} ms each, medians\n\n", machineText(), options.rounds,
-             options.milliseconds);
-  const std::vector<Series> all = compare(options);
-  fmt::print("{}\n", table(all));
+void measureCalls(const Options& options, Verdict& verdict) {
   const std::vector<Series> calls = compareCalls(options);
   fmt::print("{}\n", callTable(calls));
   if (!options.svg.empty()) {
     std::ofstream(options.svg) << callChart(calls);
   }
-  Verdict verdict;
-  judge(all, verdict);
   judgeCalls(calls, verdict);
+}
+
+bool run(const Options& options) {
+  fmt::print("{}\n{} rounds of {} ms each, medians\n\n", machineText(), options.rounds,
+             options.milliseconds);
+  const std::vector<Series> all = compare(options);
+  fmt::print("{}\n", table(all));
+  Verdict verdict;
+  measureCalls(options, verdict);
+  judge(all, verdict);
   const FarSide farSide;
   compareMany(options, farSide.port(), verdict);
   measureCrowd(options, farSide.port(), verdict);
@@ -342,6 +346,8 @@ int runWith(int argc, char** argv) {
   alone->add_option("--before", independence.before, "Earlier results, to stand beside these")
       ->check(CLI::ExistingFile);
   alone->add_option("--only", independence.only, "Rows whose names hold this text");
+  auto* call = app.add_subcommand("call", "Only what a call costs");
+  call->fallthrough();
   auto* floor = app.add_subcommand("floor", "")->group("");
   auto* proxy = app.add_subcommand("proxy", "")->group("");
   for (auto* inChild : {floor, proxy}) {
@@ -358,6 +364,11 @@ int runWith(int argc, char** argv) {
   if (proxy->parsed()) {
     runProxy(farPort);
     return 0;
+  }
+  if (call->parsed()) {
+    Verdict verdict;
+    measureCalls(options, verdict);
+    return verdict.allHold() ? 0 : 1;
   }
   if (alone->parsed()) {
     independence.daemon = options.daemon;

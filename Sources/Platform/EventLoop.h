@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -78,7 +77,7 @@ class EventLoop {
  private:
   void runDueTimers();
   void runPosted();
-  std::chrono::nanoseconds untilNextTimer() const;
+  void setTimer();
 
   const Clock clock_;
   struct Watched {
@@ -86,11 +85,13 @@ class EventLoop {
     Interest interest;
   };
   Poller poller_;
-  std::unordered_map<int, Watched> sources_;  // by descriptor
-  std::vector<int> ready_;                    // of the round at hand
+  std::vector<Watched> sources_;  // by descriptor
+  std::vector<int> ready_;        // of the round at hand
   std::vector<int> writable_;
   std::map<TimerID, Task> timers_;
   std::uint64_t timersMade_ = 0;
+  static constexpr std::uint64_t never = UINT64_MAX;
+  std::uint64_t wakesAt_ = never;  // for a timer
   Task endOfRound_;
   std::atomic<bool> stopping_{false};
 

@@ -30,18 +30,29 @@ class Poller {
   /// Throws std::system_error.
   void change(int descriptor, Interest from, Interest to);
 
+  /// Sets the one timer, in place of what it was set to: it goes off once, so long from now or a
+  /// little later. A wait that follows has no time limit to give to the system.
+  void setTimer(std::chrono::nanoseconds delay);
+
+  /// What else there was.
+  struct Events {
+    bool wasWoken = false;      // by wake()
+    bool hasTimerGone = false;  // or may have: look at the clock and set it again
+  };
   /// Puts the descriptors that are readable into `ready`, and those that are writable into
   /// `writable`, in turns when they are many: none is reported twice before all others have been.
-  /// Waits for one, for wake(), or until `limit` has passed; a negative limit means for ever, zero
-  /// not at all. May return early with nothing.
-  void wait(std::chrono::nanoseconds limit, std::vector<int>& ready, std::vector<int>& writable);
+  /// Waits for one, for wake() or for the timer, when it `mayWait`. May return early with nothing.
+  Events wait(bool mayWait, std::vector<int>& ready, std::vector<int>& writable);
 
   /// Ends a wait() that is under way, or the next one. Any thread.
   void wake();
 
  private:
   Descriptor poller_;
-  Descriptor wakeUp_;  // where the system needs a descriptor for wake()
+  // Where the system needs descriptors for them.
+  Descriptor wakeUp_;
+  Descriptor timer_;
+  bool isTimerLost_ = false;  // the system did not take it
 };
 
 }  // namespace zk

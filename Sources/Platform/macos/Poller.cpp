@@ -3,6 +3,7 @@
 
 #include "Platform/Poller.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 
@@ -16,13 +17,15 @@ namespace {
 
 constexpr int maxEvents = 64;
 
-// The one event of wake(). Its numbers are not those of descriptors.
+// The one event of wake(), and the one timer. Their numbers are not those of descriptors.
 constexpr std::uintptr_t wakeUpEvent = 0;
+constexpr std::uintptr_t timerEvent = 0;
 
-bool change(int queue, std::uintptr_t which, int filter, int flags, unsigned filterFlags = 0) {
+bool change(int queue, std::uintptr_t which, int filter, int flags, unsigned filterFlags = 0,
+            std::intptr_t data = 0) {
   struct kevent event {};
   EV_SET(&event, which, static_cast<std::int16_t>(filter), static_cast<std::uint16_t>(flags),
-         filterFlags, 0, nullptr);
+         filterFlags, data, nullptr);
   return kevent(queue, &event, 1, nullptr, 0, nullptr) == 0;
 }
 
@@ -50,25 +53,33 @@ void Poller::remove(int descriptor) {
   }
 }
 
-void Poller::wait(std::chrono::nanoseconds limit, std::vector<int>& ready,
-                  std::vector<int>& writable) {
-  using std::chrono::seconds;
-  const auto whole = std::chrono::floor<seconds>(limit);
-  const timespec timeout{static_cast<time_t>(whole.count()),
-                         static_cast<long>((limit - whole).count())};
+void Poller::setTimer(std::chrono::nanoseconds delay) {
+  isTimerLost_ = !zk::change(poller_.get(), timerEvent, EVFILT_TIMER, EV_ADD | EV_ONESHOT,
+                             NOTE_NSECONDS | NOTE_MACH_CONTINUOUS_TIME,
+                             std::max<std::intptr_t>(delay.count(), 1));
+}
+
+Poller::Events Poller::wait(bool mayWait, std::vector<int>& ready, std::vector<int>& writable) {
+  const timespec timeout{mayWait ? 1 : 0, 0};  // then a timer that could not be set is tried again
   std::array<struct kevent, maxEvents> events;
   const int count = kevent(poller_.get(), nullptr, 0, events.data(), maxEvents,
-                           limit.count() < 0 ? nullptr : &timeout);
+                           mayWait && !isTimerLost_ ? nullptr : &timeout);
   ready.clear();
   writable.clear();
+  Events others{.hasTimerGone = isTimerLost_};
   for (int i = 0; i < count; ++i) {
     const struct kevent& event = events[static_cast<std::size_t>(i)];
     if (event.filter == EVFILT_READ) {
       ready.push_back(static_cast<int>(event.ident));
     } else if (event.filter == EVFILT_WRITE) {
       writable.push_back(static_cast<int>(event.ident));
+    } else if (event.filter == EVFILT_TIMER) {
+      others.hasTimerGone = true;
+    } else {
+      others.wasWoken = true;
     }
   }
+  return others;
 }
 
 void Poller::wake() {

@@ -1,16 +1,19 @@
 #include "Platform/EventLoop.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace zk {
 
 void EventLoop::watch(int descriptor, Source& source) {
   poller_.add(descriptor);
-  sources_[descriptor] = {&source, {.readable = true}};
+  const auto place = static_cast<std::size_t>(descriptor);
+  sources_.resize(std::max(sources_.size(), place + 1));
+  sources_[place] = {&source, {.readable = true}};
 }
 
 void EventLoop::setInterest(int descriptor, Interest interest) {
-  Watched& watched = sources_.at(descriptor);
+  Watched& watched = sources_[static_cast<std::size_t>(descriptor)];
   if (watched.interest != interest) {
     poller_.change(descriptor, watched.interest, interest);
     watched.interest = interest;
@@ -18,7 +21,8 @@ void EventLoop::setInterest(int descriptor, Interest interest) {
 }
 
 void EventLoop::unwatch(int descriptor) {
-  if (sources_.erase(descriptor) > 0) {
+  const auto place = static_cast<std::size_t>(descriptor);
+  if (place < sources_.size() && std::exchange(sources_[place], {}).source != nullptr) {
     poller_.remove(descriptor);
     // The number may be given to a new socket before the round is over.
     std::replace(ready_.begin(), ready_.end(), descriptor, -1);
@@ -60,13 +64,16 @@ void EventLoop::stop() {
 }
 
 void EventLoop::turn(bool mayWait) {
-  poller_.wait(mayWait ? untilNextTimer() : std::chrono::nanoseconds::zero(), ready_, writable_);
+  setTimer();
+  const auto others = poller_.wait(mayWait, ready_, writable_);
+  if (others.hasTimerGone) {
+    wakesAt_ = never;
+  }
   for (std::size_t i = 0; i < ready_.size() && !stopping_; ++i) {
-    const auto found = sources_.find(ready_[i]);
-    if (found == sources_.end()) {
+    if (ready_[i] < 0) {
       continue;
     }
-    const auto [source, interest] = found->second;
+    const auto [source, interest] = sources_[static_cast<std::size_t>(ready_[i])];
     if (interest.writable && !interest.readable) {  // a descriptor that failed while it was full
       source->onWritable();
     } else if (interest != Interest()) {
@@ -74,15 +81,19 @@ void EventLoop::turn(bool mayWait) {
     }
   }
   for (std::size_t i = 0; i < writable_.size() && !stopping_; ++i) {
-    const auto found = sources_.find(writable_[i]);
-    if (found != sources_.end() && found->second.interest.writable) {
-      found->second.source->onWritable();
+    if (writable_[i] >= 0) {
+      const auto [source, interest] = sources_[static_cast<std::size_t>(writable_[i])];
+      if (interest.writable) {
+        source->onWritable();
+      }
     }
   }
   ready_.clear();
   writable_.clear();
   runDueTimers();
-  runPosted();
+  if (others.wasWoken) {
+    runPosted();
+  }
   if (endOfRound_) {
     endOfRound_();
   }
@@ -115,14 +126,14 @@ void EventLoop::runPosted() {
   }
 }
 
-// Negative for ever.
-std::chrono::nanoseconds EventLoop::untilNextTimer() const {
-  if (timers_.empty()) {
-    return std::chrono::nanoseconds(-1);
+// Only an earlier one is news to the poller. One that was cancelled wakes the loop for nothing.
+void EventLoop::setTimer() {
+  const std::uint64_t due = timers_.empty() ? never : timers_.begin()->first.first;
+  if (due < wakesAt_) {
+    wakesAt_ = due;
+    const std::uint64_t now = clock_();
+    poller_.setTimer(std::chrono::nanoseconds(due > now ? due - now : 0));
   }
-  const std::uint64_t due = timers_.begin()->first.first;
-  const std::uint64_t now = clock_();
-  return std::chrono::nanoseconds(due > now ? due - now : 0);
 }
 
 }  // namespace zk

@@ -15,7 +15,7 @@ namespace {
 
 // Long enough for hundreds of lines per write at full rate; together with the write itself, less
 // than the 20 milliseconds that are promised.
-constexpr std::chrono::milliseconds gatheringTime{15};
+constexpr std::chrono::milliseconds gatheringTime{18};
 
 // A call's sound comes every 20 milliseconds: the thread stays awake for it.
 constexpr int maxQuietTurns = 4;
