@@ -249,6 +249,9 @@ Config readConfig() {
   if (line.empty()) {
     failWith("stdin closed or empty before config was received");
   }
+  if (!isValidUTF8(line)) {
+    failWith("config line is not valid UTF-8");  // only if the repair missed something
+  }
   try {
     return decodeConfig(line);
   } catch (const ConfigError& error) {

@@ -15,9 +15,12 @@ struct Options {
   bool reportsMappedPort = false;
 };
 
+/// The proxy, as the relays take it.
+using ProxyConfig = SOCKS5Proxy;
+
 /// The whole configuration: the proxy, and the one credential that local clients must present.
 struct Config {
-  SOCKS5Proxy proxy;  // its port as given: a bad one shows as a proxy that cannot be reached
+  ProxyConfig proxy;  // its port as given: a bad one shows as a proxy that cannot be reached
   std::string realm;
   std::string username;
   std::string credential;  // the password that goes with username

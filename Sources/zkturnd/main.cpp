@@ -1,7 +1,6 @@
 // The daemon: a configuration line comes in, one status line goes out, and TURN is served until
 // standard input ends or SIGTERM arrives.
 
-#include <array>
 #include <chrono>
 #include <exception>
 #include <memory>
@@ -10,11 +9,11 @@
 #include <fmt/format.h>
 
 #include "Platform/Process.h"
-#include "Platform/Thread.h"
-#include "ZelkorTURN/SOCKS5Relay.h"
 #include "ZelkorTURN/TURNServer.h"
 #include "zkturnd/Configuration.h"
 #include "zkturnd/Logs.h"
+#include "zkturnd/ParentWatch.h"
+#include "zkturnd/RelayFactory.h"
 #include "zkturnd/StatusOutput.h"
 
 namespace {
@@ -24,21 +23,6 @@ using namespace zk;
 // How long a stop waits for the disk to take the last lines.
 constexpr std::chrono::milliseconds logPatience{500};
 
-// Makes relays through one SOCKS5 proxy, all with the same settings. A bad host or port shows when
-// a relay is opened.
-class SOCKS5RelayFactory final : public TURNRelayFactory {
- public:
-  explicit SOCKS5RelayFactory(SOCKS5RelaySettings settings)
-      : settings_(std::make_shared<const SOCKS5RelaySettings>(std::move(settings))) {}
-
-  std::shared_ptr<TURNRelay> makeRelay(const Endpoint& /*forClient*/) override {
-    return std::make_shared<SOCKS5Relay>(settings_);
-  }
-
- private:
-  const std::shared_ptr<const SOCKS5RelaySettings> settings_;
-};
-
 SOCKS5RelaySettings relaySettings(const Config& config, Logs& logs) {
   SOCKS5RelaySettings settings;
   settings.proxy = config.proxy;
@@ -46,17 +30,6 @@ SOCKS5RelaySettings relaySettings(const Config& config, Logs& logs) {
   settings.dataPlaneLog = [&logs](std::string_view line) { logs.zkDPLog(line); };
   settings.egressLog = [&logs](std::string_view line) { logs.plog(line); };
   return settings;
-}
-
-// A parent that goes away, for whatever reason, takes the daemon with it. Whatever else arrives on
-// standard input is discarded.
-void watchParent() {
-  startThread("zk.turnd.stdin-watch", [] {
-    std::array<char, 256> discarded;
-    while (readInput(discarded) > 0) {
-    }
-    requestStop();
-  }).detach();
 }
 
 [[noreturn]] void failToStart(const std::exception& error) {
