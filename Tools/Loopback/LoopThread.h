@@ -17,8 +17,6 @@ class LoopThread {
   explicit LoopThread(const std::string& label);
   /// Stops.
   ~LoopThread() { stop(); }
-  LoopThread(const LoopThread&) = delete;
-  LoopThread& operator=(const LoopThread&) = delete;
 
   /// For the loop's thread, and for everybody once it has stopped.
   EventLoop& loop() { return loop_; }
