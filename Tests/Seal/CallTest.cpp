@@ -138,7 +138,7 @@ TEST_P(ForeignProxyTest, CarriesAProgramAndACall) {
             std::string::npos)
       << outcome.output;
   std::filesystem::copy(
-      "/proc/self/fd/" + std::to_string(libwebrtc.get()), "/tmp",
+      "/proc/self/fd/" + std::to_string(libwebrtc.get()), "/tmp/node_modules",
       std::filesystem::copy_options::recursive | std::filesystem::copy_options::skip_existing);
   std::unique_ptr<ChildProcess> peer;
   NetworkLab::in("internet", [&] {
