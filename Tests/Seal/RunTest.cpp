@@ -140,7 +140,7 @@ TEST_F(RunTest, WhateverHappensOutsideNothingLeaks) {
     SCOPED_TRACE("the proxy is killed and comes back");
     NetworkLab::change("kill -9 -$(cat /run/danted.pid)");
     EXPECT_TRUE(fails());
-    NetworkLab::change("ip netns exec proxy danted -D -f /run/danted.conf -p /run/danted.pid");
+    startProxyAgain();
     EXPECT_TRUE(goesOn());
   }
   {
