@@ -23,17 +23,14 @@ Resolution resolveUDPv4(const std::string& host, const std::string& port, Deadli
     return {{}, "no such name"};
   }
   const sockaddr_in address = Endpoint{*parsed, parsePort(port).value()}.socketAddress();
-  ResolvedAddress resolved{AF_INET, SOCK_DGRAM, IPPROTO_UDP, {}, sizeof address};
+  ResolvedAddress resolved{AF_INET, {}};
   std::memcpy(&resolved.address, &address, sizeof address);
   return {{resolved}, {}};
 }
 
 Resolution resolveTCP(const std::string& host, const std::string& port, Deadline deadline,
                       const StopSignal* stop) {
-  Resolution resolution = resolveUDPv4(host, port, deadline, stop);
-  resolution.addresses.front().type = SOCK_STREAM;
-  resolution.addresses.front().protocol = IPPROTO_TCP;
-  return resolution;
+  return resolveUDPv4(host, port, deadline, stop);
 }
 
 }  // namespace zk

@@ -4,8 +4,6 @@
 
 #include "Independence.h"
 
-#include <atomic>
-#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <future>

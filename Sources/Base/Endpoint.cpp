@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cstring>
 
+#include <arpa/inet.h>
 #include <fmt/format.h>
 
 namespace zk {
@@ -56,26 +57,14 @@ sockaddr_in Endpoint::socketAddress() const {
   return made;
 }
 
-// As inet_pton() has it: four decimal numbers of 0 to 255 without leading zeros. Read here because
-// inet_pton() wants a terminated text and would not see what stands behind a zero octet.
 std::optional<std::uint32_t> parseAddress(std::string_view text) {
-  std::uint32_t address = 0;
-  std::size_t at = 0;
-  for (int i = 0; i < 4; ++i) {
-    if (i > 0 && (at == text.size() || text[at++] != '.')) {
-      return std::nullopt;
-    }
-    const std::size_t start = at;
-    unsigned value = 0;
-    while (at < text.size() && text[at] >= '0' && text[at] <= '9' && at - start < 3) {
-      value = value * 10 + static_cast<unsigned>(text[at++] - '0');
-    }
-    if (at == start || value > 255 || (at - start > 1 && text[start] == '0')) {
-      return std::nullopt;
-    }
-    address = address << 8 | value;
+  in_addr address{};
+  const std::string terminated(text);
+  // inet_pton() would not see what stands behind a zero octet.
+  if (text.find('\0') != text.npos || inet_pton(AF_INET, terminated.c_str(), &address) != 1) {
+    return std::nullopt;
   }
-  return at == text.size() ? std::optional(address) : std::nullopt;
+  return ntohl(address.s_addr);
 }
 
 std::optional<std::uint32_t> parseAddressLeniently(std::string_view text) {

@@ -37,8 +37,8 @@ struct Endpoint {
   sockaddr_in socketAddress() const;
 };
 
-/// The address of a dotted quad in the strict form of inet_pton, so that its text is what is made
-/// of it again; absent for any other text.
+/// The address of a dotted quad in the strict form of inet_pton, so that the
+/// address written again gives the same text; absent for any other text.
 std::optional<std::uint32_t> parseAddress(std::string_view text);
 
 /// The address of a dotted-quad text, read leniently: pieces between dots that are empty or not a

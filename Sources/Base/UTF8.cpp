@@ -36,14 +36,7 @@ Sequence firstSequence(std::string_view text) {
 }  // namespace
 
 bool isValidUTF8(std::string_view octets) {
-  while (!octets.empty()) {
-    const Sequence sequence = firstSequence(octets);
-    if (!sequence.isValid) {
-      return false;
-    }
-    octets.remove_prefix(sequence.length);
-  }
-  return true;
+  return repairedUTF8(octets) == octets;
 }
 
 std::string repairedUTF8(std::string_view octets) {

@@ -14,21 +14,17 @@
 namespace zk {
 
 /// A program that this one has started, with a pipe to its standard input and one from its standard
-/// output; its standard error is ours, or both of its outputs go to a file. It is in a process
-/// group of its own, so that Ctrl-C at a terminal is not for it. The pipes are nobody else's: its
-/// input ends when this process does, however that comes. One thread at a time, but for awaitEnd().
+/// output; its standard error is ours. It is in a process group of its own, so that Ctrl-C at a
+/// terminal is not for it. The pipes are nobody else's: its input ends when this process does,
+/// however that comes. One thread at a time, except for awaitEnd().
 class Child {
  public:
   /// `arguments[0]` is its path. Its environment is ours and `environment`, which wins; its signals
-  /// do what they do by default. `outputFile` may be empty, and is appended to else. Throws
-  /// std::system_error.
+  /// do what they do by default. Throws std::system_error.
   explicit Child(const std::vector<std::string>& arguments,
-                 const std::map<std::string, std::string>& environment = {},
-                 const std::string& outputFile = {});
+                 const std::map<std::string, std::string>& environment = {});
   /// Ends its input, and kills it when it has not ended a second later.
   ~Child() { end(SteadyClock::now() + std::chrono::seconds(1)); }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
 
   pid_t pid() const { return pid_; }
   /// Writes to its standard input. Whether all of it was taken.

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <span>
 
@@ -23,9 +21,6 @@ class DatagramSocket {
   /// To a local address; 0 is any address, or a port of the system's choice. Throws
   /// std::system_error.
   void bind(const Endpoint& local);
-  /// Makes its traffic leave through that interface, whatever the routes say. Throws
-  /// std::system_error.
-  void pin(unsigned interfaceIndex);
   /// Asks for room for a key frame's burst in both directions; the system may give less.
   void enlargeBuffers();
 

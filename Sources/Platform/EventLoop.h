@@ -38,10 +38,7 @@ class EventLoop {
   using TimerID = std::pair<std::uint64_t, std::uint64_t>;  // when, in that clock, and which
 
   /// Throws std::system_error when the system has no descriptor to give. Timers go by `clock`.
-  explicit EventLoop(Clock clock);
-  ~EventLoop();
-  EventLoop(const EventLoop&) = delete;
-  EventLoop& operator=(const EventLoop&) = delete;
+  explicit EventLoop(Clock clock) : clock_(std::move(clock)) {}
 
   /// Calls `source` whenever `descriptor` is readable, until unwatch(). Throws std::system_error
   /// when the system refuses.
@@ -58,7 +55,7 @@ class EventLoop {
   std::uint64_t now() const { return clock_(); }
   /// Runs `task` once, `delay` from now or a little later.
   TimerID after(std::chrono::nanoseconds delay, Task task);
-  /// Forgets a timer; one that has run already is nobody's business.
+  /// Forgets a timer. Does nothing when it has run already.
   void cancel(TimerID timer);
 
   /// Runs `task` at the end of every round, before the loop may wait again: the place to send what

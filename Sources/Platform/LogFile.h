@@ -3,18 +3,9 @@
 #include <cstdint>
 #include <string_view>
 
-#include <sys/types.h>
-
 #include "Platform/Descriptor.h"
 
 namespace zk {
-
-/// Permission bits of a log file that is created: the default for new files, or bits that hold
-/// whatever the umask says.
-struct LogFileMode {
-  mode_t bits = 0666;
-  bool ignoresUmask = false;
-};
 
 /// A log file that is appended to, by other processes too. One thread.
 ///
@@ -28,8 +19,9 @@ class LogFile {
   /// lock on the log may be held for ever.
   static constexpr std::uint64_t maxSize = 64 << 20;
 
-  /// Opens nothing yet. `path` must outlive the object.
-  LogFile(const char* path, LogFileMode mode) : path_(path), mode_(mode) {}
+  /// Opens nothing yet. `path` must outlive the object. A new file may be read and
+  /// written by everybody, within the umask or regardless of it.
+  LogFile(const char* path, bool ignoresUmask) : path_(path), ignoresUmask_(ignoresUmask) {}
 
   /// Appends `lines`, creating the file when there is none. Blocks as long as the disk does. On a
   /// failure the lines are dropped. A log that was removed, renamed or replaced is noticed within a
@@ -44,7 +36,7 @@ class LogFile {
   bool isAtPath() const;
 
   const char* const path_;
-  const LogFileMode mode_;
+  const bool ignoresUmask_;
   Descriptor file_;
   std::uint64_t size_ = 0;
   std::uint64_t nextLook_ = 0;      // monotonic nanoseconds

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <string>
 #include <string_view>
@@ -27,13 +26,11 @@ class LogWriter {
   explicit LogWriter(const std::string& label);
   /// Writes what is pending, however long the disk takes.
   ~LogWriter();
-  LogWriter(const LogWriter&) = delete;
-  LogWriter& operator=(const LogWriter&) = delete;
 
   /// Adds a log at `path`, which must outlive the writer, and opens or creates its file; when that
   /// fails it is tried again later. To be called before the first append(). Returns the number by
   /// which append() knows the log.
-  std::size_t open(const char* path, LogFileMode mode = {});
+  std::size_t open(const char* path, bool ignoresUmask = false);
 
   /// Adds a line, or several joined by line feeds, without the last line feed; each gets `prefix`
   /// in front. Any thread; never waits for the disk. While the disk is maxPending octets behind,

@@ -14,12 +14,15 @@ namespace zk {
 /// signal.
 void prepareProcess();
 
+/// Raises the limit on descriptors as far as the system permits.
+void raiseDescriptorLimit();
+
 /// From now on SIGTERM only ends awaitStop(), whatever the parent had set. Throws std::system_error
 /// when no descriptor is left. To be called before there are threads.
 void takeTerminationSignal();
 
 /// The same for Ctrl-C and for the end of the terminal, for programs that people start. The latter
-/// stays ignored where nohup has it so.
+/// stays ignored under nohup.
 void takeInterrupts();
 
 /// Ends awaitStop(). Any thread.

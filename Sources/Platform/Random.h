@@ -17,13 +17,10 @@ using RandomSource = int (*)(std::span<std::uint8_t> out);
 /// octet is handed out once. One thread at a time.
 class RandomPool {
  public:
-  explicit RandomPool(RandomSource source = randomBytes) : source_(source) {}
-
   /// Fills `out`, at most 256 octets. If the source fails, `out` is left as it was.
   void fill(std::span<std::uint8_t> out);
 
  private:
-  RandomSource source_;
   std::array<std::uint8_t, 256> octets_;
   std::size_t used_ = octets_.size();
 };

@@ -10,13 +10,10 @@
 
 namespace zk {
 
-/// One address that a name resolved to, ready for socket() and connect().
+/// One address that a name resolved to, with its port.
 struct ResolvedAddress {
   int family;
-  int type;
-  int protocol;
   sockaddr_storage address;
-  socklen_t length;
 };
 
 /// What the resolver found, in its order. `error` is the reason when it found nothing, and empty

@@ -17,7 +17,12 @@ class StopSignal {
   StopSignal() : pipe_(openPipe()) {}
 
   /// Any thread and any signal handler, any number of times. Cannot fail.
-  void raise();
+  void raise() {
+    // The flag comes first, so that whoever the descriptor wakes finds it set.
+    if (!isRaised_.exchange(true)) {
+      pipe_.writer.reset();
+    }
+  }
   bool isRaised() const { return isRaised_; }
   /// Readable from raise() on.
   int descriptor() const { return pipe_.reader.get(); }

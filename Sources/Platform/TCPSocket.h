@@ -5,6 +5,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <system_error>
 
 #include "Base/Bytes.h"
 #include "Base/Endpoint.h"
@@ -16,7 +17,8 @@ namespace zk {
 struct Transfer {
   enum class State { moved, blocked, ended, failed };
   State state = State::moved;
-  std::size_t octets = 0;  // more than 0 if and only if moved
+  std::size_t octets = 0;   // more than 0 if and only if moved
+  std::error_code error{};  // the system's reason when it failed
 };
 
 /// Of a system call's result, and its error where that is negative.
@@ -25,12 +27,12 @@ Transfer transferOf(std::ptrdiff_t result);
 /// A TCP connection that never blocks and closes with its owner.
 class TCPSocket {
  public:
-  /// None.
+  /// No connection.
   TCPSocket() = default;
   explicit TCPSocket(Descriptor connected) : descriptor_(std::move(connected)) {}
 
-  /// Begins to connect, pinned to `interface` if there is one. It is writable once that is decided;
-  /// error() tells how. Throws std::system_error.
+  /// Begins to connect, pinned to `interface` if there is one. It becomes writable once it has
+  /// connected or failed to; error() tells which. Throws std::system_error.
   static TCPSocket connecting(const sockaddr& to, std::optional<unsigned> interface);
   /// Takes what waits at a listener that does not block, and whom it comes from (0.0.0.0 for what
   /// is not IPv4). Absent when nothing waits. Throws std::system_error.

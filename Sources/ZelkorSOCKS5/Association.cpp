@@ -17,7 +17,7 @@ DatagramSocket openSocket(std::optional<unsigned> interface) {
     socket.enlargeBuffers();
     if (interface) {
       step = "pin relay socket: ";
-      socket.pin(*interface);
+      pinToInterface(socket.descriptor(), AF_INET, *interface);
     }
     step = "bind relay socket: ";
     socket.bind({});

@@ -1,13 +1,12 @@
 #include "ZelkorSOCKS5/SOCKS5Control.h"
 
+#include <array>
 #include <chrono>
-#include <cstring>
 #include <system_error>
 
 #include <fmt/format.h>
-#include <sys/socket.h>
+#include <poll.h>
 
-#include "Base/Endpoint.h"
 #include "Platform/Interfaces.h"
 #include "Platform/Resolver.h"
 #include "Platform/StopSignal.h"
@@ -30,6 +29,9 @@ constexpr Seconds lookupLimit{15};
 constexpr std::chrono::seconds aliveIdle{20};
 constexpr std::chrono::seconds aliveInterval{5};
 constexpr int aliveProbes = 3;
+
+// How many reads are discarded in one go: a proxy that floods must not hold up the caller.
+constexpr int mostReads = 16;
 
 constexpr std::uint8_t version = 0x05;
 constexpr std::uint8_t succeeded = 0x00;
@@ -93,7 +95,7 @@ std::optional<SOCKS5Error> SOCKS5Control::tryAddress(const ResolvedAddress& addr
                                                      std::optional<bool> viaDefault) {
   const sockaddr& destination = generic(address.address);
   try {
-    Descriptor socket = openNonBlockingSocket(address.family, address.type, address.protocol);
+    Descriptor socket = openNonBlockingSocket(address.family, SOCK_STREAM, IPPROTO_TCP);
     const auto interface = InterfaceScope::interfaceFor(host_, destination, viaDefault);
     if (interface) {
       pinToInterface(socket.get(), address.family, *interface);
@@ -103,7 +105,7 @@ std::optional<SOCKS5Error> SOCKS5Control::tryAddress(const ResolvedAddress& addr
       return SOCKS5Error::connectionFailed("connect: connect timeout",
                                            SOCKS5Error::Cause::timedOut);
     }
-    stream_.emplace(std::move(socket), stop_);
+    stream_ = TCPSocket(std::move(socket));
     proxyAddress_ = address.address;
     pinnedInterface_ = interface;
     tell(Stage::connected, numericText(destination));
@@ -177,10 +179,21 @@ void SOCKS5Control::setQuiet(bool isQuiet) {
 }
 
 std::optional<std::string> SOCKS5Control::takeEnd() {
-  const auto end = stream_ ? stream_->takeEnd() : std::nullopt;
-  return !end                                   ? std::nullopt
-         : end->kind == StreamResult::Kind::end ? std::optional("end of stream")
-                                                : std::optional(end->error.message());
+  std::array<std::uint8_t, 4096> discarded;
+  for (int i = 0; stream_ && i < mostReads; ++i) {
+    const Transfer came = stream_.receive(discarded);
+    switch (came.state) {
+      case Transfer::State::moved:
+        continue;
+      case Transfer::State::blocked:
+        return std::nullopt;
+      case Transfer::State::ended:
+        return "end of stream";
+      case Transfer::State::failed:
+        return came.error.message();
+    }
+  }
+  return std::nullopt;
 }
 
 void SOCKS5Control::writeAll(ByteView bytes) {
@@ -189,11 +202,8 @@ void SOCKS5Control::writeAll(ByteView bytes) {
   }
   const Deadline deadline = deadlineAfter(Seconds(timeout_));
   while (!bytes.empty()) {
-    const StreamResult written = stream_->write(bytes, deadline);
-    if (written.kind != StreamResult::Kind::octets) {
-      fail("write", written);
-    }
-    bytes = bytes.subspan(written.count);
+    await(POLLOUT, deadline);
+    bytes = bytes.subspan(octetsOf(stream_.send(bytes), "write"));
   }
 }
 
@@ -205,30 +215,41 @@ Bytes SOCKS5Control::readExactly(std::size_t count) {
   std::size_t held = 0;
   const Deadline deadline = deadlineAfter(Seconds(timeout_));
   while (held < count) {
-    const StreamResult got = stream_->read(std::span(result).subspan(held), deadline);
-    if (got.kind == StreamResult::Kind::end && !failsWhenClosed) {
-      waitFor(-1, 0, deadline, stop_);
+    await(POLLIN, deadline);
+    const Transfer got = stream_.receive(std::span(result).subspan(held));
+    if (got.state == Transfer::State::ended) {
+      if (!failsWhenClosed) {
+        waitFor(-1, 0, deadline, stop_);
+      }
+      failIfStopped();
+      throw SOCKS5Error::connectionFailed("read timeout", SOCKS5Error::Cause::closed);
     }
-    if (got.kind != StreamResult::Kind::octets) {
-      fail("read", got);
-    }
-    held += got.count;
+    held += octetsOf(got, "read");
   }
   return result;
 }
 
-void SOCKS5Control::fail(const char* operation, const StreamResult& result) const {
-  using Cause = SOCKS5Error::Cause;
+// Returns when the connection is ready for `events`.
+void SOCKS5Control::await(short events, Deadline deadline) const {
+  const bool reads = events == POLLIN;
+  const Wait wait = waitFor(stream_.descriptor(), events, deadline, stop_);
   failIfStopped();
-  switch (result.kind) {
-    case StreamResult::Kind::end:
-      throw SOCKS5Error::connectionFailed("read timeout", Cause::closed);
-    case StreamResult::Kind::timedOut:
-      throw SOCKS5Error::connectionFailed(
-          operation == std::string_view("read") ? "read timeout" : "write 0", Cause::timedOut);
-    default:
-      throw SOCKS5Error::connectionFailed(fmt::format("{} -1", operation), causeOf(result.error));
+  if (wait == Wait::timedOut) {
+    throw SOCKS5Error::connectionFailed(reads ? "read timeout" : "write 0",
+                                        SOCKS5Error::Cause::timedOut);
   }
+  if (wait == Wait::failed) {
+    throw SOCKS5Error::connectionFailed(reads ? "read -1" : "write -1");
+  }
+}
+
+// How many octets were moved: none where the system was not ready after all.
+std::size_t SOCKS5Control::octetsOf(const Transfer& moved, const char* operation) const {
+  if (moved.state == Transfer::State::failed) {
+    failIfStopped();
+    throw SOCKS5Error::connectionFailed(fmt::format("{} -1", operation), causeOf(moved.error));
+  }
+  return moved.octets;
 }
 
 void SOCKS5Control::tell(Stage stage, const std::string& detail) const {

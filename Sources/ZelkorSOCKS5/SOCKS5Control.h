@@ -2,14 +2,14 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 
 #include <sys/socket.h>
 
 #include "Base/Endpoint.h"
-#include "Platform/ByteStreamPair.h"
+#include "Platform/Sockets.h"
+#include "Platform/TCPSocket.h"
 #include "ZelkorSOCKS5/SOCKS5Error.h"
 
 namespace zk {
@@ -65,13 +65,13 @@ class SOCKS5Control {
   /// either.
   void setQuiet(bool isQuiet);
   /// The connection's socket, readable when takeEnd() has something to say. -1 without one.
-  int descriptor() const { return stream_ ? stream_->descriptor() : -1; }
+  int descriptor() const { return stream_.descriptor(); }
   /// Why the connection has ended; absent while it lives. Never blocks. What the proxy says on it
   /// is thrown away.
   std::optional<std::string> takeEnd();
 
   /// Closes the connection. At any time, any number of times.
-  void close() { stream_.reset(); }
+  void close() { stream_ = TCPSocket(); }
 
  private:
   std::optional<SOCKS5Error> tryAddress(const struct ResolvedAddress& address,
@@ -81,7 +81,8 @@ class SOCKS5Control {
   void writeAll(ByteView bytes);
   Bytes readExactly(std::size_t count);
   void failIfStopped() const;
-  [[noreturn]] void fail(const char* operation, const StreamResult& result) const;
+  void await(short events, Deadline deadline) const;
+  std::size_t octetsOf(const Transfer& moved, const char* operation) const;
   void tell(Stage stage, const std::string& detail) const;
 
   const std::string host_;
@@ -92,7 +93,7 @@ class SOCKS5Control {
   const StopSignal* const stop_;
   sockaddr_storage proxyAddress_{};
   std::optional<unsigned> pinnedInterface_;
-  std::optional<ByteStreamPair> stream_;  // present from a successful connect() to close()
+  TCPSocket stream_;  // from a successful connect() to close()
 };
 
 }  // namespace zk

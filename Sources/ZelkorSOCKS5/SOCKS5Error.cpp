@@ -1,34 +1,22 @@
 #include "ZelkorSOCKS5/SOCKS5Error.h"
 
+#include <iterator>
+
 #include <fmt/format.h>
 
 namespace zk {
 namespace {
 
-// The reply codes of RFC 1928 section 6. 0x07 is "command not supported", and UDP ASSOCIATE is the
-// only command that is ever sent.
-std::string replyText(std::uint8_t code) {
-  switch (code) {
-    case 0x01:
-      return "general SOCKS server failure";
-    case 0x02:
-      return "connection not allowed";
-    case 0x03:
-      return "network unreachable";
-    case 0x04:
-      return "host unreachable";
-    case 0x05:
-      return "connection refused";
-    case 0x06:
-      return "TTL expired";
-    case 0x07:
-      return "UDP ASSOCIATE not supported by proxy";
-    case 0x08:
-      return "address type not supported";
-    default:
-      return fmt::format("reply code 0x{:x}", code);
-  }
-}
+// The reply codes of RFC 1928 section 6, from 0x01 on. 0x07 is "command not supported", and UDP
+// ASSOCIATE is the only command that is ever sent.
+constexpr const char* replyTexts[] = {"general SOCKS server failure",
+                                      "connection not allowed",
+                                      "network unreachable",
+                                      "host unreachable",
+                                      "connection refused",
+                                      "TTL expired",
+                                      "UDP ASSOCIATE not supported by proxy",
+                                      "address type not supported"};
 
 }  // namespace
 
@@ -41,7 +29,9 @@ SOCKS5Error SOCKS5Error::authFailed(const std::string& text) {
 }
 
 SOCKS5Error SOCKS5Error::udpAssociateRejected(std::uint8_t replyCode) {
-  return {Kind::udpAssociateRejected, replyText(replyCode)};
+  const bool isKnown = replyCode >= 1 && replyCode <= std::size(replyTexts);
+  return {Kind::udpAssociateRejected,
+          isKnown ? replyTexts[replyCode - 1] : fmt::format("reply code 0x{:x}", replyCode)};
 }
 
 SOCKS5Error SOCKS5Error::protocolError(const std::string& text) {

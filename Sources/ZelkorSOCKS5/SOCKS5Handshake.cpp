@@ -85,34 +85,28 @@ void SOCKS5Handshake::takeMethod(ByteView choice) {
   }
 }
 
+// The address stands as in the header of a datagram.
 Bytes SOCKS5Request::encode(Command command, const Endpoint& to) {
-  Bytes request{version, static_cast<std::uint8_t>(command), 0x00, SOCKS5AddressType::ipv4};
-  const auto octets = to.octets();
-  request.insert(request.end(), octets.begin(), octets.end());
-  request.push_back(static_cast<std::uint8_t>(to.port >> 8));
-  request.push_back(static_cast<std::uint8_t>(to.port));
+  const auto header = SOCKS5UDPFrame::header(to);
+  Bytes request(header.begin(), header.end());
+  request[0] = version;
+  request[1] = static_cast<std::uint8_t>(command);
   return request;
 }
 
 std::size_t SOCKS5Request::replySize(ByteView start) {
   constexpr std::size_t head = 5;  // as far as the length of a domain name
-  constexpr std::size_t portSize = 2;
   if (!start.empty() && start[0] != version) {
     throw SOCKS5Error::protocolError(fmt::format("reply ver {}", start[0]));
   }
   if (start.size() < head) {
     return head;
   }
-  switch (start[3]) {
-    case SOCKS5AddressType::ipv4:
-      return 4 + 4 + portSize;
-    case SOCKS5AddressType::ipv6:
-      return 4 + 16 + portSize;
-    case SOCKS5AddressType::domainName:
-      return head + start[4] + portSize;
-    default:
-      throw SOCKS5Error::protocolError(fmt::format("unsupported ATYP {}", start[3]));
+  const auto addressSize = SOCKS5AddressType::size(start[3], start[4]);
+  if (!addressSize) {
+    throw SOCKS5Error::protocolError(fmt::format("unsupported ATYP {}", start[3]));
   }
+  return 4 + *addressSize + 2;
 }
 
 }  // namespace zk

@@ -33,39 +33,39 @@ std::optional<SOCKS5UDPFrame::Unwrapped> SOCKS5UDPFrame::unwrap(ByteView datagra
   if (datagram.size() < headerSize) {
     return std::nullopt;
   }
+  constexpr std::size_t addressAt = 4;
   const std::uint8_t type = datagram[3];
-  std::size_t addressAt = 4;
-  std::size_t addressLength = 0;
-  switch (type) {
-    case SOCKS5AddressType::ipv4:
-      addressLength = 4;
-      break;
-    case SOCKS5AddressType::domainName:
-      addressAt = 5;
-      addressLength = datagram[4];
-      break;
-    case SOCKS5AddressType::ipv6:
-      addressLength = 16;
-      break;
-    default:
-      return std::nullopt;
-  }
-  const std::size_t portAt = addressAt + addressLength;
-  if (datagram.size() < portAt + 2) {
+  const auto addressSize = SOCKS5AddressType::size(type, datagram[addressAt]);
+  if (!addressSize || datagram.size() < addressAt + *addressSize + 2) {
     return std::nullopt;
   }
+  const ByteView address = datagram.subspan(addressAt, *addressSize);
+  const std::size_t portAt = addressAt + *addressSize;
   Unwrapped found{datagram.subspan(portAt + 2), {0, readUInt16(datagram, portAt)}};
   if (type == SOCKS5AddressType::ipv4) {
-    found.source.address = readUInt32(datagram, addressAt);
+    found.source.address = readUInt32(address, 0);
     return found;
   }
-  const ByteView address = datagram.subspan(addressAt, addressLength);
-  found.name = type == SOCKS5AddressType::ipv6 ? ipv6Text(address) : domainNameText(address);
+  found.name =
+      type == SOCKS5AddressType::ipv6 ? ipv6Text(address) : domainNameText(address.subspan(1));
   if (const auto quad = parseAddress(*found.name)) {  // an address after all
     found.source.address = *quad;
     found.name.reset();
   }
   return found;
+}
+
+std::optional<std::size_t> SOCKS5AddressType::size(std::uint8_t type, std::uint8_t first) {
+  switch (type) {
+    case ipv4:
+      return 4;
+    case domainName:
+      return std::size_t{1} + first;
+    case ipv6:
+      return 16;
+    default:
+      return std::nullopt;
+  }
 }
 
 std::string ipv6Text(ByteView octets) {

@@ -44,6 +44,10 @@ namespace SOCKS5AddressType {
 inline constexpr std::uint8_t ipv4 = 0x01;
 inline constexpr std::uint8_t domainName = 0x03;
 inline constexpr std::uint8_t ipv6 = 0x04;
+
+/// How many octets an address of that type takes. `first` is the first of them, which for a name is
+/// its length. Absent for any other type.
+std::optional<std::size_t> size(std::uint8_t type, std::uint8_t first);
 }  // namespace SOCKS5AddressType
 
 /// Sixteen octets as two lowercase hexadecimal digits each, joined by ":"; not the compressed

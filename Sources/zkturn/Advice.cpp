@@ -122,7 +122,7 @@ Failure failureOfSilence(const std::string& relay, const std::vector<HostPort>& 
   const auto isElsewhere = [&](const HostPort& server) {
     return server.host != servers.front().host;
   };
-  // One that is dead itself must not be taken for a proxy that lets nothing through.
+  // A dead server must not be taken for a proxy that lets nothing through.
   const bool areSeveral = std::any_of(servers.begin(), servers.end(), isElsewhere);
   Failure failure{
       areSeveral ? Outcome::carriesNone : Outcome::unknown,

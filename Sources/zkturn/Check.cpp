@@ -27,68 +27,49 @@ constexpr unsigned tries = 3;  // before silence is believed
 constexpr std::size_t sizes[] = {576, 1000, 1200, 1280, 1352, 1400, 1452, 1472, 2048, 4096, 8192};
 constexpr std::size_t sizeOfMedia = 1200;
 
-class Checker {
- public:
-  Checker(Look& look, const CheckOptions& options, Report& report)
-      : look_(look), options_(options), report_(report) {}
+// For a path whose round trips, in order of size, are known by now.
+Milliseconds limitAfter(const std::vector<double>& roundTrips) {
+  return roundTrips.empty()
+             ? answerLimit
+             : std::clamp(Milliseconds(4 * roundTrips.back()), shortestLimit, answerLimit);
+}
 
-  Quality run() {
-    measureRoundTrips();
-    findLargest();
-    look_.comparePorts();
-    waitIdle();
-    return std::move(quality_);
-  }
-
- private:
-  void measureRoundTrips();
-  void findLargest();
-  void waitIdle();
-  // For a path whose round trips are known by now.
-  Milliseconds limitNow() const;
-
-  Look& look_;
-  const CheckOptions& options_;
-  Report& report_;
-  Quality quality_;
-};
-
-void Checker::measureRoundTrips() {
-  std::vector<double>& trips = quality_.roundTrips;
-  const auto end = look_.stepEnd() + options_.count * pause;
-  while (quality_.sent < options_.count && Clock::now() < end) {
+void measureRoundTrips(Look& look, unsigned count, Report& report, Quality& quality) {
+  std::vector<double>& trips = quality.roundTrips;
+  const auto end = look.stepEnd() + count * pause;
+  while (quality.sent < count && Clock::now() < end) {
     std::this_thread::sleep_for(pause);
-    ++quality_.sent;
-    if (const auto answer = look_.ask(look_.server(), answerLimit, 1)) {
+    ++quality.sent;
+    if (const auto answer = look.ask(look.server(), answerLimit, 1)) {
       trips.push_back(Milliseconds(answer->roundTrip).count());
     }
-    report_.showProgress(quality_.sent, options_.count);
+    report.showProgress(quality.sent, count);
   }
   std::sort(trips.begin(), trips.end());
-  const std::size_t lost = quality_.sent - trips.size();
-  const std::string answered = fmt::format("{} of {} answered", trips.size(), quality_.sent);
-  look_.step(lost == 0 ? Mark::passed : Mark::noted, "round trips",
-             trips.empty() ? answered
-                           : fmt::format("{}, min/median/max {:.1f}/{:.1f}/{:.1f} ms", answered,
-                                         trips.front(), trips[trips.size() / 2], trips.back()));
+  const std::size_t lost = quality.sent - trips.size();
+  const std::string answered = fmt::format("{} of {} answered", trips.size(), quality.sent);
+  look.step(lost == 0 ? Mark::passed : Mark::noted, "round trips",
+            trips.empty() ? answered
+                          : fmt::format("{}, min/median/max {:.1f}/{:.1f}/{:.1f} ms", answered,
+                                        trips.front(), trips[trips.size() / 2], trips.back()));
   if (lost > 0) {
-    look_.remark(fmt::format("{:.0f} % of the datagrams or their answers were lost",
-                             100.0 * static_cast<double>(lost) / quality_.sent));
+    look.remark(fmt::format("{:.0f} % of the datagrams or their answers were lost",
+                            100.0 * static_cast<double>(lost) / quality.sent));
   }
 }
 
-void Checker::findLargest() {
-  std::size_t& largest = quality_.largestDatagram;
+void findLargest(Look& look, Quality& quality) {
+  std::size_t& largest = quality.largestDatagram;
   std::size_t failed = 0;
   for (const std::size_t size : sizes) {
-    if (!look_.ask(look_.server(), limitNow(), tries, size)) {
+    if (!look.ask(look.server(), limitAfter(quality.roundTrips), tries, size)) {
       failed = size;
       break;
     }
     largest = size;
   }
   const bool isEnough = largest >= sizeOfMedia;
-  look_.step(
+  look.step(
       isEnough ? Mark::passed : Mark::noted, "size",
       largest == 0
           ? fmt::format("not even {} octets pass, or the STUN server answers short requests only",
@@ -96,34 +77,29 @@ void Checker::findLargest() {
       : failed == 0 ? fmt::format("{} octets pass", largest)
                     : fmt::format("{} octets pass, {} do not", largest, failed));
   if (!isEnough) {
-    look_.remark(
+    look.remark(
         fmt::format("datagrams of {} octets, as WebRTC sends them, do not pass", sizeOfMedia));
   }
 }
 
-void Checker::waitIdle() {
-  if (options_.idleSeconds == 0) {
+void waitIdle(Look& look, unsigned seconds, Quality& quality) {
+  if (seconds == 0) {
     return;
   }
-  look_.wait(std::chrono::seconds(options_.idleSeconds));
-  const bool isAnswered = look_.ask(look_.server(), limitNow(), tries).has_value();
-  const auto end = look_.takeEnd();
-  quality_.survivesIdle = isAnswered && !end;
-  const std::string silence = fmt::format("{} s of silence", options_.idleSeconds);
-  if (*quality_.survivesIdle) {
-    look_.step(Mark::passed, "idle", "the association survives " + silence);
+  look.wait(std::chrono::seconds(seconds));
+  const bool isAnswered =
+      look.ask(look.server(), limitAfter(quality.roundTrips), tries).has_value();
+  const auto end = look.takeEnd();
+  quality.survivesIdle = isAnswered && !end;
+  const std::string silence = fmt::format("{} s of silence", seconds);
+  if (*quality.survivesIdle) {
+    look.step(Mark::passed, "idle", "the association survives " + silence);
     return;
   }
-  look_.step(Mark::noted, "idle",
-             end ? fmt::format("the proxy ended its connection after {}: {}", silence, *end)
-                 : "no answer any more after " + silence);
-  look_.remark("it forgets an association after " + silence);
-}
-
-Milliseconds Checker::limitNow() const {
-  const auto& trips = quality_.roundTrips;
-  return trips.empty() ? answerLimit
-                       : std::clamp(Milliseconds(4 * trips.back()), shortestLimit, answerLimit);
+  look.step(Mark::noted, "idle",
+            end ? fmt::format("the proxy ended its connection after {}: {}", silence, *end)
+                : "no answer any more after " + silence);
+  look.remark("it forgets an association after " + silence);
 }
 
 int statusOf(Outcome outcome) {
@@ -146,7 +122,10 @@ int check(const ProxyOptions& proxy, const CheckOptions& options) {
   Quality quality;
   try {
     look.findMapping();
-    quality = Checker(look, options, report).run();
+    measureRoundTrips(look, options.count, report, quality);
+    findLargest(look, quality);
+    look.comparePorts();
+    waitIdle(look, options.idleSeconds, quality);
     look.conclude();
   } catch (const Failure& failure) {
     look.conclude(failure);

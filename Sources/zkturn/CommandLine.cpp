@@ -9,7 +9,7 @@
 namespace zk {
 namespace {
 
-// As they are typed; what they mean is found out behind.
+// As they are typed; conclude() finds out what they mean.
 struct Texts {
   std::string proxy;
   std::string user;
@@ -51,7 +51,7 @@ Endpoint parseServer(const char* option, const std::string& text, std::uint16_t 
   return {*address, *port};
 }
 
-// What lies behind "--" is the command's, whatever it looks like.
+// Whatever follows "--" belongs to the command.
 std::vector<std::string> takeCommand(std::vector<std::string>& arguments) {
   const auto mark = std::find(arguments.begin(), arguments.end(), "--");
   if (mark == arguments.end()) {
@@ -126,8 +126,6 @@ void declareCheck(CLI::App& app, CommandLine& line) {
       "0.02 seconds for each of --count.");
 }
 
-void declareServe(CLI::App& /*app*/, CommandLine& /*line*/) {}
-
 void declareRun(CLI::App& app, CommandLine& line) {
   app.footer("The command stands behind --: zkturn run PROXY -- COMMAND [ARGUMENTS]");
   RunOptions& options = line.run;
@@ -165,7 +163,9 @@ const Verb* readCommandLine(std::span<const Verb> verbs, int argc, const char* c
   for (const Verb& verb : verbs) {
     CLI::App* const sub = app.add_subcommand(verb.name, verb.help);
     declareShared(*sub, line.proxy, texts);
-    verb.declare(*sub, line);
+    if (verb.declare != nullptr) {
+      verb.declare(*sub, line);
+    }
   }
   try {
     std::reverse(arguments.begin(), arguments.end());  // as this parse() wants them

@@ -13,7 +13,7 @@ class App;
 
 namespace zk {
 
-/// All that a command line can say. A verb reads what is its own, and `proxy`.
+/// All that a command line can say. A verb reads its own part, and `proxy`.
 struct CommandLine {
   ProxyOptions proxy;
   CheckOptions check;
@@ -25,12 +25,11 @@ struct CommandLine {
 struct Verb {
   const char* name;
   const char* help;                                   // one line
-  void (*declare)(CLI::App& app, CommandLine& line);  // its own options
+  void (*declare)(CLI::App& app, CommandLine& line);  // its own options; null for none
   int (*perform)(const CommandLine& line);            // the status to end with
 };
 
 void declareCheck(CLI::App& app, CommandLine& line);
-void declareServe(CLI::App& app, CommandLine& line);
 void declareRun(CLI::App& app, CommandLine& line);
 
 /// Reads the command line into `line` and returns its verb; null when it asked for nothing but help

@@ -1,20 +1,17 @@
 #include "zkturn/Look.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <system_error>
 #include <thread>
 #include <utility>
 
 #include <fmt/format.h>
 
-#include "Platform/Clock.h"
 #include "Platform/Interfaces.h"
 #include "Platform/Resolver.h"
 #include "ZelkorSOCKS5/InterfaceScope.h"
 #include "ZelkorSOCKS5/SOCKS5Control.h"
 #include "ZelkorSOCKS5/STUN.h"
-#include "zkturn/StepLimit.h"
 
 namespace zk {
 namespace {
@@ -55,8 +52,6 @@ Look::Look(const ProxyOptions& options, const std::optional<std::string>& passwo
       onStep_(std::move(onStep)),
       asksResolver_(asksResolver) {}
 
-Look::~Look() = default;
-
 void Look::step(Mark mark, std::string name, std::string detail, std::string code) {
   const auto now = Clock::now();
   findings_.steps.push_back({mark, std::move(name), std::move(detail), std::move(code),
@@ -95,7 +90,7 @@ void Look::findMapping() {
 
 void Look::tryOnce(OpeningAttempt how) {
   association_.reset();
-  limit_ = std::make_unique<StepLimit>(std::chrono::seconds(options_.timeoutSeconds));
+  limit_.emplace(std::chrono::seconds(options_.timeoutSeconds));
   how.stop = limit_->signal();
   how.controlViaDefault = options_.viaDefault;
   how.failsWhenClosed = true;

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,10 +12,9 @@
 #include "ZelkorSOCKS5/BindingTransaction.h"
 #include "zkturn/Advice.h"
 #include "zkturn/ProxyOptions.h"
+#include "zkturn/StepLimit.h"
 
 namespace zk {
-
-class StepLimit;
 
 /// One thing that was asked of the proxy, and what came.
 struct Step {
@@ -51,11 +49,10 @@ class Look {
   using Milliseconds = std::chrono::duration<double, std::milli>;
   using OnStep = std::function<void(const Step&)>;
 
-  /// The options and the password live longer. Unless `asksResolver`, no name but the proxy's own
-  /// is looked up by the system.
+  /// The options and the password must outlive this. Unless `asksResolver`, no name but the proxy's
+  /// own is looked up by the system.
   Look(const ProxyOptions& options, const std::optional<std::string>& password, OnStep onStep = {},
        bool asksResolver = true);
-  ~Look();
 
   /// Up to the address that peers see. Throws Failure.
   void findMapping();
@@ -100,7 +97,7 @@ class Look {
   SteadyClock::time_point stepBegan_ = SteadyClock::now();
   std::chrono::seconds waited_{0};  // of that step
   std::vector<HostPort> servers_;
-  std::unique_ptr<StepLimit> limit_;  // of the attempt's steps
+  std::optional<StepLimit> limit_;  // of the attempt's steps
   std::optional<Association> association_;
 };
 

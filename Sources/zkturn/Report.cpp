@@ -15,6 +15,13 @@ namespace {
 
 constexpr unsigned barWidth = 30;
 
+// By Step::Mark.
+constexpr struct {
+  const char* text;
+  const char* colour;
+  const char* name;  // for programs
+} signs[] = {{"✓", "\033[32m", "passed"}, {"✗", "\033[31m", "failed"}, {"!", "\033[33m", "noted"}};
+
 std::string printable(const std::string& text) {
   fmt::memory_buffer buffer;
   buffer.append(text);
@@ -40,14 +47,8 @@ void Report::show(const Step& step) {
     return;
   }
   clearBar();
-  struct Sign {
-    const char* text;
-    const char* colour;
-  };
-  const Sign sign = step.mark == Step::Mark::passed   ? Sign{"✓", "\033[32m"}
-                    : step.mark == Step::Mark::failed ? Sign{"✗", "\033[31m"}
-                                                      : Sign{"!", "\033[33m"};
-  fmt::print("  {}{}{} {:<13} {} ({:.0f} ms)\n", hasColours_ ? sign.colour : "", sign.text,
+  const auto& [sign, colour, name] = signs[static_cast<int>(step.mark)];
+  fmt::print("  {}{}{} {:<13} {} ({:.0f} ms)\n", hasColours_ ? colour : "", sign,
              hasColours_ ? "\033[0m" : "", step.name, printable(step.detail), step.milliseconds);
   std::fflush(stdout);
 }
@@ -101,9 +102,8 @@ void Report::conclude(const Findings& findings, const Quality& quality) {
         {"min", trips.front()}, {"median", trips[trips.size() / 2]}, {"max", trips.back()}};
   }
   for (const Step& step : findings.steps) {
-    constexpr const char* marks[] = {"passed", "failed", "noted"};
     json["steps"].push_back({{"name", step.name},
-                             {"result", marks[static_cast<int>(step.mark)]},
+                             {"result", signs[static_cast<int>(step.mark)].name},
                              {"detail", printable(step.detail)},
                              {"milliseconds", step.milliseconds}});
     if (!step.code.empty()) {

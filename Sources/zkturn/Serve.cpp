@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <memory>
 
-#include <fmt/format.h>
+#include <fmt/chrono.h>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
@@ -82,10 +82,7 @@ std::string secret() {
 }
 
 std::string timeOfDay() {
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
-  return fmt::format("{:02}:{:02}", local.tm_hour, local.tm_min);
+  return fmt::format("{:%H:%M}", fmt::localtime(std::time(nullptr)));
 }
 
 class Serving {
@@ -95,7 +92,7 @@ class Serving {
 
   // On a thread of its own, until the process ends.
   void work();
-  // Whatever work() is at. The status to end with.
+  // Whatever work() is doing. Returns the status to end with.
   int end();
 
  private:

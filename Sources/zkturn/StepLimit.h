@@ -1,12 +1,12 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <thread>
 
 #include "Platform/Clock.h"
-#include "Platform/Mutex.h"
 #include "Platform/StopSignal.h"
+#include "Platform/Thread.h"
 
 namespace zk {
 
@@ -15,29 +15,36 @@ namespace zk {
 class StepLimit {
  public:
   /// The first step begins. Throws std::system_error.
-  explicit StepLimit(std::chrono::seconds limit);
-  ~StepLimit();
-  StepLimit(const StepLimit&) = delete;
-  StepLimit& operator=(const StepLimit&) = delete;
+  explicit StepLimit(std::chrono::seconds limit)
+      : limit_(limit), thread_(startThread("zkturn.limit", [this] { watch(); })) {}
+  ~StepLimit() {
+    finish();
+    thread_.join();
+  }
 
   /// The next step begins.
-  void restart();
+  void restart() { end_ = SteadyClock::now() + limit_; }
   /// The last one is through: nothing is raised any more.
-  void finish();
+  void finish() { isOver_.raise(); }
   const StopSignal* signal() const { return &signal_; }
 
  private:
-  using Clock = SteadyClock;
-
-  void watch();
+  void watch() {
+    // The end may have moved while it was waited for.
+    while (SteadyClock::now() < end_.load()) {
+      waitFor(-1, 0, end_, &isOver_);
+      if (isOver_.isRaised()) {
+        return;
+      }
+    }
+    signal_.raise();
+  }
 
   const std::chrono::seconds limit_;
   StopSignal signal_;
-  Mutex lock_;
-  std::condition_variable_any changed_;
-  Clock::time_point end_ GUARDED_BY(lock_);
-  bool isOver_ GUARDED_BY(lock_) = false;
-  std::thread thread_;
+  StopSignal isOver_;
+  std::atomic<Deadline> end_{SteadyClock::now() + limit_};
+  std::thread thread_;  // last: it uses the rest
 };
 
 }  // namespace zk

@@ -17,8 +17,8 @@ constexpr int wrongUsage = 2;
 constexpr zk::Verb verbs[] = {
     {"check", "Tell whether a SOCKS5 proxy carries UDP, and how well.", zk::declareCheck,
      [](const CommandLine& line) { return zk::check(line.proxy, line.check); }},
-    {"serve", "Give this machine's browsers a TURN relay that leads through the proxy.",
-     zk::declareServe, [](const CommandLine& line) { return zk::serve(line.proxy, line.serve); }},
+    {"serve", "Give this machine's browsers a TURN relay that leads through the proxy.", nullptr,
+     [](const CommandLine& line) { return zk::serve(line.proxy, line.serve); }},
     {"run", "Run any program with the proxy as its only way out.", zk::declareRun,
      [](const CommandLine& line) { return zk::run(line.proxy, line.run); }},
 };

@@ -140,6 +140,10 @@ std::string text(const json& object, std::string_view path) {
   return value.get<std::string>();
 }
 
+std::optional<std::string> presentUnlessEmpty(const std::string& text) {
+  return text.empty() ? std::nullopt : std::optional(text);
+}
+
 // A number whose value is integral and fits 64 bits, however it is written: 1080, 1080.0, 1.08e3.
 std::int64_t integer(const json& object, std::string_view path) {
   constexpr double beyond = 9223372036854775808.0;  // 2^63
@@ -180,7 +184,7 @@ Options decodeOptions(const json& object) {
       if (which != "assigned" && which != "mapped") {
         throw ConfigError("wrong value: options.relayedPort must be assigned or mapped");
       }
-      options.relayedPort = which == "mapped" ? RelayedPort::mapped : RelayedPort::assigned;
+      options.reportsMappedPort = which == "mapped";
     } else {
       unknownKey("options", key);
     }
@@ -219,8 +223,9 @@ Config decodeConfig(std::string_view line) {
   const json top = parse(line);
   requireObject(top, "the line");
   const json& proxy = requireObject(member(top, "proxy"), "proxy");
-  Config config{{text(proxy, "proxy.host"), integer(proxy, "proxy.port"), text(proxy, "proxy.user"),
-                 text(proxy, "proxy.pass")},
+  Config config{{text(proxy, "proxy.host"), integer(proxy, "proxy.port"),
+                 presentUnlessEmpty(text(proxy, "proxy.user")),
+                 presentUnlessEmpty(text(proxy, "proxy.pass"))},
                 text(top, "realm"),
                 text(top, "username"),
                 text(top, "credential"),

@@ -1,35 +1,26 @@
 #pragma once
 
-#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
+#include "ZelkorSOCKS5/Association.h"
+
 namespace zk {
-
-/// The SOCKS5 proxy through which all relayed traffic leaves.
-struct ProxyConfig {
-  std::string host;
-  std::int64_t port = 0;  // as given; a bad one shows as a proxy that cannot be reached
-  std::string user;       // empty: none is offered
-  std::string pass;       // empty: none is offered
-};
-
-/// Which port of the proxy clients are told as their relay's.
-enum class RelayedPort {
-  assigned,  // the one of the proxy's answer
-  mapped,    // the one that a STUN server saw
-};
 
 /// Settings for clients and proxies that the defaults do not suit.
 struct Options {
   bool acceptFingerprint = false;  // requests may carry FINGERPRINT behind MESSAGE-INTEGRITY
-  RelayedPort relayedPort = RelayedPort::assigned;
+  // Clients are told the port that a STUN server saw, not the one of the proxy's answer.
+  bool reportsMappedPort = false;
 };
+
+/// The proxy, as the relays take it.
+using ProxyConfig = SOCKS5Proxy;
 
 /// The whole configuration: the proxy, and the one credential that local clients must present.
 struct Config {
-  ProxyConfig proxy;
+  ProxyConfig proxy;  // its port as given: a bad one shows as a proxy that cannot be reached
   std::string realm;
   std::string username;
   std::string credential;  // the password that goes with username

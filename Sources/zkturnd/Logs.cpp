@@ -8,7 +8,7 @@ Logs::Logs()
     : writer_("zk.turnd.debuglog"),
       debug_(writer_.open("/tmp/zkturnd.log")),
       dataPlane_(writer_.open("/tmp/zkturnd-dp.log")),
-      egress_(writer_.open("/tmp/zk-egress.log", {.bits = 0666, .ignoresUmask = true})) {}
+      egress_(writer_.open("/tmp/zk-egress.log", /*ignoresUmask=*/true)) {}
 
 void Logs::appendDebugLog(std::string_view lines) {
   char stamp[timestampLength + 1];

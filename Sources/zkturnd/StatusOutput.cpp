@@ -25,12 +25,8 @@ std::string errorLine(std::string_view message) {
   return fmt::format("{{\"status\":\"error\",\"message\":\"{}\"}}\n", escaped);
 }
 
-void writeStatus(std::string_view line) {
-  writeOutput(line);
-}
-
 void failWith(std::string_view message) {
-  writeStatus(errorLine(message));
+  writeOutput(errorLine(message));
   endProcess(1);
 }
 

@@ -13,9 +13,6 @@ std::string readyLine(std::uint16_t port);
 /// double quotes and line feeds are escaped, and nothing else.
 std::string errorLine(std::string_view message);
 
-/// Writes one status line to standard output, unbuffered.
-void writeStatus(std::string_view line);
-
 /// Writes the error line and ends the process with status 1.
 [[noreturn]] void failWith(std::string_view message);
 

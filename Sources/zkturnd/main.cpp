@@ -4,7 +4,6 @@
 #include <chrono>
 #include <exception>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include <fmt/format.h>
@@ -24,15 +23,10 @@ using namespace zk;
 // How long a stop waits for the disk to take the last lines.
 constexpr std::chrono::milliseconds logPatience{500};
 
-std::optional<std::string> presentUnlessEmpty(const std::string& text) {
-  return text.empty() ? std::nullopt : std::optional(text);
-}
-
 SOCKS5RelaySettings relaySettings(const Config& config, Logs& logs) {
   SOCKS5RelaySettings settings;
-  settings.proxy = {config.proxy.host, config.proxy.port, presentUnlessEmpty(config.proxy.user),
-                    presentUnlessEmpty(config.proxy.pass)};
-  settings.reportsMappedPort = config.options.relayedPort == RelayedPort::mapped;
+  settings.proxy = config.proxy;
+  settings.reportsMappedPort = config.options.reportsMappedPort;
   settings.dataPlaneLog = [&logs](std::string_view line) { logs.zkDPLog(line); };
   settings.egressLog = [&logs](std::string_view line) { logs.plog(line); };
   return settings;
@@ -58,7 +52,7 @@ SOCKS5RelaySettings relaySettings(const Config& config, Logs& logs) {
   } catch (const std::exception& error) {
     failToStart(error);  // here: outside, destructors would wait for the disk first
   }
-  writeStatus(readyLine(server.boundPort()));
+  writeOutput(readyLine(server.boundPort()));
   awaitStop();
   server.stop();
   logs.flush(logPatience);

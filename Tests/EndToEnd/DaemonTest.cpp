@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <future>
 #include <map>
 
 #include <sys/resource.h>
@@ -205,29 +204,6 @@ TEST(DaemonTest, StopsAtOnceUnderLoad) {
   expectQuickStop(*rig);
   ending = true;
   load.join();
-}
-
-/// Allocates for so many new clients at once.
-std::vector<std::future<TURNAnswer>> allocateAll(const Rig& rig, int count, milliseconds timeout) {
-  std::vector<std::future<TURNAnswer>> answers;
-  for (int i = 0; i < count; ++i) {
-    answers.push_back(std::async(std::launch::async, [&rig, timeout] {
-      const auto client = rig.client();
-      client->setTimeout(timeout);
-      return client->allocate();
-    }));
-  }
-  return answers;
-}
-
-// So many openings are under way at once, and others wait for them.
-TEST(DaemonTest, StopsAtOnceDuringOpenings) {
-  const auto rig = Rig::ready({.onAccept = {.action = SOCKS5Step::Action::silence}});
-  const auto answers = allocateAll(*rig, 20, milliseconds(1000));
-  EXPECT_TRUE(eventually([&] { return rig->proxy.counts().connections == 16; }));
-  std::this_thread::sleep_for(aMoment);
-  EXPECT_EQ(rig->proxy.counts().connections, 16U);
-  expectQuickStop(*rig);
 }
 
 // ---- Service -----------------------------------------------------------------------------------

@@ -1,8 +1,5 @@
 // The daemon with SOCKS5 servers that other people wrote, each started here on the loopback.
 
-#include <fstream>
-#include <iostream>
-
 #include <sched.h>
 #include <sys/mount.h>
 

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <fstream>
 #include <thread>
-#include <vector>
 
 #include <fcntl.h>
 #include <fmt/format.h>

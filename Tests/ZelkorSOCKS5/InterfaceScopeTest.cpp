@@ -1,5 +1,4 @@
 #include <cstdlib>
-#include <system_error>
 #include <thread>
 
 #include <arpa/inet.h>

@@ -78,14 +78,14 @@ TEST(EgressProbe, PassesOverWhateverIsNotTheAnswer) {
   byStranger[byStranger.size() - 1] ^= 1;  // another address, or nobody could tell
   stranger.send(byStranger, association.socket.localAddress());
   for (const std::size_t kept : {0U, 9U, 10U, 11U, 29U, 37U}) {
-    association.proxy.injectToClients(ByteView(answer).first(kept));
+    association.proxy.injectToClient(0, ByteView(answer).first(kept));
   }
   for (const std::size_t changed : {10U, 11U, 14U, 20U}) {  // method, class, cookie, transaction
     Bytes other = answer;
     other[changed] ^= 0x10;
-    association.proxy.injectToClients(other);
+    association.proxy.injectToClient(0, other);
   }
-  association.proxy.injectToClients(answer);
+  association.proxy.injectToClient(0, answer);
   EXPECT_EQ(egress.get(), "198.51.100.9:40000");
 }
 

@@ -176,9 +176,9 @@ TEST_F(Relay, DropsWhatIsMalformedAndWhatStrangersSendUntilItIsClosed) {
   DatagramSocket stranger = DatagramSocket::open();
   stranger.bind({INADDR_LOOPBACK, 0});
   stranger.send(fromPeer("from a stranger"), proxy_.clientAddress(0).value());
-  proxy_.injectToClients(Bytes(9));
+  proxy_.injectToClient(0, Bytes(9));
   // Peers are named by the header, whatever type of address it has.
-  proxy_.injectToClients(hex("FFFF0503 04 68 6F 73 74 0102 AA"));
+  proxy_.injectToClient(0, hex("FFFF0503 04 68 6F 73 74 0102 AA"));
   ASSERT_TRUE(turnUntil([&] { return !received_.empty(); }));
   EXPECT_EQ(received_, (std::vector{std::pair(Bytes{0xAA}, std::string("host:258"))}));
   EXPECT_EQ(log_.lines("RECV "),
@@ -189,7 +189,7 @@ TEST_F(Relay, DropsWhatIsMalformedAndWhatStrangersSendUntilItIsClosed) {
                    "RECV unwrap OK from host:258 1B → handler"}));
   // The listener closes it while the end of the control connection is at hand, too.
   closesOnData_ = true;
-  proxy_.injectToClients(fromPeer("the last"));
+  proxy_.injectToClient(0, fromPeer("the last"));
   proxy_.closeControlConnections();
   ASSERT_TRUE(eventually([&] { return proxy_.counts().openConnections == 0; }));
   pass(1s);

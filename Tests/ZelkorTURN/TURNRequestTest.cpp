@@ -1,6 +1,5 @@
 // Who may ask what of the server, and what is answered.
 
-#include <array>
 #include <set>
 
 #include <fmt/format.h>

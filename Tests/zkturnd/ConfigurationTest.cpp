@@ -1,4 +1,3 @@
-#include <cstdint>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -29,9 +28,9 @@ std::string withPort(const std::string& value) {
 std::string decoded(const std::string& line) {
   try {
     const auto& [proxy, realm, username, credential, options] = decodeConfig(line);
-    return fmt::format("{} {} {} {} {} {} {} {} {}", proxy.host, proxy.port, proxy.user, proxy.pass,
-                       realm, username, credential, options.acceptFingerprint,
-                       options.relayedPort == RelayedPort::mapped);
+    return fmt::format("{} {} {} {} {} {} {} {} {}", proxy.host, proxy.port,
+                       proxy.username.value_or(""), proxy.password.value_or(""), realm, username,
+                       credential, options.acceptFingerprint, options.reportsMappedPort);
   } catch (const ConfigError& error) {
     const std::string text = error.what();
     EXPECT_EQ(text.find("my-"), std::string::npos) << text;

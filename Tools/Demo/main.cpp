@@ -12,7 +12,6 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
-#include <netdb.h>
 #include <unistd.h>
 
 #include "Loopback/DaemonProcess.h"
@@ -21,6 +20,7 @@
 #include "Loopback/SOCKS5Server.h"
 #include "Loopback/STUNResponder.h"
 #include "Loopback/TURNClient.h"
+#include "Platform/Resolver.h"
 #include "ZelkorTURN/TURNAttributes.h"
 
 namespace zk::demo {
@@ -61,18 +61,13 @@ std::string checkEndpoint(const std::string& text) {
 
 /// The first IPv4 address of the proxy.
 Endpoint resolve(const HostPort& proxy) {
-  addrinfo hints{};
-  hints.ai_family = AF_INET;
-  hints.ai_socktype = SOCK_DGRAM;
-  addrinfo* found = nullptr;
-  const auto port = std::to_string(proxy.port);
-  if (const int error = getaddrinfo(proxy.host.c_str(), port.c_str(), &hints, &found); error != 0) {
+  const Resolution found =
+      resolveUDPv4(proxy.host, std::to_string(proxy.port), Deadline::max(), nullptr);
+  if (found.addresses.empty()) {
     throw CLI::ValidationError(
-        fmt::format("the proxy {} has no IPv4 address: {}", proxy.host, gai_strerror(error)));
+        fmt::format("the proxy {} has no IPv4 address: {}", proxy.host, found.error));
   }
-  const Endpoint address = Endpoint::of(reinterpret_cast<const sockaddr_in&>(*found->ai_addr));
-  freeaddrinfo(found);
-  return address;
+  return Endpoint::of(reinterpret_cast<const sockaddr_in&>(found.addresses.front().address));
 }
 
 /// Replaces the current line of the terminal; does nothing when standard output is none.

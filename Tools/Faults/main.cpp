@@ -11,7 +11,6 @@
 // What strace records of a run is in FOLDER/NUMBER.
 
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 #include <set>
 #include <sstream>

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <system_error>
@@ -29,7 +28,19 @@ std::size_t countEntries(const fs::path& folder) {
   return count;
 }
 
+// The same command, with both of its outputs in a file where one is named.
+std::vector<std::string> writingTo(const std::string& file, std::vector<std::string> arguments) {
+  if (!file.empty()) {
+    arguments.insert(arguments.begin(), {"/bin/sh", "-c", "exec \"$@\" >>\"$0\" 2>&1", file});
+  }
+  return arguments;
+}
+
 }  // namespace
+
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
+                           const Environment& environment, const std::string& output)
+    : Child(writingTo(output, arguments), environment) {}
 
 // Some servers serve with children.
 ChildProcess::~ChildProcess() {
@@ -37,7 +48,7 @@ ChildProcess::~ChildProcess() {
 }
 
 std::optional<std::string> ChildProcess::readLine(Milliseconds timeout) {
-  return child_.readLine(Clock::now() + timeout);
+  return Child::readLine(Clock::now() + timeout);
 }
 
 void ChildProcess::sendSignal(int signal) {
@@ -47,7 +58,7 @@ void ChildProcess::sendSignal(int signal) {
 }
 
 std::optional<int> ChildProcess::waitExit(Milliseconds timeout) {
-  return child_.waitExit(Clock::now() + timeout);
+  return Child::waitExit(Clock::now() + timeout);
 }
 
 std::size_t ChildProcess::descriptorCount() const {

@@ -7,7 +7,6 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <sys/types.h>
@@ -19,7 +18,7 @@ namespace zk::loopback {
 /// A program that this one has started, with a pipe to its standard input and one from its standard
 /// output. It ends with this object, and so does what it has started itself. One thread at a time;
 /// the counters from any.
-class ChildProcess {
+class ChildProcess : public Child {
  public:
   using Milliseconds = std::chrono::milliseconds;
   using Environment = std::map<std::string, std::string>;
@@ -30,21 +29,12 @@ class ChildProcess {
   /// process from now on, as the child may end before its input is written. Throws
   /// std::system_error.
   explicit ChildProcess(const std::vector<std::string>& arguments,
-                        const Environment& environment = {}, const std::string& output = {})
-      : child_(arguments, environment, output) {}
+                        const Environment& environment = {}, const std::string& output = {});
   ~ChildProcess();
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
 
-  pid_t pid() const { return child_.pid(); }
-
-  /// Writes to its standard input. Whether all of it was taken.
-  bool write(std::string_view text) { return child_.write(text); }
   /// The next line on its standard output, without the line feed. Absent after `timeout`, and when
   /// the output ends before a line feed.
   std::optional<std::string> readLine(Milliseconds timeout);
-  /// Ends its standard input.
-  void closeInput() { child_.closeInput(); }
   /// SIGTERM.
   void terminate() { sendSignal(SIGTERM); }
   void sendSignal(int signal);
@@ -60,9 +50,6 @@ class ChildProcess {
   /// Memory, and CPU time that all its threads, ended ones included, have used so far.
   std::size_t residentKilobytes() const;
   std::chrono::nanoseconds cpuTime() const;
-
- private:
-  Child child_;
 };
 
 /// Runs a shell script to its end, with both of its outputs in one. Throws std::runtime_error with

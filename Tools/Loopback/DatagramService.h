@@ -29,8 +29,6 @@ class DatagramService {
     });
   }
   ~DatagramService() { thread_.stop(); }
-  DatagramService(const DatagramService&) = delete;
-  DatagramService& operator=(const DatagramService&) = delete;
 
   const KitSocket& socket() const { return socket_; }
   const Endpoint& endpoint() const { return endpoint_; }

@@ -30,10 +30,7 @@ class EchoPeer {
   std::size_t received() const {
     return service_.thread().ask([&] { return received_; });
   }
-  /// The latest of them, and where it came from; absent before the first.
-  std::optional<Bytes> lastPayload() const {
-    return service_.thread().ask([&] { return lastPayload_; });
-  }
+  /// Where the latest of them came from; absent before the first.
   std::optional<Endpoint> lastSource() const {
     return service_.thread().ask([&] { return lastSource_; });
   }
@@ -44,7 +41,6 @@ class EchoPeer {
   void take(const Arrival& arrival) {
     ++received_;
     lastSource_ = arrival.from;
-    lastPayload_.emplace(arrival.datagram.begin(), arrival.datagram.end());
     if (echo_) {
       service_.socket().send(arrival.datagram, arrival.from);
     }
@@ -53,7 +49,6 @@ class EchoPeer {
   // These belong to the service's thread.
   bool echo_ = true;
   std::size_t received_ = 0;
-  std::optional<Bytes> lastPayload_;
   std::optional<Endpoint> lastSource_;
   DatagramService service_;
 };

@@ -19,8 +19,6 @@ class LoopThread {
   explicit LoopThread(const std::string& label, EventLoop::Clock clock = monotonicNanoseconds);
   /// Stops.
   ~LoopThread() { stop(); }
-  LoopThread(const LoopThread&) = delete;
-  LoopThread& operator=(const LoopThread&) = delete;
 
   /// For the loop's thread, and for everybody once it has stopped.
   EventLoop& loop() { return loop_; }

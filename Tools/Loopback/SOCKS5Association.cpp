@@ -16,13 +16,10 @@ SOCKS5Association::SOCKS5Association(SOCKS5Core& core, std::size_t number)
       relaySocket_(KitSocket::boundUDP(core.ip)),
       peerSocket_(KitSocket::boundUDP(core.ip)) {}
 
-bool SOCKS5Association::sendToClient(ByteView raw) {
-  if (!client_) {
-    return false;
+void SOCKS5Association::sendToClient(ByteView raw) {
+  if (client_) {
+    relaySocket_.send(raw, *client_);
   }
-  const bool sent = relaySocket_.send(raw, *client_);
-  ++(sent ? core_.counts.framesToClients : core_.counts.dropped);
-  return sent;
 }
 
 /// From as far away as the script says.
@@ -45,7 +42,6 @@ void SOCKS5Association::takeFrames() {
     if (!arrival) {
       return;
     }
-    ++core_.counts.framesFromClients;
     if (core_.script.recordFrames) {
       core_.frames[number_].emplace_back(arrival->datagram.begin(), arrival->datagram.end());
     }
@@ -54,8 +50,6 @@ void SOCKS5Association::takeFrames() {
     }
     if (*client_ == arrival->from) {
       handleFrame(arrival->datagram);
-    } else {
-      ++core_.counts.dropped;
     }
   }
 }
@@ -68,14 +62,12 @@ void SOCKS5Association::handleFrame(ByteView frame) {
     for (const Bytes& datagram : core_.script.garbage) {
       answer(datagram);
     }
-  } else if (!content || mode == Relay::dropAll ||
-             (mode == Relay::dropNonSTUN && !looksLikeSTUN(content->payload))) {
-    ++core_.counts.dropped;
+  } else if (!content || mode == Relay::dropAll) {
+    return;
   } else if (mode == Relay::reflect && !looksLikeSTUN(content->payload)) {
     answer(frame);
-  } else {
-    const bool sent = peerSocket_.send(content->payload, content->destination);
-    ++(sent ? core_.counts.datagramsToPeers : core_.counts.dropped);
+  } else if (peerSocket_.send(content->payload, content->destination)) {
+    ++core_.counts.datagramsToPeers;
   }
 }
 
@@ -87,7 +79,6 @@ void SOCKS5Association::takeAnswers() {
     if (!arrival) {
       return;
     }
-    ++core_.counts.datagramsFromPeers;
     writeSOCKS5Header(room.data(), arrival->from);
     answer(room.first(socks5HeaderSize + arrival->datagram.size()));
   }

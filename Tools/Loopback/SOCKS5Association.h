@@ -14,17 +14,13 @@ class SOCKS5Association {
  public:
   /// Opens and watches the sockets. Throws std::system_error.
   SOCKS5Association(SOCKS5Core& core, std::size_t number);
-  SOCKS5Association(const SOCKS5Association&) = delete;
-  SOCKS5Association& operator=(const SOCKS5Association&) = delete;
 
   /// Where the client sends to.
   Endpoint relayAddress() const { return relaySocket_.localAddress(); }
-  /// Where peers see it come from.
-  Endpoint egressAddress() const { return peerSocket_.localAddress(); }
   const std::optional<Endpoint>& client() const { return client_; }
 
-  /// One raw datagram to the client, at once. Whether the client is known and the system took it.
-  bool sendToClient(ByteView raw);
+  /// One raw datagram to the client, at once, if the client is known.
+  void sendToClient(ByteView raw);
 
  private:
   void takeFrames();

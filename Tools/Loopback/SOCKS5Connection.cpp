@@ -243,6 +243,7 @@ Bytes SOCKS5Connection::associate() {
   return answer;
 }
 
+/// A client that has gone is noticed where octets are taken.
 void SOCKS5Connection::perform(const SOCKS5Step& step, Bytes answer, bool closeBehind) {
   answering_ = true;
   const bool answers = !answer.empty();
@@ -250,14 +251,14 @@ void SOCKS5Connection::perform(const SOCKS5Step& step, Bytes answer, bool closeB
     switch (step.action) {
       case Action::answer:
       case Action::answerThenClose:
-        sendOctets(answer);
+        socket_.send(answer);
         answered(closeBehind || (step.action == Action::answerThenClose && !answer.empty()));
         break;
       case Action::dribble:
         dribble(step.pace, answer, closeBehind);
         break;
       case Action::half:
-        sendOctets(ByteView(answer).first(answer.size() / 2));
+        socket_.send(ByteView(answer).first(answer.size() / 2));
         mute_ = true;
         break;
       case Action::silence:
@@ -284,20 +285,13 @@ void SOCKS5Connection::later(std::chrono::milliseconds delay, std::function<void
 }
 
 void SOCKS5Connection::dribble(std::chrono::milliseconds pace, Bytes answer, bool closeBehind) {
-  sendOctets(ByteView(answer).first(std::min<std::size_t>(answer.size(), 1)));
+  socket_.send(ByteView(answer).first(std::min<std::size_t>(answer.size(), 1)));
   if (answer.size() <= 1) {
     answered(closeBehind);
     return;
   }
   answer.erase(answer.begin());
   later(pace, [=, this] { dribble(pace, answer, closeBehind); });
-}
-
-/// A client that has gone is noticed where octets are taken.
-void SOCKS5Connection::sendOctets(ByteView octets) const {
-  if (!octets.empty()) {
-    socket_.send(octets);
-  }
 }
 
 void SOCKS5Connection::answered(bool closeBehind) {

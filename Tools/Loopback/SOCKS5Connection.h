@@ -15,8 +15,6 @@ class SOCKS5Connection : public std::enable_shared_from_this<SOCKS5Connection> {
  public:
   /// `socket` is non-blocking.
   SOCKS5Connection(SOCKS5Core& core, std::size_t number, KitSocket socket);
-  SOCKS5Connection(const SOCKS5Connection&) = delete;
-  SOCKS5Connection& operator=(const SOCKS5Connection&) = delete;
 
   void start();
   /// Leaves the proxy's books, which destroys this object unless the caller holds on to it.
@@ -39,7 +37,6 @@ class SOCKS5Connection : public std::enable_shared_from_this<SOCKS5Connection> {
   void perform(const SOCKS5Step& step, Bytes answer, bool closeBehind);
   void later(std::chrono::milliseconds delay, std::function<void()> action);
   void dribble(std::chrono::milliseconds pace, Bytes answer, bool closeBehind);
-  void sendOctets(ByteView octets) const;
   void answered(bool closeBehind);
 
   SOCKS5Core& core_;

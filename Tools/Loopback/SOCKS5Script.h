@@ -89,10 +89,9 @@ struct SOCKS5Script {
 
   /// What becomes of a frame that a client sends to its relay.
   enum class Relay {
-    forward,      // its payload goes to the peer, answers come back with their true source
-    dropAll,      // nothing goes out and nothing comes back
-    dropNonSTUN,  // payloads that look like STUN are forwarded, others dropped
-    garbage,      // each is answered with the datagrams of `garbage`, raw, and goes no further
+    forward,  // its payload goes to the peer, answers come back with their true source
+    dropAll,  // nothing goes out and nothing comes back
+    garbage,  // each is answered with the datagrams of `garbage`, raw, and goes no further
     reflect,  // sent straight back unchanged, its destination becoming the source; payloads that
               // look like STUN are forwarded, so that an egress address can be found
   };

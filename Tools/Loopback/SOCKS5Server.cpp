@@ -1,23 +1,11 @@
 #include "Loopback/SOCKS5Server.h"
 
-#include <sys/resource.h>
-#include <sys/socket.h>
-
 #include "Loopback/SOCKS5Association.h"
 #include "Loopback/SOCKS5Connection.h"
 #include "Loopback/SOCKS5Core.h"
+#include "Platform/Process.h"
 
 namespace zk::loopback {
-namespace {
-
-void raiseDescriptorLimit() {
-  rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-}  // namespace
 
 SOCKS5Server::SOCKS5Server(SOCKS5Script script, const std::string& ip, std::uint16_t port)
     : core_(std::make_unique<SOCKS5Core>(ip, port, std::move(script))),
@@ -76,27 +64,11 @@ std::optional<Endpoint> SOCKS5Server::clientAddress(std::size_t number) const {
   });
 }
 
-std::optional<Endpoint> SOCKS5Server::egressAddress(std::size_t number) const {
-  return core_->thread.ask([&] {
-    const auto* association = core_->association(number);
-    return association == nullptr ? std::nullopt : std::optional(association->egressAddress());
-  });
-}
-
-std::size_t SOCKS5Server::injectToClients(ByteView raw) {
-  return core_->thread.ask([&] {
-    std::size_t sent = 0;
-    for (const auto& [number, association] : core_->associations) {
-      sent += association->sendToClient(raw) ? 1 : 0;
+void SOCKS5Server::injectToClient(std::size_t number, ByteView raw) {
+  core_->thread.sync([&] {
+    if (auto* const association = core_->association(number)) {
+      association->sendToClient(raw);
     }
-    return sent;
-  });
-}
-
-std::size_t SOCKS5Server::injectToClient(std::size_t number, ByteView raw) {
-  return core_->thread.ask([&]() -> std::size_t {
-    auto* association = core_->association(number);
-    return association != nullptr && association->sendToClient(raw) ? 1 : 0;
   });
 }
 

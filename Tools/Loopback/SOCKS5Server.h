@@ -33,8 +33,6 @@ class SOCKS5Server {
                         std::uint16_t port = 0);
   /// Stops.
   ~SOCKS5Server();
-  SOCKS5Server(const SOCKS5Server&) = delete;
-  SOCKS5Server& operator=(const SOCKS5Server&) = delete;
 
   std::uint16_t port() const { return port_; }
 
@@ -46,11 +44,7 @@ class SOCKS5Server {
     std::size_t openConnections = 0;  // now
     std::size_t associations = 0;     // ever made
     std::size_t openAssociations = 0;
-    std::uint64_t framesFromClients = 0;
     std::uint64_t datagramsToPeers = 0;
-    std::uint64_t datagramsFromPeers = 0;
-    std::uint64_t framesToClients = 0;  // garbage, reflected and injected ones included
-    std::uint64_t dropped = 0;  // by script, malformed, from a stranger, or refused by send()
   };
   Counts counts() const;
 
@@ -62,13 +56,9 @@ class SOCKS5Server {
   /// Where association `number` sends its frames to: absent before the first frame, and when it is
   /// gone or never was.
   std::optional<Endpoint> clientAddress(std::size_t number) const;
-  /// The socket of association `number` towards peers: what they see as the source, if it exists.
-  std::optional<Endpoint> egressAddress(std::size_t number) const;
 
-  /// Sends `raw` as it stands, from the relay's own address, to the client of every open
-  /// association, or of that one. The number of datagrams sent.
-  std::size_t injectToClients(ByteView raw);
-  std::size_t injectToClient(std::size_t number, ByteView raw);
+  /// Sends `raw` as it stands, from the relay's own address, to the client of that association.
+  void injectToClient(std::size_t number, ByteView raw);
 
   /// Ends every open control connection, and so its association, with the end of the stream or with
   /// RST. The listener stays.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "Platform/Random.h"
 #include "ZelkorTURN/TURNAttributes.h"
 
 namespace zk::loopback {
@@ -48,10 +49,6 @@ int TURNAnswer::errorCode() const {
 
 std::optional<Endpoint> TURNAnswer::relayedAddress() const {
   return addressIn(message, TURNAttr::xorRelayedAddress);
-}
-
-std::optional<Endpoint> TURNAnswer::mappedAddress() const {
-  return addressIn(message, TURNAttr::xorMappedAddress);
 }
 
 std::optional<std::uint32_t> TURNAnswer::lifetime() const {
@@ -144,9 +141,7 @@ TURNAnswer TURNClient::authenticatedRequest(const TURNMessage& message) {
 
 TransactionID TURNClient::freshTransaction() {
   TransactionID transaction{};
-  for (std::uint8_t& octet : transaction) {
-    octet = static_cast<std::uint8_t>(random_());
-  }
+  randomBytes(transaction);
   return transaction;
 }
 

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
-#include <random>
 #include <string>
 
 #include "Base/Bytes.h"
@@ -32,7 +31,6 @@ struct TURNAnswer {
   /// The number in ERROR-CODE; 0 when there is none.
   int errorCode() const;
   std::optional<Endpoint> relayedAddress() const;
-  std::optional<Endpoint> mappedAddress() const;
   std::optional<std::uint32_t> lifetime() const;
 };
 
@@ -105,7 +103,7 @@ class TURNClient {
   /// `timeout`.
   std::optional<TURNData> receiveData(Milliseconds timeout);
 
-  TransactionID freshTransaction();
+  static TransactionID freshTransaction();
   /// A request without attributes and with a fresh transaction ID.
   TURNMessage makeRequest(std::uint16_t method);
   /// Appends USERNAME, REALM, NONCE and MESSAGE-INTEGRITY with what the server named last, for
@@ -123,7 +121,6 @@ class TURNClient {
 
   const TURNCredentials credentials_;
   KitSocket socket_ = KitSocket::boundUDP();
-  std::independent_bits_engine<std::mt19937_64, 8, unsigned> random_{std::random_device{}()};
   Milliseconds timeout_{5000};
   Milliseconds retransmissionInterval_{0};
   int retransmissions_ = 0;

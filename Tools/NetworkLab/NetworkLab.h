@@ -40,8 +40,6 @@ class NetworkLab {
   /// vocabulary that stands in the source file.
   explicit NetworkLab(const std::string& homeScript);
   ~NetworkLab();
-  NetworkLab(const NetworkLab&) = delete;
-  NetworkLab& operator=(const NetworkLab&) = delete;
 
   /// Runs `work` on a thread in that host. The sockets it opens and the processes and threads it
   /// starts stay there.

@@ -1,21 +1,18 @@
 // A pipe, into and out of which the system moves the pages that the octets lie in.
 
 #include <array>
-#include <cerrno>
-#include <system_error>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "Platform/TCPSocket.h"
+#include "Platform/posix/System.h"
 
 namespace zk {
 
 Conduit::Conduit() {
   std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
-    throw std::system_error(errno, std::generic_category(), "pipe");
-  }
+  require(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) == 0, "pipe");
   reader_ = Descriptor(ends[0]);
   writer_ = Descriptor(ends[1]);
   fcntl(ends[1], F_SETPIPE_SZ, static_cast<int>(capacity));  // a smaller one does as well

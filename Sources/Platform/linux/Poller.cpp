@@ -4,37 +4,33 @@
 
 #include "Platform/Poller.h"
 
+#include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdint>
-#include <system_error>
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include "Platform/posix/System.h"
+
 namespace zk {
 namespace {
 
 constexpr std::size_t maxEvents = 64;
 
-constexpr int timerLost =
-    1000;  // milliseconds; then the timer that could not be set is tried again
-
-Descriptor opened(int descriptor, const char* call) {
-  if (descriptor < 0) {
-    throw std::system_error(errno, std::generic_category(), call);
-  }
-  return Descriptor(descriptor);
-}
+// Milliseconds, after which a timer that could not be set is tried again.
+constexpr int timerLost = 1000;
 
 }  // namespace
 
-Poller::Poller()
-    : poller_(opened(epoll_create1(EPOLL_CLOEXEC), "epoll_create1")),
-      wakeUp_(opened(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
-      timer_(opened(timerfd_create(CLOCK_BOOTTIME, TFD_CLOEXEC | TFD_NONBLOCK), "timerfd_create")) {
+Poller::Poller() : poller_(epoll_create1(EPOLL_CLOEXEC)) {
+  require(static_cast<bool>(poller_), "epoll_create1");
+  wakeUp_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  require(static_cast<bool>(wakeUp_), "eventfd");
+  timer_ = Descriptor(timerfd_create(CLOCK_BOOTTIME, TFD_CLOEXEC | TFD_NONBLOCK));
+  require(static_cast<bool>(timer_), "timerfd_create");
   add(wakeUp_.get());
   add(timer_.get());
 }
@@ -47,9 +43,7 @@ void Poller::change(int descriptor, Interest from, Interest to) {
   const int operation = from == Interest() ? EPOLL_CTL_ADD
                         : to == Interest() ? EPOLL_CTL_DEL
                                            : EPOLL_CTL_MOD;
-  if (epoll_ctl(poller_.get(), operation, descriptor, &event) != 0) {
-    throw std::system_error(errno, std::generic_category(), "epoll_ctl");
-  }
+  require(epoll_ctl(poller_.get(), operation, descriptor, &event) == 0, "epoll_ctl");
 }
 
 void Poller::remove(int descriptor) {

@@ -1,7 +1,5 @@
 #include "Platform/Crypto.h"
 
-#include <algorithm>
-
 #include <CommonCrypto/CommonDigest.h>
 #include <string.h>
 

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 
 #include <ifaddrs.h>
 #include <net/if.h>

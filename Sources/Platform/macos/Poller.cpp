@@ -5,12 +5,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdint>
-#include <system_error>
 
 #include <fcntl.h>
 #include <sys/event.h>
+
+#include "Platform/posix/System.h"
 
 namespace zk {
 namespace {
@@ -29,29 +29,19 @@ bool change(int queue, std::uintptr_t which, int filter, int flags, unsigned fil
   return kevent(queue, &event, 1, nullptr, 0, nullptr) == 0;
 }
 
-[[noreturn]] void fail(const char* call) {
-  throw std::system_error(errno, std::generic_category(), call);
-}
-
 }  // namespace
 
 Poller::Poller() : poller_(kqueue()) {
-  if (!poller_) {
-    fail("kqueue");
-  }
+  require(static_cast<bool>(poller_), "kqueue");
   fcntl(poller_.get(), F_SETFD, FD_CLOEXEC);
-  if (!zk::change(poller_.get(), wakeUpEvent, EVFILT_USER, EV_ADD | EV_CLEAR)) {
-    fail("kevent");
-  }
+  require(zk::change(poller_.get(), wakeUpEvent, EVFILT_USER, EV_ADD | EV_CLEAR), "kevent");
 }
 
 void Poller::change(int descriptor, Interest from, Interest to) {
   const auto set = [&](int filter, bool was, bool is) {
-    const int flags = is ? EV_ADD : EV_DELETE;
-    if (was != is &&
-        !zk::change(poller_.get(), static_cast<std::uintptr_t>(descriptor), filter, flags)) {
-      fail("kevent");
-    }
+    const auto which = static_cast<std::uintptr_t>(descriptor);
+    require(was == is || zk::change(poller_.get(), which, filter, is ? EV_ADD : EV_DELETE),
+            "kevent");
   };
   set(EVFILT_READ, from.readable, to.readable);
   set(EVFILT_WRITE, from.writable, to.writable);

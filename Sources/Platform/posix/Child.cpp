@@ -5,10 +5,8 @@
 #include <csignal>
 #include <system_error>
 
-#include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,58 +18,39 @@ extern "C" char** environ;  // NOLINT(readability-redundant-declaration)
 namespace zk {
 namespace {
 
-using Clock = SteadyClock;
-
 void require(int error, const char* what) {
   if (error != 0) {
     throw std::system_error(error, std::generic_category(), what);
   }
 }
 
-// What posix_spawn() does in the child, in order.
-class Actions {
- public:
-  Actions() { require(posix_spawn_file_actions_init(&actions_), "posix_spawn"); }
-  ~Actions() { posix_spawn_file_actions_destroy(&actions_); }
-  Actions(const Actions&) = delete;
-  Actions& operator=(const Actions&) = delete;
-
-  void duplicate(int from, int to) {
-    require(posix_spawn_file_actions_adddup2(&actions_, from, to), "posix_spawn");
-  }
-  void append(int to, const char* path) {
-    require(posix_spawn_file_actions_addopen(&actions_, to, path, O_WRONLY | O_CREAT | O_APPEND,
-                                             S_IRUSR | S_IWUSR),
-            "posix_spawn");
-  }
-  const posix_spawn_file_actions_t* get() const { return &actions_; }
-
- private:
-  posix_spawn_file_actions_t actions_{};
-};
-
-class Attributes {
- public:
-  Attributes() {
-    require(posix_spawnattr_init(&attributes_), "posix_spawn");
+// What posix_spawn() does in the child: these are its standard input and output, signals do what
+// they do by default, and its process group is its own.
+struct Setting {
+  Setting(int input, int output) {
+    require(posix_spawn_file_actions_init(&actions), "posix_spawn");
+    require(posix_spawnattr_init(&attributes), "posix_spawn");
+    require(posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO), "posix_spawn");
+    require(posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO), "posix_spawn");
     sigset_t all;
     sigset_t none;
     sigfillset(&all);
     sigemptyset(&none);
-    posix_spawnattr_setsigdefault(&attributes_, &all);
-    posix_spawnattr_setsigmask(&attributes_, &none);
-    posix_spawnattr_setpgroup(&attributes_, 0);
+    posix_spawnattr_setsigdefault(&attributes, &all);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setpgroup(&attributes, 0);
     posix_spawnattr_setflags(
-        &attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
+        &attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
   }
-  ~Attributes() { posix_spawnattr_destroy(&attributes_); }
-  Attributes(const Attributes&) = delete;
-  Attributes& operator=(const Attributes&) = delete;
+  ~Setting() {
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+  }
+  Setting(const Setting&) = delete;
+  Setting& operator=(const Setting&) = delete;
 
-  const posix_spawnattr_t* get() const { return &attributes_; }
-
- private:
-  posix_spawnattr_t attributes_{};
+  posix_spawn_file_actions_t actions{};
+  posix_spawnattr_t attributes{};
 };
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
@@ -101,22 +80,14 @@ std::vector<std::string> environmentWith(const std::map<std::string, std::string
 }  // namespace
 
 Child::Child(const std::vector<std::string>& arguments,
-             const std::map<std::string, std::string>& environment, const std::string& outputFile) {
+             const std::map<std::string, std::string>& environment) {
   Pipe input = openPipe();
   Pipe output = openPipe();
   std::signal(SIGPIPE, SIG_IGN);  // it may end before its input is written
-  Actions actions;
-  actions.duplicate(input.reader.get(), STDIN_FILENO);
-  if (outputFile.empty()) {
-    actions.duplicate(output.writer.get(), STDOUT_FILENO);
-  } else {
-    actions.append(STDOUT_FILENO, outputFile.c_str());
-    actions.duplicate(STDOUT_FILENO, STDERR_FILENO);
-  }
-  const Attributes attributes;
+  const Setting setting(input.reader.get(), output.writer.get());
   std::vector<std::string> texts = arguments;
   std::vector<std::string> entries = environmentWith(environment);
-  require(posix_spawn(&pid_, arguments.front().c_str(), actions.get(), attributes.get(),
+  require(posix_spawn(&pid_, arguments.front().c_str(), &setting.actions, &setting.attributes,
                       pointersTo(texts).data(), pointersTo(entries).data()),
           arguments.front().c_str());
   input_ = std::move(input.writer);
@@ -165,10 +136,10 @@ std::optional<int> Child::waitExit(Deadline deadline) {
   while (!status_) {
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
       status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    } else if (Clock::now() >= deadline) {
+    } else if (SteadyClock::now() >= deadline) {
       return std::nullopt;
     } else {
-      waitFor(-1, 0, Clock::now() + std::chrono::milliseconds(2));
+      waitFor(-1, 0, SteadyClock::now() + std::chrono::milliseconds(2));
     }
   }
   return status_;

@@ -23,10 +23,6 @@ void DatagramSocket::bind(const Endpoint& local) {
           "bind");
 }
 
-void DatagramSocket::pin(unsigned interfaceIndex) {
-  pinToInterface(descriptor(), AF_INET, interfaceIndex);
-}
-
 void DatagramSocket::enlargeBuffers() {
   setOption(descriptor(), SOL_SOCKET, SO_RCVBUF, wantedBuffer);
   setOption(descriptor(), SOL_SOCKET, SO_SNDBUF, wantedBuffer);

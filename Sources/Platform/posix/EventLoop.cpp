@@ -5,10 +5,6 @@
 
 namespace zk {
 
-EventLoop::EventLoop(Clock clock) : clock_(std::move(clock)) {}
-
-EventLoop::~EventLoop() = default;
-
 void EventLoop::watch(int descriptor, Source& source) {
   poller_.add(descriptor);
   const auto place = static_cast<std::size_t>(descriptor);

@@ -18,6 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
+constexpr mode_t everybody = 0666;
 constexpr std::uint64_t lookInterval = 500'000'000;  // nanoseconds; the promise is a second
 // A lock is waited for 100 milliseconds, at most once a second.
 constexpr auto lockInterval = 5ms;
@@ -73,9 +74,9 @@ void LogFile::open() {
   const int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
   Descriptor opened(::open(path_, flags));
   if (!opened && errno == ENOENT) {
-    opened = Descriptor(::open(path_, flags | O_CREAT | O_EXCL, mode_.bits));
-    if (opened && mode_.ignoresUmask) {
-      fchmod(opened.get(), mode_.bits);
+    opened = Descriptor(::open(path_, flags | O_CREAT | O_EXCL, everybody));
+    if (opened && ignoresUmask_) {
+      fchmod(opened.get(), everybody);
     }
     if (!opened && errno == EEXIST) {
       opened = Descriptor(::open(path_, flags));  // somebody else was first

@@ -36,10 +36,10 @@ LogWriter::~LogWriter() {
   thread_.join();
 }
 
-std::size_t LogWriter::open(const char* path, LogFileMode mode) {
+std::size_t LogWriter::open(const char* path, bool ignoresUmask) {
   const MutexLock guard(lock_);
   pending_.emplace_back();
-  targets_.push_back({LogFile(path, mode), {}});
+  targets_.push_back({LogFile(path, ignoresUmask), {}});
   targets_.back().file.append({});  // which creates it
   return targets_.size() - 1;
 }

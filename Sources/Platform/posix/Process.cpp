@@ -51,15 +51,19 @@ void prepareProcess() {
     opened = dup(opened);
   }
   closeInherited();
+  raiseDescriptorLimit();
+  const rlimit none{0, 0};
+  setrlimit(RLIMIT_CORE, &none);
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+}
+
+void raiseDescriptorLimit() {
   rlimit descriptors{};
   if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0) {
     descriptors.rlim_cur = std::max(descriptors.rlim_cur, mostDescriptors(descriptors.rlim_max));
     setrlimit(RLIMIT_NOFILE, &descriptors);
   }
-  const rlimit none{0, 0};
-  setrlimit(RLIMIT_CORE, &none);
-  std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGXFSZ, SIG_IGN);
 }
 
 void takeTerminationSignal() {

@@ -13,7 +13,7 @@ int randomBytes(std::span<std::uint8_t> out) {
 
 void RandomPool::fill(std::span<std::uint8_t> out) {
   if (octets_.size() - used_ < out.size()) {
-    if (source_(octets_) != 0) {
+    if (randomBytes(octets_) != 0) {
       return;
     }
     used_ = 0;

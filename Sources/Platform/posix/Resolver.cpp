@@ -21,23 +21,15 @@ namespace {
 constexpr int mostLeftBehind = 16;
 std::atomic<int> leftBehind{0};
 
-struct Question {
-  std::string host;
-  std::string port;
-  addrinfo hints{};
-};
-
-Resolution ask(const Question& question, int extraFlags) {
-  addrinfo hints = question.hints;
-  hints.ai_flags |= extraFlags;
+Resolution ask(const std::string& host, const std::string& port, const addrinfo& hints) {
   addrinfo* list = nullptr;
-  const int code = getaddrinfo(question.host.c_str(), question.port.c_str(), &hints, &list);
+  const int code = getaddrinfo(host.c_str(), port.c_str(), &hints, &list);
   Resolution result;
   if (code == 0) {
     for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
-      ResolvedAddress resolved{entry->ai_family, entry->ai_socktype, entry->ai_protocol, {}, 0};
-      resolved.length = std::min<socklen_t>(entry->ai_addrlen, sizeof resolved.address);
-      std::memcpy(&resolved.address, entry->ai_addr, resolved.length);
+      ResolvedAddress resolved{entry->ai_family, {}};
+      std::memcpy(&resolved.address, entry->ai_addr,
+                  std::min<std::size_t>(entry->ai_addrlen, sizeof resolved.address));
       result.addresses.push_back(resolved);
     }
     freeaddrinfo(list);
@@ -78,23 +70,24 @@ class Lookup {
   bool isLeftBehind_ GUARDED_BY(lock_) = false;
 };
 
-Resolution resolve(Question question, Deadline deadline, const StopSignal* stop) {
+Resolution resolve(const std::string& host, const std::string& port, addrinfo hints,
+                   Deadline deadline, const StopSignal* stop) {
   // The resolver would read a name with a NUL in it as the shorter name in front of the NUL.
-  if (question.host.find('\0') != std::string::npos) {
+  if (host.find('\0') != std::string::npos) {
     return {{}, gai_strerror(EAI_NONAME)};
   }
-  Resolution numeric = ask(question, AI_NUMERICHOST);
+  hints.ai_flags = AI_NUMERICHOST;
+  Resolution numeric = ask(host, port, hints);
   if (!numeric.addresses.empty()) {
     return numeric;
   }
   if (leftBehind >= mostLeftBehind) {
     return {{}, "too many lookups are still waiting for the resolver"};
   }
+  hints.ai_flags = 0;
   try {
     const auto lookup = std::make_shared<Lookup>();
-    startThread("zk.resolve", [lookup, asked = std::move(question)] {
-      lookup->conclude(ask(asked, 0));
-    }).detach();
+    startThread("zk.resolve", [=] { lookup->conclude(ask(host, port, hints)); }).detach();
     return lookup->await(deadline, stop);
   } catch (const std::system_error& error) {  // no thread or no pipe to be had
     return {{}, "no lookup: " + errorText(error.code().value())};
@@ -113,12 +106,12 @@ addrinfo hintsFor(int family, int type, int protocol) {
 
 Resolution resolveTCP(const std::string& host, const std::string& port, Deadline deadline,
                       const StopSignal* stop) {
-  return resolve({host, port, hintsFor(AF_UNSPEC, SOCK_STREAM, IPPROTO_TCP)}, deadline, stop);
+  return resolve(host, port, hintsFor(AF_UNSPEC, SOCK_STREAM, IPPROTO_TCP), deadline, stop);
 }
 
 Resolution resolveUDPv4(const std::string& host, const std::string& port, Deadline deadline,
                         const StopSignal* stop) {
-  return resolve({host, port, hintsFor(AF_INET, SOCK_DGRAM, IPPROTO_UDP)}, deadline, stop);
+  return resolve(host, port, hintsFor(AF_INET, SOCK_DGRAM, IPPROTO_UDP), deadline, stop);
 }
 
 }  // namespace zk

@@ -28,9 +28,7 @@ std::string errorText(int error) {
 
 std::string numericText(const sockaddr& address) {
   std::array<char, NI_MAXHOST> text{};
-  const socklen_t length =
-      address.sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-  getnameinfo(&address, length, text.data(), text.size(), nullptr, 0, NI_NUMERICHOST);
+  getnameinfo(&address, lengthOf(address), text.data(), text.size(), nullptr, 0, NI_NUMERICHOST);
   return text.data();
 }
 
@@ -59,8 +57,7 @@ Wait waitFor(int descriptor, short events, Deadline deadline, const StopSignal* 
 }
 
 Wait connectSocket(int socket, const sockaddr& to, Deadline deadline, const StopSignal* stop) {
-  const socklen_t length = to.sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-  int error = connect(socket, &to, length) == 0 ? 0 : errno;
+  int error = connect(socket, &to, lengthOf(to)) == 0 ? 0 : errno;
   if (error == EINPROGRESS) {
     const Wait wait = waitFor(socket, POLLOUT, deadline, stop);
     if (wait != Wait::ready) {

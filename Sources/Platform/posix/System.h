@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <system_error>
 
+#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -23,6 +24,11 @@ inline void require(bool ok, const char* call) {
 
 inline void setOption(int socket, int level, int option, int value) {
   setsockopt(socket, level, option, &value, sizeof value);
+}
+
+/// The length of an IPv4 or IPv6 address.
+inline socklen_t lengthOf(const sockaddr& address) {
+  return address.sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
 }
 
 /// The TCP option that holds the seconds of silence before the first probe.

@@ -1,7 +1,6 @@
 #include "Platform/TCPSocket.h"
 
 #include <cerrno>
-#include <system_error>
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -9,6 +8,7 @@
 #include <sys/socket.h>
 
 #include "Platform/Sockets.h"
+#include "Platform/posix/System.h"
 
 namespace zk {
 namespace {
@@ -17,10 +17,6 @@ namespace {
 constexpr std::chrono::seconds aliveIdle{60};
 constexpr std::chrono::seconds aliveInterval{10};
 constexpr int aliveProbes = 6;
-
-[[noreturn]] void fail(const char* call) {
-  throw std::system_error(errno, std::generic_category(), call);
-}
 
 }  // namespace
 
@@ -32,7 +28,10 @@ Transfer transferOf(std::ptrdiff_t result) {
   if (result == 0) {
     return {State::ended};
   }
-  return {errno == EAGAIN || errno == EINTR ? State::blocked : State::failed};
+  if (errno == EAGAIN || errno == EINTR) {
+    return {State::blocked};
+  }
+  return {State::failed, 0, {errno, std::generic_category()}};
 }
 
 TCPSocket TCPSocket::connecting(const sockaddr& to, std::optional<unsigned> interface) {
@@ -40,10 +39,7 @@ TCPSocket TCPSocket::connecting(const sockaddr& to, std::optional<unsigned> inte
   if (interface) {
     pinToInterface(made.descriptor(), to.sa_family, *interface);
   }
-  const socklen_t length = to.sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-  if (connect(made.descriptor(), &to, length) != 0 && errno != EINPROGRESS) {
-    fail("connect");
-  }
+  require(connect(made.descriptor(), &to, lengthOf(to)) == 0 || errno == EINPROGRESS, "connect");
   return made;
 }
 
@@ -62,9 +58,7 @@ std::optional<TCPSocket> TCPSocket::accepted(int listener, Endpoint& from) {
     if (errno == EAGAIN) {
       return std::nullopt;
     }
-    if (errno != EINTR && errno != ECONNABORTED) {
-      fail("accept");
-    }
+    require(errno == EINTR || errno == ECONNABORTED, "accept");
   }
 }
 
@@ -76,8 +70,7 @@ std::optional<std::string> TCPSocket::error() const {
 }
 
 void TCPSocket::prepareToCarry() {
-  const int on = 1;
-  setsockopt(descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  setOption(descriptor(), IPPROTO_TCP, TCP_NODELAY, 1);
   keepAlive(descriptor(), aliveIdle, aliveInterval, aliveProbes);
 }
 
