@@ -2,10 +2,8 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <optional>
-#include <sstream>
 
 #include <fmt/compile.h>
 #include <fmt/format.h>
@@ -15,6 +13,7 @@
 #include "Platform/Clock.h"
 #include "Platform/EventLoop.h"
 #include "Platform/LogWriter.h"
+#include "Platform/Process.h"
 #include "ZelkorSeal/Carrier.h"
 #include "ZelkorSeal/Seal.h"
 #include "zkturn/Look.h"
@@ -35,28 +34,9 @@ void say(std::string_view sentence) {
 
 // This process holds a password, and two sockets for each connection.
 void prepareSelf() {
-  rlimit descriptors{};
-  getrlimit(RLIMIT_NOFILE, &descriptors);
-  descriptors.rlim_cur = descriptors.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &descriptors);
+  raiseDescriptorLimit();
   const rlimit none{0, 0};
   setrlimit(RLIMIT_CORE, &none);
-}
-
-// The options with the STUN servers that ZK_STUN_IPS names, where the command line names none.
-ProxyOptions withServers(ProxyOptions proxy) {
-  const char* const given = std::getenv("ZK_STUN_IPS");
-  if (given == nullptr || !proxy.stunServers.empty()) {
-    return proxy;
-  }
-  std::istringstream list(given);
-  for (std::string entry; std::getline(list, entry, ',');) {
-    const auto server = parseHostPort(entry);
-    if (const auto address = server ? parseAddress(server->host) : std::nullopt) {
-      proxy.stunServers.push_back({*address, server->port});
-    }
-  }
-  return proxy;
 }
 
 // Whom peers see, or why nothing can go through the proxy, which ends it.
@@ -163,7 +143,7 @@ int runSealed(const ProxyOptions& proxy, const RunOptions& options) {
   prepareSelf();
   SealDescriptors made = seal.takeDescriptors();
   const std::optional<std::string> password = readPassword(proxy);
-  lookAtProxy(withServers(proxy), password);
+  lookAtProxy(proxy, password);
   if (!command.remark().empty()) {
     say(command.remark());
   }
