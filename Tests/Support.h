@@ -49,10 +49,10 @@ inline std::string textOf(ByteView bytes) {
   return {bytes.begin(), bytes.end()};
 }
 
-/// Looks until `condition` holds or ten seconds have passed. Whether it held.
+/// Looks until `condition` holds or `limit` has passed. Whether it held.
 template <typename Condition>
-bool eventually(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+bool eventually(Condition condition, std::chrono::seconds limit = std::chrono::seconds(10)) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) {
       return false;

@@ -49,10 +49,7 @@ class RealBrowserTest : public RunTest, public testing::WithParamInterface<const
     environment["HOME"] = "/tmp/home";
     std::remove("/tmp/report");
     const auto running = start(command, "/tmp/browser");
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (access("/tmp/report", F_OK) != 0 && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(milliseconds(100));
-    }
+    eventually([] { return access("/tmp/report", F_OK) == 0; }, std::chrono::seconds(60));
     const std::string report = contentOf("/tmp/report");
     EXPECT_TRUE(std::regex_search(report, std::regex("203\\.0\\.113\\.2 \\d+ typ srflx")))
         << report << contentOf("/tmp/browser");
@@ -99,7 +96,8 @@ TEST_F(RunTest, OneThatRunsAlreadyIsNotReached) {
   ASSERT_TRUE(eventually([] { return access("/tmp/.X11-unix/X7", F_OK) == 0; }));
   const std::string page = "chromium http://203.0.113.1:8000/";
   const auto outside = start({"sh", "-c", "chromium about:blank"}, "/tmp/outside");
-  std::this_thread::sleep_for(std::chrono::seconds(8));
+  const auto socket = "/tmp/home/.config/chromium/SingletonSocket";
+  ASSERT_TRUE(eventually([&] { return access(socket, F_OK) == 0; }));
   ASSERT_FALSE(outside->waitExit(milliseconds(0))) << contentOf("/tmp/outside");
   const std::string kind = "TCP to 203.0.113.1 by wire";
   traffic();
@@ -110,8 +108,7 @@ TEST_F(RunTest, OneThatRunsAlreadyIsNotReached) {
   inside->waitExit(patience);
   // Without a seal it is.
   const auto unsealed = start({"sh", "-c", page}, "/tmp/browser");
-  std::this_thread::sleep_for(std::chrono::seconds(8));
-  EXPECT_TRUE(traffic().contains(kind)) << contentOf("/tmp/browser");
+  EXPECT_TRUE(eventually([&] { return traffic().contains(kind); })) << contentOf("/tmp/browser");
 }
 
 TEST_F(RunTest, WhatCannotStartWithoutPrivilegesIsRefusedWithAWayOut) {

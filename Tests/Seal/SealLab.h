@@ -28,6 +28,7 @@ using Traffic = std::set<std::string>;
 
 inline constexpr milliseconds patience{20'000};
 inline std::string whyNoLab;  // empty when the lab can be built
+inline Descriptor libwebrtc;  // node's modules with it, where they are installed
 
 // Home has a VPN, a wire, and IPv6 on it; a name server of its own, as most have.
 inline constexpr const char* home = R"(

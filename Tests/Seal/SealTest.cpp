@@ -281,7 +281,7 @@ Descriptor opened(const std::filesystem::path& folder) {
 }
 
 // The lab's udev: everybody may open the tun, as on most machines.
-void equip(const Descriptor& programs, const Descriptor& scripts) {
+void equip(const Descriptor& programs, const Descriptor& scripts, const Descriptor& farSide) {
   const auto copy = [](const Descriptor& folder, const char* from, const char* to) {
     std::filesystem::copy_file("/proc/self/fd/" + std::to_string(folder.get()) + "/" + from, to);
     chmod(to, 0755);
@@ -290,7 +290,8 @@ void equip(const Descriptor& programs, const Descriptor& scripts) {
   copy(programs, "Sealed", "/tmp/sealed");
   copy(programs, "zkturn", "/tmp/zkturn");
   copy(scripts, "sealed_client.py", "/tmp/sealed_client.py");
-  copy(scripts, "far_side.py", "/tmp/far_side.py");
+  copy(farSide, "far_side.py", "/tmp/far_side.py");
+  copy(farSide, "call.js", "/tmp/call.js");
   copy(programs, "WaysOut", "/tmp/ways-out");
   copy(programs, "WaysOut", "/tmp/setuid");
   chmod("/tmp/setuid", 04755);
@@ -312,9 +313,11 @@ int main(int argc, char** argv) {
   if (!testing::GTEST_FLAG(list_tests)) {
     const zk::Descriptor programs = zk::lab::opened(std::filesystem::path(ZK_SEALED).parent_path());
     const zk::Descriptor scripts = zk::lab::opened(ZK_SEAL_TESTS);
+    const zk::Descriptor farSide = zk::lab::opened(ZK_FAR_SIDE);
+    zk::lab::libwebrtc = zk::lab::opened(ZK_WRTC);
     zk::lab::whyNoLab = zk::lab::enterPrivateMachine(ZK_SEALED);
     if (zk::lab::whyNoLab.empty()) {
-      zk::lab::equip(programs, scripts);
+      zk::lab::equip(programs, scripts, farSide);
     }
   }
   return RUN_ALL_TESTS();

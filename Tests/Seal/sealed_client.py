@@ -38,13 +38,6 @@ def resolve(name):
     return ",".join(sorted({found[4][0] for found in socket.getaddrinfo(name, 80)}))
 
 
-def many():
-    good = 0
-    for _ in range(400):
-        good += attempt(echo) == "hello"
-    return str(good)
-
-
 def last_words():
     stream = socket.create_connection((FAR, 7002), 10)
     stream.sendall(bytes(3000000))
@@ -65,6 +58,15 @@ def thousands():
         one.close()
     time.sleep(1)
     return "works" if echo() == "hello" else "is worn out"
+
+
+def heard(question):
+    """What comes until a second of silence."""
+    udp = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    udp.settimeout(1)
+    udp.sendto(question, ("198.51.100.11", 7003))
+    while isinstance(one := attempt(lambda: udp.recvfrom(2000)), tuple):
+        yield f"{one[0].decode()} {one[1][0]}"
 
 
 def chatter():
@@ -91,7 +93,8 @@ STEPS = {
     "name": lambda: resolve("host.example"),
     "long name": lambda: resolve("long.example"),
     "no name": lambda: resolve("nobody.example"),
-    "many": many,
+    "datagrams": lambda: ", ".join(sorted(heard(b"x"))),
+    "flood": lambda: str(sum(1 for _ in heard(b"flood"))),
     "last words": last_words,
     "thousands": thousands,
     "chatter": chatter,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cerrno>
 #include <mutex>
 #include <vector>
@@ -65,6 +66,12 @@ class CarrierTest : public testing::Test {
               static_cast<ssize_t>(text.size()));
   }
 
+  /// So much time passes for the carrier at once.
+  void pass(std::chrono::nanoseconds time) {
+    ahead_ += static_cast<std::uint64_t>(time.count());
+    thread_.sync([] {});
+  }
+
   bool hasLine(const std::string& part) {
     const std::lock_guard guard(lock_);
     return std::any_of(lines_.begin(), lines_.end(), [&](const std::string& line) {
@@ -78,7 +85,8 @@ class CarrierTest : public testing::Test {
   SealedNetwork network_;
   loopback::SOCKS5Script script_;
   loopback::SOCKS5Server proxy_;
-  loopback::LoopThread thread_{"test.carrier"};
+  std::atomic<std::uint64_t> ahead_ = 0;  // nanoseconds
+  loopback::LoopThread thread_{"test.carrier", [this] { return monotonicNanoseconds() + ahead_; }};
   CarrierSettings settings_;
   std::unique_ptr<Carrier> carrier_;
   std::mutex lock_;

@@ -1,3 +1,4 @@
+#include <linux/filter.h>
 #include <poll.h>
 
 #include "ZelkorSeal/CarrierFixture.h"
@@ -225,17 +226,26 @@ TEST_F(CarrierTCP, OpensOneConnectionAfterTheOther) {
 }
 
 // What connects to the listener without having come by the tun takes nobody's place; neither does a
-// program that is gone before it was accepted.
+// program that is gone before it was accepted, nor one that never hears that it was.
 TEST_F(CarrierTCP, AcceptsNobodyWhoWasNotAnnounced) {
   script_.onConnect.delay = 300ms;
   start();
   const Descriptor stranger = network_.socket(SOCK_STREAM);
   connect(stranger, {SealNetwork::address, SealNetwork::listenerPort});
-  EXPECT_NE(readAll(stranger.get()), "");
+  EXPECT_EQ(readAll(stranger.get()), "<Connection reset by peer>");
   Descriptor gone = network_.socket(SOCK_STREAM | SOCK_NONBLOCK);
   EXPECT_EQ(connect(gone, open), EINPROGRESS);
   gone.reset();
   EXPECT_TRUE(eventually([&] { return hasLine("given up by the program"); }));
+  EXPECT_TRUE(eventually([&] { return proxy_.counts().openConnections == 0; }));
+  const Descriptor deaf = network_.socket(SOCK_STREAM | SOCK_NONBLOCK);
+  sock_filter nothing{BPF_RET | BPF_K, 0, 0, 0};
+  const sock_fprog filter{1, &nothing};
+  setsockopt(deaf.get(), SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter);
+  EXPECT_EQ(connect(deaf, at("203.0.113.0", 80)), EINPROGRESS);
+  EXPECT_TRUE(eventually([&] { return hasLine("203.0.113.0:80: connected"); }));
+  EXPECT_EQ(proxy_.counts().openConnections, 1U);
+  pass(TCPGate::acceptLimit);
   EXPECT_TRUE(eventually([&] { return proxy_.counts().openConnections == 0; }));
 }
 

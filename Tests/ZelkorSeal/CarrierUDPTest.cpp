@@ -150,6 +150,34 @@ TEST_F(CarrierUDP, OpensManyAtOnceAndTakesFromTheIdlest) {
   EXPECT_EQ(proxy_.counts().associations, UDPCarrier::maxRelays + 1);
 }
 
+// Words of either side count (RFC 4787, REQ-6).
+TEST_F(CarrierUDP, APortThatIsIdleForTwoMinutesLosesItsRelay) {
+  start();
+  const Descriptor speaks = program();
+  const Descriptor hears = program();
+  const Descriptor idle = program();
+  const auto works = [](const Descriptor& socket) {
+    sendTo(socket, peer, "x");
+    return receive(socket) == "x from 203.0.113.7:5000";
+  };
+  ASSERT_TRUE(works(speaks) && works(hears) && works(idle));
+  pass(110s);
+  script_.relay = SOCKS5Script::Relay::dropAll;
+  proxy_.setScript(script_);
+  sendTo(speaks, peer, "into the void");
+  proxy_.injectToClient(1, SOCKS5UDPFrame::wrap(bytesOf("hello"), peer));
+  ASSERT_EQ(receive(hears), "hello from 203.0.113.7:5000");
+  EXPECT_EQ(proxy_.counts().openAssociations, 3U);
+  pass(20s);
+  EXPECT_TRUE(eventually([&] { return proxy_.counts().openAssociations == 2; }));
+  script_.relay = SOCKS5Script::Relay::reflect;
+  proxy_.setScript(script_);
+  EXPECT_TRUE(works(speaks) && works(hears));
+  EXPECT_EQ(proxy_.counts().associations, 3U);
+  EXPECT_TRUE(works(idle));
+  EXPECT_EQ(proxy_.counts().associations, 4U);
+}
+
 // As an ICE restart finds it.
 TEST_F(CarrierUDP, GetsANewRelayWhenTheProxyHasLostTheOld) {
   start();

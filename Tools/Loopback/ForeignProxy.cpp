@@ -22,22 +22,22 @@ const std::map<std::string, std::string> packages{{"danted", "dante-server"},
                                                   {"ss-local", "shadowsocks-libev"},
                                                   {"ss-server", "shadowsocks-libev"}};
 
-/// A port that is free for TCP and UDP on the loopback, or was a moment ago.
-std::uint16_t freePort() {
+/// A port that is free for TCP and UDP at that address, or was a moment ago.
+std::uint16_t freePort(const std::string& ip) {
   for (;;) {
-    const KitSocket stream = KitSocket::listener();
+    const KitSocket stream = KitSocket::listener(ip);
     const std::uint16_t port = stream.port();
     try {
-      KitSocket::boundUDP("127.0.0.1", port);
+      KitSocket::boundUDP(ip, port);
       return port;
     } catch (const std::system_error&) {  // the next one, then
     }
   }
 }
 
-bool accepts(std::uint16_t port) {
+bool accepts(const Endpoint& endpoint) {
   try {
-    KitSocket::connectedTCP(localEndpoint(port));
+    KitSocket::connectedTCP(endpoint);
     return true;
   } catch (const std::system_error&) {
     return false;
@@ -55,8 +55,9 @@ std::string ForeignProxy::hindrance(const std::string& name) {
   return name == "danted" && geteuid() != 0 ? "needs root: sudo scripts/test" : "";
 }
 
-ForeignProxy::ForeignProxy(const std::string& name, const std::optional<SOCKS5Login>& login)
-    : port_(freePort()) {
+ForeignProxy::ForeignProxy(const std::string& name, const std::optional<SOCKS5Login>& login,
+                           const std::string& ip)
+    : ip_(ip), port_(freePort(ip)) {
   if (name == "danted") {
     startDante(login.has_value());
   } else if (name == "v2ray") {
@@ -64,7 +65,7 @@ ForeignProxy::ForeignProxy(const std::string& name, const std::optional<SOCKS5Lo
   } else {
     startShadowsocks();
   }
-  for (int attempt = 0; !accepts(port_); ++attempt) {
+  for (int attempt = 0; !accepts(endpointAt(ip_, port_)); ++attempt) {
     if (attempt == 1000) {
       throw std::runtime_error(name + " does not start: " + output());
     }
@@ -80,37 +81,35 @@ void ForeignProxy::start(std::vector<std::string> command) {
 
 void ForeignProxy::startDante(bool withLogin) {
   const std::string file = folder_.write(
-      "danted.conf",
-      fmt::format("logoutput: stdout\ninternal: 127.0.0.1 port = {}\nexternal: 127.0.0.1\n"
-                  "clientmethod: none\nsocksmethod: {}\n"
-                  "user.privileged: root\nuser.unprivileged: nobody\n"
-                  "client pass {{ from: 127.0.0.1/32 to: 127.0.0.1/32 }}\n"
-                  "socks pass {{ from: 127.0.0.1/32 to: 0.0.0.0/0 command: udpassociate }}\n"
-                  "socks pass {{ from: 0.0.0.0/0 to: 127.0.0.1/32 command: udpreply }}\n",
-                  port_, withLogin ? "username" : "none"));
+      "danted.conf", fmt::format("logoutput: stdout\ninternal: {0} port = {1}\nexternal: {0}\n"
+                                 "clientmethod: none\nsocksmethod: {2}\n"
+                                 "user.privileged: root\nuser.unprivileged: nobody\n"
+                                 "client pass {{ from: 0.0.0.0/0 to: 0.0.0.0/0 }}\n"
+                                 "socks pass {{ from: 0.0.0.0/0 to: 0.0.0.0/0 }}\n",
+                                 ip_, port_, withLogin ? "username" : "none"));
   start({"danted", "-f", file, "-p", folder_.path() / "pid"});
 }
 
 void ForeignProxy::startV2Ray(const std::optional<SOCKS5Login>& login) {
-  json settings{{"udp", true}, {"ip", "127.0.0.1"}, {"auth", login ? "password" : "noauth"}};
+  json settings{{"udp", true}, {"ip", ip_}, {"auth", login ? "password" : "noauth"}};
   if (login) {
     settings["accounts"] = json::array({{{"user", login->user}, {"pass", login->password}}});
   }
-  const json config{{"log", {{"loglevel", "warning"}, {"access", "none"}}},
-                    {"inbounds", json::array({{{"listen", "127.0.0.1"},
-                                               {"port", port_},
-                                               {"protocol", "socks"},
-                                               {"settings", settings}}})},
-                    {"outbounds", json::array({{{"protocol", "freedom"}}})}};
+  const json config{
+      {"log", {{"loglevel", "warning"}, {"access", "none"}}},
+      {"inbounds",
+       json::array(
+           {{{"listen", ip_}, {"port", port_}, {"protocol", "socks"}, {"settings", settings}}})},
+      {"outbounds", json::array({{{"protocol", "freedom"}}})}};
   start({"v2ray", "-config", folder_.write("v2ray.json", config.dump())});
 }
 
 void ForeignProxy::startShadowsocks() {
-  const std::string remote = std::to_string(freePort());
+  const std::string remote = std::to_string(freePort("127.0.0.1"));
   const std::vector<std::string> shared{"-s",     "127.0.0.1", "-p",          remote, "-k",
                                         "secret", "-m",        "aes-128-gcm", "-u"};
   std::vector<std::string> server{"ss-server"};
-  std::vector<std::string> local{"ss-local", "-b", "127.0.0.1", "-l", std::to_string(port_)};
+  std::vector<std::string> local{"ss-local", "-b", ip_, "-l", std::to_string(port_)};
   server.insert(server.end(), shared.begin(), shared.end());
   local.insert(local.end(), shared.begin(), shared.end());
   start(server);

@@ -12,8 +12,8 @@
 
 namespace zk::loopback {
 
-/// A SOCKS5 server of the distribution's that other people wrote, started on the loopback with a
-/// configuration of ours, where that can be done.
+/// A SOCKS5 server of the distribution's that other people wrote, started on the loopback, or at
+/// another address of this machine, with a configuration of ours, where that can be done.
 class ForeignProxy {
  public:
   static constexpr const char* names[] = {"danted", "v2ray", "ss-local"};
@@ -23,7 +23,8 @@ class ForeignProxy {
 
   /// Returns when it accepts connections. danted asks for logins of the machine's users only,
   /// ss-local for none. Throws std::runtime_error with what the server said.
-  explicit ForeignProxy(const std::string& name, const std::optional<SOCKS5Login>& login = {});
+  explicit ForeignProxy(const std::string& name, const std::optional<SOCKS5Login>& login = {},
+                        const std::string& ip = "127.0.0.1");
 
   std::uint16_t port() const { return port_; }
   /// What the servers have said so far.
@@ -37,6 +38,7 @@ class ForeignProxy {
   void startV2Ray(const std::optional<SOCKS5Login>& login);
   void startShadowsocks();
 
+  const std::string ip_;
   const std::uint16_t port_;
   TemporaryFolder folder_;
   std::vector<std::unique_ptr<ChildProcess>> servers_;

@@ -1,14 +1,14 @@
 #include "Loopback/LoopThread.h"
 
 #include <future>
+#include <utility>
 
-#include "Platform/Clock.h"
 #include "Platform/Thread.h"
 
 namespace zk::loopback {
 
-LoopThread::LoopThread(const std::string& label)
-    : loop_(monotonicNanoseconds), thread_(startThread(label, [this] { loop_.run(); })) {}
+LoopThread::LoopThread(const std::string& label, EventLoop::Clock clock)
+    : loop_(std::move(clock)), thread_(startThread(label, [this] { loop_.run(); })) {}
 
 void LoopThread::sync(const std::function<void()>& work) const {
   std::packaged_task<void()> task(work);

@@ -6,6 +6,7 @@
 #include <thread>
 #include <type_traits>
 
+#include "Platform/Clock.h"
 #include "Platform/EventLoop.h"
 
 namespace zk::loopback {
@@ -14,7 +15,8 @@ namespace zk::loopback {
 /// its timers and sync() all run on the loop's thread.
 class LoopThread {
  public:
-  explicit LoopThread(const std::string& label);
+  /// Timers go by `clock`.
+  explicit LoopThread(const std::string& label, EventLoop::Clock clock = monotonicNanoseconds);
   /// Stops.
   ~LoopThread() { stop(); }
 

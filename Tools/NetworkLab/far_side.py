@@ -1,9 +1,11 @@
-"""The internet of the lab: a name server over TCP, and a server that says everything back."""
+"""The internet of the lab: a name server over TCP, servers that say everything back, and pages."""
+import collections
 import os
 import socket
 import struct
 import sys
 import threading
+import time
 
 ADDRESS = sys.argv[1]
 
@@ -90,17 +92,49 @@ async function candidates(frame) {
 </script>"""
 
 
+mail = collections.defaultdict(bytes)  # what those who call each other have said, by whom it is for
+
+
+def respond(method, path, body):
+    verb, _, whose = path[1:].partition("/")
+    if method == "GET":
+        return open("/tmp/call.js", "rb").read() if verb == "call.js" else b"<!doctype html><script src=call.js></script>" if verb == "call" else PAGE
+    if verb == "say":
+        mail[whose] += body
+    elif verb == "hear":
+        return mail.pop(whose, b"")
+    else:
+        with open("/tmp/new", "wb") as file:
+            file.write(body)
+        os.rename("/tmp/new", "/tmp/report" + whose)
+    return b""
+
+
 def serve_page(stream):
     head = b""
     while b"\r\n\r\n" not in head:
         head += exactly(stream, 1)
     length = [line for line in head.lower().split(b"\r\n") if line.startswith(b"content-length:")]
     body = exactly(stream, int(length[0].split(b":")[1])) if length else b""
-    if head.startswith(b"POST /report"):
-        with open("/tmp/report", "wb") as file:
-            file.write(b"candidates:\n" + body)
-    stream.sendall(b"HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nConnection: close\r\n\r\n" + PAGE)
+    answer = respond(*head.decode().split()[:2], body)
+    head = f"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: {len(answer)}\r\n\r\n"
+    stream.sendall(head.encode() + answer)
     stream.close()
+
+
+def answer_datagrams():
+    """The peer who was asked answers, for two seconds all he can if he was asked for that; then a
+    stranger does who was not."""
+    peer, stranger = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
+    peer.bind(("198.51.100.11", 7003))
+    stranger.bind(("198.51.100.13", 0))
+    while True:
+        question, asker = peer.recvfrom(100)
+        peer.sendto(b"peer", asker)
+        end = time.monotonic() + 2
+        while question == b"flood" and time.monotonic() < end:
+            peer.sendto(bytes(1200), asker)
+        stranger.sendto(b"stranger", asker)
 
 
 def listen(port, service):
@@ -118,6 +152,7 @@ def listen(port, service):
 
 for port, service in ((53, serve_names), (7000, serve_echo), (7001, serve_bulk), (7002, serve_sink), (8000, serve_page)):
     threading.Thread(target=listen, args=(port, service), daemon=True).start()
+threading.Thread(target=answer_datagrams, daemon=True).start()
 print("listens", flush=True)
 sys.stdin.read()
 os._exit(0)
