@@ -61,8 +61,8 @@ class TCPSocket {
 /// system knows how.
 class Conduit {
  public:
-  /// So much at most is in it. A pipe of a user without privileges may be no larger.
-  static constexpr std::size_t capacity = std::size_t{1} << 20;
+  /// So much at most is in it.
+  static constexpr std::size_t capacity = std::size_t{256} << 10;
 
   /// Throws std::system_error when there is no descriptor to be had.
   Conduit();

@@ -14,6 +14,10 @@ using State = Transfer::State;
 
 constexpr std::size_t mostIdle = 16;
 
+// So many pieces of a direction in its turn, while more comes than this and all of it goes on.
+constexpr int maxPieces = 4;
+constexpr std::size_t wholePiece = std::size_t{64} << 10;
+
 }  // namespace
 
 std::unique_ptr<Conduit> ConduitPool::take() {
@@ -55,7 +59,13 @@ void StreamBridge::move(End& from) {
   End& to = otherThan(from);
   bool isWell = false;
   try {
-    isWell = transfer(from, to);
+    std::uint64_t before = 0;
+    int pieces = 0;
+    do {
+      before = from.octets;
+      isWell = transfer(from, to);
+    } while (isWell && from.held() == 0 && from.octets - before >= wholePiece &&
+             ++pieces < maxPieces);
     if (from.hasEnded && from.held() == 0 && !std::exchange(from.isToldOn, true)) {
       to.socket.endOutput();
     }
@@ -70,7 +80,7 @@ void StreamBridge::move(End& from) {
   }
 }
 
-// One piece, so that others get their turn. Whether both sockets are well.
+// One piece. Whether both sockets are well.
 bool StreamBridge::transfer(End& from, End& to) {
   if (from.held() == 0 && !from.hasEnded) {
     if (!from.conduit) {
