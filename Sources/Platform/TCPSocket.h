@@ -43,8 +43,9 @@ class TCPSocket {
 
   /// Why connecting has failed, in the system's words; absent when it has not.
   std::optional<std::string> error() const;
-  /// Small pieces leave at once, and a far end that is gone without a word is noticed.
-  void prepareToCarry();
+  /// Of a socket: small pieces leave at once, and a far end that is gone without a word is noticed.
+  /// What a listener accepts from now on is like the listener.
+  static void prepareToCarry(int socket);
 
   Transfer receive(std::span<std::uint8_t> into);
   Transfer send(ByteView octets);

@@ -148,6 +148,9 @@ void Carrier::keep(const Packet& packet, Kind why) {
 
 Carrier::NameSocket::NameSocket(Carrier& carrier, Descriptor socket, bool isTCP)
     : carrier_(carrier), socket_(std::move(socket)), isTCP_(isTCP) {
+  if (isTCP_) {
+    TCPSocket::prepareToCarry(socket_.get());
+  }
   carrier_.loop_.watch(socket_.get(), *this);
 }
 

@@ -57,7 +57,7 @@ void ProxyConnection::start() {
   try {
     socket_ =
         TCPSocket::connecting(reinterpret_cast<const sockaddr&>(taken_.address), taken_.interface);
-    socket_.prepareToCarry();
+    TCPSocket::prepareToCarry(socket_.descriptor());
     loop_.watch(socket_.descriptor(), *this);
     loop_.setInterest(socket_.descriptor(), {.writable = true});
     limit_ = loop_.after(connectLimit, [this] {

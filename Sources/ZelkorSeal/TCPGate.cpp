@@ -27,6 +27,7 @@ TCPGate::TCPGate(EventLoop& loop, ProxyWay& way, const ProxyAccess& access, Desc
       tun_(tun),
       log_(std::move(log)),
       flows_([&loop] { return loop.now(); }) {
+  TCPSocket::prepareToCarry(listener_.get());
   loop_.watch(listener_.get(), *this);
   sweep();
 }
@@ -208,7 +209,6 @@ void TCPGate::join(std::uint64_t id, TCPSocket program) {
   if (const auto limit = std::exchange(connection.limit, std::nullopt)) {
     loop_.cancel(*limit);
   }
-  program.prepareToCarry();
   const auto onEnd = [this, id](bool wasReset) {
     const auto ended = connections_.extract(id);
     const Connection& over = ended.mapped();

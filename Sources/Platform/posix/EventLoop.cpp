@@ -22,8 +22,14 @@ void EventLoop::setInterest(int descriptor, Interest interest) {
 
 void EventLoop::unwatch(int descriptor) {
   const auto place = static_cast<std::size_t>(descriptor);
-  if (place < sources_.size() && std::exchange(sources_[place], {}).source != nullptr) {
-    poller_.remove(descriptor);
+  if (place >= sources_.size()) {
+    return;
+  }
+  const auto [source, interest] = std::exchange(sources_[place], {});
+  if (source != nullptr) {
+    if (interest != Interest()) {
+      poller_.remove(descriptor);
+    }
     // The number may be given to a new socket before the round is over.
     std::replace(ready_.begin(), ready_.end(), descriptor, -1);
     std::replace(writable_.begin(), writable_.end(), descriptor, -1);

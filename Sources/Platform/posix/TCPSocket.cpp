@@ -69,9 +69,9 @@ std::optional<std::string> TCPSocket::error() const {
   return error == 0 ? std::nullopt : std::optional(errorText(error));
 }
 
-void TCPSocket::prepareToCarry() {
-  setOption(descriptor(), IPPROTO_TCP, TCP_NODELAY, 1);
-  keepAlive(descriptor(), aliveIdle, aliveInterval, aliveProbes);
+void TCPSocket::prepareToCarry(int socket) {
+  setOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
+  keepAlive(socket, aliveIdle, aliveInterval, aliveProbes);
 }
 
 Transfer TCPSocket::receive(std::span<std::uint8_t> into) {
