@@ -2,6 +2,7 @@
 // that has said all it will say before the handshake begins, so that no outcome depends on timing.
 
 #include <array>
+#include <cstring>
 
 #include <sys/socket.h>
 #include <unistd.h>

@@ -2,6 +2,7 @@
 // tun is a pair of sockets, the proxy a listener on the loopback, and the clock the input's.
 
 #include <array>
+#include <cstring>
 #include <vector>
 
 #include <dlfcn.h>

@@ -1,6 +1,7 @@
 #include "Platform/linux/Netlink.h"
 
 #include <cerrno>
+#include <cstring>
 #include <system_error>
 
 #include "Platform/Interfaces.h"
