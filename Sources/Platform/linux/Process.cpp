@@ -25,6 +25,12 @@ void nameThisThread(const char* name) {
   pthread_setname_np(pthread_self(), name);
 }
 
+// Else what was freed once at a size would be kept at that size from then on.
+void returnLargeBlocksAtOnce() {
+  constexpr int large = 128 << 10;
+  mallopt(M_MMAP_THRESHOLD, large);
+}
+
 void returnFreedMemory() {
   malloc_trim(0);
 }

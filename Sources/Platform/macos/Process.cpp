@@ -43,6 +43,8 @@ void nameThisThread(const char* name) {
   pthread_setname_np(name);
 }
 
+void returnLargeBlocksAtOnce() {}  // it does
+
 void returnFreedMemory() {
   malloc_zone_pressure_relief(nullptr, 0);
 }

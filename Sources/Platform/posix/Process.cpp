@@ -51,6 +51,7 @@ void prepareProcess() {
     opened = dup(opened);
   }
   closeInherited();
+  returnLargeBlocksAtOnce();
   raiseDescriptorLimit();
   const rlimit none{0, 0};
   setrlimit(RLIMIT_CORE, &none);

@@ -40,6 +40,9 @@ extern const clockid_t clockThatCountsSuspension;
 /// Closes every descriptor but those of standard input, output and error.
 void closeInherited();
 
+/// Has the system take back each large block of memory when it is freed.
+void returnLargeBlocksAtOnce();
+
 /// The highest soft limit on descriptors that the system accepts with that hard limit.
 rlim_t mostDescriptors(rlim_t hardLimit);
 
