@@ -14,7 +14,7 @@ using lab::NetworkLab;
 
 constexpr double gibibyte = 1 << 30;
 constexpr std::size_t pageSize = 1024;
-constexpr unsigned pages = 1000;
+constexpr auto distance = 20ms;  // of a proxy that is far away
 constexpr std::size_t quietConnections = 1000;
 
 struct Download {
@@ -64,7 +64,7 @@ void compareDownloads(Comparison& all, const Options& options, Verdict& verdict)
 namespace {
 
 /// By one program, each by a connection of its own.
-double pagesPerSecond(Way& way, const std::string& options) {
+double pagesPerSecond(Way& way, unsigned pages, const std::string& options) {
   const std::uint64_t start = monotonicNanoseconds();
   const std::string line = way.ask(fmt::format(
       "curl -s {} -o /dev/null -w '%{{size_download}}\\n' 'http://{}/{}?[1-{}]' | sort | uniq -c",
@@ -83,14 +83,22 @@ double pagesPerSecond(Way& way, const std::string& options) {
 
 void comparePages(Comparison& all, const Options& options, Verdict& verdict) {
   const std::string own = fmt::format("--socks5 {}", proxyEndpoint().text());
-  std::vector<double> outside, ratios;
-  for (int round = 0; round < options.rounds; ++round) {
-    outside.push_back(pagesPerSecond(all.direct, own));
-    ratios.push_back(pagesPerSecond(all.sealed, "") / outside.back());
-  }
-  Verdict::tell("small pages one after the other, by curl's own SOCKS", median(outside), "/s");
-  verdict.checkAtLeast("small pages one after the other in a seal, × that", median(ratios), 0.8,
-                       "");
+  const auto compare = [&](const std::string& what, unsigned pages, double atLeast) {
+    std::vector<double> outside, ratios;
+    for (int round = 0; round < options.rounds; ++round) {
+      outside.push_back(pagesPerSecond(all.direct, pages, own));
+      ratios.push_back(pagesPerSecond(all.sealed, pages, "") / outside.back());
+    }
+    Verdict::tell(what + ", by curl's own SOCKS", median(outside), "/s");
+    verdict.checkAtLeast("... in a seal, × that", median(ratios), atLeast, "");
+  };
+  compare("small pages one after the other", 1000, 0.8);
+  // Three answers of the proxy's for one page, or two where the first has come before.
+  SOCKS5Script script;
+  script.distance = distance;
+  all.far->proxy.setScript(script);
+  compare(fmt::format("the same through a proxy {} ms away", distance.count()), 10, 1.4);
+  all.far->proxy.setScript({});
 }
 
 /// Each has said something before it is quiet.

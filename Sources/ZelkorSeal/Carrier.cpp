@@ -36,9 +36,9 @@ Carrier::Carrier(EventLoop& loop, SealDescriptors seal, CarrierSettings settings
       settings_(std::move(settings)),
       tun_(std::move(seal.tun)),
       buffer_(std::make_unique_for_overwrite<std::uint8_t[]>(maxBurst * maxPacket)),
-      way_(loop, settings_.proxy, settings_.way),
-      names_(loop, way_, settings_.proxy, settings_.nameServers, settings_.log),
-      gate_(loop, way_, settings_.proxy, std::move(seal.listener), tun_, settings_.log),
+      connector_(loop, settings_.proxy, settings_.way),
+      names_(loop, connector_, settings_.nameServers, settings_.log),
+      gate_(loop, connector_, std::move(seal.listener), tun_, settings_.log),
       udp_(loop,
            settings_.opener ? settings_.opener
                             : UDPCarrier::proxyOpener(settings_.proxy, settings_.log),

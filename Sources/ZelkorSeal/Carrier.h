@@ -70,7 +70,7 @@ class Carrier final : EventLoop::Source {
   const Tun tun_;
   const std::unique_ptr<std::uint8_t[]> buffer_;  // of a burst
   KeptIn keptIn_;
-  ProxyWay way_;
+  ProxyConnector connector_;
   Names names_;
   TCPGate gate_;
   UDPCarrier udp_;

@@ -63,9 +63,9 @@ Bytes withoutRecords(ByteView header, ByteView question) {
 
 }  // namespace
 
-Names::Names(EventLoop& loop, ProxyWay& way, const ProxyAccess& access,
-             std::vector<Endpoint> servers, LogCallback log)
-    : loop_(loop), way_(way), access_(access), servers_(std::move(servers)), log_(std::move(log)) {}
+Names::Names(EventLoop& loop, ProxyConnector& connector, std::vector<Endpoint> servers,
+             LogCallback log)
+    : loop_(loop), connector_(connector), servers_(std::move(servers)), log_(std::move(log)) {}
 
 Names::~Names() {
   disconnect();
@@ -118,7 +118,7 @@ void Names::connect() {
       askNextServer();
     }
   };
-  opening_ = std::make_unique<ProxyConnection>(loop_, way_, access_, server(), opened);
+  opening_ = connector_.connect(server(), opened);
 }
 
 void Names::disconnect() {

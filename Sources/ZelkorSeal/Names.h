@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "Base/LogLine.h"
-#include "ZelkorSeal/ProxyConnection.h"
+#include "ZelkorSeal/ProxyConnector.h"
 
 namespace zk {
 
@@ -29,8 +29,7 @@ class Names final : EventLoop::Source {
   static constexpr std::size_t maxQuestionSize = 4096;
 
   /// `servers` must not be empty; all references outlive this.
-  Names(EventLoop& loop, ProxyWay& way, const ProxyAccess& access, std::vector<Endpoint> servers,
-        LogCallback log);
+  Names(EventLoop& loop, ProxyConnector& connector, std::vector<Endpoint> servers, LogCallback log);
   ~Names();
   Names(const Names&) = delete;
   Names& operator=(const Names&) = delete;
@@ -64,8 +63,7 @@ class Names final : EventLoop::Source {
   void watchPatience();
 
   EventLoop& loop_;
-  ProxyWay& way_;
-  const ProxyAccess& access_;
+  ProxyConnector& connector_;
   const std::vector<Endpoint> servers_;
   const LogCallback log_;
   std::size_t server_ = 0;

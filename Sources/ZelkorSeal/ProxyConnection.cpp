@@ -19,26 +19,9 @@ constexpr std::chrono::seconds totalLimit{130};
 
 }  // namespace
 
-ProxyConnection::ProxyConnection(EventLoop& loop, ProxyWay& way, const ProxyAccess& access,
-                                 const Endpoint& to, Done done)
-    : loop_(loop),
-      way_(way),
-      to_(to),
-      done_(std::move(done)),
-      handshake_(access.username, access.password) {
-  limit_ = loop_.after(totalLimit, [this] { fail("no answer", Reply::generalFailure); });
-  if (way_.known()) {
-    start();
-  } else {
-    ticket_ = way_.await([this] {
-      ticket_.reset();
-      if (way_.known()) {
-        start();
-      } else {
-        fail(way_.failure(), Reply::generalFailure);
-      }
-    });
-  }
+ProxyConnection::ProxyConnection(EventLoop& loop, ProxyWay& way, const ProxyAccess& access)
+    : loop_(loop), way_(way), access_(access) {
+  begin();
 }
 
 ProxyConnection::~ProxyConnection() {
@@ -46,63 +29,94 @@ ProxyConnection::~ProxyConnection() {
   if (ticket_) {
     way_.cancel(*ticket_);
   }
-  if (socket_) {
-    loop_.unwatch(socket_.descriptor());
+  close();
+}
+
+void ProxyConnection::connectTo(const Endpoint& to, Done done) {
+  to_ = to;
+  done_ = std::move(done);
+  if (isConnected_) {
+    expect(totalLimit);
   }
+  if (handshake_->isDone()) {
+    wasSpare_ = true;
+    request();
+  }
+}
+
+void ProxyConnection::begin() {
+  handshake_.emplace(access_.username, access_.password);
+  answer_.clear();
+  expect(totalLimit);
+  if (way_.known()) {
+    start();
+    return;
+  }
+  ticket_ = way_.await([this] {
+    ticket_.reset();
+    if (way_.known()) {
+      start();
+    } else {
+      fail(way_.failure());
+    }
+  });
 }
 
 void ProxyConnection::start() {
   taken_ = *way_.known();
-  loop_.cancel(limit_);
   try {
     socket_ =
         TCPSocket::connecting(reinterpret_cast<const sockaddr&>(taken_.address), taken_.interface);
     TCPSocket::prepareToCarry(socket_.descriptor());
     loop_.watch(socket_.descriptor(), *this);
     loop_.setInterest(socket_.descriptor(), {.writable = true});
-    limit_ = loop_.after(connectLimit, [this] {
-      way_.doubt(taken_);
-      fail("connect timeout", Reply::generalFailure);
-    });
-  } catch (const std::system_error& error) {  // not from within the constructor
-    way_.doubt(taken_);
-    limit_ = loop_.after(
-        {}, [this, what = std::string(error.what())] { fail(what, Reply::generalFailure); });
+    loop_.cancel(limit_);
+    limit_ = loop_.after(connectLimit, [this] { failOnTheWay("connect timeout"); });
+  } catch (const std::system_error& error) {  // not from within a call of ours
+    loop_.cancel(limit_);
+    limit_ = loop_.after({}, [this, what = std::string(error.what())] { failOnTheWay(what); });
   }
 }
 
 void ProxyConnection::onWritable() {
   if (const auto error = socket_.error()) {
-    way_.doubt(taken_);
-    fail("connect: " + *error, Reply::generalFailure);
+    failOnTheWay("connect: " + *error);
     return;
   }
-  loop_.cancel(limit_);
-  limit_ = loop_.after(totalLimit, [this] { fail("no answer", Reply::generalFailure); });
+  isConnected_ = true;
+  expect(done_ ? totalLimit : spareLimit);
   loop_.setInterest(socket_.descriptor(), {.readable = true});
-  try {
-    say(handshake_.message());
-  } catch (const SOCKS5Error& error) {
-    fail(error.description(), Reply::generalFailure);
-  }
+  say(handshake_->message());
 }
 
 void ProxyConnection::onReadable() {
   try {
     converse();
   } catch (const SOCKS5Error& error) {
-    fail(error.description(), Reply::generalFailure);
+    if (std::exchange(wasSpare_, false) && answer_.empty()) {
+      close();
+      begin();
+    } else {
+      fail(error.description());
+    }
   }
 }
 
 void ProxyConnection::converse() {
-  if (!handshake_.isDone()) {
+  if (!handshake_->isDone()) {
     if (const auto answer = hear(SOCKS5Handshake::answerSize)) {
-      handshake_.take(*answer);
-      say(handshake_.isDone() ? SOCKS5Request::encode(SOCKS5Request::Command::connect, to_)
-                              : handshake_.message());
+      handshake_->take(*answer);
       answer_.clear();
+      if (!handshake_->isDone()) {
+        say(handshake_->message());
+      } else if (to_) {
+        request();
+      }
     }
+    return;
+  }
+  if (!to_) {  // it has ended, or says what nobody has asked
+    close();
     return;
   }
   while (const auto reply = hear(SOCKS5Request::replySize(answer_))) {
@@ -119,11 +133,14 @@ void ProxyConnection::converse() {
   }
 }
 
-// A message is far smaller than the room that a new connection has.
+void ProxyConnection::request() {
+  say(SOCKS5Request::encode(SOCKS5Request::Command::connect, *to_));
+}
+
+// A message is far smaller than the room that a new connection has. What a proxy that has ended
+// does not take, onReadable() hears of.
 void ProxyConnection::say(ByteView octets) {
-  if (socket_.send(octets).octets != octets.size()) {
-    throw SOCKS5Error::connectionFailed("write");
-  }
+  socket_.send(octets);
 }
 
 // The answer once `size` octets of it are there. Nothing beyond them is taken from the connection.
@@ -138,14 +155,37 @@ std::optional<ByteView> ProxyConnection::hear(std::size_t size) {
   return answer_.size() == size ? std::optional<ByteView>(answer_) : std::nullopt;
 }
 
+void ProxyConnection::expect(std::chrono::seconds within) {
+  loop_.cancel(limit_);
+  limit_ = loop_.after(within, [this] { fail("no answer"); });
+}
+
+// What is asked for nobody says nothing against the way: somebody's next will.
+void ProxyConnection::failOnTheWay(std::string_view reason) {
+  if (done_) {
+    way_.doubt(taken_);
+  }
+  fail(reason);
+}
+
 void ProxyConnection::fail(std::string_view reason, Reply reply) {
+  close();
   conclude(TCPSocket(), reply, reason);
 }
 
 void ProxyConnection::conclude(TCPSocket socket, Reply reply, std::string_view reason) {
   loop_.cancel(limit_);
-  const Done done = std::exchange(done_, nullptr);  // which may destroy this
-  done(std::move(socket), reply, reason);
+  if (const Done done = std::exchange(done_, nullptr)) {  // which may destroy this
+    done(std::move(socket), reply, reason);
+  }
+}
+
+void ProxyConnection::close() {
+  if (socket_) {
+    loop_.unwatch(socket_.descriptor());
+    socket_ = TCPSocket();
+  }
+  isConnected_ = false;
 }
 
 }  // namespace zk

@@ -44,6 +44,8 @@ class ProxyWay final : EventLoop::Source {
   ProxyWay& operator=(const ProxyWay&) = delete;
 
   const std::optional<Way>& known() const { return known_; }
+  /// One is known, and nothing says that there may be a better one by now.
+  bool isSettled() const { return known_ && !lookUp_.joinable(); }
   /// Why none is known; empty when none was looked for.
   const std::string& failure() const { return failure_; }
 

@@ -18,11 +18,10 @@ constexpr std::chrono::milliseconds acceptPause{100};
 
 }  // namespace
 
-TCPGate::TCPGate(EventLoop& loop, ProxyWay& way, const ProxyAccess& access, Descriptor listener,
-                 const Tun& tun, LogCallback log)
+TCPGate::TCPGate(EventLoop& loop, ProxyConnector& connector, Descriptor listener, const Tun& tun,
+                 LogCallback log)
     : loop_(loop),
-      way_(way),
-      access_(access),
+      connector_(connector),
       listener_(std::move(listener)),
       tun_(tun),
       log_(std::move(log)),
@@ -126,9 +125,8 @@ std::uint64_t TCPGate::open(const Endpoint& target) {
   const std::uint64_t id = ++made_;
   Connection& connection = connections_[id];
   connection.target = target;
-  connection.opening = std::make_unique<ProxyConnection>(
-      loop_, way_, access_, target,
-      [this, id](TCPSocket socket, Reply reply, std::string_view reason) {
+  connection.opening = connector_.connect(
+      target, [this, id](TCPSocket socket, Reply reply, std::string_view reason) {
         onOpened(id, std::move(socket), reply, reason);
       });
   return id;

@@ -9,7 +9,7 @@
 #include "Base/LogLine.h"
 #include "Platform/StreamBridge.h"
 #include "ZelkorSeal/FlowTable.h"
-#include "ZelkorSeal/ProxyConnection.h"
+#include "ZelkorSeal/ProxyConnector.h"
 #include "ZelkorSeal/Tun.h"
 
 namespace zk {
@@ -28,8 +28,8 @@ class TCPGate final : EventLoop::Source {
   static constexpr std::chrono::seconds acceptLimit{10};
   /// All references outlive this. `log` gets a line for each connection's beginning and end. Throws
   /// std::system_error.
-  TCPGate(EventLoop& loop, ProxyWay& way, const ProxyAccess& access, Descriptor listener,
-          const Tun& tun, LogCallback log);
+  TCPGate(EventLoop& loop, ProxyConnector& connector, Descriptor listener, const Tun& tun,
+          LogCallback log);
   ~TCPGate();
   TCPGate(const TCPGate&) = delete;
   TCPGate& operator=(const TCPGate&) = delete;
@@ -71,8 +71,7 @@ class TCPGate final : EventLoop::Source {
   void sweep();
 
   EventLoop& loop_;
-  ProxyWay& way_;
-  const ProxyAccess& access_;
+  ProxyConnector& connector_;
   const Descriptor listener_;
   const Tun& tun_;
   const LogCallback log_;
