@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include <netinet/in.h>
@@ -41,6 +42,9 @@ extern const int sendFlags;
 /// Pins a socket of that family (AF_INET, AF_INET6): its traffic leaves by the interface with this
 /// index, whatever the routes say. Needs no privilege. Throws std::system_error.
 void pinToInterface(int socket, int family, unsigned interfaceIndex);
+
+/// For a TCP connection, pinned to `interface` if there is one. Throws std::system_error.
+Descriptor openStreamSocket(int family, std::optional<unsigned> interface);
 
 /// TCP keep-alive: probes the far end after `idle` of silence, then every `interval`. The
 /// connection ends after `probes` without an answer; 0 turns probing off.

@@ -95,11 +95,8 @@ std::optional<SOCKS5Error> SOCKS5Control::tryAddress(const ResolvedAddress& addr
                                                      std::optional<bool> viaDefault) {
   const sockaddr& destination = generic(address.address);
   try {
-    Descriptor socket = openNonBlockingSocket(address.family, SOCK_STREAM, IPPROTO_TCP);
     const auto interface = InterfaceScope::interfaceFor(host_, destination, viaDefault);
-    if (interface) {
-      pinToInterface(socket.get(), address.family, *interface);
-    }
+    Descriptor socket = openStreamSocket(address.family, interface);
     if (connectSocket(socket.get(), destination, deadlineAfter(Seconds(timeout_)), stop_) !=
         Wait::ready) {
       return SOCKS5Error::connectionFailed("connect: connect timeout",

@@ -1,4 +1,5 @@
 #include <cstdlib>
+#include <vector>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -7,7 +8,9 @@
 #include <unistd.h>
 
 #include "Base/Endpoint.h"
+#include "Loopback/KitSocket.h"
 #include "Platform/Interfaces.h"
+#include "Platform/Sockets.h"
 #include "PrivateNetwork.h"
 
 namespace zk {
@@ -64,6 +67,40 @@ TEST(Interfaces, NeverTakeALookThatFailedForNoRoute) {
   EXPECT_EQ(look.askRoute(index, generic(reached)), RouteAnswer::no) << "and then it knows again";
   close(kernel);
   close(nobody);
+}
+
+// To the far end, two connections with the same addresses and ports at both ends are one, and the
+// newer ends the older.
+TEST(Interfaces, APinnedConnectionSharesItsPortWithNoOther) {
+  const test::PrivateNetwork network;
+  if (!network) {
+    GTEST_SKIP() << "no namespaces here";
+  }
+  const auto listener = loopback::KitSocket::listener();
+  const sockaddr_in to = loopback::localEndpoint(listener.port()).socketAddress();
+  ASSERT_EQ(std::system("echo 40000 40003 > /proc/sys/net/ipv4/ip_local_port_range"), 0);
+  std::vector<Descriptor> pinned;
+  std::vector<Descriptor> others;
+  for (int i = 0; i < 2; ++i) {
+    pinned.push_back(openStreamSocket(AF_INET, if_nametoindex("lo")));
+    EXPECT_EQ(connectSocket(pinned.back().get(), generic(to), Deadline::max(), nullptr),
+              Wait::ready);
+  }
+  for (int i = 0; i < 4; ++i) {
+    others.push_back(openStreamSocket(AF_INET, std::nullopt));
+    try {
+      connectSocket(others.back().get(), generic(to), SteadyClock::now() + std::chrono::seconds(1),
+                    nullptr);
+    } catch (const std::system_error&) {  // no more ports
+    }
+  }
+  for (const Descriptor& each : pinned) {
+    const loopback::KitSocket far = listener.accepted();
+    EXPECT_TRUE(loopback::KitSocket(dup(each.get())).send(bytesOf("x")));
+    EXPECT_TRUE(loopback::waitReadable(far.get(), std::chrono::seconds(1)));
+    char said = 0;
+    EXPECT_EQ(recv(far.get(), &said, 1, 0), 1) << errorText(errno);
+  }
 }
 
 }  // namespace

@@ -72,6 +72,21 @@ Wait connectSocket(int socket, const sockaddr& to, Deadline deadline, const Stop
   return Wait::ready;
 }
 
+Descriptor openStreamSocket(int family, std::optional<unsigned> interface) {
+  Descriptor opened = openNonBlockingSocket(family, SOCK_STREAM, IPPROTO_TCP);
+  if (interface) {
+    pinToInterface(opened.get(), family, *interface);
+    // Bound to a port, it has that one alone. Connecting would pick one as well, but Linux gives it
+    // also to a connection to the same place that is not pinned, of a program that uses the same
+    // proxy, which would end ours for it. Where there is no free one, better that than none.
+    sockaddr_storage anyPort{};
+    anyPort.ss_family = static_cast<sa_family_t>(family);
+    const auto& address = reinterpret_cast<const sockaddr&>(anyPort);
+    bind(opened.get(), &address, lengthOf(address));
+  }
+  return opened;
+}
+
 void keepAlive(int socket, std::chrono::seconds idle, std::chrono::seconds interval, int probes) {
   setOption(socket, IPPROTO_TCP, keepAliveIdleOption, static_cast<int>(idle.count()));
   setOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, static_cast<int>(interval.count()));

@@ -35,10 +35,7 @@ Transfer transferOf(std::ptrdiff_t result) {
 }
 
 TCPSocket TCPSocket::connecting(const sockaddr& to, std::optional<unsigned> interface) {
-  TCPSocket made(openNonBlockingSocket(to.sa_family, SOCK_STREAM, IPPROTO_TCP));
-  if (interface) {
-    pinToInterface(made.descriptor(), to.sa_family, *interface);
-  }
+  TCPSocket made(openStreamSocket(to.sa_family, interface));
   require(connect(made.descriptor(), &to, lengthOf(to)) == 0 || errno == EINPROGRESS, "connect");
   return made;
 }
