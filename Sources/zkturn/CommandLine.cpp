@@ -27,8 +27,7 @@ void declareShared(CLI::App& app, ProxyOptions& options, Texts& texts) {
   app.add_option("--stun", texts.stunServers,
                  "STUN server to ask through the proxy, numeric IP:PORT (default: well-known "
                  "public ones)")
-      ->expected(1)
-      ->take_all();
+      ->allow_extra_args(false);  // the next word may be PROXY
   app.add_option("--timeout", options.timeoutSeconds, "seconds for each step towards the proxy")
       ->check(CLI::Range(1, 300))
       ->capture_default_str();
@@ -138,7 +137,8 @@ void declareRun(CLI::App& app, CommandLine& line) {
          },
          "name servers to ask through the proxy, numeric IP[:PORT],... (default: well-known public "
          "ones)")
-      ->delimiter(',');
+      ->delimiter(',')
+      ->allow_extra_args(false);
   app.add_option("--log", options.logFile,
                  "file that gets every connection and every destination that was kept in");
   app.add_flag("--private", options.carriesPrivate,

@@ -26,7 +26,7 @@ TEST(CommandLine, RefusesWrongUsageInOneSentence) {
       {{"a:1", "--", "true"}, "runs no command"},
       {{"[::1]:1080", "--count", "0"}, "--count"},
       {{"a:1", "--idle", "soon"}, "--idle"},
-      {{"a:1", "--stun", "stun.example:3478"}, "in numbers"},
+      {{"--stun", "stun.example:3478", "a:1"}, "in numbers"},
       {{"a:1", "--stun", "1.2.3.4:1", "--stun", "1.2.3.4:2"}, "second destination"},
       {{"a:1", "--user", "u"}, "--user and --pass-file"},
       {{"a:1", "--pass-file", tooLong}, "--user and --pass-file"},

@@ -36,7 +36,7 @@ class RunTest : public SealTest {
 
   std::vector<std::string> throughProxy(const std::vector<std::string>& command,
                                         const std::vector<std::string>& options = {}) {
-    std::vector<std::string> all{zkturn, "run", proxy, "--dns", NetworkLab::internet};
+    std::vector<std::string> all{zkturn, "run", "--dns", NetworkLab::internet, proxy};
     all.insert(all.end(), options.begin(), options.end());
     all.push_back("--");
     all.insert(all.end(), command.begin(), command.end());
