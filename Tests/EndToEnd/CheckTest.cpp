@@ -233,8 +233,8 @@ TEST(Check, DoesNotSayNoWhenNoNameCanBeLookedUp) {
 }
 
 TEST(Check, RemarksOnWhatIsLessThanItShouldBe) {
-  // A translator that gives each destination a port of its own, and forgets.
-  const STUNResponder stun(STUNScript{.mappedIP = egressIP, .mappedPort = 40000});
+  // A translator that gives each destination a port of its own, and forgets, behind an Ethernet.
+  const STUNResponder stun(STUNScript{.mappedIP = egressIP, .mappedPort = 40000, .largest = 1472});
   const STUNResponder other(STUNScript{.mappedIP = egressIP, .mappedPort = 40001}, "127.0.0.2");
   SOCKS5Server proxy;
   std::thread forgetting([&] {
@@ -248,19 +248,21 @@ TEST(Check, RemarksOnWhatIsLessThanItShouldBe) {
   EXPECT_TRUE(result.says("peers will see 203.0.113.9:40000")) << result.output;
   EXPECT_TRUE(result.says("sees 203.0.113.9:40001"));
   EXPECT_TRUE(result.says("two people behind this proxy cannot call each other"));
+  EXPECT_TRUE(result.says("1472 octets pass, 2048 do not")) << result.output;
   EXPECT_TRUE(result.says("forgets an association after 1 s of silence"));
   // All that the servers heard came from the proxy.
   EXPECT_EQ(proxy.counts().datagramsToPeers, stun.requests() + other.requests());
 }
 
 TEST(Check, ShowsColoursAndItsProgressOnATerminal) {
-  const STUNResponder stun;
+  const STUNResponder stun({.largest = 1100});
   const SOCKS5Server proxy;
   const Result result =
       check(proxy.port(), {"--stun", stun.target(), "--count", "3", "--idle", "0"}, true);
   EXPECT_EQ(result.status, 0) << result.output;
   EXPECT_TRUE(result.says("\033[32m"));
   EXPECT_TRUE(result.says("relay 127.0.0.1:"));
+  EXPECT_TRUE(result.says("datagrams of 1200 octets, as WebRTC sends them, do not pass"));
   EXPECT_TRUE(result.says(" 2/3\r  ")) << result.output;
   EXPECT_TRUE(result.says(" 3/3\r\033[K ")) << result.output;
   EXPECT_EQ(count(result.output, "\033[K"), 1U) << "cleared when it is done";

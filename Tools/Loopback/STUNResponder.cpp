@@ -46,7 +46,7 @@ void STUNResponder::take(const Arrival& arrival) {
     return;
   }
   ++requests_;
-  if (script_.answer == Answer::silence) {
+  if (script_.answer == Answer::silence || arrival.datagram.size() > script_.largest) {
     return;
   }
   service_.thread().loop().after(

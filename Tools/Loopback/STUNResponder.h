@@ -30,6 +30,7 @@ struct STUNScript {
   };
   Answer answer = Answer::normal;
   std::chrono::milliseconds delay{0};  // before the answer
+  std::size_t largest = SIZE_MAX;      // octets of a request; those beyond get no answer
 };
 
 /// A STUN server (RFC 5389, Binding only, IPv4) on a thread of its own. Any thread.
