@@ -137,6 +137,9 @@ TEST(DaemonTest, IsTheSameWhateverItsParentLeavesIt) {
       EXPECT_TRUE(echoes(*client, rig->peer, bytes("hello")));
     }
     EXPECT_TRUE(eventually([&] { return threadsOf(rig->daemon).size() == 3; }));
+    const auto used = rig->daemon.cpuTime();
+    std::this_thread::sleep_for(milliseconds(50));
+    EXPECT_LT(rig->daemon.cpuTime() - used, milliseconds(20)) << "something spins";
     for (const auto& [number, target] : descriptorsOf(rig->daemon)) {
       const auto info = contentOf(procOf(rig->daemon) / "fdinfo" / std::to_string(number));
       const auto flags = std::stoul(info.substr(info.find("flags:") + 6), nullptr, 8);
