@@ -135,6 +135,17 @@ TEST_F(EventLoopTest, RunsTimersWhenTheyAreDueInTheirOrder) {
   }
 }
 
+// Else an idle loop would wake up for nothing, and a busy one set its timer in every round.
+TEST(Poller, TellsThatItsTimerHasGoneOnlyWhenItHas) {
+  Poller poller;
+  std::vector<int> ready;
+  std::vector<int> writable;
+  poller.setTimer(1h);
+  EXPECT_FALSE(poller.wait(false, ready, writable).hasTimerGone);
+  poller.setTimer(0ns);
+  EXPECT_TRUE(poller.wait(true, ready, writable).hasTimerGone);
+}
+
 // Woken while it waits: for a post, a timer, and the stop.
 TEST(RunningLoop, RunsWhatOthersPostInOrderUntilItIsStopped) {
   EventLoop loop(monotonicNanoseconds);
