@@ -260,17 +260,19 @@ TEST_F(SealTest, WhatProgramsNeedToBeSeenAndHeardShows) {
   for (const std::string& path : shown) {
     serve(path);
   }
-  const std::string look = "cat $XAUTHORITY; ls /run/udev/data; echo $DBUS_SESSION_BUS_ADDRESS; " +
-                           waysOut + " --opens " + bus;
+  const std::string look =
+      "cat $XAUTHORITY; ls /run/udev/data; stat -c %a $XDG_RUNTIME_DIR; "
+      "echo $DBUS_SESSION_BUS_ADDRESS; " +
+      waysOut + " --opens " + bus;
   std::string open;
   for (const std::string& path : shown) {
     open += " " + path;
   }
   EXPECT_EQ(run({sealed, "sh", "-c", look + open}).output,
-            "keyc1\n\n" + bus + " closed\n" + shown[0] + " open\n" + shown[1] + " open\n" +
+            "keyc1\n700\n\n" + bus + " closed\n" + shown[0] + " open\n" + shown[1] + " open\n" +
                 shown[2] + " open\n" + shown[3] + " open\n");
   EXPECT_EQ(run({sealed, "--keep-bus", "sh", "-c", look}).output,
-            "keyc1\nunix:path=/run/user/65534/bus,guid=1\n" + bus + " open\n");
+            "keyc1\n700\nunix:path=/run/user/65534/bus,guid=1\n" + bus + " open\n");
 }
 
 // ---- The lab -----------------------------------------------------------------------------------
