@@ -1,4 +1,5 @@
 #include <linux/filter.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 
 #include "ZelkorSeal/CarrierFixture.h"
@@ -139,6 +140,35 @@ TEST_F(CarrierTCP, EndsAndResetsBothWays) {
     program.reset();
     EXPECT_TRUE(leavesOpen(0));
   }
+}
+
+// By what its connection asks of the system, as two minutes are too long to wait.
+TEST_F(CarrierTCP, NoticesWithinTwoMinutesThatTheProxyIsGoneWithoutAWord) {
+  start();
+  const auto [program, far] = connected();
+  int found = 0;
+  thread_.sync([&] {  // which makes no connection meanwhile
+    for (int number = 0; number < 1024; ++number) {
+      sockaddr_in peer{};
+      socklen_t size = sizeof peer;
+      if (getpeername(number, reinterpret_cast<sockaddr*>(&peer), &size) != 0 ||
+          Endpoint::of(peer) != loopback::localEndpoint(proxy_.port())) {
+        continue;
+      }
+      const auto option = [number](int level, int name) {
+        int value = 0;
+        socklen_t length = sizeof value;
+        EXPECT_EQ(getsockopt(number, level, name, &value, &length), 0);
+        return value;
+      };
+      ++found;
+      EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE), 1);
+      EXPECT_LE(option(IPPROTO_TCP, TCP_KEEPIDLE) +
+                    option(IPPROTO_TCP, TCP_KEEPINTVL) * option(IPPROTO_TCP, TCP_KEEPCNT),
+                120);
+    }
+  });
+  EXPECT_GE(found, 1) << "some are begun ahead";
 }
 
 // The far end has closed long before; the program takes its time over what it was sent.
