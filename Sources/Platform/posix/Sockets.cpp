@@ -82,7 +82,7 @@ Descriptor openStreamSocket(int family, std::optional<unsigned> interface) {
     sockaddr_storage anyPort{};
     anyPort.ss_family = static_cast<sa_family_t>(family);
     const auto& address = reinterpret_cast<const sockaddr&>(anyPort);
-    bind(opened.get(), &address, lengthOf(address));
+    [[maybe_unused]] const int bound = bind(opened.get(), &address, lengthOf(address));
   }
   return opened;
 }
