@@ -93,7 +93,8 @@ void comparePages(Comparison& all, const Options& options, Verdict& verdict) {
     verdict.checkAtLeast("... in a seal, × that", median(ratios), atLeast, "");
   };
   compare("small pages one after the other", 1000, 0.8);
-  // Three answers of the proxy's for one page, or two where the first has come before.
+  // Two answers of the proxy's before the page, or one where the first has come ahead. What it
+  // relays is not delayed.
   SOCKS5Script script;
   script.distance = distance;
   all.far->proxy.setScript(script);

@@ -64,16 +64,15 @@ void ProxyConnection::begin() {
 
 void ProxyConnection::start() {
   taken_ = *way_.known();
+  loop_.cancel(limit_);
   try {
     socket_ =
         TCPSocket::connecting(reinterpret_cast<const sockaddr&>(taken_.address), taken_.interface);
     TCPSocket::prepareToCarry(socket_.descriptor());
     loop_.watch(socket_.descriptor(), *this);
     loop_.setInterest(socket_.descriptor(), {.writable = true});
-    loop_.cancel(limit_);
     limit_ = loop_.after(connectLimit, [this] { failOnTheWay("connect timeout"); });
   } catch (const std::system_error& error) {  // not from within a call of ours
-    loop_.cancel(limit_);
     limit_ = loop_.after({}, [this, what = std::string(error.what())] { failOnTheWay(what); });
   }
 }

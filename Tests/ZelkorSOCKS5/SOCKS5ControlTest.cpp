@@ -288,7 +288,8 @@ TEST(SOCKS5Control, SendsDatagramsOnlyToWhereTheProxyIs) {
             "ip link set lo up && ip addr add 203.0.113.5 dev lo && "
             "ip addr add 192.168.9.9 dev lo && ip addr add 2001:db8::5 dev lo nodad && "
             // The system makes the route to that one a little later.
-            "until ip -6 route get 2001:db8::5 2>&1 | grep -q ^local; do sleep 0.01; done") == 0;
+            "timeout 10 sh -c 'until ip -6 route get 2001:db8::5 2>&1 | grep -q ^local; "
+            "do sleep 0.01; done'") == 0;
     for (const auto& [proxyIP, reply, relayHost, expected] : answers) {
       const std::string_view ip = proxyIP;
       if (!isPrivate && ip != "127.0.0.1" && ip != "::1") {
