@@ -179,9 +179,16 @@ void ProxyConnection::conclude(TCPSocket socket, Reply reply, std::string_view r
   }
 }
 
+// The system repeats an orderly end until it is acknowledged, also by an interface that is up again
+// and has no route yet: then it asks the local network for the proxy. So a spare that waits while
+// the way is lost goes with a reset, which is said once. Not with an answer on its way: the system
+// refuses that by whatever route there is.
 void ProxyConnection::close() {
   if (socket_) {
     loop_.unwatch(socket_.descriptor());
+    if (!to_ && handshake_->isDone() && !way_.isSettled()) {
+      socket_.abort();
+    }
     socket_ = TCPSocket();
   }
   isConnected_ = false;

@@ -55,13 +55,6 @@ class RunTest : public SealTest {
     proxy = "203.0.113.2:1081";
   }
 
-  // Once the one that was killed has let go of its port.
-  static void startProxyAgain() {
-    NetworkLab::change(
-        "while ip netns exec proxy ss -Htln | grep -q :1080; do sleep 0.05; done\n"
-        "ip netns exec proxy danted -D -f /run/danted.conf -p /run/danted.pid");
-  }
-
   const std::string zkturn = "/tmp/zkturn";
   std::string proxy = "10.2.0.2:1080";
   std::unique_ptr<SOCKS5Server> scripted;

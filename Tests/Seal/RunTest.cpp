@@ -138,9 +138,9 @@ TEST_F(RunTest, WhateverHappensOutsideNothingLeaks) {
   EXPECT_EQ(traffic(), toProxy);
   {
     SCOPED_TRACE("the proxy is killed and comes back");
-    NetworkLab::change("kill -9 -$(cat /run/danted.pid)");
+    NetworkLab::stopProxy();
     EXPECT_TRUE(fails());
-    startProxyAgain();
+    NetworkLab::startProxy();
     EXPECT_TRUE(goesOn());
   }
   {
@@ -153,7 +153,9 @@ TEST_F(RunTest, WhateverHappensOutsideNothingLeaks) {
     SCOPED_TRACE("the interface goes and comes back");
     NetworkLab::change("ip -n home route del default dev vpn; ip -n home link set lan0 down");
     EXPECT_TRUE(fails());
-    NetworkLab::change("ip -n home link set lan0 up; route default via 10.1.0.1 metric 100");
+    // It is up for some time before it has a route.
+    NetworkLab::change(
+        "ip -n home link set lan0 up; sleep 0.7; route default via 10.1.0.1 metric 100");
     EXPECT_TRUE(goesOn());
   }
   {

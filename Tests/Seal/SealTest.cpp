@@ -125,9 +125,10 @@ TEST_F(SealTest, LimitsSignalsAndMaskAreTheCommandsOwn) {
 TEST_F(SealTest, TerminationIsPassedOn) {
   for (const int signal : {SIGTERM, SIGHUP}) {
     std::remove("/tmp/ready");
-    const auto running =
-        start({sealed, "bash", "-c",
-               "trap 'exit 3' TERM; trap 'exit 4' HUP; >/tmp/ready; read <>/dev/ptmx"});
+    const auto running = start({sealed, "bash", "-c",
+                                "trap 'exit 3' TERM; trap 'exit 4' HUP; >/tmp/ready; "
+                                // A signal just before a read is none until that ends.
+                                "until read -t 0.1; do :; done <>/dev/ptmx"});
     ASSERT_TRUE(eventually([] { return access("/tmp/ready", F_OK) == 0; }));
     running->sendSignal(signal);
     EXPECT_EQ(running->waitExit(patience), signal == SIGTERM ? 3 : 4);

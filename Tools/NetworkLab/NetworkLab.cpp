@@ -199,15 +199,6 @@ std::string describe(const std::string& link, std::uint16_t etherType, ByteView 
   return kind + " to " + destination + " by " + link;
 }
 
-void stopProxy() {
-  pid_t proxy = -1;
-  if (std::ifstream("/run/danted.pid") >> proxy) {
-    kill(-proxy, SIGKILL);  // all its processes: one with a session would outlive the others
-    while (waitpid(-proxy, nullptr, 0) > 0) {
-    }
-  }
-}
-
 }  // namespace
 
 std::string enterPrivateMachine(const std::string& daemon) {
@@ -237,10 +228,7 @@ NetworkLab::NetworkLab(const std::string& homeScript) {
   in("router", [this] { vpnAtRouter_ = openTun(); });
   in("home", [this] { vpnAtHome_ = openTun(); });
   change(bothEndsOfVPN + homeScript);
-  loopback::runScript(R"(ip netns exec proxy danted -D -f /run/danted.conf -p /run/danted.pid
-    for i in $(seq 500); do  # it goes into the background before it listens
-      ip netns exec proxy ss -Htln | grep -q :1080 && break; sleep 0.02
-    done)");
+  startProxy();
   thread_.sync([this] {
     EventLoop& loop = thread_.loop();
     watches_[0].emplace(loop, recorder_.get(), [this] { recordWire(); });
@@ -252,6 +240,22 @@ NetworkLab::NetworkLab(const std::string& homeScript) {
 NetworkLab::~NetworkLab() {
   thread_.stop();
   stopProxy();
+}
+
+void NetworkLab::startProxy() {
+  loopback::runScript(R"(ip netns exec proxy danted -D -f /run/danted.conf -p /run/danted.pid
+    for i in $(seq 500); do  # it goes into the background before it listens
+      ip netns exec proxy ss -Htln | grep -q :1080 && break; sleep 0.02
+    done)");
+}
+
+void NetworkLab::stopProxy() {
+  pid_t proxy = -1;
+  if (std::ifstream("/run/danted.pid") >> proxy) {
+    kill(-proxy, SIGKILL);  // all its processes: one with a session would outlive the others
+    while (waitpid(-proxy, nullptr, 0) > 0) {
+    }
+  }
 }
 
 void NetworkLab::in(const std::string& host, const std::function<void()>& work) {

@@ -48,6 +48,11 @@ class NetworkLab {
   /// Changes the network, in shell and with the same vocabulary.
   static void change(const std::string& script);
 
+  /// Kills the proxy, and returns when none of its processes is left: while one is, another proxy
+  /// does not start. Starts it, and returns when it listens.
+  static void stopProxy();
+  static void startProxy();
+
   /// The packets that have left home since this was last called, as they were seen at the other
   /// end of their link, and how many of each: "UDP to 10.2.0.2 by wire". A link is "wire", "wire2"
   /// or "vpn"; ARP counts when it asks for somebody beyond the neighbours. ICMP does not, which
